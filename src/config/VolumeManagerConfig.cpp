@@ -1,0 +1,206 @@
+#include "config/VolumeManagerConfig.h"
+
+#include "config/XmlDocument.h"
+
+#include <fcntl.h>
+#include <libxml/xmlwriter.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+
+namespace {
+
+constexpr mode_t readableByAll = 0644;
+
+bool isExistingFile(const std::string& path)
+{
+    struct stat64 status;
+    return stat64(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode);
+}
+
+/// The text of an element as a number; an element without text is skipped, which leaves the old value.
+void readNumber(const xmlNode* element, int& number)
+{
+    if (const char* text = elementText(element))
+        number = std::atoi(text);
+}
+
+std::string defaultDocument()
+{
+    const XmlTurn turn;
+    const std::unique_ptr<xmlBuffer, void (*)(xmlBufferPtr)> buffer(xmlBufferCreate(), xmlBufferFree);
+    {
+        const std::unique_ptr<xmlTextWriter, void (*)(xmlTextWriterPtr)> writer(
+            xmlNewTextWriterMemory(buffer.get(), 0), xmlFreeTextWriter);
+        const auto text = [](const char* literal) { return reinterpret_cast<const xmlChar*>(literal); };
+        xmlTextWriterStartDocument(writer.get(), "1.0", "UTF-8", nullptr);
+        xmlTextWriterStartElement(writer.get(), text("Quarrow"));
+        xmlTextWriterWriteElement(writer.get(), text("Version"), text("1.0"));
+        xmlTextWriterStartElement(writer.get(), text("Volume"));
+        xmlTextWriterWriteElement(writer.get(), text("last_updated_time"), text("0"));
+        xmlTextWriterWriteElement(writer.get(), text("last_purge_time"), text("0"));
+        xmlTextWriterEndDocument(writer.get());
+    }
+    return reinterpret_cast<const char*>(xmlBufferContent(buffer.get()));
+}
+
+/// Writes the text down to the disk; false when any of it may not have arrived.
+bool writeDurably(int descriptor, const std::string& text)
+{
+    std::string::size_type done = 0;
+    while (done < text.length()) {
+        const ssize_t n = write(descriptor, text.data() + done, text.length() - done);
+        if (n < 0)
+            return false;
+        done += static_cast<std::string::size_type>(n);
+    }
+    return fsync(descriptor) == 0;
+}
+
+/// A new file under its final name, never through a link; -1 when something has the name already.
+int createExclusively(const std::string& path)
+{
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, readableByAll);
+}
+
+std::string directoryOf(const std::string& path)
+{
+    const std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+/// Writes a file that has no name yet and names it once it is complete, so that a power cut never leaves half of it.
+/// False when nothing was made: not every file system has nameless files.
+bool createNameless(const std::string& path, const std::string& text)
+{
+    const int descriptor = open(directoryOf(path).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, readableByAll);
+    if (descriptor < 0)
+        return false;
+    const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
+    const bool created = writeDurably(descriptor, text)
+        && linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    close(descriptor);
+    return created;
+}
+
+/// Writes the file under its own name and takes it away again when it came out incomplete: half a file would be taken
+/// for a broken one at the next start. False when it could not be opened.
+bool createInPlace(const std::string& path, const std::string& text)
+{
+    const int descriptor = createExclusively(path);
+    if (descriptor < 0)
+        return false;
+    const bool complete = writeDurably(descriptor, text);
+    if (close(descriptor) != 0 || !complete)
+        unlink(path.c_str());
+    return true;
+}
+
+std::string dump(const XmlDocument& document)
+{
+    xmlChar* text = nullptr;
+    int length = 0;
+    xmlDocDumpMemory(document.get(), &text, &length);
+    const std::string result = text == nullptr ? "" : reinterpret_cast<const char*>(text);
+    xmlFree(text);
+    return result;
+}
+
+} // namespace
+
+VolumeManagerConfig::VolumeManagerConfig(const std::string& path)
+    : filePath(path)
+{
+    if (isExistingFile(filePath))
+        load();
+    else
+        create();
+}
+
+VolumeManagerConfig::~VolumeManagerConfig() = default;
+
+int VolumeManagerConfig::getLastPurgeTime() { return lastPurgeTime; }
+
+void VolumeManagerConfig::setLastPurgeTime(int t)
+{
+    if (isExistingFile(filePath))
+        rewrite(t);
+}
+
+void VolumeManagerConfig::load()
+{
+    const XmlDocument document(filePath);
+    if (!document.isParsed()) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
+        throw "Could not parse the config xml";
+    }
+    if (!isElement(document.root(), "Quarrow")) {
+        std::puts("Badly formed xml ");
+        return;
+    }
+    for (const xmlNode* child = document.root()->children; child != nullptr; child = child->next) {
+        if (isElement(child, "Version")) {
+            if (const char* text = elementText(child))
+                version = text;
+        } else if (isElement(child, "Volume")) {
+            for (const xmlNode* field = child->children; field != nullptr; field = field->next) {
+                if (isElement(field, "last_updated_time"))
+                    readNumber(field, lastUpdatedTime);
+                else if (isElement(field, "last_purge_time"))
+                    readNumber(field, lastPurgeTime);
+            }
+        }
+    }
+}
+
+void VolumeManagerConfig::create() const
+{
+    const std::string text = defaultDocument();
+    if (!createNameless(filePath, text) && !createInPlace(filePath, text))
+        std::puts("testXmlwriterMemory: Error at fopen");
+}
+
+void VolumeManagerConfig::rewrite(int t)
+{
+    const int now = static_cast<int>(std::time(nullptr));
+    const XmlDocument document(filePath);
+    if (!document.isParsed()) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
+        throw "Could not parse the config xml";
+    }
+    const auto setNumber = [](xmlNodePtr field, int& held, int number) {
+        xmlNodeSetContent(field, reinterpret_cast<const xmlChar*>(std::to_string(number).c_str()));
+        held = number;
+    };
+    if (isElement(document.root(), "Quarrow")) {
+        for (xmlNodePtr child = document.root()->children; child != nullptr; child = child->next) {
+            if (!isElement(child, "Volume"))
+                continue;
+            for (xmlNodePtr field = child->children; field != nullptr; field = field->next) {
+                if (isElement(field, "last_updated_time"))
+                    setNumber(field, lastUpdatedTime, now);
+                else if (isElement(field, "last_purge_time"))
+                    setNumber(field, lastPurgeTime, t);
+            }
+        }
+    }
+
+    const std::string temporaryPath = filePath + ".tmp";
+    unlink(temporaryPath.c_str()); // left by a crash, or planted by a user of the volume
+    const int descriptor = createExclusively(temporaryPath);
+    if (descriptor < 0)
+        return;
+    const std::string text = dump(document);
+    const bool complete = !text.empty() && writeDurably(descriptor, text);
+    if (close(descriptor) != 0 || !complete) {
+        unlink(temporaryPath.c_str()); // the old file stays the good one
+        return;
+    }
+    if (std::rename(temporaryPath.c_str(), filePath.c_str()) != 0)
+        syslog(LOG_LOCAL5 | LOG_ERR, "Could not rename the file\n");
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <libxml/tree.h>
+
+#include <mutex>
+#include <string>
+
+/// The process-wide turn at libxml2. xmlCleanupParser() tears down state that every thread of the process shares, so
+/// from the first call to the clean-up only one thread may be inside.
+class XmlTurn {
+public:
+    XmlTurn();
+    ~XmlTurn(); ///< calls xmlCleanupParser()
+    XmlTurn(const XmlTurn&) = delete;
+    XmlTurn& operator=(const XmlTurn&) = delete;
+
+private:
+    std::unique_lock<std::mutex> turn;
+};
+
+/// An XML file read into a tree, freed with the object. Holds the turn at libxml2 for its whole life.
+class XmlDocument {
+public:
+    explicit XmlDocument(const std::string& path);
+    ~XmlDocument();
+    XmlDocument(const XmlDocument&) = delete;
+    XmlDocument& operator=(const XmlDocument&) = delete;
+
+    bool isParsed() const { return document != nullptr; }
+    xmlDocPtr get() const { return document; }
+    xmlNodePtr root() const;
+
+private:
+    XmlTurn turn;
+    xmlDocPtr document;
+};
+
+bool isElement(const xmlNode* node, const char* name);
+
+/// The content of the element's first child; nullptr when there is no child or it holds no text of its own.
+const char* elementText(const xmlNode* element);

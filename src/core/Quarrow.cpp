@@ -1,0 +1,136 @@
+#include "core/Quarrow.h"
+
+#include "core/QRWException.h"
+#include "core/SignalMask.h"
+#include "core/SignalObject.h"
+#include "core/VolumeContentManager.h"
+#include "volume/VolumeManager.h"
+#include "watch/VolumeWatcher.h"
+
+#include <syslog.h>
+
+#include <ctime>
+
+Quarrow* Quarrow::instance = nullptr;
+
+Quarrow* Quarrow::getInstance()
+{
+    if (instance == nullptr)
+        instance = new Quarrow;
+    return instance;
+}
+
+Quarrow::Quarrow()
+    : config(QuarrowConfig::getInstance())
+{
+    sem_init(&semaphore, 0, 1);
+}
+
+void Quarrow::start()
+{
+    if (started)
+        throw QRWException("Already started");
+    if (!config->load())
+        throw QRWException("Failed in reading the config file");
+
+    // Made here, while this is the only thread: the threads below share them.
+    SignalObject::getInstance();
+    VolumeContentManager::getInstance();
+
+    VolumeWatcher::getInstance()->start();
+    const std::map<std::string, std::string> volumes = config->getQuarrowVolumes();
+    for (const auto& volume : volumes)
+        addVolume(volume.first, volume.second);
+    VolumeContentManager::getInstance()->start();
+    started = true;
+}
+
+void Quarrow::addVolume(std::string name, std::string path)
+{
+    if (!path.empty() && path.back() == '/')
+        path.pop_back();
+
+    auto* manager = new VolumeManager;
+    if (!manager->initialize(name, path)) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Could not initialize the manager for the volume %s\n", name.c_str());
+        manager->destroy();
+        delete manager;
+        return;
+    }
+    managers[name] = manager;
+    VolumeWatcher::getInstance()->addVolumeWatchListener(name, manager);
+    VolumeContentManager::getInstance()->addVolumeManager(name, manager);
+    if (!manager->isWalking())
+        manager->walkOnce();
+}
+
+void Quarrow::run()
+{
+    time_t lastWalkTime = std::time(nullptr);
+    while (!stopFlag) {
+        syslog(LOG_LOCAL5 | LOG_INFO, "Going to sleep.\n");
+        int waited;
+        {
+            const ServedSignals open(ServedSignals::open); // the handlers run here, and nowhere else in this loop
+            waited = sem_wait(&semaphore);
+        }
+        if (waited == 0)
+            syslog(LOG_LOCAL5 | LOG_INFO, "We received a wake up message from the signal handler\n");
+        else
+            syslog(LOG_LOCAL5 | LOG_INFO, "Woke up after the sleep at %d.\n", static_cast<int>(std::time(nullptr)));
+
+        const int elapsed = static_cast<int>(std::time(nullptr) - lastWalkTime);
+        if (elapsed <= 299) {
+            syslog(LOG_LOCAL5 | LOG_INFO, "Woke up too soon. Going back %d === %d\n", static_cast<int>(lastWalkTime),
+                elapsed);
+            continue;
+        }
+        walkIdleVolumes(lastWalkTime);
+    }
+}
+
+void Quarrow::walkIdleVolumes(time_t& lastWalkTime)
+{
+    for (const auto& entry : managers) {
+        if (stopFlag)
+            return;
+        VolumeManager* manager = entry.second;
+        if (manager == nullptr || manager->isWalking())
+            continue;
+        // One bad volume must not keep the others from their walk. An unparsable state file throws a bare string.
+        try {
+            manager->walkOnce();
+            manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
+            lastWalkTime = std::time(nullptr);
+        } catch (const std::exception&) {
+            manager->logFailedWalk();
+        } catch (const char*) {
+            manager->logFailedWalk();
+        }
+    }
+}
+
+void Quarrow::stop()
+{
+    // First of all, so that a walk on the watcher thread ends at its next folder instead of holding up the join.
+    for (const auto& entry : managers) {
+        if (entry.second != nullptr)
+            entry.second->requestStop();
+    }
+    VolumeWatcher::getInstance()->stop();
+    VolumeContentManager::getInstance()->stop();
+    started = false;
+    stopFlag = true;
+    for (auto entry = managers.begin(); entry != managers.end();) {
+        const auto current = entry++;
+        if (current->second != nullptr) {
+            current->second->destroy();
+            delete current->second;
+            managers.erase(current);
+        }
+    }
+    managers.clear();
+    sem_post(&semaphore);
+}
+
+void Quarrow::wakeupThread() { sem_post(&semaphore); }

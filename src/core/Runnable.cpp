@@ -1,0 +1,3 @@
+#include "core/Runnable.h"
+
+Runnable::~Runnable() = default;

@@ -1,0 +1,76 @@
+#include "core/VolumeContentManager.h"
+
+#include "config/QuarrowConfig.h"
+#include "core/SignalMask.h"
+#include "core/SignalObject.h"
+#include "volume/VolumeManager.h"
+
+#include <syslog.h>
+
+VolumeContentManager* VolumeContentManager::instance = nullptr;
+
+VolumeContentManager* VolumeContentManager::getInstance()
+{
+    if (instance == nullptr)
+        instance = new VolumeContentManager;
+    return instance;
+}
+
+void VolumeContentManager::addVolumeManager(std::string& name, VolumeManager* manager) { managers[name] = manager; }
+
+void VolumeContentManager::start()
+{
+    if (!stopFlag)
+        threadStarted = pthread_create(&thread, nullptr, start_thread, this) == 0;
+    stopFlag = false;
+}
+
+void VolumeContentManager::stop()
+{
+    stopFlag = true;
+    SignalObject::getInstance()->notify();
+    if (threadStarted) { // a second stop, or one before the thread exists, has nothing to join
+        threadStarted = false;
+        const int result = pthread_join(thread, nullptr);
+        syslog(LOG_LOCAL5 | LOG_INFO, "The thread join has returned with a return code of %d \n", result);
+    }
+    managers.clear();
+}
+
+bool VolumeContentManager::isRunning() { return !stopFlag; }
+
+void* VolumeContentManager::start_thread(void* self)
+{
+    static_cast<VolumeContentManager*>(self)->run();
+    return nullptr;
+}
+
+void VolumeContentManager::run()
+{
+    blockAllSignals();
+    while (!stopFlag) {
+        SignalObject::getInstance()->wait(); // a count, not an event: a notify() during a pass is not lost
+        if (!stopFlag)
+            purgeIdleVolumes();
+    }
+    pthread_exit(nullptr); // unwinds by force: a catch (...) above it would abort the daemon
+}
+
+void VolumeContentManager::purgeIdleVolumes()
+{
+    for (const auto& entry : managers) {
+        if (stopFlag)
+            return;
+        VolumeManager* manager = entry.second;
+        if (manager == nullptr || manager->isWalking())
+            continue;
+        // One bad catalogue must not starve the others. A state file that cannot be parsed throws a bare string.
+        try {
+            manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
+        } catch (const std::exception&) {
+            manager->logFailedWalk();
+        } catch (const char*) {
+            manager->logFailedWalk();
+        }
+    }
+}

@@ -1,0 +1,21 @@
+#include "db/DBFile.h"
+
+DBFile::~DBFile() = default;
+
+void DBFile::reset()
+{
+    file_id = -1;
+    folder_id = -1;
+    category = -1;
+    path.clear();
+    name.clear();
+    size = 0;
+    created_time = 0;
+    last_updated_time = 0;
+    modified_time = 0;
+    // is_deleted is left alone on purpose: callers that rely on it survive a reset of the rest.
+}
+
+std::string DBFile::toString() const { return path + " | " + name; }
+
+bool DBFile::operator==(const DBFile& other) const { return name == other.name && path == other.path; }

@@ -1,0 +1,3 @@
+#include "db/DBOperationException.h"
+
+const char* DBOperationException::what() const noexcept { return "DBOperationException occurred"; }

@@ -1,0 +1,85 @@
+#include "db/Statement.h"
+
+#include "db/DBOperationException.h"
+#include "db/VolumeDBManager.h"
+
+#include <sqlite3.h>
+#include <syslog.h>
+
+Statement::Statement(VolumeDBManager& catalogue, const char* text)
+    : db(catalogue)
+    , statement(catalogue.prepare(text))
+    , status(SQLITE_OK)
+{
+}
+
+Statement::~Statement() { sqlite3_finalize(statement); }
+
+Statement& Statement::bind(int value)
+{
+    ++position;
+    if (status == SQLITE_OK)
+        status = sqlite3_bind_int(statement, position, value);
+    return *this;
+}
+
+Statement& Statement::bind(long long value)
+{
+    ++position;
+    if (status == SQLITE_OK)
+        status = sqlite3_bind_int64(statement, position, value);
+    return *this;
+}
+
+Statement& Statement::bind(const std::string& value)
+{
+    ++position;
+    if (status == SQLITE_OK)
+        status = sqlite3_bind_text(statement, position, value.c_str(), -1, SQLITE_STATIC);
+    return *this;
+}
+
+Statement& Statement::bindDeciding(int value)
+{
+    status = sqlite3_bind_int(statement, ++position, value);
+    return *this;
+}
+
+bool Statement::nextRow()
+{
+    if (status != SQLITE_OK && status != SQLITE_ROW)
+        return false;
+    status = db.executeSQLStmt(statement);
+    return status == SQLITE_ROW;
+}
+
+void Statement::run(const char* failureText)
+{
+    while (nextRow()) { }
+    check(failureText);
+}
+
+void Statement::check(const char* failureText) const
+{
+    if (status == SQLITE_OK || status == SQLITE_DONE)
+        return;
+    syslog(LOG_LOCAL5 | LOG_ERR, failureText, status);
+    throw DBOperationException();
+}
+
+int Statement::finalize()
+{
+    const int result = sqlite3_finalize(statement);
+    statement = nullptr;
+    return result;
+}
+
+int Statement::columnInt(int column) const { return sqlite3_column_int(statement, column); }
+
+long long Statement::columnInt64(int column) const { return sqlite3_column_int64(statement, column); }
+
+std::string Statement::columnText(int column) const
+{
+    const unsigned char* text = sqlite3_column_text(statement, column);
+    return text == nullptr ? "" : reinterpret_cast<const char*>(text);
+}

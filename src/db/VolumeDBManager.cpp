@@ -1,0 +1,699 @@
+#include "db/VolumeDBManager.h"
+
+#include "classify/Tokenizer.h"
+#include "core/SignalMask.h"
+#include "db/DBOperationException.h"
+#include "db/Statement.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <thread>
+#include <utility>
+
+namespace {
+
+/// A schema of this system's readers: texts, order and names are relied on as they are.
+const char* const schemaStatements[] = {
+    "create table Folders(folder_id integer primary key AUTOINCREMENT, parent_id integer not null, path text not null "
+    ", name text not null, category int default(-1) not null, created_time int not null, modified_time int not null, "
+    "is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, "
+    "is_system boolean default(0) not null, last_updated_time int not null)",
+    // The blank at the end is part of the text that sqlite_master keeps.
+    "create table Files(file_id integer primary key AUTOINCREMENT, folder_id integer not null, path text not null, "
+    "name text not null, category int not null, size int not null, modified_time int not null, created_time int not "
+    "null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, "
+    "is_system boolean default(0) not null, last_updated_time int not null, FOREIGN KEY(folder_id) REFERENCES "
+    "Folders(folder_id) ON DELETE CASCADE) ",
+    "create index Files_path on Files(path)",
+    "create index Files_last_updated_time on Files(last_updated_time)",
+    "create index Files_folder_id on Files(folder_id)",
+    "create index Files_name on Files(name)",
+    "create index if not exists Files_path_pame on Files(path, name)", // "pame": catalogues in the field have this name
+    "create index Folders_path on Folders(path)",
+    "create index Folders_last_updated_time on Folders(last_updated_time)",
+    "create index Folders_parent_id on Folders(parent_id)",
+    "create index Folders_name on Folders(name)",
+};
+
+constexpr int lookasideSlotBytes = 1200;
+constexpr int lookasideSlots = 500;   // a prepare of the longer statements fits; malloc was an eighth of a first walk
+constexpr int checkpointPages = 4000; // few syncs in a long walk, and a log of at most some 16 MiB
+constexpr int stepsBetweenStopChecks = 100000; // virtual machine steps, well under a second of work
+
+bool succeeded(int status) { return status == SQLITE_OK || status == SQLITE_DONE; }
+
+bool syncPath(const std::string& path, int flags)
+{
+    const int descriptor = open(path.c_str(), flags | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    const bool synced = fsync(descriptor) == 0;
+    return close(descriptor) == 0 && synced;
+}
+
+std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+int isHidden(const std::string& path) { return path.find("/.") != std::string::npos ? 1 : 0; }
+
+int purgeCutoff(int threshold)
+{
+    const auto now = static_cast<unsigned>(std::time(nullptr));
+    return static_cast<int>(now - static_cast<unsigned>(threshold)); // wraps in 32 bits, as the stored times do
+}
+
+/// The folder select list, in its order.
+void readFolderRow(const Statement& row, DBFolder& f)
+{
+    f.setFolder_id(row.columnInt(0));
+    f.setParent_id(row.columnInt(1));
+    f.setPath(row.columnText(2));
+    f.setIs_deleted(row.columnInt(3) != 0);
+    f.setLast_updated_time(row.columnInt(4));
+    f.setModified_time(row.columnInt(5));
+    f.setCreated_time(row.columnInt(6));
+    f.setName(row.columnText(7));
+}
+
+} // namespace
+
+VolumeDBManager::VolumeDBManager() = default;
+
+VolumeDBManager::~VolumeDBManager()
+{
+    if (handle != nullptr)
+        leaveWriteAheadLog();
+    sqlite3_close(handle);
+    syslog(LOG_LOCAL5 | LOG_INFO, "sqlite3 handle closed\n");
+}
+
+// The catalogue file
+
+bool VolumeDBManager::open(const char* path)
+{
+    syslog(LOG_LOCAL5 | LOG_INFO, "sqlite version: %s\n", sqlite3_libversion());
+    const bool existed = checkIfDBExists(path);
+    const int rc = existed ? sqlite3_open(path, &handle) : openNew(path);
+    if (!succeeded(rc)) {
+        sqlite3_close(std::exchange(handle, nullptr)); // SQLite hands out a handle also when it fails
+        syslog(LOG_LOCAL5 | LOG_ERR, "open() failed, handleStatus: %d\n", rc);
+        throw DBOperationException();
+    }
+    configure();
+    useWriteAheadLog();
+    return true;
+}
+
+/// Builds the catalogue beside its place and moves it there complete: a start that was cut short leaves none at all,
+/// while half a schema would never be completed.
+int VolumeDBManager::openNew(const std::string& path)
+{
+    const std::string temporaryPath = path + ".tmp";
+    unlink(temporaryPath.c_str());
+    const int rc = sqlite3_open(temporaryPath.c_str(), &handle);
+    if (rc != SQLITE_OK)
+        return rc; // nothing was made
+    buildAt(temporaryPath);
+    if (!syncPath(temporaryPath, O_RDONLY) || std::rename(temporaryPath.c_str(), path.c_str()) != 0) {
+        unlink(temporaryPath.c_str());
+        return SQLITE_IOERR;
+    }
+    syncPath(folderOf(path) + "/", O_RDONLY | O_DIRECTORY);
+    return sqlite3_open(path.c_str(), &handle);
+}
+
+void VolumeDBManager::buildAt(const std::string& temporaryPath)
+{
+    const auto closeHandle = [this] { sqlite3_close(std::exchange(handle, nullptr)); };
+    // Nothing here needs a way back or a sync of its own: the file counts only once it is whole.
+    sqlite3_exec(handle, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);
+    try {
+        createDBStructure();
+    } catch (const DBOperationException&) {
+        closeHandle();
+        unlink(temporaryPath.c_str());
+        throw;
+    }
+    closeHandle();
+}
+
+bool VolumeDBManager::checkIfDBExists(const char* path)
+{
+    struct stat64 status;
+    if (stat64(path, &status) == 0)
+        return true;
+    createPath(path);
+    return false;
+}
+
+bool VolumeDBManager::createPath(const char* path)
+{
+    const auto isDirectory = [](const char* candidate) {
+        DIR* directory = opendir(candidate);
+        return directory != nullptr && closedir(directory) == 0;
+    };
+    if (isDirectory(path))
+        return true;
+    const std::string whole = path;
+    for (std::string::size_type slash = whole.find('/', 1); slash != std::string::npos;
+         slash = whole.find('/', slash + 1)) {
+        const std::string prefix = whole.substr(0, slash);
+        if (!isDirectory(prefix.c_str()) && errno == ENOENT)
+            mkdir(prefix.c_str(), 0755); // what fails here shows when the catalogue is opened
+    }
+    return false;
+}
+
+bool VolumeDBManager::createDBStructure()
+{
+    syslog(LOG_LOCAL5 | LOG_INFO, "Generating schema");
+    int rc = SQLITE_OK;
+    for (const char* statement : schemaStatements)
+        rc = sqlite3_exec(handle, statement, nullptr, nullptr, nullptr);
+    // Only the last one counts, on purpose: tables that are there already are no reason to refuse a catalogue.
+    if (!succeeded(rc)) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "createDBStructure() failed, handleStatus: %d\n", rc);
+        throw DBOperationException();
+    }
+    return false;
+}
+
+void VolumeDBManager::requestStop() { stopRequested = true; }
+
+bool VolumeDBManager::isStopping() const { return stopRequested || isStopSignalPending(); }
+
+void VolumeDBManager::configure()
+{
+    sqlite3_db_config(handle, SQLITE_DBCONFIG_LOOKASIDE, nullptr, lookasideSlotBytes, lookasideSlots);
+    sqlite3_wal_autocheckpoint(handle, checkpointPages);
+    // A purge of a million rows is one statement; the daemon has to be able to stop in the middle of it.
+    sqlite3_progress_handler(
+        handle, stepsBetweenStopChecks,
+        [](void* self) { return static_cast<VolumeDBManager*>(self)->isStopping() ? 1 : 0; }, this);
+}
+
+/// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
+void VolumeDBManager::useWriteAheadLog()
+{
+    // A reader that may not write can open a log that is there, but not make one.
+    int keepLogFiles = 1;
+    sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
+    sqlite3_exec(handle, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
+}
+
+/// Leaves one plain file that anybody can read from anywhere. With a reader in the way the log stays, files and all.
+void VolumeDBManager::leaveWriteAheadLog()
+{
+    int keepLogFiles = 0;
+    sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
+    const int rc = sqlite3_exec(handle, "PRAGMA journal_mode=DELETE", nullptr, nullptr, nullptr);
+    keepLogFiles = rc == SQLITE_OK ? 0 : 1;
+    sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
+}
+
+void VolumeDBManager::checkpoint()
+{
+    sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
+
+// Statements and transactions
+
+/// nullptr when the statement cannot be prepared; binding or stepping it then fails. Reading the schema can meet a
+/// busy database just as a step can.
+sqlite3_stmt* VolumeDBManager::prepare(const char* text)
+{
+    sqlite3_stmt* statement = nullptr;
+    int rc;
+    do {
+        rc = sqlite3_prepare(handle, text, -1, &statement, nullptr);
+    } while ((rc == SQLITE_BUSY || rc == SQLITE_LOCKED) && waitForNeighbour());
+    return statement;
+}
+
+int VolumeDBManager::executeSQLStmt(sqlite3_stmt* statement)
+{
+    int rc;
+    do {
+        rc = sqlite3_step(statement);
+    } while ((rc == SQLITE_BUSY || rc == SQLITE_LOCKED) && waitForNeighbour());
+    return rc;
+}
+
+/// Waits one second; false, at once, when the daemon is about to stop: nobody then waits for a neighbour any longer.
+bool VolumeDBManager::waitForNeighbour() const
+{
+    using namespace std::chrono_literals;
+    for (int slice = 0; slice < 10; ++slice) {
+        if (isStopping())
+            return false;
+        std::this_thread::sleep_for(100ms);
+    }
+    return true;
+}
+
+bool VolumeDBManager::beginTransaction()
+{
+    runTransactionStatement("BEGIN");
+    takeWriteLock();
+    return true;
+}
+
+bool VolumeDBManager::commitTransaction() { return runTransactionStatement("COMMIT"); }
+
+bool VolumeDBManager::rollbackTransaction() { return runTransactionStatement("ROLLBACK"); }
+
+bool VolumeDBManager::isInTransaction() const { return sqlite3_get_autocommit(handle) == 0; }
+
+bool VolumeDBManager::runTransactionStatement(const char* text)
+{
+    sqlite3_stmt* statement = prepare(text);
+    const int rc = executeSQLStmt(statement);
+    sqlite3_finalize(statement);
+    if (!succeeded(rc))
+        throw DBOperationException();
+    return true;
+}
+
+/// A write that matches no row. A transaction that has read before another program commits can never write: every
+/// later step would be busy for ever. One that owns the write lock from the start cannot be overtaken. It writes
+/// nothing by itself, and where it fails (no such table, a read-only file) the first real statement says why.
+void VolumeDBManager::takeWriteLock()
+{
+    sqlite3_stmt* statement = nullptr;
+    int rc;
+    do {
+        // The one statement of the second kind: it notices a schema that somebody has changed, and reads it anew.
+        rc = sqlite3_prepare_v2(handle, "delete from folders where 0", -1, &statement, nullptr);
+        if (rc == SQLITE_OK)
+            rc = sqlite3_step(statement);
+        sqlite3_finalize(statement);
+    } while ((rc == SQLITE_BUSY || rc == SQLITE_LOCKED) && waitForNeighbour());
+}
+
+// Paths
+
+int VolumeDBManager::getPathElementCount(std::string path)
+{
+    Tokenizer elements(path, "/");
+    int count = 0;
+    while (!elements.next().empty())
+        ++count;
+    return count - 1;
+}
+
+std::string VolumeDBManager::getLastElementOfPathFromFullPath(std::string path)
+{
+    return path.substr(path.rfind('/') + 1); // without any slash: npos + 1 is 0, the whole path
+}
+
+// Folders
+
+bool VolumeDBManager::folderExists(DBFolder& f)
+{
+    const std::string path = f.getPath();
+    Statement stmt(*this,
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
+        "folders where path=? and is_deleted=0");
+    stmt.bind(path);
+    bool found = false;
+    while (stmt.nextRow()) {
+        readFolderRow(stmt, f);
+        f.setIs_deleted(false);
+        found = true;
+    }
+    stmt.check("folderExists() failed, handleStatus: %d\n");
+    return found;
+}
+
+bool VolumeDBManager::folderRowExists(DBFolder& f)
+{
+    const std::string path = f.getPath();
+    Statement stmt(*this,
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
+        "folders where path=?");
+    stmt.bind(path);
+    bool found = false;
+    while (stmt.nextRow()) {
+        f.setFolder_id(stmt.columnInt(0));
+        f.setParent_id(stmt.columnInt(1));
+        f.setPath(stmt.columnText(2));
+        f.setName(stmt.columnText(7));
+        f.setIs_deleted(false); // whatever the column holds: the callers are about to bring the row back to life
+        found = true;
+    }
+    stmt.check("folderExists() failed, handleStatus: %d\n"); // the text of its sibling: log readers know no other
+    return found;
+}
+
+std::string VolumeDBManager::findRootFolder(std::string path)
+{
+    Statement stmt(*this, "select path from  folders  where  path=?  and parent_id=-1  and is_deleted=0");
+    stmt.bind(path);
+    std::string root;
+    while (stmt.nextRow())
+        root = stmt.columnText(0);
+    stmt.check("findRootFolder() failed, handleStatus: %d\n");
+    return root;
+}
+
+bool VolumeDBManager::findFolderByFolderId(DBFolder& f)
+{
+    Statement stmt(*this,
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
+        "folders where folder_id=? and is_deleted=0");
+    stmt.bind(f.getFolder_id());
+    bool found = false;
+    while (stmt.nextRow()) {
+        readFolderRow(stmt, f);
+        found = true;
+    }
+    stmt.check("findFolderByFolderId() failed, handleStatus: %d\n");
+    return found;
+}
+
+std::list<DBFolder> VolumeDBManager::getFolderListByFolder(DBFolder& f)
+{
+    Statement stmt(*this,
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
+        "folders where parent_id=? and is_deleted=0");
+    stmt.bind(f.getFolder_id());
+    std::list<DBFolder> children;
+    while (stmt.nextRow())
+        readFolderRow(stmt, children.emplace_back());
+    stmt.check("getFolderListByFolder() failed, handleStatus: %d\n");
+    return children;
+}
+
+std::vector<int> VolumeDBManager::getListOfFolders(int parentId)
+{
+    Statement stmt(*this, "select a.folder_id from folders a where a.parent_id = ? and a.is_deleted = 0");
+    stmt.bind(parentId);
+    std::vector<int> ids;
+    while (stmt.nextRow())
+        ids.push_back(stmt.columnInt(0));
+    stmt.check("getListOfFolders() failed, handleStatus: %d\n");
+    return ids;
+}
+
+bool VolumeDBManager::updateFolder(DBFolder& f)
+{
+    Statement stmt(*this,
+        "update folders set last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where folder_id = "
+        "?");
+    stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getFolder_id());
+    stmt.run("updateFolder() failed, handleStatus: %d\n");
+    return true;
+}
+
+bool VolumeDBManager::deleteFolderRecord(int folderId)
+{
+    Statement stmt(
+        *this, "update folders set is_deleted = 1, last_updated_time=strftime('%s','now')  where folder_id = ?");
+    stmt.bind(folderId);
+    stmt.run("deleteFolderRecord() failed, handleStatus: %d\n");
+    return true;
+}
+
+int VolumeDBManager::purgeDeletedFolders(int threshold)
+{
+    Statement stmt(*this, "delete from folders where is_deleted=1 and last_updated_time < ?");
+    stmt.bind(purgeCutoff(threshold));
+    stmt.run("purgeDeletedFolders() failed, handleStatus: %d\n");
+    return stmt.finalize();
+}
+
+int VolumeDBManager::insertIndividualFolder(DBFolder& f)
+{
+    DBFolder row; // of its own: what the old row had as its parent must not replace what the caller asks for
+    row.setPath(f.getPath());
+    if (!folderRowExists(row)) {
+        const std::string path = f.getPath();
+        const std::string name = getLastElementOfPathFromFullPath(path);
+        Statement stmt(*this,
+            "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  , "
+            "created_time  , is_hidden ) values(?,?,?,?,?,strftime('%s','now'),?,?)");
+        stmt.bind(f.getParent_id()).bind(path).bind(name).bind(0).bind(f.getModified_time()).bind(f.getCreated_time());
+        stmt.bindDeciding(isHidden(path));
+        stmt.run("insertIndividualFolder() failed, handleStatus: %d\n");
+        return static_cast<int>(sqlite3_last_insert_rowid(handle));
+    }
+
+    f.setFolder_id(row.getFolder_id());
+    f.setName(row.getName());
+    f.setIs_deleted(false);
+    syslog(LOG_LOCAL5 | LOG_INFO, "Row for folder %s exists in the DB so updating it\n", f.getPath().c_str());
+    Statement stmt(*this,
+        "update folders   set is_deleted = 0, modified_time=?, last_updated_time=strftime('%s', 'now') , "
+        "created_time=?, parent_id=?  where folder_id=?");
+    stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getParent_id()).bind(f.getFolder_id());
+    stmt.run("updateFolder() failed, handleStatus: %d\n"); // the text of updateFolder(): log readers know no other
+    return f.getFolder_id();
+}
+
+bool VolumeDBManager::insertFolder(DBFolder& f, bool isRoot)
+{
+    if (folderExists(f))
+        return false;
+    if (isRoot) {
+        f.setParent_id(-1);
+        insertIndividualFolder(f);
+        return true;
+    }
+
+    std::stack<std::string> paths; // every ancestor from the first element down, the folder itself on top
+    std::string prefix;
+    Tokenizer elements(f.getPath(), "/");
+    for (std::string element = elements.next(); !element.empty(); element = elements.next()) {
+        prefix += "/" + element;
+        paths.push(prefix);
+    }
+
+    DBFolder work;
+    while (!paths.empty()) {
+        work.resetFolder();
+        work.setPath(paths.top());
+        paths.pop();
+        if (!folderExists(work)) {
+            // The look-up takes the parent's path off the stack too, so a missing parent is passed over and the folder
+            // hangs on -1. Walks insert from the top down, where parents exist.
+            work.setParent_id(findParentIdForFolderPath(&paths));
+            if (work.getPath() == f.getPath()) {
+                work.setModified_time(f.getModified_time());
+                work.setCreated_time(f.getCreated_time());
+            }
+            insertIndividualFolder(work);
+        } else if (work.getParent_id() == -1) {
+            break;
+        }
+    }
+    // What the climb ended with, on purpose, not the row just inserted: insertFile() files by it (see there).
+    f.setFolder_id(work.getFolder_id());
+    f.setParent_id(work.getParent_id());
+    f.setName(work.getName());
+    return true;
+}
+
+int VolumeDBManager::findParentIdForFolderPath(std::stack<std::string>* paths)
+{
+    DBFolder parent;
+    if (!paths->empty()) {
+        parent.setPath(paths->top());
+        paths->pop();
+    } // else the empty path: a top-level folder hangs on the volume's own row, and is found deleted through it
+    return folderExists(parent) ? parent.getFolder_id() : -1;
+}
+
+bool VolumeDBManager::deleteFolder(DBFolder& f)
+{
+    if (!folderExists(f))
+        return false;
+    updateDeletedFlagForFolders(f.getFolder_id());
+    deleteFolderRecord(f.getFolder_id());
+    deleteFilesFromFolder(f.getFolder_id());
+    return true;
+}
+
+void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
+{
+    // Depth first with a stack of its own: a tree may be deeper than a walk thread's stack. Each level holds the ids
+    // that are still to be done, the next one last.
+    std::stack<std::vector<int>> levels;
+    const auto descend = [&](int id) {
+        std::vector<int> children = getListOfFolders(id);
+        levels.emplace(children.rbegin(), children.rend());
+    };
+    descend(folderId);
+    while (!levels.empty()) {
+        if (levels.top().empty()) {
+            levels.pop();
+            continue;
+        }
+        if (isStopping())
+            throw DBOperationException(); // half a million folders take a while; the next walk deletes them again
+        const int child = levels.top().back();
+        levels.top().pop_back();
+        deleteFilesFromFolder(child);
+        deleteFolderRecord(child);
+        descend(child);
+    }
+}
+
+// Files
+
+bool VolumeDBManager::fileExists(DBFile& f)
+{
+    const std::string path = f.getPath();
+    const std::string name = f.getName();
+    Statement stmt(*this,
+        "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time "
+        "from  files  where  path=?  and name=? and is_deleted=0");
+    stmt.bind(path).bind(name);
+    bool found = false;
+    while (stmt.nextRow()) {
+        f.setFile_id(stmt.columnInt(0));
+        f.setFolder_id(stmt.columnInt(1));
+        f.setPath(stmt.columnText(2));
+        f.setName(stmt.columnText(3));
+        f.setSize(stmt.columnInt(4)); // 32 bits on purpose: every walk then writes the size of larger files again
+        f.setCategory(stmt.columnInt(5));
+        f.setLast_updated_time(stmt.columnInt(6));
+        f.setModified_time(stmt.columnInt(7));
+        f.setCreated_time(stmt.columnInt(8));
+        found = true;
+    }
+    stmt.check("fileExists() failed, handleStatus: %d\n");
+    return found;
+}
+
+bool VolumeDBManager::fileRowExists(DBFile& f)
+{
+    const std::string path = f.getPath();
+    const std::string name = f.getName();
+    Statement stmt(*this,
+        "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time "
+        "from  files  where  path=?  and name=?");
+    stmt.bind(path).bind(name);
+    bool found = false;
+    while (stmt.nextRow()) {
+        f.setFile_id(stmt.columnInt(0));
+        f.setFolder_id(stmt.columnInt(1));
+        f.setPath(stmt.columnText(2));
+        f.setName(stmt.columnText(3));
+        found = true;
+    }
+    stmt.check("fileExists() failed, handleStatus: %d\n"); // the text of its sibling: log readers know no other
+    return found;
+}
+
+bool VolumeDBManager::insertFile(DBFile& f)
+{
+    if (fileExists(f))
+        return false;
+    DBFolder folder;
+    folder.setPath(folderOf(f.getPath()));
+    // A folder made here is not looked up again, on purpose: the file is filed under the id that insertFolder() leaves,
+    // the climbed-to root's or 0. Walks insert folders before their files, and move such a file when they meet it.
+    if (!folderExists(folder))
+        insertFolder(folder, false);
+
+    const std::string path = f.getPath();
+    if (!fileRowExists(f)) {
+        const std::string name = f.getName();
+        Statement stmt(*this,
+            "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time "
+            ", created_time , category , is_hidden) values(?,?,?,?,strftime('%s','now'), 0, ?,?,?,?)");
+        stmt.bind(folder.getFolder_id()).bind(name).bind(path).bind(f.getSize());
+        stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getCategory());
+        stmt.bindDeciding(isHidden(path));
+        stmt.run("insertFile() failed, handleStatus: %d\n");
+        return true;
+    }
+
+    syslog(LOG_LOCAL5 | LOG_INFO, "Row for file %s exists in the DB so updating it\n", path.c_str());
+    Statement stmt(*this,
+        "update files set folder_id=?, size=?, last_updated_time=strftime('%s', 'now'), is_deleted=0, modified_time=?, "
+        "created_time=?, category=? where file_id=?");
+    // The low 32 bits of the size on purpose: a revived row of a large file is put right by the next walk.
+    stmt.bind(folder.getFolder_id()).bind(static_cast<int>(f.getSize())).bind(f.getModified_time());
+    stmt.bind(f.getCreated_time()).bind(f.getCategory()).bind(f.getFile_id());
+    stmt.run("updateFolder() failed, handleStatus: %d\n"); // the text of updateFolder(): log readers know no other
+    return true;
+}
+
+bool VolumeDBManager::updateFile(DBFile& f)
+{
+    const std::string name = f.getName();
+    Statement stmt(*this,
+        "update files set name=?, category=?, size=?, last_updated_time=strftime('%s','now'), modified_time=?, "
+        "created_time=? where file_id = ?");
+    stmt.bind(name).bind(f.getCategory()).bind(f.getSize()).bind(f.getModified_time()).bind(f.getCreated_time());
+    stmt.bind(f.getFile_id());
+    stmt.run("updateFile() failed, handleStatus: %d\n");
+    return true;
+}
+
+bool VolumeDBManager::deleteFile(DBFile& f)
+{
+    std::printf("Deleting file %d\n", f.getFile_id());
+    Statement stmt(*this, "update files set is_deleted=1, last_updated_time=strftime('%s','now') where file_id = ?");
+    stmt.bind(f.getFile_id());
+    stmt.run("deleteFile() failed, handleStatus: %d\n");
+    return true;
+}
+
+bool VolumeDBManager::deleteFilesFromFolder(int folderId)
+{
+    Statement stmt(*this, "update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id = ?");
+    stmt.bind(folderId);
+    stmt.run("deleteFilesFromFolder() failed, handleStatus: %d\n");
+    return true;
+}
+
+std::list<DBFile> VolumeDBManager::getFileListByFolder(DBFolder& d)
+{
+    Statement stmt(*this,
+        "select path , name , category  , size  , modified_time , created_time from  files  where  folder_id=?  and "
+        "is_deleted=0 ");
+    stmt.bind(d.getFolder_id());
+    std::list<DBFile> files;
+    while (stmt.nextRow()) {
+        DBFile& file = files.emplace_back();
+        file.setPath(stmt.columnText(0));
+        file.setName(stmt.columnText(1));
+        file.setCategory(stmt.columnInt(2));
+        file.setSize(stmt.columnInt64(3));
+        file.setModified_time(stmt.columnInt(4));
+        file.setCreated_time(stmt.columnInt(5));
+        file.setIs_deleted(false);
+    }
+    stmt.check("getSimpleFileListByFolder() failed, handleStatus: %d\n"); // shared: log readers know no other
+    return files;
+}
+
+std::list<SimpleDBFile> VolumeDBManager::getSimpleFileListByFolder(DBFolder& d)
+{
+    Statement stmt(
+        *this, "select path , name , modified_time , created_time from  files  where  folder_id=?  and is_deleted=0 ");
+    stmt.bind(d.getFolder_id());
+    std::list<SimpleDBFile> files;
+    while (stmt.nextRow())
+        files.emplace_back(stmt.columnText(0), stmt.columnText(1), stmt.columnInt(2), stmt.columnInt(3));
+    stmt.check("getSimpleFileListByFolder() failed, handleStatus: %d\n");
+    return files;
+}
+
+int VolumeDBManager::purgeDeletedFiles(int threshold)
+{
+    Statement stmt(*this, "delete from files where is_deleted = 1 and last_updated_time < ?");
+    stmt.bind(purgeCutoff(threshold));
+    stmt.run("purgeDeletedFiles() failed, handleStatus: %d\n");
+    return stmt.finalize();
+}

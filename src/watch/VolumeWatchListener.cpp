@@ -1,0 +1,3 @@
+#include "watch/VolumeWatchListener.h"
+
+VolumeWatchListener::~VolumeWatchListener() = default;

@@ -1,0 +1,316 @@
+#include "watch/VolumeWatcher.h"
+
+#include "core/SignalMask.h"
+#include "core/SignalObject.h"
+#include "watch/BurstReduction.h"
+#include "watch/VolumeWatchListener.h"
+
+#include <sys/inotify.h>
+#include <sys/select.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+VolumeWatcher* VolumeWatcher::instance = nullptr;
+
+namespace {
+
+constexpr uint32_t watchMask = IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE;
+static_assert(watchMask == 972, "no IN_MODIFY: a file counts once it is closed; a folder's end shows in its parent");
+
+constexpr int longestBurstSeconds = 299;
+
+int elapsedMillis(const timeval& from, const timeval& to)
+{
+    return static_cast<int>((to.tv_sec - from.tv_sec) * 1000 + (to.tv_usec - from.tv_usec) / 1000);
+}
+
+/// The path as a shell takes it for one word: ordinary paths as they are, others in single quotes.
+std::string shellWord(const std::string& path)
+{
+    const auto isOrdinary = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')
+            || std::strchr("/._-+,:@%=", c) != nullptr;
+    };
+    if (!path.empty() && path.front() == '/' && std::all_of(path.begin(), path.end(), isOrdinary))
+        return path;
+    std::string quoted = "'";
+    for (const char c : path)
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+} // namespace
+
+VolumeWatcher* VolumeWatcher::getInstance()
+{
+    if (instance == nullptr) {
+        instance = new VolumeWatcher;
+        instance->initialize();
+    }
+    return instance;
+}
+
+VolumeWatcher::VolumeWatcher() = default;
+
+// Registry
+
+int VolumeWatcher::initialize()
+{
+    inotifyFd = inotify_init();
+    if (inotifyFd < 0)
+        throw "*** error inot_handle";
+    return inotifyFd;
+}
+
+void VolumeWatcher::addVolumeWatchListener(std::string& volumeName, VolumeWatchListener* listener)
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    listeners[volumeName] = listener;
+}
+
+void VolumeWatcher::removeVolumeWatchListener(std::string& volumeName)
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    listeners.erase(volumeName);
+}
+
+int VolumeWatcher::addDirectoryToWatch(std::string& volumeName, std::string& path)
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    const int descriptor = inotify_add_watch(inotifyFd, path.c_str(), watchMask);
+    if (descriptor < 1)
+        return descriptor;
+    watchPaths[descriptor] = path;
+    watchVolumes[descriptor] = volumeName;
+    return descriptor;
+}
+
+int VolumeWatcher::removeDirectoryToWatch(std::string& path)
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    const auto watch = std::find_if(
+        watchPaths.begin(), watchPaths.end(), [&path](const auto& entry) { return entry.second == path; });
+    int descriptor = 0;
+    if (watch != watchPaths.end()) {
+        descriptor = watch->first;
+        inotify_rm_watch(inotifyFd, descriptor);
+    }
+    watchVolumes.erase(descriptor);
+    watchPaths.erase(descriptor);
+    return descriptor;
+}
+
+int VolumeWatcher::numWatches()
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    return static_cast<int>(watchPaths.size());
+}
+
+/// The folder of a watch. An unknown descriptor (an overflow, a late event of a removed watch) gets an empty entry,
+/// which numWatches() counts; its empty path shadows the rest of the burst, see handleChangedDirs().
+std::string VolumeWatcher::pathOf(int descriptor)
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    return watchPaths[descriptor];
+}
+
+/// As pathOf(), an unknown descriptor or volume gets an empty entry.
+VolumeWatcher::Target VolumeWatcher::targetOf(int descriptor)
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    Target target;
+    target.volume = watchVolumes[descriptor];
+    target.listener = listeners[target.volume];
+    target.dir = watchPaths[descriptor];
+    return target;
+}
+
+// The thread
+
+void VolumeWatcher::start()
+{
+    if (stopFlag)
+        return;
+    threadStarted = pthread_create(&thread, nullptr, start_thread, this) == 0;
+    stopFlag = false;
+}
+
+void VolumeWatcher::stop()
+{
+    stopFlag = true;
+    std::string firstPath;
+    {
+        const std::lock_guard<std::mutex> held(registryMutex);
+        const auto first = std::find_if(
+            watchPaths.begin(), watchPaths.end(), [](const auto& entry) { return !entry.second.empty(); });
+        if (first != watchPaths.end())
+            firstPath = first->second;
+    }
+    if (threadStarted) { // a second stop, or one before the thread exists, has nothing to wake and join
+        threadStarted = false;
+        if (!firstPath.empty())
+            tickle(firstPath);
+        interruptRead();
+        pthread_join(thread, nullptr);
+    }
+
+    const std::lock_guard<std::mutex> held(registryMutex);
+    for (const auto& watch : watchVolumes)
+        inotify_rm_watch(inotifyFd, watch.first);
+    if (inotifyFd >= 0)
+        close(inotifyFd);
+    inotifyFd = -1;
+    watchPaths.clear();
+    watchVolumes.clear();
+    listeners.clear();
+}
+
+bool VolumeWatcher::isRunning() { return !stopFlag; }
+
+void* VolumeWatcher::start_thread(void* self)
+{
+    static_cast<VolumeWatcher*>(self)->run();
+    return nullptr;
+}
+
+void VolumeWatcher::tickle(std::string& path)
+{
+    const std::string command = "touch " + shellWord(path) + "/" + ".tickle";
+    if (std::system(command.c_str()) != 0) {
+        // A read-only volume, a folder that is gone: interruptRead() wakes the thread all the same.
+    }
+}
+
+/// Makes the kernel queue an event whatever the volumes are like: the end of a watch is one. Where no watch is to be
+/// had any more, one of those that stop() ends anyway will do.
+void VolumeWatcher::interruptRead()
+{
+    const std::lock_guard<std::mutex> held(registryMutex);
+    const int own = inotify_add_watch(inotifyFd, "/", IN_DELETE_SELF);
+    if (own >= 0)
+        inotify_rm_watch(inotifyFd, own);
+    else if (!watchPaths.empty())
+        inotify_rm_watch(inotifyFd, watchPaths.rbegin()->first);
+}
+
+bool VolumeWatcher::isReadyForRead()
+{
+    if (inotifyFd < 0 || inotifyFd >= FD_SETSIZE)
+        return false;
+    fd_set descriptors;
+    FD_ZERO(&descriptors);
+    FD_SET(inotifyFd, &descriptors);
+    timeval timeout = { 5, 0 };
+    return select(1024, &descriptors, nullptr, nullptr, &timeout) == 1;
+}
+
+void VolumeWatcher::run()
+{
+    blockAllSignals();
+    while (!stopFlag) {
+        std::set<std::string> changedDirs;
+        int eventCount = 0;
+        int readMillis = 0;
+        int position = 0;
+        collectBurst(changedDirs, eventCount, readMillis, position);
+
+        syslog(LOG_LOCAL5 | LOG_INFO, "Processed %d events\n", eventCount);
+        if (eventCount > 0)
+            syslog(LOG_LOCAL5 | LOG_INFO, "Rate of inotify event %ld\n", static_cast<long>(readMillis / eventCount));
+        const time_t handlingStart = std::time(nullptr);
+        handleChangedDirs(changedDirs);
+        syslog(LOG_LOCAL5 | LOG_INFO, "Handled %d events in %d seconds ", eventCount,
+            static_cast<int>(std::time(nullptr) - handlingStart));
+        syslog(LOG_LOCAL5 | LOG_INFO, "======\n");
+        if (position > 0)
+            SignalObject::getInstance()->notify();
+    }
+    pthread_exit(nullptr); // unwinds by force: a catch (...) above it would abort the daemon
+}
+
+/// Reads until nothing came for 5 seconds, or for 300 seconds in all. `position` tells of the last read alone.
+void VolumeWatcher::collectBurst(std::set<std::string>& changedDirs, int& eventCount, int& readMillis, int& position)
+{
+    const time_t burstStart = std::time(nullptr);
+    bool timing = false; // not the first read, which mostly waits for something to happen
+    do {
+        std::memset(eventBuffer, 0, sizeof eventBuffer);
+        position = 0;
+        timeval before;
+        timeval after;
+        gettimeofday(&before, nullptr);
+        const ssize_t n = read(inotifyFd, eventBuffer, sizeof eventBuffer);
+        gettimeofday(&after, nullptr);
+        if (timing)
+            readMillis = static_cast<int>(readMillis + static_cast<double>(elapsedMillis(before, after)) + 0.5);
+        timing = true;
+        if (n > 0) {
+            const BurstReduction reduction = reduceBurst(
+                eventBuffer, static_cast<std::size_t>(n), [this](int descriptor) { return pathOf(descriptor); },
+                stopFlag, changedDirs);
+            eventCount += reduction.events;
+            position = reduction.position;
+        }
+    } while (!stopFlag && isReadyForRead() && std::time(nullptr) - burstStart <= longestBurstSeconds);
+}
+
+void VolumeWatcher::handleChangedDirs(const std::set<std::string>& changedDirs)
+{
+    if (changedDirs.empty())
+        return;
+    // The smallest path, never replaced on purpose: what contains it anywhere is taken for a part of what the first
+    // walk covers. An empty path (an event of an unknown watch) is contained in every other and shadows the burst.
+    const std::string prefix = *changedDirs.begin();
+    for (auto dir = changedDirs.begin(); dir != changedDirs.end() && !stopFlag; ++dir) {
+        if (dir != changedDirs.begin() && dir->find(prefix) != std::string::npos)
+            syslog(LOG_LOCAL5 | LOG_INFO, "Skipping because %s is in %s\n", dir->c_str(), prefix.c_str());
+        else
+            handleChangedDir(*dir);
+    }
+}
+
+/// Has the folder looked at under the first watch that has its path; nothing when it has been re-labelled meanwhile.
+void VolumeWatcher::handleChangedDir(const std::string& path)
+{
+    inotify_event event = {};
+    {
+        const std::lock_guard<std::mutex> held(registryMutex);
+        const auto watch = std::find_if(
+            watchPaths.begin(), watchPaths.end(), [&path](const auto& entry) { return entry.second == path; });
+        if (watch == watchPaths.end())
+            return;
+        event.wd = watch->first;
+    }
+    // One folder that cannot be handled must not end the watch of all the others.
+    try {
+        handleChangeFolder(&event);
+    } catch (const std::exception&) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n",
+            targetOf(event.wd).volume.c_str());
+    } catch (const char*) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n",
+            targetOf(event.wd).volume.c_str());
+    }
+}
+
+// Routing
+
+void VolumeWatcher::logNoTarget(const std::string& volume)
+{
+    syslog(LOG_LOCAL5 | LOG_ERR, "No listener/directory found for %s\n", volume.c_str());
+}
+
+void VolumeWatcher::handleChangeFolder(inotify_event* event)
+{
+    Target target = targetOf(event->wd);
+    if (target.listener != nullptr && !target.dir.empty())
+        target.listener->handleChangeFolder(target.dir);
+    else
+        logNoTarget(target.volume);
+}

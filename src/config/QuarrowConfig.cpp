@@ -112,6 +112,8 @@ void QuarrowConfig::readElement(const xmlNode* element)
 
     const xmlNode* parent = element->parent;
     const xmlNode* grandparent = parent != nullptr ? parent->parent : nullptr;
+    if (parent == nullptr || grandparent == nullptr)
+        return;
     if (isElement(element, "Root") && isElement(parent, "Volume") && isElement(grandparent, "Volumes"))
         volumes[volumeName(parent)] = text;
     else if (isElement(element, "Path") && isElement(parent, "CrawlPaths") && isElement(grandparent, "Volume"))

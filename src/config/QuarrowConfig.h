@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-struct _xmlNode;
+struct _xmlNode; // NOLINT(bugprone-reserved-identifier): the name is libxml2's
 
 /// The host configuration: which volumes to catalogue, what of them, and the thresholds.
 /// Loaded on the main thread before any other thread starts and only read afterwards, hence no lock.

@@ -106,7 +106,7 @@ std::string dump(const XmlDocument& document)
     xmlChar* text = nullptr;
     int length = 0;
     xmlDocDumpMemory(document.get(), &text, &length);
-    const std::string result = text == nullptr ? "" : reinterpret_cast<const char*>(text);
+    std::string result = text == nullptr ? "" : reinterpret_cast<const char*>(text);
     xmlFree(text);
     return result;
 }

@@ -23,16 +23,9 @@ namespace {
 
 /// A schema of this system's readers: texts, order and names are relied on as they are.
 const char* const schemaStatements[] = {
-    "create table Folders(folder_id integer primary key AUTOINCREMENT, parent_id integer not null, path text not null "
-    ", name text not null, category int default(-1) not null, created_time int not null, modified_time int not null, "
-    "is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, "
-    "is_system boolean default(0) not null, last_updated_time int not null)",
+    "create table Folders(folder_id integer primary key AUTOINCREMENT, parent_id integer not null, path text not null , name text not null, category int default(-1) not null, created_time int not null, modified_time int not null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, is_system boolean default(0) not null, last_updated_time int not null)",
     // The blank at the end is part of the text that sqlite_master keeps.
-    "create table Files(file_id integer primary key AUTOINCREMENT, folder_id integer not null, path text not null, "
-    "name text not null, category int not null, size int not null, modified_time int not null, created_time int not "
-    "null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, "
-    "is_system boolean default(0) not null, last_updated_time int not null, FOREIGN KEY(folder_id) REFERENCES "
-    "Folders(folder_id) ON DELETE CASCADE) ",
+    "create table Files(file_id integer primary key AUTOINCREMENT, folder_id integer not null, path text not null, name text not null, category int not null, size int not null, modified_time int not null, created_time int not null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, is_system boolean default(0) not null, last_updated_time int not null, FOREIGN KEY(folder_id) REFERENCES Folders(folder_id) ON DELETE CASCADE) ",
     "create index Files_path on Files(path)",
     "create index Files_last_updated_time on Files(last_updated_time)",
     "create index Files_folder_id on Files(folder_id)",
@@ -320,8 +313,7 @@ bool VolumeDBManager::folderExists(DBFolder& f)
 {
     const std::string path = f.getPath();
     Statement stmt(*this,
-        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
-        "folders where path=? and is_deleted=0");
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where path=? and is_deleted=0");
     stmt.bind(path);
     bool found = false;
     while (stmt.nextRow()) {
@@ -337,8 +329,7 @@ bool VolumeDBManager::folderRowExists(DBFolder& f)
 {
     const std::string path = f.getPath();
     Statement stmt(*this,
-        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
-        "folders where path=?");
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where path=?");
     stmt.bind(path);
     bool found = false;
     while (stmt.nextRow()) {
@@ -367,8 +358,7 @@ std::string VolumeDBManager::findRootFolder(std::string path)
 bool VolumeDBManager::findFolderByFolderId(DBFolder& f)
 {
     Statement stmt(*this,
-        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
-        "folders where folder_id=? and is_deleted=0");
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where folder_id=? and is_deleted=0");
     stmt.bind(f.getFolder_id());
     bool found = false;
     while (stmt.nextRow()) {
@@ -382,8 +372,7 @@ bool VolumeDBManager::findFolderByFolderId(DBFolder& f)
 std::list<DBFolder> VolumeDBManager::getFolderListByFolder(DBFolder& f)
 {
     Statement stmt(*this,
-        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from "
-        "folders where parent_id=? and is_deleted=0");
+        "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where parent_id=? and is_deleted=0");
     stmt.bind(f.getFolder_id());
     std::list<DBFolder> children;
     while (stmt.nextRow())
@@ -406,8 +395,7 @@ std::vector<int> VolumeDBManager::getListOfFolders(int parentId)
 bool VolumeDBManager::updateFolder(DBFolder& f)
 {
     Statement stmt(*this,
-        "update folders set last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where folder_id = "
-        "?");
+        "update folders set last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where folder_id = ?");
     stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getFolder_id());
     stmt.run("updateFolder() failed, handleStatus: %d\n");
     return true;
@@ -438,8 +426,7 @@ int VolumeDBManager::insertIndividualFolder(DBFolder& f)
         const std::string path = f.getPath();
         const std::string name = getLastElementOfPathFromFullPath(path);
         Statement stmt(*this,
-            "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  , "
-            "created_time  , is_hidden ) values(?,?,?,?,?,strftime('%s','now'),?,?)");
+            "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  , created_time  , is_hidden ) values(?,?,?,?,?,strftime('%s','now'),?,?)");
         stmt.bind(f.getParent_id()).bind(path).bind(name).bind(0).bind(f.getModified_time()).bind(f.getCreated_time());
         stmt.bindDeciding(isHidden(path));
         stmt.run("insertIndividualFolder() failed, handleStatus: %d\n");
@@ -451,8 +438,7 @@ int VolumeDBManager::insertIndividualFolder(DBFolder& f)
     f.setIs_deleted(false);
     syslog(LOG_LOCAL5 | LOG_INFO, "Row for folder %s exists in the DB so updating it\n", f.getPath().c_str());
     Statement stmt(*this,
-        "update folders   set is_deleted = 0, modified_time=?, last_updated_time=strftime('%s', 'now') , "
-        "created_time=?, parent_id=?  where folder_id=?");
+        "update folders   set is_deleted = 0, modified_time=?, last_updated_time=strftime('%s', 'now') , created_time=?, parent_id=?  where folder_id=?");
     stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getParent_id()).bind(f.getFolder_id());
     stmt.run("updateFolder() failed, handleStatus: %d\n"); // the text of updateFolder(): log readers know no other
     return f.getFolder_id();
@@ -553,8 +539,7 @@ bool VolumeDBManager::fileExists(DBFile& f)
     const std::string path = f.getPath();
     const std::string name = f.getName();
     Statement stmt(*this,
-        "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time "
-        "from  files  where  path=?  and name=? and is_deleted=0");
+        "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time from  files  where  path=?  and name=? and is_deleted=0");
     stmt.bind(path).bind(name);
     bool found = false;
     while (stmt.nextRow()) {
@@ -578,8 +563,7 @@ bool VolumeDBManager::fileRowExists(DBFile& f)
     const std::string path = f.getPath();
     const std::string name = f.getName();
     Statement stmt(*this,
-        "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time "
-        "from  files  where  path=?  and name=?");
+        "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time from  files  where  path=?  and name=?");
     stmt.bind(path).bind(name);
     bool found = false;
     while (stmt.nextRow()) {
@@ -608,8 +592,7 @@ bool VolumeDBManager::insertFile(DBFile& f)
     if (!fileRowExists(f)) {
         const std::string name = f.getName();
         Statement stmt(*this,
-            "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time "
-            ", created_time , category , is_hidden) values(?,?,?,?,strftime('%s','now'), 0, ?,?,?,?)");
+            "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time , created_time , category , is_hidden) values(?,?,?,?,strftime('%s','now'), 0, ?,?,?,?)");
         stmt.bind(folder.getFolder_id()).bind(name).bind(path).bind(f.getSize());
         stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getCategory());
         stmt.bindDeciding(isHidden(path));
@@ -619,8 +602,7 @@ bool VolumeDBManager::insertFile(DBFile& f)
 
     syslog(LOG_LOCAL5 | LOG_INFO, "Row for file %s exists in the DB so updating it\n", path.c_str());
     Statement stmt(*this,
-        "update files set folder_id=?, size=?, last_updated_time=strftime('%s', 'now'), is_deleted=0, modified_time=?, "
-        "created_time=?, category=? where file_id=?");
+        "update files set folder_id=?, size=?, last_updated_time=strftime('%s', 'now'), is_deleted=0, modified_time=?, created_time=?, category=? where file_id=?");
     // The low 32 bits of the size on purpose: a revived row of a large file is put right by the next walk.
     stmt.bind(folder.getFolder_id()).bind(static_cast<int>(f.getSize())).bind(f.getModified_time());
     stmt.bind(f.getCreated_time()).bind(f.getCategory()).bind(f.getFile_id());
@@ -632,8 +614,7 @@ bool VolumeDBManager::updateFile(DBFile& f)
 {
     const std::string name = f.getName();
     Statement stmt(*this,
-        "update files set name=?, category=?, size=?, last_updated_time=strftime('%s','now'), modified_time=?, "
-        "created_time=? where file_id = ?");
+        "update files set name=?, category=?, size=?, last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where file_id = ?");
     stmt.bind(name).bind(f.getCategory()).bind(f.getSize()).bind(f.getModified_time()).bind(f.getCreated_time());
     stmt.bind(f.getFile_id());
     stmt.run("updateFile() failed, handleStatus: %d\n");
@@ -660,8 +641,7 @@ bool VolumeDBManager::deleteFilesFromFolder(int folderId)
 std::list<DBFile> VolumeDBManager::getFileListByFolder(DBFolder& d)
 {
     Statement stmt(*this,
-        "select path , name , category  , size  , modified_time , created_time from  files  where  folder_id=?  and "
-        "is_deleted=0 ");
+        "select path , name , category  , size  , modified_time , created_time from  files  where  folder_id=?  and is_deleted=0 ");
     stmt.bind(d.getFolder_id());
     std::list<DBFile> files;
     while (stmt.nextRow()) {

@@ -247,7 +247,7 @@ void VolumeWatcher::collectBurst(std::set<std::string>& changedDirs, int& eventC
         gettimeofday(&before, nullptr);
         const ssize_t n = read(inotifyFd, eventBuffer, sizeof eventBuffer);
         gettimeofday(&after, nullptr);
-        if (timing)
+        if (timing) // NOLINTNEXTLINE(bugprone-incorrect-roundings): whole milliseconds, the half changes nothing
             readMillis = static_cast<int>(readMillis + static_cast<double>(elapsedMillis(before, after)) + 0.5);
         timing = true;
         if (n > 0) {

@@ -1,0 +1,203 @@
+"""The show of quickstart.sh: one daemon, one folder, one change.
+
+  quickstart.py --make-sample FOLDER     makes the sample library
+  quickstart.py DAEMON SOCKET FOLDER     runs DAEMON on FOLDER; what it logs to SOCKET is shown
+"""
+import os
+import queue
+import signal
+import socket
+import sqlite3
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import urllib.parse
+import xml.sax.saxutils
+
+SAMPLE = ["Music/Ella & Louis/01 Can’t We Be Friends.flac", "Music/Ella & Louis/02 Isn’t This a Lovely Day.flac",
+          "Music/Ella & Louis/cover.jpg", "Music/Björk/Debut/03 Venus as a Boy.mp3", "Music/playlist.m3u8",
+          "Photos/2024/Summer/IMG_0001.JPG", "Photos/2024/Summer/IMG_0002.HEIC", "Photos/2024/Summer/raw/DSC_0003.NEF",
+          "Photos/2025/it's me.png", "Videos/Holiday 50% off.mp4", "Videos/Old/tape 7.avi", "Videos/Holiday.srt",
+          "Documents/warranty.pdf", ".hidden/notes.txt", "README"]
+CATEGORIES = {1: "video", 2: "audio", 3: "image", 4: "other"}
+PATIENCE = 120  # seconds until something that should have happened counts as failed
+
+
+def make_sample(folder):
+    for number, name in enumerate(SAMPLE):
+        path = os.path.join(folder, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as file:
+            file.truncate(1000 * (number + 1))
+
+
+def say(text):
+    # A name may hold bytes that are no text; they are shown as escapes.
+    print(text.encode(errors="backslashreplace").decode(), flush=True)
+
+
+class Log:
+    """Receives what the daemon logs. The three lines of each walked folder become a count; all others are shown."""
+
+    def __init__(self, path):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind(path)
+        self.folders = 0
+        self.files = 0
+        self.shown_at = 0.0
+        self.texts = queue.Queue()
+        threading.Thread(target=self.receive, daemon=True).start()
+
+    def receive(self):
+        while True:
+            line = self.socket.recv(1 << 20).decode(errors="surrogateescape")
+            priority, _, rest = line[1:].partition(">")
+            text = rest.split(": ", 1)[1].rstrip("\n")
+            if text.startswith("For folder "):
+                self.folders += 1
+            elif text.startswith("Add file count = "):
+                self.files += int(text.split(" = ")[1].split(",")[0])
+            elif not text.startswith("Add folder count = "):
+                self.show_count()
+                level = "ERROR" if int(priority) % 8 == 3 else "info "
+                say(f"  {time.strftime('%H:%M:%S')} {level} {text}")
+            if time.monotonic() - self.shown_at > 1:
+                self.show_count()
+            self.texts.put(text)
+
+    def show_count(self):
+        self.shown_at = time.monotonic()
+        if self.folders:
+            say(f"  ... {self.folders} folders walked, {self.files} files added")
+        self.folders = self.files = 0
+
+    def wait_for(self, beginning, daemon):
+        """Waits until a line that begins so was logged; false when the daemon ended instead."""
+        while daemon.poll() is None:
+            try:
+                if self.texts.get(timeout=1).startswith(beginning):
+                    return True
+            except queue.Empty:
+                pass
+        return False
+
+
+class Catalogue:
+    """A reader of the catalogue. It stays connected: where the catalogue's own folder is watched, a reader that comes and
+    goes is a change too, and changes are looked at only after 5 quiet seconds."""
+
+    def __init__(self, folder):
+        self.path = os.path.join(folder, ".quarrow", "quarrow.db")
+        uri = "file:" + urllib.parse.quote(os.fsencode(self.path)) + "?mode=ro"
+        self.reader = sqlite3.connect(uri, uri=True, timeout=30)
+        self.reader.text_factory = os.fsdecode
+
+    def close(self):
+        self.reader.close()
+
+    def rows(self, query, *values):
+        return self.reader.execute(query, values).fetchall()
+
+    def show_summary(self):
+        folders = self.rows("select count(*) from Folders where is_deleted = 0")[0][0]
+        say(f"\nThe catalogue holds {folders} folders and these files:")
+        say(f"  {'category':<10}{'files':>12}{'bytes':>20}")
+        counts = self.rows("select category, count(*), sum(size) from Files where is_deleted = 0 group by category")
+        for category, files, size in counts:
+            say(f"  {CATEGORIES[category]:<10}{files:>12,}{size:>20,}")
+        total = [sum(row[column] for row in counts) for column in (1, 2)]
+        say(f"  {'all':<10}{total[0]:>12,}{total[1]:>20,}\n")
+
+    def wait_for_state(self, path, deleted):
+        """Waits until the file has a row with this deleted flag; the seconds that took, or None."""
+        start = time.monotonic()
+        while time.monotonic() - start < PATIENCE:
+            if self.rows("select 1 from Files where path = ? and is_deleted = ?", path, deleted):
+                return time.monotonic() - start
+            time.sleep(0.1)
+        return None
+
+
+def write_configuration(path, folder):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write('<?xml version="1.0" encoding="UTF-8"?>\n<Quarrow><Version>1.0</Version>'
+                   f"<last_updated_time>{int(time.time())}</last_updated_time><Volumes><Volume><Name>quickstart</Name>"
+                   f"<Root>{xml.sax.saxutils.escape(folder)}</Root></Volume></Volumes></Quarrow>\n")
+
+
+def refuse_unusable(folder):
+    """Says why the folder cannot be catalogued, or nothing when it can."""
+    try:
+        folder.encode()
+    except UnicodeEncodeError:
+        return "its path is not UTF-8, which the configuration file has to be"
+    if any(ord(character) < 32 for character in folder):
+        return "its path holds control characters, which the configuration file cannot"
+    try:
+        os.makedirs(os.path.join(folder, ".quarrow"), exist_ok=True)
+        with tempfile.TemporaryFile(dir=os.path.join(folder, ".quarrow")):
+            pass
+    except OSError as error:
+        return f"it cannot be written: {error.strerror}"
+    return None
+
+
+def show_change(folder, catalogue):
+    descriptor, path = tempfile.mkstemp(prefix="quarrow-quickstart-", suffix=".mp3", dir=folder)
+    os.close(descriptor)
+    name = "/" + os.path.basename(path)
+    say(f"Made the file {path}; changes are looked at after 5 quiet seconds:")
+    try:
+        arrived = catalogue.wait_for_state(name, 0)
+    finally:
+        os.unlink(path)
+    if arrived is None:
+        say("It did not reach the catalogue.")
+        return False
+    say(f"It reached the catalogue after {arrived:.1f} seconds. Removed it again:")
+    gone = catalogue.wait_for_state(name, 1)
+    say("That did not reach the catalogue." if gone is None else f"Its row is marked deleted after {gone:.1f} seconds.")
+    return gone is not None
+
+
+def run(daemon_path, log_path, folder):
+    reason = refuse_unusable(folder)
+    if reason is not None:
+        say(f"{folder} cannot be catalogued: {reason}.")
+        return 1
+    tickle = os.path.join(folder, ".tickle")
+    had_tickle = os.path.lexists(tickle)
+    with tempfile.TemporaryDirectory() as own:
+        configuration = os.path.join(own, "quarrow-host.xml")
+        write_configuration(configuration, folder)
+        log = Log(log_path)
+        say(f"\nStarting the daemon on {folder}. It logs:")
+        daemon = subprocess.Popen([daemon_path], stdout=subprocess.DEVNULL,
+                                  env={**os.environ, "QUARROW_CONFIG_FILE": configuration})
+        good = False
+        try:
+            if log.wait_for("Actively watching", daemon):
+                catalogue = Catalogue(folder)
+                catalogue.show_summary()
+                good = show_change(folder, catalogue)
+                catalogue.close()  # the daemon leaves one plain file behind when no reader prevents it
+        except KeyboardInterrupt:
+            say("Interrupted.")
+        finally:
+            say("\nStopping the daemon with SIGTERM:")
+            daemon.send_signal(signal.SIGTERM)
+            status = daemon.wait()
+            time.sleep(0.2)  # for the last log lines to be shown
+        say(f"It ended with exit status {status}.")
+    if not had_tickle and os.path.lexists(tickle):
+        os.unlink(tickle)  # what the daemon wakes its watcher with
+    say(f"The catalogue is {folder}/.quarrow/quarrow.db: look into it with sqlite3.")
+    return 0 if good and status == 0 else 1
+
+
+if sys.argv[1] == "--make-sample":
+    make_sample(sys.argv[2])
+else:
+    sys.exit(run(*sys.argv[1:]))

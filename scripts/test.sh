@@ -1,0 +1,46 @@
+#!/bin/sh
+# Builds Quarrow and runs its tests on a Debian 12 machine; installs what is missing first, and says so.
+#
+#   test.sh          the unit and the system tests, in under 10 minutes on 2 cores
+#   test.sh --full   also both sanitizer builds of every suite, clang-tidy and the format check
+#
+# Works in build/ of the checkout. The tests run in mount namespaces of their own: nothing else on the machine changes.
+# Ends with the summary of the last test run, and with its status when one of them failed.
+set -eu
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+full=
+case ${1:-} in
+'') ;;
+--full) full=yes ;;
+*) echo "usage: scripts/test.sh [--full]" >&2; exit 2 ;;
+esac
+
+# shellcheck disable=SC2086 # lists of words
+install_packages $build_packages libgtest-dev python3 python3-pytest sqlite3 faketime strace util-linux \
+    ${full:+clang-tidy clang-format}
+
+test_presets=release
+if [ -n "$full" ]; then
+    test_presets='asan tsan release'
+    echo '== Format'
+    git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+fi
+
+for preset in $test_presets; do
+    echo "== Build: $preset"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset"
+done
+
+if [ -n "$full" ]; then
+    echo '== clang-tidy'
+    git ls-files 'src/*.cpp' | xargs -P "$(nproc)" -n 4 clang-tidy -p build/release --quiet
+fi
+
+# One after the other, the plain build last: each prints its summary, and a failure stops here.
+for preset in $test_presets; do
+    echo "== Tests: $preset"
+    ctest --preset "$preset" --parallel "$(nproc)"
+done

@@ -59,7 +59,7 @@ QuarrowConfig::QuarrowConfig()
 
 bool QuarrowConfig::load()
 {
-    const XmlDocument document(configFilePath);
+    const XmlDocument document(configFilePath, XmlDocument::trusted);
     if (!document.isParsed()) {
         syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
         return false;

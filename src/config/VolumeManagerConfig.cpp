@@ -106,7 +106,9 @@ std::string dump(const XmlDocument& document)
     xmlChar* text = nullptr;
     int length = 0;
     xmlDocDumpMemory(document.get(), &text, &length);
-    std::string result = text == nullptr ? "" : reinterpret_cast<const char*>(text);
+    std::string result; // by length: the text of an encoding like UTF-16 holds zero bytes
+    if (text != nullptr)
+        result.assign(reinterpret_cast<const char*>(text), static_cast<std::string::size_type>(length));
     xmlFree(text);
     return result;
 }
@@ -134,7 +136,7 @@ void VolumeManagerConfig::setLastPurgeTime(int t)
 
 void VolumeManagerConfig::load()
 {
-    const XmlDocument document(filePath);
+    const XmlDocument document(filePath, XmlDocument::untrusted);
     if (!document.isParsed()) {
         syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
         throw "Could not parse the config xml";
@@ -168,7 +170,7 @@ void VolumeManagerConfig::create() const
 void VolumeManagerConfig::rewrite(int t)
 {
     const int now = static_cast<int>(std::time(nullptr));
-    const XmlDocument document(filePath);
+    const XmlDocument document(filePath, XmlDocument::untrusted);
     if (!document.isParsed()) {
         syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
         throw "Could not parse the config xml";

@@ -21,7 +21,10 @@ private:
 /// An XML file read into a tree, freed with the object. Holds the turn at libxml2 for its whole life.
 class XmlDocument {
 public:
-    explicit XmlDocument(const std::string& path);
+    /// `trusted`: read whatever the path leads to, as an administrator's file is. `untrusted`: a regular file alone,
+    /// under its own name; users of a volume can put links and pipes there.
+    enum Origin { trusted, untrusted };
+    XmlDocument(const std::string& path, Origin origin);
     ~XmlDocument();
     XmlDocument(const XmlDocument&) = delete;
     XmlDocument& operator=(const XmlDocument&) = delete;

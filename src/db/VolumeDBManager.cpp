@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <queue>
 #include <thread>
 #include <utility>
 
@@ -56,6 +57,14 @@ bool syncPath(const std::string& path, int flags)
 std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 int isHidden(const std::string& path) { return path.find("/.") != std::string::npos ? 1 : 0; }
+
+/// The path of something below `from` as it is below `to`. What is replaced begins at the first character that occurs
+/// in `from` at all and is as long as `from`; since both begin with a slash, that is the beginning.
+std::string movedPath(std::string path, const std::string& from, const std::string& to)
+{
+    const std::string::size_type start = path.find_first_of(from);
+    return start == std::string::npos ? path : path.replace(start, from.length(), to);
+}
 
 int purgeCutoff(int threshold)
 {
@@ -110,7 +119,9 @@ bool VolumeDBManager::open(const char* path)
 int VolumeDBManager::openNew(const std::string& path)
 {
     const std::string temporaryPath = path + ".tmp";
-    unlink(temporaryPath.c_str());
+    // What is left of a catalogue that somebody removed would be taken for the new one's log, and replayed into it.
+    for (const char* leftOver : { ".tmp", "-wal", "-shm", "-journal" })
+        unlink((path + leftOver).c_str());
     const int rc = sqlite3_open(temporaryPath.c_str(), &handle);
     if (rc != SQLITE_OK)
         return rc; // nothing was made
@@ -196,10 +207,12 @@ void VolumeDBManager::configure()
 /// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
 void VolumeDBManager::useWriteAheadLog()
 {
-    // A reader that may not write can open a log that is there, but not make one.
+    // A reader that may not write can open a log that is there, but not make one: the log is kept from here on, and
+    // the first look at the file, for whatever value, makes it.
     int keepLogFiles = 1;
     sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
-    sqlite3_exec(handle, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
+    sqlite3_exec(
+        handle, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA schema_version", nullptr, nullptr, nullptr);
 }
 
 /// Leaves one plain file that anybody can read from anywhere. With a reader in the way the log stays, files and all.
@@ -509,11 +522,21 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
 
 void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
 {
-    // Depth first with a stack of its own: a tree may be deeper than a walk thread's stack. Each level holds the ids
-    // that are still to be done, the next one last.
-    std::stack<std::vector<int>> levels;
+    forEachFolderBelow(folderId, [this](int child) {
+        if (isStopping())
+            throw DBOperationException(); // half a million folders take a while; the next walk deletes them again
+        deleteFilesFromFolder(child);
+        deleteFolderRecord(child);
+    });
+}
+
+/// Depth first, each child before its own children, with a stack of its own: a tree may be deeper than the stack of a
+/// walk thread. A child's children are listed after `visit` was called for it.
+void VolumeDBManager::forEachFolderBelow(int folderId, const std::function<void(int)>& visit)
+{
+    std::stack<std::vector<int>> levels; // the ids that are still to be done, the next one last
     const auto descend = [&](int id) {
-        std::vector<int> children = getListOfFolders(id);
+        const std::vector<int> children = getListOfFolders(id);
         levels.emplace(children.rbegin(), children.rend());
     };
     descend(folderId);
@@ -522,12 +545,9 @@ void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
             levels.pop();
             continue;
         }
-        if (isStopping())
-            throw DBOperationException(); // half a million folders take a while; the next walk deletes them again
         const int child = levels.top().back();
         levels.top().pop_back();
-        deleteFilesFromFolder(child);
-        deleteFolderRecord(child);
+        visit(child);
         descend(child);
     }
 }
@@ -676,4 +696,135 @@ int VolumeDBManager::purgeDeletedFiles(int threshold)
     stmt.bind(purgeCutoff(threshold));
     stmt.run("purgeDeletedFiles() failed, handleStatus: %d\n");
     return stmt.finalize();
+}
+
+// Moves
+
+bool VolumeDBManager::moveFile(DBFile& src, DBFile& dst)
+{
+    DBFolder srcFolder;
+    srcFolder.setPath(folderOf(src.getPath()));
+    if (!folderExists(srcFolder) || fileExists(dst) || !fileExists(src))
+        return false;
+    DBFolder dstFolder;
+    dstFolder.setPath(folderOf(dst.getPath()));
+    const std::string dstFolderPath = dstFolder.getPath();
+    if (!folderExists(dstFolder))
+        insertFolder(dstFolder, false);
+    dst.setFile_id(src.getFile_id());
+    dst.setFolder_id(dstFolder.getFolder_id());
+    dst.setPath(dstFolderPath + "/" + dst.getName());
+    dst.setModified_time(src.getModified_time());
+    dst.setCreated_time(src.getCreated_time());
+    dst.setSize(src.getSize());
+    insertFile(dst);
+    deleteFile(src);
+    return true;
+}
+
+bool VolumeDBManager::moveFolder(DBFolder& src, DBFolder& dst)
+{
+    std::printf("Moving %s to %s\n", src.getPath().c_str(), dst.getPath().c_str());
+    if (folderExists(dst))
+        return false;
+    const std::time_t start = std::time(nullptr);
+    std::queue<DBFolder> folders; // breadth first, so that parents are there before their children
+    folders.push(src);
+    while (!folders.empty()) {
+        DBFolder current = folders.front();
+        folders.pop();
+        moveContent(current, src, dst);
+        for (const DBFolder& child : getFolderListByFolder(current))
+            folders.push(child);
+    }
+    deleteFolder(src);
+    syslog(LOG_LOCAL5 | LOG_INFO, "The time taken to move %s to %s is %d\n", src.getPath().c_str(),
+        dst.getPath().c_str(), static_cast<int>(std::time(nullptr) - start));
+    return true;
+}
+
+/// Inserts one folder of a moved tree at its new place, with its files, and marks the old files deleted.
+void VolumeDBManager::moveContent(DBFolder& from, DBFolder& src, DBFolder& dst)
+{
+    DBFolder moved;
+    moved.resetFolder();
+    moved.setPath(movedPath(from.getPath(), src.getPath(), dst.getPath()));
+    moved.setCreated_time(from.getCreated_time());
+    moved.setModified_time(from.getModified_time());
+    insertFolder(moved, false);
+
+    for (DBFile& old : getFileListByFolder(from)) {
+        const std::string path = movedPath(old.getPath(), src.getPath(), dst.getPath());
+        std::printf("Replaced the path to %s\n", path.c_str());
+        DBFile file;
+        file.reset();
+        file.setName(old.getName());
+        file.setPath(path);
+        file.setCategory(old.getCategory());
+        file.setCreated_time(old.getCreated_time());
+        file.setModified_time(old.getModified_time());
+        file.setSize(old.getSize());
+        std::printf("Inserting file %s\n", path.c_str());
+        insertFile(file);
+        if (fileExists(old)) // the list has no ids
+            deleteFile(old);
+    }
+}
+
+// Rows rewritten in place
+
+bool VolumeDBManager::updateFilePath(DBFile& f)
+{
+    const std::string path = f.getPath();
+    const std::string name = f.getName();
+    Statement stmt(*this,
+        "update files set path=?, name=?, folder_id=?, last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where file_id = ?");
+    stmt.bind(path).bind(name).bind(f.getFolder_id()).bind(f.getModified_time()).bind(f.getCreated_time());
+    stmt.bind(f.getFile_id());
+    stmt.run("updateFilePath() failed, handleStatus: %d\n");
+    return true;
+}
+
+bool VolumeDBManager::updateFolderName(int folderId, std::string name)
+{
+    Statement stmt(*this, "update folders set name=?, last_updated_time=strftime('%s','now') where folder_id = ?");
+    stmt.bind(name).bind(folderId);
+    stmt.run("updateFolderName() failed, handleStatus: %d\n");
+    return true;
+}
+
+bool VolumeDBManager::updatePathAndNameForFolderByFolderById(std::string path, int folderId)
+{
+    Statement stmt(*this, "update folders set path=?, last_updated_time=strftime('%s','now')  where folder_id = ?");
+    stmt.bind(path).bind(folderId);
+    stmt.run("updatePathAndNameForFolderByIdFolderById() failed, handleStatus: %d\n"); // log readers know it doubled
+    return true;
+}
+
+bool VolumeDBManager::updateFilesInFolderPath(int folderId, std::string path)
+{
+    // The folder's path for every file, not their own: embedding programs rely on it and set the rest themselves.
+    Statement stmt(*this, "update files set path=?, last_updated_time=strftime('%s','now')  where folder_id = ?");
+    stmt.bind(path).bind(folderId);
+    stmt.run("updateFilesInFolderPath() failed, handleStatus: \n"); // without the number: log readers know no other
+    return true;
+}
+
+void VolumeDBManager::updatePathForIndividualFolder(int folderId, int level, std::string element)
+{
+    DBFolder folder;
+    folder.setFolder_id(folderId);
+    findFolderByFolderId(folder);
+    std::string path;
+    int position = 0;
+    Tokenizer elements(folder.getPath(), "/");
+    for (std::string current = elements.next(); !current.empty(); current = elements.next())
+        path += "/" + (position++ == level ? element : current);
+    updatePathAndNameForFolderByFolderById(path, folderId);
+    updateFilesInFolderPath(folderId, path);
+}
+
+void VolumeDBManager::updatePathAndNameForFolders(int folderId, int level, std::string element)
+{
+    forEachFolderBelow(folderId, [&](int child) { updatePathForIndividualFolder(child, level, element); });
 }

@@ -5,6 +5,7 @@
 #include "db/SimpleDBFile.h"
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <stack>
 #include <string>
@@ -119,12 +120,38 @@ public:
     /// Removes rows marked deleted and last written more than `threshold` seconds ago.
     int purgeDeletedFiles(int threshold);
 
+    // Moves: new rows for the new place, the old rows marked deleted
+
+    /// Follows a file that was moved. `src`: old path and name; `dst`: new path, name and category, filled with the
+    /// rest. False, with nothing done, when the old folder or file is not live or the new file is.
+    bool moveFile(DBFile& src, DBFile& dst);
+    /// Follows a folder that was moved, with everything below it. `src` is the old folder as folderExists() filled it,
+    /// `dst` has the new path. False, with nothing done, when that is live already. Opens no transaction of its own:
+    /// the caller's makes the move one piece.
+    bool moveFolder(DBFolder& src, DBFolder& dst);
+
+    // Rows rewritten in place, for programs that embed the catalogue
+
+    /// Writes path, name, folder and times of the row with the id of `f`.
+    bool updateFilePath(DBFile& f);
+    bool updateFolderName(int folderId, std::string name);
+    /// Writes the path alone, not the name.
+    bool updatePathAndNameForFolderByFolderById(std::string path, int folderId);
+    /// Writes `path` as the path of every file of the folder.
+    bool updateFilesInFolderPath(int folderId, std::string path);
+    /// Replaces the element at position `level`, counted from 0, of the folder's path, and gives its files that path.
+    void updatePathForIndividualFolder(int folderId, int level, std::string element);
+    /// Does that to everything below the folder, each child before its own children.
+    void updatePathAndNameForFolders(int folderId, int level, std::string element);
+
 private:
     friend class Statement;
 
     sqlite3_stmt* prepare(const char* text);
     bool runTransactionStatement(const char* text);
     void takeWriteLock();
+    void forEachFolderBelow(int folderId, const std::function<void(int)>& visit);
+    void moveContent(DBFolder& from, DBFolder& src, DBFolder& dst);
     bool waitForNeighbour() const;
     bool isStopping() const;
     int openNew(const std::string& path);

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -55,6 +56,21 @@ auto sortedBy(const std::list<Record>& records, Key key)
         sorted.emplace_back(key(record), &record);
     std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     return sorted;
+}
+
+/// False for what is gone, a folder, or a link: no link is followed, so what a link has replaced is gone.
+bool statFile(const std::string& path, struct stat64& status)
+{
+    return lstat64(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
+}
+
+/// Fills the record of a file that has no live row yet.
+void describeNewFile(DBFile& file, const struct stat64& status)
+{
+    file.setCategory(categoryOf(file.getName()));
+    file.setModified_time(storedTime(status.st_mtime));
+    file.setCreated_time(storedTime(status.st_ctime)); // the inode's change: the nearest to a birth that is everywhere
+    file.setSize(status.st_size);
 }
 
 std::list<std::string> crawlPathsOf(const std::string& volumeName)
@@ -105,19 +121,180 @@ void VolumeManager::handleChangeFolder(std::string& path)
     walk(startPath, found);
 }
 
-void VolumeManager::handleNewFolder(std::string&, const char*) { }
+void VolumeManager::handleNewFolder(std::string& dir, const char* entryName)
+{
+    std::string full = dir + "/" + entryName;
+    try {
+        {
+            const VMLock held(&lock);
+            struct stat64 status;
+            if (lstat64(full.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+                return;
+            DBFolder folder;
+            folder.setPath(relative(full));
+            const bool exists = dbManager->folderExists(folder);
+            folder.setModified_time(storedTime(status.st_mtime));
+            if (exists) {
+                dbManager->updateFolder(folder);
+            } else {
+                folder.setCreated_time(storedTime(status.st_ctime));
+                dbManager->insertFolder(folder, false);
+            }
+        }
+        walk(full, false); // catalogues and watches what it brought; takes the lock itself
+    } catch (const std::exception&) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating/inserting of the folder %s\n", entryName);
+    }
+}
 
-void VolumeManager::handleNewFile(std::string&, const char*) { }
+void VolumeManager::handleNewFile(std::string& dir, const char* entryName)
+{
+    const VMLock held(&lock);
+    struct stat64 status;
+    if (!statFile(dir + "/" + entryName, status))
+        return;
+    try {
+        DBFile file = fileAt(dir, entryName);
+        if (dbManager->fileExists(file)) {
+            file.setModified_time(storedTime(status.st_mtime));
+            file.setSize(status.st_size);
+            dbManager->updateFile(file);
+        } else {
+            describeNewFile(file, status);
+            dbManager->insertFile(file);
+        }
+    } catch (const std::exception&) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error in insert/update of the file %s\n", entryName);
+    }
+}
 
-void VolumeManager::handleMoveFolder(std::string&, const char*, std::string&, const char*) { }
+void VolumeManager::handleMoveFolder(std::string& fromDir, const char* fromName, std::string& toDir, const char* toName)
+{
+    std::string newFull = toDir + "/" + toName;
+    const std::string oldPath = relative(fromDir) + "/" + fromName;
+    try {
+        {
+            const VMLock held(&lock);
+            struct stat64 status;
+            if (lstat64(newFull.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+                std::printf("%s is not a dir\n", newFull.c_str());
+                return;
+            }
+            DBFolder oldFolder;
+            oldFolder.setName(fromName);
+            oldFolder.setPath(oldPath);
+            DBFolder newFolder;
+            newFolder.setPath(relative(newFull));
+            newFolder.setModified_time(storedTime(status.st_mtime));
+            Transaction transaction(*dbManager);
+            if (dbManager->folderExists(oldFolder)) {
+                newFolder.setName(toName);
+                dbManager->moveFolder(oldFolder, newFolder);
+            } else {
+                syslog(LOG_LOCAL5 | LOG_INFO,
+                    "The old folder %s does not exist. So treating the move as a new folder\n", oldPath.c_str());
+                std::printf("The old folder %sdoes not exist. So treating the move as a new folder\n", oldPath.c_str());
+                newFolder.setCreated_time(storedTime(status.st_ctime));
+                dbManager->insertFolder(newFolder, false);
+            }
+            transaction.commit();
+        }
+        walk(newFull, false); // also tells the watches below the folder their new paths
+    } catch (const std::exception&) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving folder %s to %s\n", fromName, toName);
+    }
+}
 
-void VolumeManager::handleMoveFile(std::string&, const char*, std::string&, const char*) { }
+void VolumeManager::handleMoveFile(std::string& fromDir, const char* fromName, std::string& toDir, const char* toName)
+{
+    const std::string newFull = toDir + "/" + toName;
+    DBFile oldFile = fileAt(fromDir, fromName);
+    const std::string oldPath = oldFile.getPath();
+    const VMLock held(&lock);
+    struct stat64 status;
+    if (!statFile(newFull, status)) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error!!! New file %s does not exist on the filesystem\n", toName);
+        return;
+    }
+    try {
+        DBFile newFile = fileAt(toDir, toName);
+        describeNewFile(newFile, status);
+        if (dbManager->fileExists(oldFile)) {
+            dbManager->moveFile(oldFile, newFile);
+        } else {
+            dbManager->insertFile(newFile);
+            syslog(LOG_LOCAL5 | LOG_INFO, "The old file %s does not exist, so inserting a new one %s \n",
+                oldPath.c_str(), newFull.c_str());
+        }
+    } catch (const std::exception&) {
+        // One path of the volume and one of the disk, on purpose: the pair that the line above shows as well.
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving the file %s to %s\n", oldPath.c_str(), newFull.c_str());
+    }
+}
 
-void VolumeManager::handleDeleteFolder(std::string&, const char*) { }
+void VolumeManager::handleDeleteFolder(std::string& dir, const char* entryName)
+{
+    const std::string full = dir + "/" + entryName;
+    const VMLock held(&lock);
+    try {
+        DBFolder folder;
+        folder.setPath(relative(full));
+        dbManager->deleteFolder(folder); // does nothing for a folder that the catalogue does not know
+    } catch (const std::exception&) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting folder %s\n", full.c_str());
+    }
+}
 
-void VolumeManager::handleDeleteFile(std::string&, const char*) { }
+void VolumeManager::handleDeleteFile(std::string& dir, const char* entryName)
+{
+    const VMLock held(&lock);
+    try {
+        DBFile file = fileAt(dir, entryName);
+        if (dbManager->fileExists(file))
+            dbManager->deleteFile(file);
+    } catch (const std::exception&) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting file %s\n", entryName);
+    }
+}
 
-void VolumeManager::handleModifyFile(std::string&, const char*) { }
+void VolumeManager::handleModifyFile(std::string& dir, const char* entryName)
+{
+    const VMLock held(&lock);
+    struct stat64 status;
+    if (!statFile(dir + "/" + entryName, status))
+        return;
+    try {
+        DBFile file = fileAt(dir, entryName);
+        if (!dbManager->fileExists(file)) {
+            // Not inserted, on purpose: the next walk of its folder does that.
+            syslog(LOG_LOCAL5 | LOG_ERR, "There is an error condition here for %s %s\n", dir.c_str(), entryName);
+            return;
+        }
+        updateIfChanged(file, status);
+    } catch (const std::exception&) {
+        syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating file %s\n", entryName);
+    }
+}
+
+/// The record by which the catalogue knows an entry of a watched folder.
+DBFile VolumeManager::fileAt(const std::string& dir, const std::string& entryName) const
+{
+    DBFile file;
+    file.setName(entryName);
+    file.setPath(relative(dir) + "/" + entryName);
+    return file;
+}
+
+/// Writes time and size of a live row that `file` was filled from, when they differ from the disk.
+void VolumeManager::updateIfChanged(DBFile& file, const struct stat64& status)
+{
+    if (file.getModified_time() == storedTime(status.st_mtime) && file.getSize() == status.st_size)
+        return;
+    file.setModified_time(storedTime(status.st_mtime));
+    file.setSize(status.st_size);
+    file.setIs_deleted(false);
+    dbManager->updateFile(file);
+}
 
 // Life cycle
 
@@ -525,17 +702,10 @@ bool VolumeManager::checkAndUpdateFileEntryInTheDB(const std::string& fileName, 
         DBFile file;
         file.setName(fileName);
         file.setPath(relative(fullPath));
-        const bool exists = dbManager->fileExists(file);
-        if (exists && file.getModified_time() == storedTime(status.st_mtime) && file.getSize() == status.st_size)
-            return true;
-        file.setModified_time(storedTime(status.st_mtime));
-        file.setSize(status.st_size);
-        if (exists) {
-            file.setIs_deleted(false);
-            dbManager->updateFile(file);
+        if (dbManager->fileExists(file)) {
+            updateIfChanged(file, status);
         } else {
-            file.setCategory(categoryOf(fileName));
-            file.setCreated_time(storedTime(status.st_ctime));
+            describeNewFile(file, status);
             dbManager->insertFile(file);
         }
         return true;
@@ -557,5 +727,5 @@ bool VolumeManager::isExcludePath(const std::string& path)
 
 std::string VolumeManager::relative(const std::string& path) const
 {
-    return path.substr(static_cast<std::string::size_type>(volumePathLength));
+    return path.substr(std::min(path.length(), static_cast<std::string::size_type>(volumePathLength)));
 }

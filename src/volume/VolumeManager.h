@@ -12,11 +12,13 @@
 #include <queue>
 #include <string>
 
+class DBFile;
 class DBFolder;
 class SimpleDBFile;
 class Transaction;
 class VolumeDBManager;
 class VolumeManagerConfig;
+struct stat64;
 
 /// One configured volume: owns its catalogue and state file, walks it on a thread of its own, purges it, and receives
 /// its changes from the watcher.
@@ -32,13 +34,13 @@ public:
     VolumeManager& operator=(const VolumeManager&) = delete;
 
     void handleChangeFolder(std::string& path) override;
-    void handleNewFolder(std::string& dir, const char* name) override;
-    void handleNewFile(std::string& dir, const char* name) override;
+    void handleNewFolder(std::string& dir, const char* entryName) override;
+    void handleNewFile(std::string& dir, const char* entryName) override;
     void handleMoveFolder(std::string& fromDir, const char* fromName, std::string& toDir, const char* toName) override;
     void handleMoveFile(std::string& fromDir, const char* fromName, std::string& toDir, const char* toName) override;
-    void handleDeleteFolder(std::string& dir, const char* name) override;
-    void handleDeleteFile(std::string& dir, const char* name) override;
-    void handleModifyFile(std::string& dir, const char* name) override;
+    void handleDeleteFolder(std::string& dir, const char* entryName) override;
+    void handleDeleteFile(std::string& dir, const char* entryName) override;
+    void handleModifyFile(std::string& dir, const char* entryName) override;
 
     // Life cycle: main thread
 
@@ -109,6 +111,8 @@ private:
     void removeVanishedFile(const SimpleDBFile& file, FolderCounters& counters);
     void removeVanishedFolder(const std::string& path, const DBFolder& folder, FolderCounters& counters);
     static void logFolderSummary(const std::string& path, const FolderCounters& counters);
+    DBFile fileAt(const std::string& dir, const std::string& entryName) const;
+    void updateIfChanged(DBFile& file, const struct stat64& status);
     std::string relative(const std::string& path) const;
 
 #if defined(__SANITIZE_THREAD__)

@@ -23,6 +23,11 @@ namespace {
 constexpr uint32_t watchMask = IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE;
 static_assert(watchMask == 972, "no IN_MODIFY: a file counts once it is closed; a folder's end shows in its parent");
 
+void logNoTarget(const std::string& volume)
+{
+    syslog(LOG_LOCAL5 | LOG_ERR, "No listener/directory found for %s\n", volume.c_str());
+}
+
 constexpr int longestBurstSeconds = 299;
 
 int elapsedMillis(const timeval& from, const timeval& to)
@@ -301,16 +306,63 @@ void VolumeWatcher::handleChangedDir(const std::string& path)
 
 // Routing
 
-void VolumeWatcher::logNoTarget(const std::string& volume)
-{
-    syslog(LOG_LOCAL5 | LOG_ERR, "No listener/directory found for %s\n", volume.c_str());
-}
-
 void VolumeWatcher::handleChangeFolder(inotify_event* event)
 {
     Target target = targetOf(event->wd);
-    if (target.listener != nullptr && !target.dir.empty())
+    if (target.isComplete())
         target.listener->handleChangeFolder(target.dir);
     else
         logNoTarget(target.volume);
+}
+
+void VolumeWatcher::handleNewFolder(inotify_event* event) { deliver(&VolumeWatchListener::handleNewFolder, event); }
+
+void VolumeWatcher::handleNewFile(inotify_event* event) { deliver(&VolumeWatchListener::handleNewFile, event); }
+
+void VolumeWatcher::handleModifyFile(inotify_event* event) { deliver(&VolumeWatchListener::handleModifyFile, event); }
+
+void VolumeWatcher::handleDeleteFile(inotify_event* event) { deliver(&VolumeWatchListener::handleDeleteFile, event); }
+
+void VolumeWatcher::handleDeleteFolder(inotify_event* event)
+{
+    deliver(&VolumeWatchListener::handleDeleteFolder, event);
+    std::string removed = pathOf(event->wd) + "/" + event->name;
+    removeDirectoryToWatch(removed);
+}
+
+void VolumeWatcher::handleMoveFile(inotify_event* from, inotify_event* to)
+{
+    deliverMove(&VolumeWatchListener::handleMoveFile, from, to);
+}
+
+void VolumeWatcher::handleMoveFolder(inotify_event* from, inotify_event* to)
+{
+    deliverMove(&VolumeWatchListener::handleMoveFolder, from, to);
+    std::string oldPath = pathOf(from->wd) + "/" + from->name;
+    Target target = targetOf(to->wd);
+    std::string newPath = target.dir + "/" + to->name;
+    removeDirectoryToWatch(oldPath); // finds nothing when the listener's walk has told the watch its new path
+    addDirectoryToWatch(target.volume, newPath);
+}
+
+void VolumeWatcher::deliver(EntryOperation operation, const inotify_event* event)
+{
+    Target target = targetOf(event->wd);
+    if (target.isComplete())
+        (target.listener->*operation)(target.dir, event->name);
+    else
+        logNoTarget(target.volume);
+}
+
+void VolumeWatcher::deliverMove(MoveOperation operation, const inotify_event* from, const inotify_event* to)
+{
+    Target source = targetOf(from->wd);
+    Target destination = targetOf(to->wd);
+    if (source.volume.empty() || source.volume != destination.volume)
+        syslog(LOG_LOCAL5 | LOG_ERR, "We are crossing from %s to %s. Ignore for now\n", source.volume.c_str(),
+            destination.volume.c_str());
+    else if (source.isComplete() && !destination.dir.empty())
+        (source.listener->*operation)(source.dir, from->name, destination.dir, to->name);
+    else
+        logNoTarget(source.volume);
 }

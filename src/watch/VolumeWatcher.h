@@ -57,6 +57,16 @@ public:
     // not known is logged.
 
     void handleChangeFolder(inotify_event* event);
+    void handleNewFolder(inotify_event* event);
+    void handleNewFile(inotify_event* event);
+    void handleModifyFile(inotify_event* event);
+    void handleDeleteFile(inotify_event* event);
+    /// Also ends the watch of the folder, whether or not anybody was told.
+    void handleDeleteFolder(inotify_event* event);
+    /// A move from one volume to another is logged and not delivered.
+    void handleMoveFile(inotify_event* from, inotify_event* to);
+    /// As handleMoveFile(); also moves the watch of the folder to its new path, whether or not anybody was told.
+    void handleMoveFolder(inotify_event* from, inotify_event* to);
 
 private:
     /// Whom an event goes to.
@@ -64,6 +74,8 @@ private:
         std::string volume;
         std::string dir;
         VolumeWatchListener* listener = nullptr;
+
+        bool isComplete() const { return listener != nullptr && !dir.empty(); }
     };
 
     static void* start_thread(void* self);
@@ -73,7 +85,11 @@ private:
     void interruptRead();
     std::string pathOf(int descriptor);
     Target targetOf(int descriptor);
-    void logNoTarget(const std::string& volume);
+    using EntryOperation = void (VolumeWatchListener::*)(std::string& dir, const char* name);
+    using MoveOperation
+        = void (VolumeWatchListener::*)(std::string&, const char* fromName, std::string& toDir, const char* toName);
+    void deliver(EntryOperation operation, const inotify_event* event);
+    void deliverMove(MoveOperation operation, const inotify_event* from, const inotify_event* to);
 
     static VolumeWatcher* instance;
 

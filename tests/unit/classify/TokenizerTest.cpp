@@ -1,0 +1,175 @@
+#include "classify/Tokenizer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+/// The tokens still to come, each in brackets.
+std::string remaining(Tokenizer& tokenizer)
+{
+    std::string all;
+    for (std::string token = tokenizer.next(); !token.empty(); token = tokenizer.next())
+        all += "[" + token + "]";
+    return all;
+}
+
+std::string split(const std::string& text, const std::string& delimiters)
+{
+    Tokenizer tokenizer(text, delimiters);
+    return remaining(tokenizer);
+}
+
+TEST(Tokenizer, takesAPathApart)
+{
+    Tokenizer tokenizer("/Music/Rock/Live", "/");
+    EXPECT_EQ("Music", tokenizer.next());
+    EXPECT_EQ("Rock", tokenizer.next());
+    EXPECT_EQ("Live", tokenizer.next());
+    EXPECT_EQ("", tokenizer.next());
+}
+
+TEST(Tokenizer, makesNoEmptyTokensOfLeadingRepeatedAndTrailingDelimiters)
+{
+    EXPECT_EQ("[a][b]", split("/a//b/", "/"));
+    EXPECT_EQ("[a][b]", split("////a///b", "/"));
+}
+
+TEST(Tokenizer, staysAtTheEndOnEveryFurtherCall)
+{
+    Tokenizer tokenizer("/a//b/", "/");
+    EXPECT_EQ("[a][b]", remaining(tokenizer));
+    for (int call = 0; call < 5; ++call)
+        EXPECT_EQ("", tokenizer.next());
+}
+
+TEST(Tokenizer, findsNothingInAnEmptyTextOrInDelimitersAlone)
+{
+    EXPECT_EQ("", split("", "/"));
+    EXPECT_EQ("", split("", ""));
+    EXPECT_EQ("", split("/", "/"));
+    EXPECT_EQ("", split("////", "/"));
+}
+
+TEST(Tokenizer, takesTheWholeTextAsOneTokenWithoutDelimiters) { EXPECT_EQ("[/a b\t//c/]", split("/a b\t//c/", "")); }
+
+TEST(Tokenizer, takesEachCharacterOfTheSetAsADelimiter)
+{
+    EXPECT_EQ("[a][b][c][d e]", split("a/b;/;c,d e", "/;,"));
+    EXPECT_EQ("[a:][:b]", split("a:/:b", "/"));
+}
+
+TEST(Tokenizer, startsEmptyWhenMadeOfNothing)
+{
+    Tokenizer tokenizer;
+    EXPECT_EQ("", tokenizer.next());
+    EXPECT_EQ("", tokenizer.next());
+}
+
+TEST(Tokenizer, splitsAtTheSixWhiteSpaceCharactersByDefault)
+{
+    Tokenizer tokenizer;
+    tokenizer.setString(" a\tb\vc\nd\re\ff \t\v\n\r\f g");
+    EXPECT_EQ("[a][b][c][d][e][f][g]", remaining(tokenizer));
+    tokenizer.setString("a/b,c\xA0"
+                        "d"); // not a blank: bytes are not read as Latin-1
+    EXPECT_EQ("[a/b,c\xA0"
+              "d]",
+        remaining(tokenizer));
+}
+
+TEST(Tokenizer, knowsItsDelimiters)
+{
+    Tokenizer byDefault;
+    for (const char c : std::string(" \t\v\n\r\f"))
+        EXPECT_TRUE(byDefault.isDelimiter(c)) << static_cast<int>(c);
+    for (const char c : std::string("/a\0\b\x1f\x7f\xA0", 7))
+        EXPECT_FALSE(byDefault.isDelimiter(c)) << static_cast<int>(c);
+
+    Tokenizer ofPaths("/a", "/");
+    EXPECT_TRUE(ofPaths.isDelimiter('/'));
+    EXPECT_FALSE(ofPaths.isDelimiter(' '));
+    EXPECT_FALSE(Tokenizer("/a", "").isDelimiter('/'));
+}
+
+TEST(Tokenizer, skipsTheDelimitersAheadAndNothingElse)
+{
+    Tokenizer tokenizer("//a//b", "/");
+    tokenizer.skipDelimiter();
+    tokenizer.skipDelimiter();
+    EXPECT_EQ("a", tokenizer.next());
+    tokenizer.skipDelimiter();
+    EXPECT_EQ("[b]", remaining(tokenizer));
+    tokenizer.skipDelimiter();
+    EXPECT_EQ("", tokenizer.next());
+}
+
+TEST(Tokenizer, startsAgainFromTheFirstTokenWhenTheDelimitersChange)
+{
+    Tokenizer tokenizer("/a/b c/d", "/");
+    EXPECT_EQ("a", tokenizer.next());
+    EXPECT_EQ("b c", tokenizer.next());
+    tokenizer.setDelimiter("/");
+    EXPECT_EQ("a", tokenizer.next());
+    EXPECT_EQ("b c", tokenizer.next());
+    tokenizer.setDelimiter(" ");
+    EXPECT_EQ("[/a/b][c/d]", remaining(tokenizer));
+    tokenizer.setDelimiter("/");
+    EXPECT_EQ("[a][b c][d]", remaining(tokenizer));
+}
+
+TEST(Tokenizer, startsAgainWithANewTextAndKeepsTheDelimiters)
+{
+    Tokenizer tokenizer("/a/b", "/");
+    EXPECT_EQ("a", tokenizer.next());
+    tokenizer.setString("/x y/z");
+    EXPECT_EQ("[x y][z]", remaining(tokenizer));
+    tokenizer.setString("");
+    EXPECT_EQ("", tokenizer.next());
+    tokenizer.setString("q");
+    EXPECT_EQ("[q]", remaining(tokenizer));
+}
+
+TEST(Tokenizer, startsAgainWhenTextAndDelimitersAreSet)
+{
+    Tokenizer tokenizer("/a/b", "/");
+    EXPECT_EQ("a", tokenizer.next());
+    tokenizer.set("c d/e", " ");
+    EXPECT_EQ("[c][d/e]", remaining(tokenizer));
+    tokenizer.set("c d/e", "/");
+    EXPECT_EQ("[c d][e]", remaining(tokenizer));
+}
+
+TEST(Tokenizer, ownsACopyOfItsText)
+{
+    std::string text = "/a/b";
+    Tokenizer tokenizer(text, "/");
+    text = "/other/text";
+    EXPECT_EQ("[a][b]", remaining(tokenizer));
+}
+
+TEST(Tokenizer, goesOnFromTheSamePlaceWhenCopied)
+{
+    Tokenizer original("/a/b/c", "/");
+    EXPECT_EQ("a", original.next());
+    Tokenizer copy(original);
+    EXPECT_EQ("b", original.next());
+    original.setString("/elsewhere");
+    EXPECT_EQ("[b][c]", remaining(copy));
+    EXPECT_EQ("[elsewhere]", remaining(original));
+}
+
+TEST(Tokenizer, takesNamesAsBytes)
+{
+    EXPECT_EQ("[caf\xe9][\xff\xfe][\xc3\xa9]", split("/caf\xe9/\xff\xfe/\xc3\xa9", "/"));
+    EXPECT_EQ("[a][b]",
+        split("a\xff\xff"
+              "b",
+            "\xff"));
+    const std::string withNul("a\0b/c", 5);
+    EXPECT_EQ(std::string("[a\0b][c]", 8), split(withNul, "/"));
+    EXPECT_EQ("[a][b/c]", split(withNul, std::string(1, '\0')));
+}
+
+} // namespace

@@ -1,0 +1,121 @@
+#include "config/StateFileTest.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+
+namespace {
+
+/// What a user of the volume may have prepared where the state file belongs.
+class PlantedStateFile : public StateFileTest {
+protected:
+    PlantedStateFile()
+    {
+        elsewhere.writeFile("target", stateText("1", "77"));
+        clearLog();
+    }
+
+    void link(const std::string& target, const std::string& name) const
+    {
+        std::filesystem::create_symlink(target, folder.path(name));
+    }
+
+    void expectTargetUntouched() const { EXPECT_EQ(stateText("1", "77"), elsewhere.readFile("target")); }
+
+    TemporaryFolder elsewhere;
+};
+
+TEST_F(PlantedStateFile, thatIsADanglingLinkMakesNothingWhereItLeads)
+{
+    link(elsewhere.path("new"), "state.xml");
+    ::testing::internal::CaptureStdout();
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ("testXmlwriterMemory: Error at fopen\n", ::testing::internal::GetCapturedStdout());
+    EXPECT_EQ("0", record(config, 9));
+    EXPECT_FALSE(elsewhere.exists("new"));
+}
+
+TEST_F(PlantedStateFile, thatIsALinkIsNotReadThrough)
+{
+    link(elsewhere.path("target"), "state.xml");
+    EXPECT_EQ(thrownText, start());
+    EXPECT_EQ(parseFailure(), loggedLines());
+    expectTargetUntouched();
+}
+
+TEST_F(PlantedStateFile, thatBecomesALinkDoesNotBringTheTargetOntoTheVolume)
+{
+    VolumeManagerConfig config(statePath);
+    elsewhere.writeFile("secret", "<secrets>42</secrets>");
+    folder.remove("state.xml");
+    link(elsewhere.path("secret"), "state.xml");
+    EXPECT_EQ(thrownText, record(config, 9));
+    EXPECT_EQ("[state.xml]", names());
+    EXPECT_TRUE(std::filesystem::is_symlink(statePath)) << folder.readFile("state.xml");
+    EXPECT_EQ("<secrets>42</secrets>", elsewhere.readFile("secret"));
+}
+
+TEST_F(PlantedStateFile, thatIsALinkUnderTheTemporaryNameIsNotWrittenThrough)
+{
+    writeState(stateText("1", "2"));
+    link(elsewhere.path("target"), "state.xml.tmp");
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ(stateText("NOW", "9"), recorded(config, 9));
+    EXPECT_EQ("[state.xml]", names());
+    EXPECT_FALSE(std::filesystem::is_symlink(statePath));
+    expectTargetUntouched();
+}
+
+TEST_F(PlantedStateFile, thatIsADanglingLinkUnderTheTemporaryNameMakesNothingWhereItLeads)
+{
+    writeState(stateText("1", "2"));
+    link(elsewhere.path("new"), "state.xml.tmp");
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ(stateText("NOW", "9"), recorded(config, 9));
+    EXPECT_FALSE(elsewhere.exists("new"));
+}
+
+TEST_F(PlantedStateFile, thatIsASecondNameUnderTheTemporaryNameIsNotWrittenInto)
+{
+    writeState(stateText("1", "2"));
+    std::filesystem::create_hard_link(elsewhere.path("target"), folder.path("state.xml.tmp"));
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ(stateText("NOW", "9"), recorded(config, 9));
+    expectTargetUntouched();
+}
+
+TEST_F(PlantedStateFile, doesNotPullOtherFilesIn)
+{
+    elsewhere.writeFile("secret", "42");
+    writeState("<!DOCTYPE Quarrow [<!ENTITY e SYSTEM \"" + elsewhere.path("secret")
+        + "\">]><Quarrow><Volume><last_purge_time>&e;</last_purge_time></Volume><x>&e;</x></Quarrow>");
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ(0, config.getLastPurgeTime());
+    config.setLastPurgeTime(9);
+    EXPECT_EQ("9", start());
+    EXPECT_EQ(std::string::npos, folder.readFile("state.xml").find("42"));
+}
+
+TEST_F(PlantedStateFile, thatIsAPipeIsNotWaitedFor)
+{
+    ASSERT_EQ(0, mkfifo(statePath.c_str(), 0600));
+    std::future<std::string> started = std::async(std::launch::async, [this] { return start(); });
+    const bool waited = started.wait_for(std::chrono::seconds(30)) == std::future_status::timeout;
+    EXPECT_FALSE(waited) << "a volume with a pipe there would keep the daemon from starting";
+    if (waited)
+        close(open(statePath.c_str(), O_WRONLY | O_NONBLOCK)); // ends its input
+    EXPECT_EQ(thrownText, started.get());
+}
+
+TEST_F(PlantedStateFile, thatIsAPipeUnderTheTemporaryNameIsNotWaitedFor)
+{
+    writeState(stateText("1", "2"));
+    ASSERT_EQ(0, mkfifo(folder.path("state.xml.tmp").c_str(), 0600));
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ(stateText("NOW", "9"), recorded(config, 9));
+}
+
+} // namespace

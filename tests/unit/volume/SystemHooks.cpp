@@ -1,0 +1,244 @@
+#include "SystemHooks.h"
+
+#include <dlfcn.h>
+#include <sqlite3.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+template <typename Function>
+Function* systems(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+std::atomic<bool> clockFixed = false;
+std::atomic<bool> clockTicks = false;
+std::atomic<time_t> clockNow = 0;
+
+std::atomic<long> millisPerLook = 0;
+std::atomic<long> looks = 0;
+
+OnReaddir::Hook readdirHook;
+thread_local bool insideReaddirHook = false;
+
+std::function<int(const pthread_attr_t*)> creationHook;
+std::function<void()> joinHook;
+std::function<bool(sem_t*)> semWaitHook;
+
+std::mutex sleepMutex;
+std::condition_variable sleepEnded;
+bool newThreadsSleep = false;
+bool awake = true;
+int joins = 0;
+
+std::string brokenText;
+std::string countedText;
+std::atomic<int> counted = 0;
+
+struct ThreadStart {
+    void* (*routine)(void*);
+    void* argument;
+};
+
+void* sleepThenRun(void* data)
+{
+    const ThreadStart start = *std::unique_ptr<ThreadStart>(static_cast<ThreadStart*>(data));
+    {
+        std::unique_lock<std::mutex> held(sleepMutex);
+        sleepEnded.wait_for(held, std::chrono::seconds(60), [] { return awake; });
+    }
+    return start.routine(start.argument);
+}
+
+std::string folderOf(DIR* directory)
+{
+    char path[8192];
+    const std::string link = "/proc/self/fd/" + std::to_string(dirfd(directory));
+    const ssize_t length = readlink(link.c_str(), path, sizeof path);
+    return length < 0 ? "" : std::string(path, static_cast<std::string::size_type>(length));
+}
+
+} // namespace
+
+extern "C" time_t time(time_t* result) noexcept
+{
+    static const auto system = systems<time_t(time_t*)>("time");
+    if (!clockFixed)
+        return system(result);
+    const time_t now = clockTicks ? clockNow++ : clockNow.load();
+    if (result != nullptr)
+        *result = now;
+    return now;
+}
+
+extern "C" int gettimeofday(timeval* result, void* zone) noexcept
+{
+    static const auto system = systems<int(timeval*, void*)>("gettimeofday");
+    if (millisPerLook == 0)
+        return system(result, zone);
+    const long millis = 1600000000700L + millisPerLook * looks++;
+    *result = { millis / 1000, millis % 1000 * 1000 };
+    return 0;
+}
+
+extern "C" dirent* readdir(DIR* directory)
+{
+    static const auto system = systems<dirent*(DIR*)>("readdir64");
+    dirent* entry = system(directory);
+    if (!readdirHook || insideReaddirHook)
+        return entry;
+    const int error = errno;
+    insideReaddirHook = true;
+    dirent* answer = readdirHook(folderOf(directory), entry);
+    insideReaddirHook = false;
+    errno = error; // whatever the hook did meanwhile is no failure of this call
+    if (answer == OnReaddir::failure()) {
+        errno = EIO;
+        return nullptr;
+    }
+    return answer;
+}
+
+extern "C" int pthread_create(
+    pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* argument) noexcept
+{
+    static const auto system
+        = systems<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+    if (attributes == nullptr)
+        return system(thread, attributes, routine, argument);
+    if (creationHook) {
+        const int result = creationHook(attributes);
+        if (result != 0)
+            return result;
+    }
+    if (!newThreadsSleep)
+        return system(thread, attributes, routine, argument);
+    return system(thread, attributes, sleepThenRun, new ThreadStart { routine, argument });
+}
+
+extern "C" int pthread_join(pthread_t thread, void** result)
+{
+    static const auto system = systems<int(pthread_t, void**)>("pthread_join");
+    if (joinHook)
+        joinHook();
+    {
+        const std::lock_guard<std::mutex> held(sleepMutex);
+        if (!awake)
+            ++joins;
+        awake = true;
+        sleepEnded.notify_all();
+    }
+    return system(thread, result);
+}
+
+extern "C" int sem_wait(sem_t* semaphore)
+{
+    static const auto system = systems<int(sem_t*)>("sem_wait");
+    if (semWaitHook && semWaitHook(semaphore)) {
+        errno = EINTR;
+        return -1;
+    }
+    return system(semaphore);
+}
+
+extern "C" int sqlite3_prepare(
+    sqlite3* handle, const char* text, int bytes, sqlite3_stmt** statement, const char** tail)
+{
+    static const auto system
+        = systems<int(sqlite3*, const char*, int, sqlite3_stmt**, const char**)>("sqlite3_prepare");
+    const std::string sql = text;
+    if (!countedText.empty() && sql.find(countedText) != std::string::npos)
+        ++counted;
+    if (brokenText.empty() || sql.find(brokenText) == std::string::npos)
+        return system(handle, text, bytes, statement, tail);
+    *statement = nullptr;
+    return SQLITE_ERROR;
+}
+
+ClockAt::ClockAt(time_t now)
+{
+    clockNow = now;
+    clockFixed = true;
+}
+
+ClockAt::~ClockAt() { clockFixed = clockTicks = false; }
+
+void ClockAt::set(time_t now) { clockNow = now; }
+
+void ClockAt::tick() { clockTicks = true; }
+
+SlowMachine::SlowMachine(long millis)
+{
+    looks = 0;
+    millisPerLook = millis;
+}
+
+SlowMachine::~SlowMachine() { millisPerLook = 0; }
+
+OnReaddir::OnReaddir(Hook hook) { readdirHook = std::move(hook); }
+
+dirent* OnReaddir::failure()
+{
+    static dirent sign;
+    return &sign;
+}
+
+OnReaddir::~OnReaddir() { readdirHook = nullptr; }
+
+OnThreadCreation::OnThreadCreation(std::function<int(const pthread_attr_t*)> hook) { creationHook = std::move(hook); }
+
+OnThreadCreation::~OnThreadCreation() { creationHook = nullptr; }
+
+OnThreadJoin::OnThreadJoin(std::function<void()> hook) { joinHook = std::move(hook); }
+
+OnThreadJoin::~OnThreadJoin() { joinHook = nullptr; }
+
+SleepyThreads::SleepyThreads()
+{
+    const std::lock_guard<std::mutex> held(sleepMutex);
+    newThreadsSleep = true;
+    awake = false;
+    joins = 0;
+}
+
+SleepyThreads::~SleepyThreads()
+{
+    const std::lock_guard<std::mutex> held(sleepMutex);
+    newThreadsSleep = false;
+    awake = true;
+    sleepEnded.notify_all();
+}
+
+int SleepyThreads::joined() const
+{
+    const std::lock_guard<std::mutex> held(sleepMutex);
+    return joins;
+}
+
+OnSemWait::OnSemWait(std::function<bool(sem_t*)> hook) { semWaitHook = std::move(hook); }
+
+OnSemWait::~OnSemWait() { semWaitHook = nullptr; }
+
+BrokenStatement::BrokenStatement(const std::string& text) { brokenText = text; }
+
+BrokenStatement::~BrokenStatement() { brokenText.clear(); }
+
+StatementCount::StatementCount(const std::string& text)
+{
+    counted = 0;
+    countedText = text;
+}
+
+StatementCount::~StatementCount() { countedText.clear(); }
+
+int StatementCount::count() const { return counted; }

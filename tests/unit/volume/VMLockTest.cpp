@@ -1,0 +1,70 @@
+#include "volume/VMLock.h"
+
+#include "SystemHooks.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <type_traits>
+
+namespace {
+
+class HeldSemaphore : public ::testing::Test {
+protected:
+    HeldSemaphore() { sem_init(&semaphore, 0, 1); }
+    ~HeldSemaphore() override { sem_destroy(&semaphore); }
+
+    int value()
+    {
+        int count = -1;
+        sem_getvalue(&semaphore, &count);
+        return count;
+    }
+
+    sem_t semaphore;
+};
+
+TEST_F(HeldSemaphore, isTakenForTheScope)
+{
+    {
+        const VMLock held(&semaphore);
+        EXPECT_EQ(0, value());
+    }
+    EXPECT_EQ(1, value());
+}
+
+TEST_F(HeldSemaphore, isReleasedWhenAnExceptionPasses)
+{
+    EXPECT_THROW(
+        {
+            const VMLock held(&semaphore);
+            throw std::runtime_error("passes");
+        },
+        std::runtime_error);
+    EXPECT_EQ(1, value());
+}
+
+TEST_F(HeldSemaphore, waitThatIsInterruptedIsNotRepeated)
+{
+    int waits = 0;
+    const OnSemWait interrupt([&waits](sem_t*) { return ++waits == 1; });
+    {
+        const VMLock held(&semaphore);
+        EXPECT_EQ(1, value());
+    }
+    EXPECT_EQ(2, value());
+}
+
+TEST_F(HeldSemaphore, isReleasedThroughTheBaseClass)
+{
+    struct Derived : VMLock {
+        using VMLock::VMLock;
+    };
+    EXPECT_TRUE(std::has_virtual_destructor_v<VMLock>);
+    VMLock* held = new Derived(&semaphore);
+    EXPECT_EQ(0, value());
+    delete held;
+    EXPECT_EQ(1, value());
+}
+
+} // namespace

@@ -1,0 +1,84 @@
+#pragma once
+
+#include "support/CatalogueReader.h"
+#include "support/SyslogCapture.h"
+#include "support/TemporaryFolder.h"
+#include "volume/VolumeManager.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Lines for expectations.
+LogLine info(const std::string& text);
+LogLine err(const std::string& text);
+
+/// How many logged lines begin like this.
+int timesLoggedFrom(const std::string& start);
+
+/// Waits, up to a generous bound, until the condition holds; false when it never did.
+bool waitUntil(const std::function<bool()>& condition);
+
+/// Sets the modified time of a file or folder, not of what a link leads to.
+void setModifiedTime(const std::string& path, time_t seconds);
+
+/// A volume in a temporary folder with a manager that is destroyed at the end. Each has a name of its own, so that the
+/// process-wide host configuration and watcher mix nothing up.
+class VolumeTest : public ::testing::Test {
+protected:
+    VolumeTest();
+    ~VolumeTest() override;
+
+    /// Names the volume in the host configuration with these crawl and exclude paths.
+    void configure(const std::list<std::string>& crawlPaths, const std::list<std::string>& excludePaths = {});
+    bool initialize();
+    /// initialize(), and forgets what it logged.
+    void initializeQuietly();
+    /// Ends the manager, so that nothing of it is left.
+    void destroy();
+    /// Walks what is `below` the volume ("" or with a slash in front) on this thread; what was logged before is gone.
+    void walk(const std::string& below = "", bool isRootWalk = true);
+    /// walkOnce(), and waits for the end of that walk; what was logged before is gone.
+    void walkOnThread();
+
+    std::string dbPath() const { return volume.path(".quarrow/quarrow.db"); }
+    std::string statePath() const { return volume.path(".quarrow/quarrow-volume.xml"); }
+    std::string query(const std::string& sql) const { return queryCatalogue(dbPath(), sql); }
+    void change(const std::string& sql) const { changeCatalogue(dbPath(), sql); }
+
+    /// Every row outside /.quarrow by path: "[/Music/Rock] in [/Music]\n"; " root" for the parent -1, " deleted" at
+    /// the end of those.
+    std::string folders() const;
+    /// As folders(): "[/Music/a.mp3] 2 in [/Music]\n", with the category.
+    std::string files() const;
+    /// Makes every row look as if it was last written in second 1, which no write leaves behind.
+    void ageRows() const;
+    /// The paths of folders and files, outside /.quarrow, that were written since ageRows(), by path.
+    std::string writtenRows() const;
+
+    /// Ends the watch of what is `below` the volume, and says whether there was one.
+    bool endsWatchOf(const std::string& below) const;
+    /// How many folders are watched that were not when the test began.
+    int watches() const;
+    /// The last line of a walk.
+    LogLine watching(int folders) const;
+    /// What a walk logs about a folder.
+    std::vector<LogLine> summary(
+        const std::string& below, int addedFiles, int deletedFiles, int addedFolders, int deletedFolders) const;
+    /// What was logged for the folder's summary is exactly this.
+    void expectSummary(
+        const std::string& below, int addedFiles, int deletedFiles, int addedFolders, int deletedFolders) const;
+
+    TemporaryFolder volume;
+    std::string name; ///< of the volume
+    std::string root; ///< of the volume, as the manager takes it
+    std::unique_ptr<VolumeManager> manager;
+
+private:
+    int watchesBefore;
+};

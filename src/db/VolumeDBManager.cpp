@@ -9,12 +9,14 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <queue>
 #include <thread>
@@ -41,7 +43,8 @@ const char* const schemaStatements[] = {
 constexpr int lookasideSlotBytes = 1200;
 constexpr int lookasideSlots = 500;   // a prepare of the longer statements fits; malloc was an eighth of a first walk
 constexpr int checkpointPages = 4000; // few syncs in a long walk, and a log of at most some 16 MiB
-constexpr int stepsBetweenStopChecks = 100000; // virtual machine steps, well under a second of work
+constexpr unsigned long roomForLogBytes = 1048576; // its index, 32 KiB at the least, and some transactions
+constexpr int stepsBetweenStopChecks = 100000;     // virtual machine steps, well under a second of work
 
 bool succeeded(int status) { return status == SQLITE_OK || status == SQLITE_DONE; }
 
@@ -207,12 +210,29 @@ void VolumeDBManager::configure()
 /// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
 void VolumeDBManager::useWriteAheadLog()
 {
-    // A reader that may not write can open a log that is there, but not make one: the log is kept from here on, and
-    // the first look at the file, for whatever value, makes it.
+    // A reader that may not write can open a log that is there, but not make one: it is kept from here on.
     int keepLogFiles = 1;
     sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
-    sqlite3_exec(
-        handle, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA schema_version", nullptr, nullptr, nullptr);
+    bool inUse = false;
+    if (hasRoomForLog())
+        sqlite3_exec(
+            handle, "PRAGMA journal_mode=WAL",
+            [](void* result, int, char** mode, char**) {
+                *static_cast<bool*>(result) = mode[0] != nullptr && std::strcmp(mode[0], "wal") == 0;
+                return 0;
+            },
+            &inUse, nullptr);
+    // The first look at the file, for whatever value, makes the log. Without one a power cut is survived by full syncs.
+    sqlite3_exec(handle, inUse ? "PRAGMA synchronous=NORMAL; PRAGMA schema_version" : "PRAGMA synchronous=FULL",
+        nullptr, nullptr, nullptr);
+}
+
+/// A file that has been switched to a log which then finds no room for its index cannot even be read.
+bool VolumeDBManager::hasRoomForLog() const
+{
+    struct statvfs64 volume;
+    const char* path = sqlite3_db_filename(handle, "main");
+    return path == nullptr || statvfs64(path, &volume) != 0 || volume.f_bavail * volume.f_frsize >= roomForLogBytes;
 }
 
 /// Leaves one plain file that anybody can read from anywhere. With a reader in the way the log stays, files and all.

@@ -41,7 +41,8 @@ public:
     bool createDBStructure();
     /// From now on busy waits and long statements end with a failure, so that the daemon can stop. Any thread.
     void requestStop();
-    /// Goes (back) to write-ahead logging; the file stays as it is when another program stands in the way.
+    /// Goes (back) to write-ahead logging; the file stays as it is when another program stands in the way, or when the
+    /// volume is all but full.
     void useWriteAheadLog();
     /// Copies what the write-ahead log holds into the main file, as far as readers allow.
     void checkpoint();
@@ -157,6 +158,7 @@ private:
     int openNew(const std::string& path);
     void buildAt(const std::string& temporaryPath);
     void configure();
+    bool hasRoomForLog() const;
     void leaveWriteAheadLog();
 
     sqlite3* handle = nullptr;

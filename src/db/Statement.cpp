@@ -6,9 +6,10 @@
 #include <sqlite3.h>
 #include <syslog.h>
 
-Statement::Statement(VolumeDBManager& catalogue, const char* text)
+Statement::Statement(VolumeDBManager& catalogue, const char* text, Binds counting)
     : db(catalogue)
     , statement(catalogue.prepare(text))
+    , binds(counting)
     , status(SQLITE_OK)
 {
 }
@@ -18,7 +19,7 @@ Statement::~Statement() { sqlite3_finalize(statement); }
 Statement& Statement::bind(int value)
 {
     ++position;
-    if (status == SQLITE_OK)
+    if (mayBind())
         status = sqlite3_bind_int(statement, position, value);
     return *this;
 }
@@ -26,7 +27,7 @@ Statement& Statement::bind(int value)
 Statement& Statement::bind(long long value)
 {
     ++position;
-    if (status == SQLITE_OK)
+    if (mayBind())
         status = sqlite3_bind_int64(statement, position, value);
     return *this;
 }
@@ -34,16 +35,12 @@ Statement& Statement::bind(long long value)
 Statement& Statement::bind(const std::string& value)
 {
     ++position;
-    if (status == SQLITE_OK)
+    if (mayBind())
         status = sqlite3_bind_text(statement, position, value.c_str(), -1, SQLITE_STATIC);
     return *this;
 }
 
-Statement& Statement::bindDeciding(int value)
-{
-    status = sqlite3_bind_int(statement, ++position, value);
-    return *this;
-}
+bool Statement::mayBind() const { return binds == lastDecides || status == SQLITE_OK; }
 
 bool Statement::nextRow()
 {

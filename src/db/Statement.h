@@ -5,11 +5,14 @@
 struct sqlite3_stmt;
 class VolumeDBManager;
 
-/// One SQL statement, prepare to finalize, on the stack of the operation that runs it. The first failed bind or step
-/// sticks and later ones do nothing; a failed prepare shows up as the first of them.
+/// One SQL statement, prepare to finalize, on the stack of the operation that runs it. A failed prepare shows up as a
+/// failed bind, and a statement whose binds or steps failed is not stepped any further.
 class Statement {
 public:
-    Statement(VolumeDBManager& catalogue, const char* text);
+    /// Which of several binds count: the first failure, after which no more are made, or only what became of the last.
+    enum Binds { firstFailureStops, lastDecides };
+
+    Statement(VolumeDBManager& catalogue, const char* text, Binds counting = firstFailureStops);
     ~Statement(); ///< finalizes, also while an exception passes
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
@@ -17,8 +20,6 @@ public:
     Statement& bind(int value); ///< by position, from 1
     Statement& bind(long long value);
     Statement& bind(const std::string& value); ///< borrows the string until the statement ends
-    /// The last bind of an insert: whatever became of the binds before it, this one alone decides.
-    Statement& bindDeciding(int value);
 
     /// Steps through executeSQLStmt(), which waits out a busy or locked database. False at the end and after a failure.
     bool nextRow();
@@ -26,8 +27,6 @@ public:
     void run(const char* failureText);
     /// Unless all went well, logs the text with the status and throws DBOperationException.
     void check(const char* failureText) const;
-    /// The status of the latest bind or step.
-    int result() const { return status; }
     /// Ends the statement early and returns SQLite's result for it.
     int finalize();
 
@@ -36,8 +35,11 @@ public:
     std::string columnText(int column) const; ///< empty for NULL
 
 private:
+    bool mayBind() const;
+
     VolumeDBManager& db;
     sqlite3_stmt* statement;
+    Binds binds;
     int status;
     int position = 0;
 };

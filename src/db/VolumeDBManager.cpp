@@ -459,9 +459,10 @@ int VolumeDBManager::insertIndividualFolder(DBFolder& f)
         const std::string path = f.getPath();
         const std::string name = getLastElementOfPathFromFullPath(path);
         Statement stmt(*this,
-            "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  , created_time  , is_hidden ) values(?,?,?,?,?,strftime('%s','now'),?,?)");
+            "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  , created_time  , is_hidden ) values(?,?,?,?,?,strftime('%s','now'),?,?)",
+            Statement::lastDecides);
         stmt.bind(f.getParent_id()).bind(path).bind(name).bind(0).bind(f.getModified_time()).bind(f.getCreated_time());
-        stmt.bindDeciding(isHidden(path));
+        stmt.bind(isHidden(path));
         stmt.run("insertIndividualFolder() failed, handleStatus: %d\n");
         return static_cast<int>(sqlite3_last_insert_rowid(handle));
     }
@@ -632,10 +633,11 @@ bool VolumeDBManager::insertFile(DBFile& f)
     if (!fileRowExists(f)) {
         const std::string name = f.getName();
         Statement stmt(*this,
-            "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time , created_time , category , is_hidden) values(?,?,?,?,strftime('%s','now'), 0, ?,?,?,?)");
+            "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time , created_time , category , is_hidden) values(?,?,?,?,strftime('%s','now'), 0, ?,?,?,?)",
+            Statement::lastDecides);
         stmt.bind(folder.getFolder_id()).bind(name).bind(path).bind(f.getSize());
         stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getCategory());
-        stmt.bindDeciding(isHidden(path));
+        stmt.bind(isHidden(path));
         stmt.run("insertFile() failed, handleStatus: %d\n");
         return true;
     }

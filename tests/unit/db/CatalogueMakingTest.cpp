@@ -1,0 +1,158 @@
+#include "db/CatalogueTest.h"
+#include "db/DBOperationException.h"
+#include "db/SmallVolume.h"
+#include "support/CatalogueReader.h"
+#include "support/SyslogCapture.h"
+
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The first start on a volume, under bad conditions: a catalogue in the making is complete or absent.
+class CatalogueMaking : public CatalogueTest {
+protected:
+    /// A process that opens the catalogue, inserts the folder and is gone without closing.
+    void insertAndDie(const std::string& path) const
+    {
+        const pid_t child = fork();
+        if (child == 0) {
+            auto* const manager = new VolumeDBManager; // never deleted
+            manager->open(dbPath.c_str());
+            DBFolder folder = folderAt(path);
+            _exit(manager->insertFolder(folder, true) ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        ASSERT_EQ(0, status);
+    }
+
+    void expectNewAndEmpty()
+    {
+        EXPECT_EQ("", dumpFolders());
+        EXPECT_EQ("ok\n", query("pragma integrity_check"));
+        DBFolder folder = folderAt("/New");
+        EXPECT_TRUE(db->insertFolder(folder, true));
+        EXPECT_EQ("1 in -1 '/New' live\n", dumpFolders());
+    }
+};
+
+} // namespace
+
+TEST_F(CatalogueMaking, nothingElseIsLeftOfIt)
+{
+    openNew();
+    close();
+    EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
+}
+
+TEST_F(CatalogueMaking, onAVolumeOfAnySizeItIsCompleteOrAbsent)
+{
+    const std::string mountPoint = volume.makeFolder("small");
+    catalogueFolder = mountPoint + "/.quarrow";
+    dbPath = catalogueFolder + "/quarrow.db";
+    int failures = 0;
+    int catalogues = 0;
+    for (int kibibytes = 4; kibibytes <= 128; kibibytes += 4) {
+        SCOPED_TRACE(std::to_string(kibibytes) + " KiB");
+        const SmallVolume small(mountPoint, kibibytes);
+        fs::create_directory(catalogueFolder);
+        const bool failed = throwsOperationException([this] { open(); });
+        close();
+        if (failed) {
+            ++failures;
+            EXPECT_EQ("", dumpCatalogueFolder());
+        } else {
+            ++catalogues;
+            EXPECT_EQ("11\n", query("select count(*) from sqlite_master where name not like 'sqlite_%'"));
+        }
+    }
+    EXPECT_LT(0, failures);
+    EXPECT_LT(0, catalogues);
+}
+
+TEST_F(CatalogueMaking, aFullVolumeIsLoggedAsTheFailureOfTheLastStatement)
+{
+    const std::string mountPoint = volume.makeFolder("small");
+    dbPath = mountPoint + "/quarrow.db";
+    const SmallVolume small(mountPoint, 8);
+    EXPECT_THROW(open(), DBOperationException);
+    const std::vector<LogLine> log = loggedLines();
+    ASSERT_EQ(3U, log.size());
+    EXPECT_EQ((LogLine { LOG_INFO, "Generating schema" }), log[1]);
+    EXPECT_EQ(LOG_ERR, log[2].priority);
+    EXPECT_EQ(0U, log[2].text.rfind("createDBStructure() failed, handleStatus: ", 0)) << log[2];
+}
+
+TEST_F(CatalogueMaking, whatAnEarlierAttemptLeftIsReplaced)
+{
+    volume.writeFile(".quarrow/quarrow.db.tmp", std::string(5000, 'x'));
+    open();
+    expectNewAndEmpty();
+    close();
+    EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
+}
+
+TEST_F(CatalogueMaking, aLinkInThePlaceOfTheTemporaryFileIsNotFollowed)
+{
+    volume.writeFile("victim", "precious");
+    volume.makeFolder(".quarrow");
+    fs::create_symlink(volume.path("victim"), dbPath + ".tmp");
+    open();
+    expectNewAndEmpty();
+    EXPECT_EQ("precious", volume.readFile("victim"));
+}
+
+TEST_F(CatalogueMaking, theLogOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
+{
+    insertAndDie("/Old");
+    ASSERT_TRUE(volume.exists(".quarrow/quarrow.db-wal"));
+    volume.remove(".quarrow/quarrow.db");
+    open();
+    expectNewAndEmpty();
+}
+
+TEST_F(CatalogueMaking, theJournalOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
+{
+    volume.writeFile(".quarrow/quarrow.db");
+    change("create table Old(content text); insert into Old values('before')");
+    const pid_t child = fork();
+    if (child == 0) { // dies in the middle of a write whose pages have reached the file
+        sqlite3* old = nullptr;
+        sqlite3_open(dbPath.c_str(), &old);
+        sqlite3_exec(old,
+            "pragma cache_size=1; begin; update Old set content='after'; create table More(content);"
+            "insert into More values(zeroblob(100000))",
+            nullptr, nullptr, nullptr);
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    ASSERT_TRUE(volume.exists(".quarrow/quarrow.db-journal"));
+    ASSERT_LT(512U, fs::file_size(dbPath + "-journal"));
+    volume.remove(".quarrow/quarrow.db");
+    open();
+    EXPECT_EQ("11\n", query("select count(*) from sqlite_master where name not like 'sqlite_%'"));
+    expectNewAndEmpty();
+}
+
+TEST_F(CatalogueMaking, aCatalogueOfAKilledDaemonKeepsItsRows)
+{
+    insertAndDie("/Old");
+    open();
+    EXPECT_EQ("1 in -1 '/Old' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueMaking, aLinkThatLeadsNowhereIsReplacedByTheCatalogue)
+{
+    volume.makeFolder(".quarrow");
+    fs::create_symlink(volume.path("nowhere"), dbPath);
+    open();
+    expectNewAndEmpty();
+    EXPECT_FALSE(volume.exists("nowhere"));
+}

@@ -1,0 +1,292 @@
+#include "db/CatalogueTest.h"
+#include "db/ConnectionProbe.h"
+#include "db/SmallVolume.h"
+#include "support/CatalogueReader.h"
+#include "support/SyslogCapture.h"
+
+#include <grp.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace {
+
+/// A reader that is connected to the catalogue for the length of a scope.
+class ConnectedReader {
+public:
+    explicit ConnectedReader(const std::string& dbPath)
+    {
+        sqlite3_open_v2(dbPath.c_str(), &connection, SQLITE_OPEN_READONLY, nullptr);
+        EXPECT_EQ(SQLITE_OK, sqlite3_exec(connection, "begin; select * from Folders", nullptr, nullptr, nullptr));
+    }
+    ~ConnectedReader() { sqlite3_close(connection); }
+    ConnectedReader(const ConnectedReader&) = delete;
+    ConnectedReader& operator=(const ConnectedReader&) = delete;
+
+private:
+    sqlite3* connection = nullptr;
+};
+
+constexpr uid_t nobody = 65534;
+
+/// How the catalogue is seen by those who read it while the daemon runs, after it stopped and after it was killed.
+class CatalogueReaders : public CatalogueTest {
+protected:
+    CatalogueReaders() { EXPECT_EQ(0, chmod(volume.path().c_str(), 0755)); }
+
+    /// The paths of the live folders as a user without write permission reads them, in a process of its own.
+    std::string foldersReadByNobody() const
+    {
+        int ends[2];
+        EXPECT_EQ(0, pipe(ends));
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setgroups(0, nullptr) != 0 || setresgid(nobody, nobody, nobody) != 0
+                || setresuid(nobody, nobody, nobody) != 0 || access(dbPath.c_str(), W_OK) == 0)
+                _exit(1);
+            const std::string rows = query("select path from Folders order by folder_id");
+            _exit(write(ends[1], rows.data(), rows.size()) == static_cast<ssize_t>(rows.size()) ? 0 : 1);
+        }
+        ::close(ends[1]);
+        std::string rows;
+        char part[256];
+        for (ssize_t got; (got = read(ends[0], part, sizeof part)) > 0;)
+            rows.append(part, static_cast<std::size_t>(got));
+        ::close(ends[0]);
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(0, status) << "only root can become another user";
+        return rows;
+    }
+
+    void insertRoot(const std::string& path)
+    {
+        DBFolder folder = folderAt(path);
+        EXPECT_TRUE(db->insertFolder(folder, true));
+    }
+
+    /// A process that opens the catalogue, does its work and is gone without closing.
+    void openAndDie(const std::function<void()>& work)
+    {
+        const pid_t child = fork();
+        if (child == 0) {
+            db = std::make_unique<VolumeDBManager>();
+            db->open(dbPath.c_str());
+            work();
+            _exit(0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        ASSERT_EQ(0, status);
+    }
+
+    /// 1: a plain file, 2: one with a write-ahead log. Not while a connection of this process is open.
+    int formatOfTheFile() const { return volume.readFile(".quarrow/quarrow.db").at(18); }
+};
+
+} // namespace
+
+TEST_F(CatalogueReaders, anOpenCatalogueHasAWriteAheadLog)
+{
+    openNew();
+    EXPECT_EQ("wal\n", query("pragma journal_mode"));
+}
+
+TEST_F(CatalogueReaders, anOpenCatalogueIsNotSyncedWithEveryTransaction)
+{
+    const ConnectionProbe probe;
+    openNew();
+    sqlite3_stmt* pragma = nullptr;
+    sqlite3_prepare_v2(probe.connection(), "pragma synchronous", -1, &pragma, nullptr);
+    ASSERT_EQ(SQLITE_ROW, sqlite3_step(pragma));
+    EXPECT_EQ(1, sqlite3_column_int(pragma, 0)); // NORMAL
+    sqlite3_finalize(pragma);
+}
+
+TEST_F(CatalogueReaders, anExistingPlainFileGetsAWriteAheadLogToo)
+{
+    openNew();
+    close();
+    ASSERT_EQ("delete\n", query("pragma journal_mode"));
+    open();
+    EXPECT_EQ("wal\n", query("pragma journal_mode"));
+}
+
+TEST_F(CatalogueReaders, aClosedCatalogueIsOnePlainFile)
+{
+    openNew();
+    insertRoot("/Music");
+    close();
+    EXPECT_EQ(1, formatOfTheFile());
+    EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueReaders, aCatalogueClosedUnderAReaderKeepsItsLog)
+{
+    openNew();
+    insertRoot("/Music");
+    {
+        const ConnectedReader reader(dbPath);
+        close();
+        EXPECT_EQ("wal\n", query("pragma journal_mode"));
+        EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+    }
+    EXPECT_EQ("quarrow.db\nquarrow.db-shm\nquarrow.db-wal\n", dumpCatalogueFolder());
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueReaders, theNextCloseWithoutAReaderMakesItPlainAgain)
+{
+    openNew();
+    insertRoot("/Music");
+    {
+        const ConnectedReader reader(dbPath);
+        close();
+    }
+    open();
+    close();
+    EXPECT_EQ(1, formatOfTheFile());
+    EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhileItIsOpen)
+{
+    openNew();
+    insertRoot("/Music");
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterTheClose)
+{
+    openNew();
+    insertRoot("/Music");
+    close();
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACloseUnderAReader)
+{
+    openNew();
+    insertRoot("/Music");
+    {
+        const ConnectedReader reader(dbPath);
+        close();
+        EXPECT_EQ("/Music\n", foldersReadByNobody());
+    }
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhatWasOpenedAndNotWrittenTo)
+{
+    openNew();
+    insertRoot("/Music");
+    open();
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhatWasReadAndNotWrittenTo)
+{
+    openNew();
+    insertRoot("/Music");
+    open();
+    EXPECT_EQ("/Music", db->findRootFolder("/Music"));
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterTheDaemonWasKilled)
+{
+    openAndDie([this] { insertRoot("/Music"); });
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACheckpointAndAKill)
+{
+    openAndDie([this] {
+        insertRoot("/Music");
+        db->checkpoint();
+    });
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterAKillThatFollowedReads)
+{
+    openNew();
+    insertRoot("/Music");
+    close();
+    openAndDie([this] { db->findRootFolder("/Music"); });
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterAKillThatFollowedTheOpen)
+{
+    openNew();
+    insertRoot("/Music");
+    close();
+    openAndDie([] {});
+    EXPECT_EQ("/Music\n", foldersReadByNobody());
+}
+
+TEST_F(CatalogueReaders, aReaderInTheMiddleOfItsTransactionStopsNoWrite)
+{
+    openNew();
+    const ConnectedReader reader(dbPath);
+    insertRoot("/Music");
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueReaders, afterACheckpointTheMainFileAloneIsComplete)
+{
+    openNew();
+    insertRoot("/Music");
+    db->checkpoint();
+    // Copied by another process: closing the file in this one would take away the locks of its connections.
+    const std::string copy = volume.path("copy.db");
+    ASSERT_EQ(0, std::system(("cp " + dbPath + " " + copy).c_str()));
+    EXPECT_EQ("/Music\n", queryCatalogue(copy, "select path from Folders"));
+}
+
+TEST_F(CatalogueReaders, aCheckpointUnderAReaderWaitsForNobody)
+{
+    openNew();
+    const ConnectedReader reader(dbPath);
+    insertRoot("/Music");
+    db->checkpoint();
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueReaders, theLogComesBackWhenWhatPreventedItIsGone)
+{
+    openNew();
+    close();
+    sqlite3* neighbour = nullptr;
+    sqlite3_open(dbPath.c_str(), &neighbour);
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(neighbour, "begin immediate", nullptr, nullptr, nullptr));
+    open();
+    EXPECT_EQ("delete\n", query("pragma journal_mode"));
+    sqlite3_close(neighbour);
+    db->useWriteAheadLog();
+    EXPECT_EQ("wal\n", query("pragma journal_mode"));
+}
+
+TEST_F(CatalogueReaders, aCatalogueOnAReadOnlyVolumeCanBeReadAndNotWritten)
+{
+    const std::string mountPoint = volume.makeFolder("media");
+    dbPath = mountPoint + "/quarrow.db";
+    const SmallVolume media(mountPoint, 4096);
+    openNew();
+    insertRoot("/Music");
+    close();
+    media.makeReadOnly();
+    openNew();
+    DBFolder music = folderAt("/Music");
+    EXPECT_TRUE(db->folderExists(music));
+    EXPECT_TRUE(db->beginTransaction());
+    EXPECT_TRUE(throwsOperationException([&] { db->updateFolder(music); }));
+    EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "updateFolder() failed, handleStatus: 1\n" } }), loggedLines());
+}

@@ -1,0 +1,109 @@
+#include "db/ConnectionProbe.h"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace {
+
+std::mutex mutex;
+std::condition_variable wasBusy;
+std::string texts;
+std::string boundTexts;
+int busyCount;
+int textLimit;
+int limitingAction;
+sqlite3* latest;
+
+int statementStarts(unsigned, void*, void* statement, void* text)
+{
+    auto* const started = static_cast<sqlite3_stmt*>(statement);
+    const std::string unbound = static_cast<const char*>(text);
+    char* const bound = sqlite3_expanded_sql(started);
+    const std::lock_guard<std::mutex> held(mutex);
+    texts += unbound + "\n";
+    boundTexts += (bound == nullptr ? "" : std::string(bound)) + "\n";
+    sqlite3_free(bound);
+    return 0;
+}
+
+int statementIsPrepared(void* connection, int action, const char*, const char*, const char*, const char*)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    if (action == limitingAction)
+        sqlite3_limit(static_cast<sqlite3*>(connection), SQLITE_LIMIT_LENGTH, textLimit);
+    return SQLITE_OK;
+}
+
+/// Gives up at once: the connection behaves as one without any busy handling.
+int isBusy(void*, int)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    ++busyCount;
+    wasBusy.notify_all();
+    return 0;
+}
+
+int watch(sqlite3* connection, char**, const struct sqlite3_api_routines*)
+{
+    sqlite3_trace_v2(connection, SQLITE_TRACE_STMT, statementStarts, nullptr);
+    sqlite3_set_authorizer(connection, statementIsPrepared, connection);
+    sqlite3_busy_handler(connection, isBusy, nullptr);
+    const std::lock_guard<std::mutex> held(mutex);
+    latest = connection;
+    return SQLITE_OK;
+}
+
+using Extension = void (*)();
+
+} // namespace
+
+ConnectionProbe::ConnectionProbe()
+{
+    limitingAction = -1;
+    clear();
+    sqlite3_auto_extension(reinterpret_cast<Extension>(watch));
+}
+
+ConnectionProbe::~ConnectionProbe() { sqlite3_cancel_auto_extension(reinterpret_cast<Extension>(watch)); }
+
+std::string ConnectionProbe::statements() const
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    return texts;
+}
+
+std::string ConnectionProbe::boundStatements() const
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    return boundTexts;
+}
+
+void ConnectionProbe::clear()
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    texts.clear();
+    boundTexts.clear();
+    busyCount = 0;
+}
+
+bool ConnectionProbe::waitUntilBusy(int times)
+{
+    std::unique_lock<std::mutex> held(mutex);
+    return wasBusy.wait_for(held, std::chrono::seconds(60), [&] { return busyCount >= times; });
+}
+
+sqlite3* ConnectionProbe::connection() const
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    return latest;
+}
+
+void ConnectionProbe::refuseTextsOver(int bytes, int fromAction)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    textLimit = bytes;
+    limitingAction = fromAction;
+}

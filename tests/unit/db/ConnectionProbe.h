@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+struct sqlite3;
+
+/// Watches every SQLite connection that is opened while the object lives, from the inside: which statements start and
+/// how often the database was busy. One at a time; it outlives the connections that it watches.
+class ConnectionProbe {
+public:
+    ConnectionProbe();
+    ~ConnectionProbe();
+    ConnectionProbe(const ConnectionProbe&) = delete;
+    ConnectionProbe& operator=(const ConnectionProbe&) = delete;
+
+    /// The texts of the statements started since the last clear(), as they were prepared, each ended by a newline.
+    std::string statements() const;
+    /// The same with the bound values put in.
+    std::string boundStatements() const;
+    void clear();
+
+    /// Waits, up to a generous bound, until a connection was kept waiting this many times since the last clear().
+    bool waitUntilBusy(int times);
+
+    /// The connection opened last, closed or not. Only for what SQLite says of a connection to nobody else.
+    sqlite3* connection() const;
+
+    /// Once a statement with this action (SQLITE_INSERT, ...) is prepared, its connection takes no longer texts:
+    /// binding one fails.
+    void refuseTextsOver(int bytes, int fromAction);
+};

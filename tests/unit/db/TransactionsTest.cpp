@@ -1,0 +1,283 @@
+#include "db/CatalogueTest.h"
+#include "db/ConnectionProbe.h"
+#include "db/DBOperationException.h"
+#include "db/SmallVolume.h"
+#include "db/Transaction.h"
+#include "support/CatalogueReader.h"
+#include "support/SyslogCapture.h"
+
+#include <sqlite3.h>
+#include <syslog.h>
+
+namespace {
+
+class Transactions : public CatalogueTest {
+protected:
+    Transactions() { openNew(); }
+
+    bool insert(const std::string& path)
+    {
+        DBFolder folder = folderAt(path);
+        return db->insertFolder(folder, true);
+    }
+
+    /// What another program gets when it writes right now, without waiting.
+    int foreignWrite(const std::string& path) const
+    {
+        sqlite3* foreign = nullptr;
+        sqlite3_open(dbPath.c_str(), &foreign);
+        const std::string sql = "insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted,"
+                                " last_updated_time) values(-1, '"
+            + path + "', '', 0, 0, 0, 0)";
+        const int result = sqlite3_exec(foreign, sql.c_str(), nullptr, nullptr, nullptr);
+        sqlite3_close(foreign);
+        return result;
+    }
+
+    void expectNothingLogged() const { EXPECT_EQ(std::vector<LogLine> {}, loggedLines()); }
+};
+
+} // namespace
+
+TEST_F(Transactions, commitMakesTheWorkVisible)
+{
+    EXPECT_TRUE(db->beginTransaction());
+    insert("/Music");
+    EXPECT_EQ("", dumpFolders());
+    EXPECT_TRUE(db->commitTransaction());
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+    expectNothingLogged();
+}
+
+TEST_F(Transactions, rollbackUndoesTheWork)
+{
+    db->beginTransaction();
+    insert("/Music");
+    EXPECT_TRUE(db->rollbackTransaction());
+    EXPECT_FALSE(db->isInTransaction());
+    EXPECT_EQ("", dumpFolders());
+    expectNothingLogged();
+}
+
+TEST_F(Transactions, isInTransactionFromBeginToCommit)
+{
+    EXPECT_FALSE(db->isInTransaction());
+    db->beginTransaction();
+    EXPECT_TRUE(db->isInTransaction());
+    db->commitTransaction();
+    EXPECT_FALSE(db->isInTransaction());
+}
+
+TEST_F(Transactions, theStatementsAreBeginCommitAndRollback)
+{
+    close();
+    const ConnectionProbe probe;
+    open();
+    const auto statementsOf = [&](const std::function<void()>& call) {
+        const std::size_t before = probe.statements().size();
+        call();
+        return probe.statements().substr(before);
+    };
+    EXPECT_EQ(0U, statementsOf([&] { db->beginTransaction(); }).rfind("BEGIN\n", 0));
+    EXPECT_EQ("COMMIT\n", statementsOf([&] { db->commitTransaction(); }));
+    db->beginTransaction();
+    EXPECT_EQ("ROLLBACK\n", statementsOf([&] { db->rollbackTransaction(); }));
+}
+
+TEST_F(Transactions, commitWithoutBeginThrowsWithoutALogLine)
+{
+    EXPECT_THROW(db->commitTransaction(), DBOperationException);
+    expectNothingLogged();
+}
+
+TEST_F(Transactions, rollbackWithoutBeginThrowsWithoutALogLine)
+{
+    EXPECT_THROW(db->rollbackTransaction(), DBOperationException);
+    expectNothingLogged();
+}
+
+TEST_F(Transactions, theyDoNotNest)
+{
+    db->beginTransaction();
+    insert("/Music");
+    EXPECT_THROW(db->beginTransaction(), DBOperationException);
+    expectNothingLogged();
+    EXPECT_TRUE(db->isInTransaction());
+    db->commitTransaction();
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(Transactions, beginOwnsTheWriteLockBeforeTheFirstRead)
+{
+    db->beginTransaction();
+    EXPECT_EQ(SQLITE_BUSY, foreignWrite("/Foreign"));
+    db->commitTransaction();
+    EXPECT_EQ(SQLITE_OK, foreignWrite("/Foreign"));
+}
+
+TEST_F(Transactions, nobodyGetsBetweenReadingAndWriting)
+{
+    db->beginTransaction();
+    DBFolder music = folderAt("/Music");
+    EXPECT_FALSE(db->folderExists(music));
+    ASSERT_EQ(SQLITE_BUSY, foreignWrite("/Music")); // after his commit ours would be busy for ever
+    EXPECT_TRUE(insert("/Music"));
+    db->commitTransaction();
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(Transactions, beginLeavesNoTrace)
+{
+    insertFolderRow("/Music", -1);
+    insertFileRow("/Music/a.mp3", 1);
+    db->beginTransaction();
+    db->commitTransaction();
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+    EXPECT_EQ("1 in 1 '/Music/a.mp3' live\n", dumpFiles());
+    EXPECT_EQ("30\n", query("select last_updated_time from Folders"));
+}
+
+TEST_F(Transactions, aForeignCommitBetweenTwoStatementsIsSeenByTheSecond)
+{
+    EXPECT_TRUE(insert("/Music"));
+    ASSERT_EQ(SQLITE_OK, foreignWrite("/Foreign"));
+    DBFolder foreign = folderAt("/Foreign");
+    EXPECT_TRUE(db->folderExists(foreign));
+    EXPECT_TRUE(insert("/Pictures"));
+    EXPECT_EQ("1 in -1 '/Music' live\n2 in -1 '/Foreign' live\n3 in -1 '/Pictures' live\n", dumpFolders());
+}
+
+TEST_F(Transactions, aForeignCommitBetweenTwoTransactionsIsSeenByTheSecond)
+{
+    db->beginTransaction();
+    insert("/Music");
+    db->commitTransaction();
+    ASSERT_EQ(SQLITE_OK, foreignWrite("/Foreign"));
+    db->beginTransaction();
+    EXPECT_FALSE(insert("/Foreign"));
+    EXPECT_TRUE(insert("/Pictures"));
+    db->commitTransaction();
+    EXPECT_EQ("1 in -1 '/Music' live\n2 in -1 '/Foreign' live\n3 in -1 '/Pictures' live\n", dumpFolders());
+}
+
+TEST_F(Transactions, aForeignSchemaChangeDoesNotHurtTheNextTransaction)
+{
+    insert("/Music");
+    change("create table Foreigners(name text); vacuum");
+    db->beginTransaction();
+    EXPECT_FALSE(insert("/Music"));
+    EXPECT_TRUE(insert("/Pictures"));
+    db->commitTransaction();
+    EXPECT_EQ("1 in -1 '/Music' live\n2 in -1 '/Pictures' live\n", dumpFolders());
+    expectNothingLogged();
+}
+
+TEST_F(Transactions, aCatalogueWithoutTablesSaysSoAtTheFirstRealStatement)
+{
+    change("drop table Files; drop table Folders");
+    EXPECT_TRUE(db->beginTransaction());
+    expectNothingLogged();
+    EXPECT_THROW(insert("/Music"), DBOperationException);
+    EXPECT_TRUE(db->isInTransaction());
+    EXPECT_TRUE(db->rollbackTransaction());
+}
+
+TEST_F(Transactions, aScopeThatWasNotCommittedIsRolledBack)
+{
+    {
+        const Transaction transaction(*db);
+        EXPECT_TRUE(db->isInTransaction());
+        insert("/Music");
+    }
+    EXPECT_FALSE(db->isInTransaction());
+    EXPECT_EQ("", dumpFolders());
+}
+
+TEST_F(Transactions, aCommittedScopeStays)
+{
+    {
+        Transaction transaction(*db);
+        insert("/Music");
+        transaction.commit();
+    }
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(Transactions, aScopeHasNothingToCommitAfterTheEndOfItsTransaction)
+{
+    Transaction transaction(*db);
+    db->rollbackTransaction();
+    EXPECT_THROW(transaction.requireOpen(), DBOperationException);
+    EXPECT_THROW(transaction.commit(), DBOperationException);
+    EXPECT_EQ("", dumpFolders());
+    expectNothingLogged();
+}
+
+namespace {
+
+/// A catalogue on a volume that has room for a few folders more.
+class FullVolume : public CatalogueTest {
+protected:
+    FullVolume()
+        : mountPoint(volume.makeFolder("small"))
+        , small(mountPoint, 512)
+    {
+        dbPath = mountPoint + "/quarrow.db";
+        openNew();
+    }
+    ~FullVolume() override { close(); }
+
+    void insertTwoMegabytes()
+    {
+        for (int number = 0; number < 2000; ++number) {
+            DBFolder folder = folderAt("/" + std::to_string(number) + std::string(1000, 'x'));
+            db->insertFolder(folder, true);
+        }
+    }
+
+    std::string mountPoint;
+    SmallVolume small;
+};
+
+} // namespace
+
+TEST_F(FullVolume, aFailedStatementMayHaveEndedTheTransaction)
+{
+    close();
+    const ConnectionProbe probe;
+    open();
+    sqlite3_exec(probe.connection(), "pragma max_page_count=40", nullptr, nullptr, nullptr);
+    clearLog();
+    db->beginTransaction();
+    EXPECT_THROW(insertTwoMegabytes(), DBOperationException);
+    EXPECT_EQ(
+        (std::vector<LogLine> { { LOG_ERR, "insertIndividualFolder() failed, handleStatus: 1\n" } }), loggedLines());
+    EXPECT_FALSE(db->isInTransaction());
+    EXPECT_EQ("", dumpFolders());
+}
+
+TEST_F(FullVolume, aScopeKnowsThatItsTransactionIsGone)
+{
+    Transaction transaction(*db);
+    EXPECT_TRUE(throwsOperationException([this] {
+        insertTwoMegabytes();
+        db->commitTransaction();
+    }));
+    EXPECT_FALSE(db->isInTransaction());
+    EXPECT_THROW(transaction.requireOpen(), DBOperationException);
+    EXPECT_THROW(transaction.commit(), DBOperationException);
+}
+
+TEST_F(FullVolume, theCatalogueStaysUsable)
+{
+    EXPECT_TRUE(throwsOperationException([this] {
+        db->beginTransaction();
+        insertTwoMegabytes();
+        db->commitTransaction();
+    }));
+    ASSERT_FALSE(db->isInTransaction());
+    DBFolder music = folderAt("/Music");
+    EXPECT_TRUE(db->insertFolder(music, true));
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+    EXPECT_EQ("ok\n", query("pragma integrity_check"));
+}

@@ -1,0 +1,141 @@
+#include "watch/TestClock.h"
+
+#include <dlfcn.h>
+#include <sys/select.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace {
+
+std::atomic<time_t> frozenTime = 0;
+std::atomic<int> timeCalls = 0;
+std::atomic<long> clockStep = 0;
+std::atomic<long> clockMicros = 0;
+
+std::mutex mutex; // guards everything below
+std::optional<std::chrono::milliseconds> quietTime;
+std::optional<int> selectResult;
+std::function<void(int)> selectHook;
+int selectCalls = 0;
+std::string selectText;
+std::vector<std::string> commands;
+
+std::string describe(int descriptors, const fd_set* readable, const timeval& timeout)
+{
+    std::string text = std::to_string(descriptors) + " [";
+    for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
+        if (FD_ISSET(descriptor, readable))
+            text += (text.back() == '[' ? "" : " ") + std::to_string(descriptor);
+    }
+    return text + "] " + std::to_string(timeout.tv_sec) + "s " + std::to_string(timeout.tv_usec) + "us";
+}
+
+} // namespace
+
+extern "C" time_t time(time_t* out)
+{
+    ++timeCalls;
+    time_t now = frozenTime;
+    if (now == 0) {
+        timespec real;
+        clock_gettime(CLOCK_REALTIME_COARSE, &real);
+        now = real.tv_sec;
+    }
+    if (out != nullptr)
+        *out = now;
+    return now;
+}
+
+extern "C" int gettimeofday(timeval* out, void*) noexcept
+{
+    if (clockStep != 0) {
+        const long micros = clockMicros += clockStep;
+        *out = { micros / 1000000, micros % 1000000 };
+        return 0;
+    }
+    timespec real;
+    clock_gettime(CLOCK_REALTIME, &real);
+    *out = { real.tv_sec, real.tv_nsec / 1000 };
+    return 0;
+}
+
+extern "C" int select(int descriptors, fd_set* readable, fd_set* writable, fd_set* special, timeval* timeout)
+{
+    std::function<void(int)> hook;
+    int before = 0;
+    timespec wait = { timeout->tv_sec, timeout->tv_usec * 1000 };
+    std::optional<int> result;
+    {
+        const std::lock_guard<std::mutex> held(mutex);
+        hook = selectHook;
+        before = selectCalls++;
+        selectText = describe(descriptors, readable, *timeout);
+        if (quietTime)
+            wait = { quietTime->count() / 1000, quietTime->count() % 1000 * 1000000 };
+        result = selectResult;
+    }
+    if (hook)
+        hook(before);
+    return result ? *result : pselect(descriptors, readable, writable, special, &wait, nullptr);
+}
+
+extern "C" int system(const char* command)
+{
+    {
+        const std::lock_guard<std::mutex> held(mutex);
+        commands.emplace_back(command);
+    }
+    static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "system"));
+    return real(command);
+}
+
+void setTime(time_t now) { frozenTime = now; }
+
+void advanceTime(int seconds) { frozenTime += seconds; }
+
+int timesAsked() { return timeCalls; }
+
+bool waitUntilAsked(int times)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (timeCalls < times && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return timeCalls >= times;
+}
+
+void setClockStep(long micros) { clockStep = micros; }
+
+void setQuietTime(std::chrono::milliseconds quiet)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    quietTime = quiet;
+}
+
+void onSelect(const std::function<void(int)>& hook)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    selectHook = hook;
+}
+
+void setSelectResult(int result)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    selectResult = result;
+}
+
+std::string latestSelect()
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    return selectText;
+}
+
+std::vector<std::string> commandsRun()
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    return commands;
+}

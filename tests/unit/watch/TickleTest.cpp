@@ -1,0 +1,116 @@
+#include "watch/TestClock.h"
+#include "watch/WatcherFixture.h"
+
+#include <sys/mount.h>
+
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The touch of ".tickle", and stops that it cannot wake the thread for.
+class Tickle : public WatcherFixture {
+protected:
+    Tickle()
+    {
+        setTime(1000000000);
+        setQuietTime(std::chrono::milliseconds(0));
+    }
+
+    void startAndWait()
+    {
+        watcher->start();
+        ASSERT_TRUE(waitUntilAsked(1));
+    }
+
+    void tickle(std::string path) { watcher->tickle(path); }
+
+    /// Everything below the folder, one relative path a line.
+    std::string tree() const
+    {
+        std::set<std::string> paths;
+        for (const auto& entry : fs::recursive_directory_iterator(folder.path()))
+            paths.insert(entry.path().string().substr(folder.path().length()));
+        std::string text;
+        for (const std::string& path : paths)
+            text += path + "\n";
+        return text;
+    }
+};
+
+TEST_F(Tickle, ordinaryPathsKeepThePlainCommand)
+{
+    const std::string path = folder.makeFolder("Music/A-Z_0.9,+:@%=");
+    tickle(path);
+    EXPECT_EQ(std::vector<std::string> { "touch " + path + "/.tickle" }, commandsRun());
+    EXPECT_TRUE(folder.exists("Music/A-Z_0.9,+:@%=/.tickle"));
+}
+
+TEST_F(Tickle, aFileThatIsThereKeepsItsContent)
+{
+    folder.writeFile("a/.tickle", "old");
+    tickle(folder.path("a"));
+    EXPECT_EQ("old", folder.readFile("a/.tickle"));
+}
+
+TEST_F(Tickle, noNameReachesTheShell)
+{
+    fs::current_path(folder.path());
+    for (const std::string name : { "$(touch pwned) \"'; x", "a b", "`touch pwned`", "x;touch pwned;", "$HOME", "*",
+             "'", "line\nbreak", "back\\", "tab\t", "~", "#", "a&touch pwned", "\xff\xfe", "é", "x > pwned" }) {
+        folder.makeFolder(name);
+        tickle(folder.path(name));
+        EXPECT_EQ("/" + name + "\n/" + name + "/.tickle\n", tree());
+        folder.remove(name);
+    }
+    fs::current_path("/");
+}
+
+TEST_F(Tickle, stopTouchesAFirstFolderOfAnyName)
+{
+    const std::string name = "$(touch pwned) \"'; x";
+    watchNew(name);
+    fs::current_path(folder.path());
+    startAndWait();
+    watcher->stop();
+    EXPECT_EQ("/" + name + "\n/" + name + "/.tickle\n", tree());
+    fs::current_path("/");
+}
+
+TEST_F(Tickle, stopEndsWithAReadOnlyFirstFolder)
+{
+    const std::string path = folder.makeFolder("read-only");
+    ASSERT_EQ(0, mount("tmpfs", path.c_str(), "tmpfs", MS_RDONLY, nullptr));
+    EXPECT_EQ(1, watch(path));
+    startAndWait();
+    watcher->stop();
+    EXPECT_FALSE(watcher->isRunning());
+    EXPECT_FALSE(folder.exists("read-only/.tickle"));
+    EXPECT_EQ(0, umount(path.c_str()));
+}
+
+TEST_F(Tickle, stopEndsWithAVanishedFirstFolder)
+{
+    const std::string path = watchNew("gone");
+    fs::remove(path); // the kernel ends the watch and says so: a burst
+    watcher->start();
+    ASSERT_TRUE(waitUntilAsked(4)); // three times in that burst, then at the start of the next, where it waits
+    watcher->stop();
+    EXPECT_EQ(2, timesLogged(LOG_INFO, "======\n"));
+    EXPECT_FALSE(folder.exists("gone"));
+}
+
+TEST_F(Tickle, stopEndsWithALinkThatLeadsTheTouchElsewhere)
+{
+    const std::string path = watchNew("a");
+    folder.makeFolder("elsewhere");
+    fs::create_symlink(folder.path("elsewhere/target"), path + "/.tickle"); // one event, one burst
+    watcher->start();
+    ASSERT_TRUE(waitUntilAsked(4)); // as above
+    watcher->stop();
+    EXPECT_EQ(2, timesLogged(LOG_INFO, "======\n"));
+    EXPECT_TRUE(folder.exists("elsewhere/target")) << "the touch went where no watch is";
+}
+
+} // namespace

@@ -1,0 +1,190 @@
+#include "core/Threads.h"
+#include "core/WakeUps.h"
+#include "watch/TestClock.h"
+#include "watch/WatcherFixture.h"
+
+#include <fcntl.h>
+
+#include <future>
+#include <thread>
+
+namespace {
+
+/// Starting and stopping. stop() has to end in every case: a test that hangs is a test that failed.
+class WatcherThread : public WatcherFixture {
+protected:
+    WatcherThread()
+    {
+        setTime(1000000000);
+        setQuietTime(std::chrono::milliseconds(0));
+    }
+
+    /// Starts the thread and waits until it is in its first burst, where it waits for events.
+    void startAndWait()
+    {
+        watcher->start();
+        ASSERT_TRUE(waitUntilAsked(1));
+    }
+
+    const std::set<std::string> threadsBefore = threadIds();
+    /// What a thread logs that is stopped while it waits for events.
+    const std::vector<LogLine> stoppedAtRest
+        = { { LOG_INFO, "pthread_sigmask returned 0\n" }, { LOG_INFO, "Processed 0 events\n" },
+              { LOG_INFO, "Handled 0 events in 0 seconds " }, { LOG_INFO, "======\n" } };
+};
+
+TEST_F(WatcherThread, blocksEverySignal)
+{
+    startAndWait();
+    EXPECT_EQ(allSignals, signalsBlockedByNewThreads(threadsBefore));
+}
+
+TEST_F(WatcherThread, isRunningUntilStop)
+{
+    EXPECT_TRUE(watcher->isRunning()) << "before start() as well";
+    startAndWait();
+    EXPECT_TRUE(watcher->isRunning());
+    watcher->stop();
+    EXPECT_FALSE(watcher->isRunning());
+}
+
+TEST_F(WatcherThread, stopAtRestTouchesTheTickleFileAndHandlesNothing)
+{
+    const std::string first = watchNew("z");
+    const std::string second = watchNew("a");
+    startAndWait();
+    watcher->stop();
+    EXPECT_EQ(std::vector<std::string> { "touch " + first + "/.tickle" }, commandsRun());
+    EXPECT_TRUE(folder.exists("z/.tickle")) << "in the folder that was watched first, and left there";
+    EXPECT_FALSE(folder.exists("a/.tickle"));
+    EXPECT_EQ(stoppedAtRest, loggedLines());
+    EXPECT_EQ("", listener.calls());
+    EXPECT_EQ(threadsBefore, threadIds());
+    EXPECT_EQ(1, takeWakeUps());
+}
+
+TEST_F(WatcherThread, stopClosesTheDescriptorAndForgetsEverything)
+{
+    const std::string path = watchNew("a");
+    startAndWait();
+    watcher->stop();
+    EXPECT_EQ(-1, fcntl(descriptor, F_GETFD));
+    EXPECT_EQ(0, watcher->numWatches());
+    EXPECT_LT(watch(path), 0);
+    EXPECT_EQ(0, watcher->numWatches());
+    route(1);
+    EXPECT_EQ("", listener.calls());
+}
+
+TEST_F(WatcherThread, stopWithNothingWatchedNeedsNoTickle)
+{
+    startAndWait();
+    watcher->stop();
+    EXPECT_EQ(std::vector<std::string>(), commandsRun());
+    EXPECT_EQ(stoppedAtRest, loggedLines());
+}
+
+TEST_F(WatcherThread, stopSkipsTheEmptyEntryOfAnUnknownDescriptor)
+{
+    watchNew("a");
+    route(-1);
+    clearLog();
+    startAndWait();
+    watcher->stop();
+    EXPECT_EQ(std::vector<std::string> { "touch " + folder.path("a") + "/.tickle" }, commandsRun());
+    EXPECT_EQ(stoppedAtRest, loggedLines());
+}
+
+TEST_F(WatcherThread, aSecondStopJoinsAndClosesNothing)
+{
+    watchNew("a");
+    startAndWait();
+    watcher->stop();
+    const int reused = open("/dev/null", O_RDONLY);
+    EXPECT_EQ(descriptor, reused) << "the number is free again";
+    watcher->stop();
+    EXPECT_EQ(0, fcntl(reused, F_GETFD)) << "and now belongs to somebody else";
+    EXPECT_EQ(stoppedAtRest, loggedLines());
+    EXPECT_EQ(1U, commandsRun().size());
+    close(reused);
+}
+
+TEST_F(WatcherThread, stopBeforeStartEndsTheWatches)
+{
+    watchNew("a");
+    watcher->stop();
+    EXPECT_FALSE(watcher->isRunning());
+    EXPECT_EQ(0, watcher->numWatches());
+    EXPECT_EQ(-1, fcntl(descriptor, F_GETFD));
+    EXPECT_EQ(std::vector<std::string>(), commandsRun());
+    EXPECT_FALSE(folder.exists("a/.tickle"));
+    EXPECT_EQ(std::vector<LogLine>(), loggedLines());
+}
+
+TEST_F(WatcherThread, aStoppedWatcherIsNotStartedAgain)
+{
+    startAndWait();
+    watcher->stop();
+    watcher->start();
+    EXPECT_FALSE(watcher->isRunning());
+    EXPECT_EQ(threadsBefore, threadIds());
+    EXPECT_EQ(stoppedAtRest, loggedLines());
+}
+
+TEST_F(WatcherThread, stopDuringTheHandlingEndsItBeforeTheNextFolder)
+{
+    const std::string a = watchNew("a");
+    const std::string b = watchNew("b");
+    for (const std::string& path : { a, b, a })
+        change(path);
+    std::promise<void> inHandling;
+    listener.onChange = [&](std::string&) {
+        inHandling.set_value();
+        while (watcher->isRunning())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+    watcher->start();
+    ASSERT_EQ(std::future_status::ready, inHandling.get_future().wait_for(std::chrono::seconds(60)));
+    watcher->stop();
+    EXPECT_EQ("change " + a + "\n", listener.calls());
+    EXPECT_EQ((std::vector<LogLine> { { LOG_INFO, "pthread_sigmask returned 0\n" },
+                  { LOG_INFO, "Processed 3 events\n" }, { LOG_INFO, "Rate of inotify event 0\n" },
+                  { LOG_INFO, "Handled 3 events in 0 seconds " }, { LOG_INFO, "======\n" } }),
+        loggedLines());
+    EXPECT_EQ(1 + 1, takeWakeUps());
+}
+
+TEST_F(WatcherThread, stopDuringTheQuietTimeEndsTheBurst)
+{
+    const std::string path = watchNew("a");
+    change(path);
+    std::promise<void> inQuietTime;
+    onSelect([&](int before) {
+        EXPECT_EQ(0, before) << "it does not wait for more once it was stopped";
+        change(path); // there is more to read, which is read and not walked
+        inQuietTime.set_value();
+        while (watcher->isRunning())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    watcher->start();
+    ASSERT_EQ(std::future_status::ready, inQuietTime.get_future().wait_for(std::chrono::seconds(60)));
+    watcher->stop();
+    EXPECT_EQ("", listener.calls());
+    EXPECT_EQ((std::vector<LogLine> { { LOG_INFO, "pthread_sigmask returned 0\n" },
+                  { LOG_INFO, "Processed 1 events\n" }, { LOG_INFO, "Rate of inotify event 0\n" },
+                  { LOG_INFO, "Handled 1 events in 0 seconds " }, { LOG_INFO, "======\n" } }),
+        loggedLines());
+    EXPECT_EQ(1, takeWakeUps()) << "no record of the last read was walked";
+}
+
+TEST_F(WatcherThread, runsThroughItsInterface)
+{
+    Runnable& runnable = *watcher;
+    runnable.start();
+    EXPECT_TRUE(runnable.isRunning());
+    runnable.stop();
+    EXPECT_FALSE(runnable.isRunning());
+    EXPECT_EQ(threadsBefore, threadIds());
+}
+
+} // namespace

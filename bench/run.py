@@ -1,0 +1,181 @@
+#!/usr/bin/env python3
+"""Measures the daemon against find and against the floor, and what it costs in memory, syncs and idle calls.
+
+    run.py --build BUILD_FOLDER [MEASUREMENT...]
+
+README.md beside this file says what each measurement means.
+"""
+import argparse
+import json
+import os
+import statistics
+import sys
+
+import make_tree
+import measure
+import private_space
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+WALK_TARGET = 1.2  # times the floor
+MEMORY_TARGET = 64 << 10, 400 / 1024  # kB, and kB per watched folder
+SYNC_TARGET = 1  # per thousand pages written
+GROWTH_TARGET = 64  # kB of anonymous memory, for rounding; at full scale one object leaked per folder is more in one walk
+NAMES = ["walks", "logs", "memory", "growth", "syncs", "idle"]
+WITHOUT_DAEMON = ["walks", "syncs"]  # what can be measured of the floor alone
+
+
+def parse_options():
+    parser = argparse.ArgumentParser(description="Measures the daemon; without a name, everything.")
+    parser.add_argument("measurements", nargs="*", metavar="MEASUREMENT", help="of " + ", ".join(NAMES))
+    parser.add_argument("--build", help="build folder, made with QUARROW_BENCH=ON: where the programs are looked for")
+    parser.add_argument("--daemon", help="the daemon, if it is not in the build folder")
+    parser.add_argument("--floor", help="bench_floor, likewise")
+    parser.add_argument("--sink", help="bench_log_sink, likewise")
+    parser.add_argument("--mime-types", default=f"{HERE}/../data/mime_types.txt")
+    parser.add_argument("--files", type=int, default=100000)
+    parser.add_argument("--folders", type=int, default=5000)
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--repeat", type=int, default=5)
+    parser.add_argument("--idle-seconds", type=int, default=60)
+    parser.add_argument("--tree", help="keep the tree here, and use it again when it was made with the same numbers")
+    parser.add_argument("--work", help="folder in which the private temporary folder is made")
+    parser.add_argument("--floor-pragma", action="append", default=[], metavar="TEXT",
+                        help="a PRAGMA that the floor sets, to see what it is worth")
+    parser.add_argument("--json", metavar="FILE", help="write all raw numbers here")
+    options = parser.parse_args()
+    unknown = set(options.measurements) - set(NAMES)
+    if unknown:
+        parser.error(f"no such measurement: {', '.join(unknown)}")
+    for name, place in (("daemon", "quarrow"), ("floor", "bench/bench_floor"), ("sink", "bench/bench_log_sink")):
+        given = getattr(options, name) or (options.build and f"{options.build}/{place}")
+        setattr(options, name, given and os.path.abspath(given))
+        if given and not os.access(given, os.X_OK):
+            parser.error(f"{given} is not there")
+    if not options.floor or not options.sink:
+        parser.error("--build, or --floor and --sink, must be given")
+    options.measurements = options.measurements or (NAMES if options.daemon else WITHOUT_DAEMON)
+    if not options.daemon and set(options.measurements) - set(WITHOUT_DAEMON):
+        parser.error("that needs the daemon")
+    return options
+
+
+def provide_tree(options, work):
+    """The tree, made or used again. A folder that this program did not make is never touched."""
+    tree = os.path.abspath(options.tree) if options.tree else f"{work}/tree"
+    wanted = {"files": options.files, "folders": options.folders, "seed": options.seed}
+    label = f"{tree}.made.json"
+    if os.path.exists(label):
+        with open(label, encoding="utf-8") as file:
+            made = json.load(file)
+        if wanted.items() <= made.items():
+            return tree
+        raise SystemExit(f"{tree} was made with other numbers: remove it and {label}, or name another")
+    made = make_tree.make_tree(tree, **{"file_count": options.files, "folder_count": options.folders, "seed": options.seed})
+    with open(label, "w", encoding="utf-8") as file:
+        json.dump(made, file)
+    return tree
+
+
+class Table:
+    def __init__(self):
+        self.rows = []
+
+    def add(self, what, value, target="", good=None):
+        self.rows.append((what, value, target, {None: "", True: "met", False: "MISSED"}[good]))
+
+    def show(self):
+        widths = [max(len(row[column]) for row in self.rows) for column in range(4)]
+        for row in self.rows:
+            print("  ".join(text.ljust(width) for text, width in zip(row, widths)).rstrip())
+
+
+def spread(values, form, unit=""):
+    """The median, with the least and the greatest behind it."""
+    return (f"{statistics.median(values):{form}}{unit}"
+            + (f"  ({min(values):{form}} to {max(values):{form}})" if len(values) > 1 else ""))
+
+
+def show_walks(results, table):
+    table.add("find", spread([run["seconds"] for run in results["find"]], ".3f", " s"))
+    for walk, label in (("first", "first walk"), ("again", "re-walk")):
+        for name in ("floor", "floor with log", "daemon"):
+            runs = [run[walk] for run in results.get(name, [])]
+            if runs:
+                table.add(f"{label}, {name}", spread([run["seconds"] for run in runs], ".3f", " s"),
+                          f"processor {statistics.median(run['cpu_seconds'] for run in runs):.2f} s")
+    for walk, label in (("first", "first walk"), ("again", "re-walk")):
+        runs = [run[walk] for run in results.get("daemon", [])]
+        for name in ("find", "floor with log", "floor") if runs else ():
+            others = [run.get(walk, run) for run in results[name]]
+            ratios = [mine["seconds"] / other["seconds"] for mine, other in zip(runs, others)]
+            judged = name == "floor"
+            table.add(f"{label}, daemon / {name}", spread(ratios, ".2f"), f"at most {WALK_TARGET}" if judged else "",
+                      statistics.median(ratios) <= WALK_TARGET if judged else None)
+
+
+def show_logs(results, table):
+    for walk, label in (("first", "first walk"), ("again", "re-walk")):
+        heard, unheard = ([run[walk]["seconds"] for run in results[name]] for name in ("receiver", "nobody"))
+        table.add(f"{label}, lines received and dropped", spread(heard, ".3f", " s"))
+        table.add(f"{label}, nobody receives", spread(unheard, ".3f", " s"))
+        table.add(f"{label}, price of a receiver", spread([a - b for a, b in zip(heard, unheard)], ".3f", " s"))
+
+
+def show_memory(results, table):
+    tree, empty = results["tree"], results["empty"]
+    budget = MEMORY_TARGET[0] + MEMORY_TARGET[1] * tree["watched"]
+    table.add("peak memory", f"{tree['VmHWM']} kB, {tree['watched']} folders watched", f"below {budget:.0f} kB",
+              tree["VmHWM"] < budget)
+    table.add("peak memory, empty volume", f"{empty['VmHWM']} kB")
+    per_folder = (tree["VmHWM"] - empty["VmHWM"]) * 1024 / max(1, tree["watched"] - empty["watched"])
+    table.add("peak memory per watched folder", f"{per_folder:.0f} bytes above the empty volume's")
+
+
+def show_growth(samples, table):
+    anonymous = [sample["RssAnon"] for sample in samples]
+    # Medians of three, since the allocator gives a stretch back now and then and takes it again with the next walk.
+    grown = statistics.median(anonymous[-3:]) - statistics.median(anonymous[1:4])
+    table.add(f"growth over {len(samples) - 1} re-walks", f"{grown} kB", f"at most {GROWTH_TARGET} kB",
+              grown <= GROWTH_TARGET)
+    table.add("anonymous memory after each walk", " ".join(map(str, anonymous)) + " kB")
+    table.add("resident memory after each walk", " ".join(str(sample["VmRSS"]) for sample in samples) + " kB")
+
+
+def show_syncs(results, table):
+    for name, counts in results.items():
+        judged = name == "daemon"
+        rate = 1000 * counts.get("syncs", 0) / max(1, counts.get("pages", 0))
+        table.add(f"syncs per 1000 pages, {name}",
+                  f"{rate:.2f}  ({counts.get('syncs', 0)} syncs, {counts.get('pages', 0)} pages)",
+                  f"at most {SYNC_TARGET}" if judged else "", rate <= SYNC_TARGET if judged else None)
+        table.add(f"syncs per folder, {name}", f"{counts.get('syncs', 0) / counts['folders']:.4f}")
+
+
+def show_idle(results, table):
+    for name, counts in results.items():
+        calls = ", ".join(f"{call} {count}" for call, count in sorted(counts["by name"].items()))
+        table.add(f"idle, {name}", f"{counts['calls']} calls in {counts['seconds']:.0f} s" + (f": {calls}" if calls else ""))
+
+
+def main():
+    options = parse_options()
+    if not private_space.inside():
+        return private_space.run_again_inside(options.work)
+    work = private_space.furnish(options.mime_types)
+    bench = measure.Bench(options, work, provide_tree(options, work))
+    table = Table()
+    table.add("tree", f"{options.files} files in {options.folders} folders, seed {options.seed}")
+    raw = {"tree": {"files": options.files, "folders": options.folders, "seed": options.seed}, "load": os.getloadavg()}
+    for name in options.measurements:
+        print(f"measuring {name} ...", file=sys.stderr, flush=True)
+        raw[name] = getattr(measure, name)(bench)
+        globals()[f"show_{name}"](raw[name], table)
+        if options.json:  # after each, so that a long run that fails late keeps what it has
+            with open(options.json, "w", encoding="utf-8") as file:
+                json.dump(raw, file, indent=1)
+    table.show()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

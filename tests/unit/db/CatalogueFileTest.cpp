@@ -97,9 +97,7 @@ TEST_F(CatalogueFile, foreignKeysAreNotEnforced)
 {
     const ConnectionProbe probe;
     openNew();
-    int enforced = -1;
-    sqlite3_db_config(probe.connection(), SQLITE_DBCONFIG_ENABLE_FKEY, -1, &enforced);
-    EXPECT_EQ(0, enforced);
+    EXPECT_EQ(0, probe.pragma("foreign_keys"));
 }
 
 TEST_F(CatalogueFile, closingLogs)

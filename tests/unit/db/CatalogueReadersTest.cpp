@@ -100,11 +100,7 @@ TEST_F(CatalogueReaders, anOpenCatalogueIsNotSyncedWithEveryTransaction)
 {
     const ConnectionProbe probe;
     openNew();
-    sqlite3_stmt* pragma = nullptr;
-    sqlite3_prepare_v2(probe.connection(), "pragma synchronous", -1, &pragma, nullptr);
-    ASSERT_EQ(SQLITE_ROW, sqlite3_step(pragma));
-    EXPECT_EQ(1, sqlite3_column_int(pragma, 0)); // NORMAL
-    sqlite3_finalize(pragma);
+    EXPECT_EQ(1, probe.pragma("synchronous")); // NORMAL
 }
 
 TEST_F(CatalogueReaders, anExistingPlainFileGetsAWriteAheadLogToo)

@@ -95,10 +95,13 @@ bool ConnectionProbe::waitUntilBusy(int times)
     return wasBusy.wait_for(held, std::chrono::seconds(60), [&] { return busyCount >= times; });
 }
 
-sqlite3* ConnectionProbe::connection() const
+int ConnectionProbe::pragma(const std::string& text) const
 {
-    const std::lock_guard<std::mutex> held(mutex);
-    return latest;
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(latest, ("pragma " + text).c_str(), -1, &statement, nullptr);
+    const int value = sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int(statement, 0) : -1;
+    sqlite3_finalize(statement);
+    return value;
 }
 
 void ConnectionProbe::refuseTextsOver(int bytes, int fromAction)

@@ -2,8 +2,6 @@
 
 #include <string>
 
-struct sqlite3;
-
 /// Watches every SQLite connection that is opened while the object lives, from the inside: which statements start and
 /// how often the database was busy. One at a time; it outlives the connections that it watches.
 class ConnectionProbe {
@@ -22,8 +20,9 @@ public:
     /// Waits, up to a generous bound, until a connection was kept waiting this many times since the last clear().
     bool waitUntilBusy(int times);
 
-    /// The connection opened last, closed or not. Only for what SQLite says of a connection to nobody else.
-    sqlite3* connection() const;
+    /// The value of a pragma, read or set ("synchronous", "max_page_count=40"), on the connection opened last, which
+    /// must still be open: what SQLite says of a connection to nobody else.
+    int pragma(const std::string& text) const;
 
     /// Once a statement with this action (SQLITE_INSERT, ...) is prepared, its connection takes no longer texts:
     /// binding one fails.

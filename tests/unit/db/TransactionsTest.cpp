@@ -1,13 +1,11 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
-#include "db/SmallVolume.h"
 #include "db/Transaction.h"
 #include "support/CatalogueReader.h"
 #include "support/SyslogCapture.h"
 
 #include <sqlite3.h>
-#include <syslog.h>
 
 namespace {
 
@@ -211,73 +209,4 @@ TEST_F(Transactions, aScopeHasNothingToCommitAfterTheEndOfItsTransaction)
     EXPECT_THROW(transaction.commit(), DBOperationException);
     EXPECT_EQ("", dumpFolders());
     expectNothingLogged();
-}
-
-namespace {
-
-/// A catalogue on a volume that has room for a few folders more.
-class FullVolume : public CatalogueTest {
-protected:
-    FullVolume()
-        : mountPoint(volume.makeFolder("small"))
-        , small(mountPoint, 512)
-    {
-        dbPath = mountPoint + "/quarrow.db";
-        openNew();
-    }
-    ~FullVolume() override { close(); }
-
-    void insertTwoMegabytes()
-    {
-        for (int number = 0; number < 2000; ++number) {
-            DBFolder folder = folderAt("/" + std::to_string(number) + std::string(1000, 'x'));
-            db->insertFolder(folder, true);
-        }
-    }
-
-    std::string mountPoint;
-    SmallVolume small;
-};
-
-} // namespace
-
-TEST_F(FullVolume, aFailedStatementMayHaveEndedTheTransaction)
-{
-    close();
-    const ConnectionProbe probe;
-    open();
-    sqlite3_exec(probe.connection(), "pragma max_page_count=40", nullptr, nullptr, nullptr);
-    clearLog();
-    db->beginTransaction();
-    EXPECT_THROW(insertTwoMegabytes(), DBOperationException);
-    EXPECT_EQ(
-        (std::vector<LogLine> { { LOG_ERR, "insertIndividualFolder() failed, handleStatus: 1\n" } }), loggedLines());
-    EXPECT_FALSE(db->isInTransaction());
-    EXPECT_EQ("", dumpFolders());
-}
-
-TEST_F(FullVolume, aScopeKnowsThatItsTransactionIsGone)
-{
-    Transaction transaction(*db);
-    EXPECT_TRUE(throwsOperationException([this] {
-        insertTwoMegabytes();
-        db->commitTransaction();
-    }));
-    EXPECT_FALSE(db->isInTransaction());
-    EXPECT_THROW(transaction.requireOpen(), DBOperationException);
-    EXPECT_THROW(transaction.commit(), DBOperationException);
-}
-
-TEST_F(FullVolume, theCatalogueStaysUsable)
-{
-    EXPECT_TRUE(throwsOperationException([this] {
-        db->beginTransaction();
-        insertTwoMegabytes();
-        db->commitTransaction();
-    }));
-    ASSERT_FALSE(db->isInTransaction());
-    DBFolder music = folderAt("/Music");
-    EXPECT_TRUE(db->insertFolder(music, true));
-    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
-    EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }

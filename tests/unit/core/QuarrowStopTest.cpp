@@ -1,0 +1,131 @@
+#include "core/DaemonFixture.h"
+#include "core/Threads.h"
+#include "core/VolumeContentManager.h"
+#include "watch/VolumeWatcher.h"
+
+namespace {
+
+constexpr const char* joined = "The thread join has returned with a return code of 0 \n";
+constexpr const char* closed = "sqlite3 handle closed\n";
+
+/// The shut-down. A test that hangs is a test that failed.
+class QuarrowStop : public DaemonFixture {
+protected:
+    static void stop() { Quarrow::getInstance()->stop(); }
+};
+
+TEST_F(QuarrowStop, endsEveryThreadAndClosesEveryCatalogue)
+{
+    configure(volume("a") + volume("b"));
+    const std::set<std::string> before = threadIds();
+    start(2);
+    stop();
+    EXPECT_EQ(before, threadIds());
+    EXPECT_FALSE(VolumeWatcher::getInstance()->isRunning());
+    EXPECT_EQ(0, VolumeWatcher::getInstance()->numWatches());
+    EXPECT_FALSE(VolumeContentManager::getInstance()->isRunning());
+    EXPECT_EQ(2, timesLogged(LOG_INFO, closed));
+    EXPECT_FALSE(folder.exists("a/.quarrow/quarrow.db-wal"));
+    EXPECT_FALSE(folder.exists("b/.quarrow/quarrow.db-wal"));
+}
+
+TEST_F(QuarrowStop, joinsThePurgeThreadBeforeItClosesTheCatalogues)
+{
+    configure(volume("a") + volume("b"));
+    start(2);
+    stop();
+    std::string order;
+    for (const LogLine& line : loggedLines()) {
+        if (line.text == joined || line.text == closed)
+            order += line.text;
+    }
+    EXPECT_EQ(std::string(joined) + closed + closed, order);
+}
+
+TEST_F(QuarrowStop, endsRun)
+{
+    configure(volume("a"));
+    start(1);
+    run([] { passFirstRound(); }); // ends with SIGTERM, whose handler stops
+    const std::vector<LogLine> log = loggedLines();
+    ASSERT_LE(4U, log.size());
+    EXPECT_EQ((std::vector<LogLine> { { LOG_INFO, joined }, { LOG_INFO, closed }, { LOG_INFO, served },
+                  { LOG_INFO, tooSoon(aMoment, 0) } }),
+        std::vector<LogLine>(log.end() - 4, log.end()))
+        << "the loop still says what woke it";
+}
+
+TEST_F(QuarrowStop, beforeRunLeavesNothingToRun)
+{
+    configure(volume("a"));
+    Quarrow::getInstance()->start(); // the threads may not have got anywhere yet
+    stop();
+    clearLog();
+    Quarrow::getInstance()->run();
+    EXPECT_EQ(std::vector<LogLine>(), loggedLines());
+}
+
+TEST_F(QuarrowStop, aSecondOneDoesNothing)
+{
+    configure(volume("a"));
+    start(1);
+    stop();
+    clearLog();
+    stop();
+    EXPECT_EQ(std::vector<LogLine>(), loggedLines());
+}
+
+TEST_F(QuarrowStop, beforeStartDoesNothing)
+{
+    configure(volume("a"));
+    stop();
+    EXPECT_EQ(std::vector<LogLine>(), loggedLines());
+    EXPECT_FALSE(folder.exists("a/.quarrow"));
+    Quarrow::getInstance()->run();
+    EXPECT_EQ(std::vector<LogLine>(), loggedLines());
+}
+
+TEST_F(QuarrowStop, clearsTheStartedFlag)
+{
+    configure(volumeAt("a", "/dev/null"));
+    start();
+    stop();
+    EXPECT_NO_THROW(start());
+}
+
+TEST_F(QuarrowStop, leavesTheTickleFileInTheFirstWatchedFolder)
+{
+    configure(volume("a"));
+    start(1);
+    stop();
+    EXPECT_TRUE(folder.exists("a/m/.tickle"));
+    EXPECT_EQ(std::vector<std::string> { "touch " + folder.path("a/m") + "/.tickle" }, commandsRun());
+}
+
+TEST_F(QuarrowStop, endsAWalkThatSomebodyElseHoldsUp)
+{
+    configure(volume("a"));
+    start(1);
+    run([&] {
+        passFirstRound();
+        const ForeignWriter writer(catalogue("a"));
+        advanceTime(300);
+        wakeUntilLogged({ LOG_INFO, walking });
+        kill(getpid(), SIGTERM);
+        EXPECT_TRUE(waitUntilLogged(LOG_INFO, closed)) << "although the catalogue is still locked";
+    });
+}
+
+TEST_F(QuarrowStop, endsAWalkOnTheWatcherThreadThatSomebodyElseHoldsUp)
+{
+    configure(volume("a"));
+    start(1);
+    const ForeignWriter writer(catalogue("a"));
+    folder.makeFolder("a/m/new");
+    ASSERT_TRUE(
+        waitUntilLogged(LOG_INFO, "Going to walk " + folder.path("a/m") + " in handleChangeFolder and found is 1\n"));
+    stop();
+    EXPECT_EQ(1, timesLogged(LOG_INFO, closed)) << "although the catalogue is still locked";
+}
+
+} // namespace

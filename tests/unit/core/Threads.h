@@ -1,0 +1,36 @@
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+
+/// The kernel's ids of all threads of the process.
+inline std::set<std::string> threadIds()
+{
+    std::thread([] {}).join(); // with the first thread comes one of the sanitizer's own, which is to be there already
+    std::set<std::string> ids;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        ids.insert(task.path().filename().string());
+    return ids;
+}
+
+/// The mask of blocked signals of each thread that was not there `before`, one line each, as the kernel shows it.
+inline std::string signalsBlockedByNewThreads(const std::set<std::string>& before)
+{
+    std::string masks;
+    for (const std::string& id : threadIds()) {
+        if (before.count(id) != 0)
+            continue;
+        std::ifstream status("/proc/self/task/" + id + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.compare(0, 8, "SigBlk:\t") == 0)
+                masks += line.substr(8) + "\n";
+        }
+    }
+    return masks;
+}
+
+/// Every signal but SIGKILL, SIGSTOP and the two that the C library keeps for itself.
+inline const std::string allSignals = "fffffffe7ffbfeff\n";

@@ -111,6 +111,9 @@ def show_walks(results, table):
             judged = name == "floor"
             table.add(f"{label}, daemon / {name}", spread(ratios, ".2f"), f"at most {WALK_TARGET}" if judged else "",
                       statistics.median(ratios) <= WALK_TARGET if judged else None)
+            if judged:
+                ratios = [mine["cpu_seconds"] / other["cpu_seconds"] for mine, other in zip(runs, others)]
+                table.add(f"{label}, daemon / floor, processor time", spread(ratios, ".2f"))
 
 
 def show_logs(results, table):

@@ -85,8 +85,7 @@ class Log:
 
 
 class Catalogue:
-    """A reader of the catalogue. It stays connected: where the catalogue's own folder is watched, a reader that comes and
-    goes is a change too, and changes are looked at only after 5 quiet seconds."""
+    """A reader of the catalogue."""
 
     def __init__(self, folder):
         self.path = os.path.join(folder, ".quarrow", "quarrow.db")
@@ -124,7 +123,9 @@ def write_configuration(path, folder):
     with open(path, "w", encoding="utf-8") as file:
         file.write('<?xml version="1.0" encoding="UTF-8"?>\n<Quarrow><Version>1.0</Version>'
                    f"<last_updated_time>{int(time.time())}</last_updated_time><Volumes><Volume><Name>quickstart</Name>"
-                   f"<Root>{xml.sax.saxutils.escape(folder)}</Root></Volume></Volumes></Quarrow>\n")
+                   f"<Root>{xml.sax.saxutils.escape(folder)}</Root>"
+                   # Readers of the catalogue change that folder; left in, they would keep the burst of the change going.
+                   "<ExcludePaths><Path>/.quarrow</Path></ExcludePaths></Volume></Volumes></Quarrow>\n")
 
 
 def refuse_unusable(folder):

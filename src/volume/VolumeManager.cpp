@@ -567,8 +567,8 @@ void VolumeManager::listCatalogue(const std::string& path, DBFolder& folder, Cat
 /// False when the folder could not be read to its end: what it did not list is then not known to be gone.
 bool VolumeManager::listDisk(Walk& walk, const std::string& path, DBFolder& folder, DiskListing& listed)
 {
-    // Below the start no link is followed: the folder may have been replaced by one since it was listed.
-    FolderReader reader(path, path == walk.startPath ? FolderReader::follow : FolderReader::doNotFollow);
+    const bool isRoot = walk.isRootWalk && path == walk.startPath;
+    FolderReader reader(path, mayBeLink(path, isRoot) ? FolderReader::follow : FolderReader::doNotFollow);
     if (!reader.isOpen())
         return false;
     while (!stopRequested) {
@@ -668,9 +668,9 @@ bool VolumeManager::checkAndUpdateFolderEntryInTheDB(
     const std::string& path, const std::string& startPath, bool isRootWalk)
 {
     struct stat64 status;
-    const bool isStart = path == startPath;
-    // Only the start may be a link; lstat() shows any other for what it is, and it lacks the directory bit.
-    if ((isStart ? stat64(path.c_str(), &status) : lstat64(path.c_str(), &status)) != 0)
+    const bool isRoot = isRootWalk && path == startPath;
+    // lstat() shows a link for what it is: it lacks the directory bit.
+    if ((mayBeLink(path, isRoot) ? stat64(path.c_str(), &status) : lstat64(path.c_str(), &status)) != 0)
         return false;
     if ((status.st_mode & directoryBit) == 0)
         return false;
@@ -685,7 +685,7 @@ bool VolumeManager::checkAndUpdateFolderEntryInTheDB(
         if (exists)
             dbManager->updateFolder(folder);
         else
-            dbManager->insertFolder(folder, isRootWalk && isStart);
+            dbManager->insertFolder(folder, isRoot);
         return true;
     } catch (const std::exception&) {
         syslog(LOG_LOCAL5 | LOG_ERR, "Error in checking for the file %s in the DB\n", path.c_str());
@@ -724,6 +724,10 @@ bool VolumeManager::isExcludePath(const std::string& path)
         return path.length() > exclude.length() && path.find(exclude) != std::string::npos;
     });
 }
+
+/// What the administrator has configured may be a link. Below it none is followed: a user of the volume may have put
+/// one in a folder's place, also in that of a folder whose change is being looked at.
+bool VolumeManager::mayBeLink(const std::string& path, bool isRoot) const { return isRoot || path == volumePath; }
 
 std::string VolumeManager::relative(const std::string& path) const
 {

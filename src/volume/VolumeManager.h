@@ -113,6 +113,7 @@ private:
     static void logFolderSummary(const std::string& path, const FolderCounters& counters);
     DBFile fileAt(const std::string& dir, const std::string& entryName) const;
     void updateIfChanged(DBFile& file, const struct stat64& status);
+    bool mayBeLink(const std::string& path, bool isRoot) const;
     std::string relative(const std::string& path) const;
 
 #if defined(__SANITIZE_THREAD__)

@@ -143,7 +143,11 @@ def sanitizer_libraries():
 
 
 def preload(library):
-    return {"LD_PRELOAD": ":".join([*sanitizer_libraries(), library])}
+    """Environment that preloads a library. The sanitizers' allocators hold a lock while they ask for the time of a release;
+    a library that replaces the clock allocates on its first call, in every child as well. So they release nothing."""
+    keep = "allocator_release_to_os_interval_ms=-1"
+    options = {name: ":".join(filter(None, [os.environ.get(name), keep])) for name in ("ASAN_OPTIONS", "TSAN_OPTIONS")}
+    return {**options, "LD_PRELOAD": ":".join([*sanitizer_libraries(), library])}
 
 
 class Volume:

@@ -24,7 +24,7 @@ bool isExistingFile(const std::string& path)
 }
 
 /// The text of an element as a number; an element without text is skipped, which leaves the old value.
-void readNumber(const xmlNode* element, int& number)
+void readNumber(const xmlNode* element, std::atomic<int>& number)
 {
     if (const char* text = elementText(element))
         number = std::atoi(text);
@@ -175,7 +175,7 @@ void VolumeManagerConfig::rewrite(int t)
         syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
         throw "Could not parse the config xml";
     }
-    const auto setNumber = [](xmlNodePtr field, int& held, int number) {
+    const auto setNumber = [](xmlNodePtr field, std::atomic<int>& held, int number) {
         xmlNodeSetContent(field, reinterpret_cast<const xmlChar*>(std::to_string(number).c_str()));
         held = number;
     };

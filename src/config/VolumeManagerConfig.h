@@ -1,9 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 
 /// The state file of one volume: when its catalogue was last updated and when deleted rows were last purged.
-/// An object belongs to one volume manager, which uses it under its own lock.
+/// An object belongs to one volume manager, which writes it under its own lock; the times may be read on any thread.
 class VolumeManagerConfig {
 public:
     /// Loads the file, or makes it when there is none; a file that cannot be made leaves the initial values.
@@ -11,7 +12,7 @@ public:
     explicit VolumeManagerConfig(const std::string& path);
     virtual ~VolumeManagerConfig();
 
-    /// Seconds since the epoch, 0 when nothing was ever purged.
+    /// Seconds since the epoch, 0 when nothing was ever purged. Any thread.
     int getLastPurgeTime();
 
     /// Records a purge at `t` (seconds since the epoch), stamps the update time and rewrites the file as a whole.
@@ -23,8 +24,8 @@ private:
     void create() const;
     void rewrite(int t);
 
-    int lastUpdatedTime = 0; ///< seconds since the epoch
-    int lastPurgeTime = 0;   ///< seconds since the epoch
+    std::atomic<int> lastUpdatedTime = 0; ///< seconds since the epoch
+    std::atomic<int> lastPurgeTime = 0;   ///< seconds since the epoch
     std::string version = "1.0";
     std::string filePath;
 };

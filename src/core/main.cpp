@@ -30,6 +30,16 @@ void qrw_term_handler(int)
     syslog(LOG_LOCAL5 | LOG_INFO, "Done with the stop\n");
 }
 
+/// signal() leaves it to the C library whether a wait goes on after the handler; the control loop tells one from the
+/// other.
+static void restartWaitsAfter(int number)
+{
+    struct sigaction action;
+    sigaction(number, nullptr, &action);
+    action.sa_flags |= SA_RESTART;
+    sigaction(number, &action, nullptr);
+}
+
 /// A daemon may be started without these; a catalogue opened as descriptor 1 would then receive the progress lines.
 static void openStandardDescriptors()
 {
@@ -61,6 +71,8 @@ int main(int argc, char** argv)
     Quarrow::getInstance();
     signal(SIGTERM, qrw_term_handler);
     signal(SIGUSR1, qrw_usr1_handler);
+    restartWaitsAfter(SIGTERM);
+    restartWaitsAfter(SIGUSR1);
     signal(SIGPIPE, SIG_IGN); // whoever reads the progress lines may go away
     syslog(LOG_LOCAL5 | LOG_INFO, "================\n");
     try {

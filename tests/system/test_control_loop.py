@@ -5,7 +5,7 @@ import sqlite3
 import time
 
 from catalogue import assert_same
-from harness import fast_clock, info
+from harness import fast_clock, info, wait_for
 
 SLEEP = info("Going to sleep.\n")
 AWAKE = info("We received a wake up message from the signal handler\n")
@@ -97,6 +97,7 @@ def test_a_volume_that_is_being_walked_is_passed_over(arena, clock):
     both, alone = arena.start([busy, idle], clock=clock), None
     both.wait_walks_of(idle, 1)
     both.wait_log(lambda lines: info("Checking if the folder /m exists in the path list") in lines, "the busy walk")
+    wait_for(lambda: both.thread_count() == both.steady_threads() + 1, "the end of the idle volume's walk thread")
     both.end_first_sleep()
     start = clock.now
     clock.set(start + 300)

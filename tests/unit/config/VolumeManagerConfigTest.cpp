@@ -301,4 +301,21 @@ TEST_F(StateFile, ofEachVolumeIsUsedByItsOwnThread)
     EXPECT_EQ("[volume0.xml][volume1.xml][volume2.xml][volume3.xml]", names());
 }
 
+/// The purge thread asks whether a purge is due while the control loop is at one.
+TEST_F(StateFile, isAskedForItsPurgeTimeWhileOneIsRecorded)
+{
+    VolumeManagerConfig config(statePath);
+    std::thread other([&config] {
+        for (int t = 1; t <= 200; ++t)
+            config.setLastPurgeTime(t);
+    });
+    int last = 0;
+    while (last < 200) {
+        const int next = config.getLastPurgeTime();
+        EXPECT_LE(last, next);
+        last = next;
+    }
+    other.join();
+}
+
 } // namespace

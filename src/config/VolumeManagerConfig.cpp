@@ -84,7 +84,7 @@ bool createNameless(const std::string& path, const std::string& text)
     const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
     const bool created = writeDurably(descriptor, text)
         && linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
-    close(descriptor);
+    close(descriptor); // all of it is on the disk already
     return created;
 }
 
@@ -167,7 +167,9 @@ void VolumeManagerConfig::create() const
         std::puts("testXmlwriterMemory: Error at fopen");
 }
 
-void VolumeManagerConfig::rewrite(int t)
+/// The file with both times set, as a whole. The turn at libxml2 ends here: the disk of one volume, which may stall,
+/// must not hold up the others.
+std::string VolumeManagerConfig::updatedDocument(int t)
 {
     const int now = static_cast<int>(std::time(nullptr));
     const XmlDocument document(filePath, XmlDocument::untrusted);
@@ -191,13 +193,17 @@ void VolumeManagerConfig::rewrite(int t)
             }
         }
     }
+    return dump(document);
+}
 
+void VolumeManagerConfig::rewrite(int t)
+{
+    const std::string text = updatedDocument(t);
     const std::string temporaryPath = filePath + ".tmp";
     unlink(temporaryPath.c_str()); // left by a crash, or planted by a user of the volume
     const int descriptor = createExclusively(temporaryPath);
     if (descriptor < 0)
         return;
-    const std::string text = dump(document);
     const bool complete = !text.empty() && writeDurably(descriptor, text);
     if (close(descriptor) != 0 || !complete) {
         unlink(temporaryPath.c_str()); // the old file stays the good one

@@ -22,6 +22,7 @@ public:
 private:
     void load();
     void create() const;
+    std::string updatedDocument(int t);
     void rewrite(int t);
 
     std::atomic<int> lastUpdatedTime = 0; ///< seconds since the epoch

@@ -18,20 +18,37 @@ XmlTurn::XmlTurn()
 
 XmlTurn::~XmlTurn() { xmlCleanupParser(); }
 
-static xmlDocPtr readRegularFile(const std::string& path)
+/// The tree of a document takes some thirty times its size. A state file has a few hundred bytes.
+static constexpr std::string::size_type largestUntrusted = 1048576;
+
+/// The content of a regular file; empty, which is no document, when it is none, too large or cannot be read.
+static std::string readRegularFile(const std::string& path)
 {
     const int descriptor = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
-        return nullptr;
+        return {};
+    std::string text;
     struct stat64 status;
-    const bool isRegular = fstat64(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-    xmlDocPtr document = isRegular ? xmlReadFd(descriptor, path.c_str(), nullptr, 0) : nullptr;
+    if (fstat64(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        char buffer[4096];
+        ssize_t n;
+        while ((n = read(descriptor, buffer, sizeof buffer)) > 0 && text.length() <= largestUntrusted)
+            text.append(buffer, static_cast<std::string::size_type>(n));
+        if (n != 0)
+            text.clear();
+    }
     close(descriptor);
-    return document;
+    return text;
+}
+
+static xmlDocPtr parse(const std::string& text, const std::string& path)
+{
+    return xmlReadMemory(text.data(), static_cast<int>(text.length()), path.c_str(), nullptr, 0);
 }
 
 XmlDocument::XmlDocument(const std::string& path, Origin origin)
-    : document(origin == trusted ? xmlReadFile(path.c_str(), nullptr, 0) : readRegularFile(path))
+    : untrustedText(origin == untrusted ? readRegularFile(path) : std::string())
+    , document(origin == trusted ? xmlReadFile(path.c_str(), nullptr, 0) : parse(untrustedText, path))
 {
 }
 

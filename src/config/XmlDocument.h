@@ -22,7 +22,7 @@ private:
 class XmlDocument {
 public:
     /// `trusted`: read whatever the path leads to, as an administrator's file is. `untrusted`: a regular file alone,
-    /// under its own name; users of a volume can put links and pipes there.
+    /// under its own name and of a sensible size; users of a volume can put links, pipes and any content there.
     enum Origin { trusted, untrusted };
     XmlDocument(const std::string& path, Origin origin);
     ~XmlDocument();
@@ -34,6 +34,7 @@ public:
     xmlNodePtr root() const;
 
 private:
+    const std::string untrustedText; ///< read before the turn begins: one stalled volume must not hold up the others
     XmlTurn turn;
     xmlDocPtr document;
 };

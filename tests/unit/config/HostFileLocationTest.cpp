@@ -2,6 +2,7 @@
 #include "config/PrivateMount.h"
 
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -130,6 +131,25 @@ TEST_F(HostFileLocation, leavesTheMimeTableReadBeforeTheFirstThread)
     const QuarrowConfig config;
     std::ofstream(tablePath) << "audio/mpeg mp4\n";
     EXPECT_EQ(1, oru::db::CategoryMapper::Instance().ExtensionToCategory("mp4"));
+}
+
+TEST_F(HostFileLocation, mayBeALink)
+{
+    folder.writeFile("real.xml", completeFile);
+    ASSERT_EQ(0, symlink("real.xml", folder.path("host.xml").c_str()));
+    EXPECT_TRUE(QuarrowConfig().load());
+}
+
+TEST_F(HostFileLocation, mayBeUnreadable)
+{
+    write(completeFile);
+    ASSERT_EQ(0, chmod(folder.path("host.xml").c_str(), 0));
+    if (access(folder.path("host.xml").c_str(), R_OK) == 0 && seteuid(65534) != 0)
+        GTEST_SKIP() << "nobody here is kept from reading";
+    clearLog();
+    EXPECT_FALSE(QuarrowConfig().load());
+    EXPECT_EQ(parseFailure(), loggedLines());
+    EXPECT_EQ(0, seteuid(getuid()));
 }
 
 } // namespace

@@ -179,4 +179,16 @@ TEST_F(HostFileVolumes, mayBeMany)
     EXPECT_EQ(expected, volumes(loaded(text)));
 }
 
+TEST_F(HostFileVolumes, haveTheFirstChildOfAnElementAsItsValue)
+{
+    write("<!DOCTYPE c [<!ENTITY e \"/e\">]><c><Version>1</Version><last_updated_time>1</last_updated_time><Volumes>"
+          "<Volume><Name>a</Name><Root>/a<!-- c -->/b</Root></Volume>"
+          "<Volume><Name><!--b-->c</Name><Root>/a<![CDATA[/b]]></Root></Volume>"
+          "<Volume><Name>c</Name><Root>/a&e;/b</Root></Volume><Volume><Name>d</Name><Root>&e;/b</Root></Volume>"
+          "<Volume><Name>e</Name><Root>/a<b>/b</b>/c</Root></Volume></Volumes></c>");
+    QuarrowConfig config;
+    EXPECT_TRUE(config.load());
+    EXPECT_EQ("a=/a\nb=/a\nc=/a\nd=/e\ne=/a\n", volumes(config));
+}
+
 } // namespace

@@ -118,4 +118,23 @@ TEST_F(PlantedStateFile, thatIsAPipeUnderTheTemporaryNameIsNotWaitedFor)
     EXPECT_EQ(stateText("NOW", "9"), recorded(config, 9));
 }
 
+TEST_F(PlantedStateFile, thatIsAPipeIsNotReadEvenWithAStateInIt)
+{
+    ASSERT_EQ(0, mkfifo(statePath.c_str(), 0600));
+    const int writer = open(statePath.c_str(), O_RDWR | O_NONBLOCK);
+    const std::string text = stateText("1", "77");
+    ASSERT_EQ(static_cast<ssize_t>(text.length()), ::write(writer, text.data(), text.length()));
+    EXPECT_EQ(thrownText, start());
+    close(writer);
+}
+
+TEST_F(PlantedStateFile, thatIsLargeIsRefusedUnread)
+{
+    const std::string state = "<Quarrow><Volume><last_purge_time>5</last_purge_time></Volume>";
+    writeState(state + std::string(1000000, ' ') + "</Quarrow>");
+    EXPECT_EQ("5", start());
+    writeState(state + std::string(1100000, ' ') + "</Quarrow>");
+    EXPECT_EQ(thrownText, start());
+}
+
 } // namespace

@@ -213,4 +213,37 @@ TEST_F(HostFile, isReadAgainOnTopOfWhatWasRead)
     EXPECT_EQ("[/a][/b]", crawlPaths(config, "one"));
 }
 
+TEST_F(HostFile, takesNothingFromOtherFiles)
+{
+    folder.writeFile("root.txt", "/v1");
+    folder.writeFile("host.dtd", "<!ENTITY r \"/v2\">");
+    const std::string rest = "<c><Version>1</Version><last_updated_time>1</last_updated_time><Volumes><Volume>"
+                             "<Name>one</Name><Root>&r;</Root></Volume></Volumes></c>";
+    for (const std::string doctype :
+        { "<!DOCTYPE c [<!ENTITY r SYSTEM \"root.txt\">]>", "<!DOCTYPE c SYSTEM \"host.dtd\">" }) {
+        write(doctype + rest);
+        QuarrowConfig config;
+        EXPECT_FALSE(config.load()) << doctype;
+        EXPECT_EQ("", volumes(config)) << doctype;
+    }
+}
+
+TEST_F(HostFile, looksAtElementsAlone)
+{
+    write("<!DOCTYPE c [<!ENTITY Name \"entity\">]><c><?Version 1?><Version>1</Version>"
+          "<last_updated_time>1</last_updated_time><Volumes><Volume><?Name pi?>&Name;<Name>one</Name><?Root /pi?>"
+          "<Root>/v1</Root></Volume></Volumes></c>");
+    QuarrowConfig config;
+    EXPECT_TRUE(config.load());
+    EXPECT_EQ("one=/v1\n", volumes(config));
+}
+
+TEST_F(HostFile, mayHaveEntitiesInsideEntities)
+{
+    write(
+        "<!DOCTYPE c [<!ENTITY a \"<x>1</x>\"><!ENTITY b \"<y>&a;</y>\">]><c>&a;&b;<Version>1</Version>"
+        "<last_updated_time>1</last_updated_time><Volumes><Volume><Name>one</Name><Root>/v1</Root></Volume></Volumes></c>");
+    EXPECT_TRUE(QuarrowConfig().load());
+}
+
 } // namespace

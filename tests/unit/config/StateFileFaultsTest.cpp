@@ -1,10 +1,19 @@
 #include "config/PrivateMount.h"
 #include "config/StateFileTest.h"
 
+#include <dlfcn.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <fstream>
+#include <mutex>
+#include <thread>
+
+extern "C" int fsync(int descriptor);
 
 namespace {
 
@@ -29,6 +38,49 @@ public:
 private:
     void (*formerHandler)(int);
     rlimit former {};
+};
+
+/// What this program's fsync() does, until the end of the scope.
+class Syncs {
+public:
+    enum Fault { none, fail, stall };
+    explicit Syncs(Fault fault) { set(fault); }
+    ~Syncs() { set(none); }
+    Syncs(const Syncs&) = delete;
+    Syncs& operator=(const Syncs&) = delete;
+
+    static int next(int descriptor)
+    {
+        static const auto system = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+        std::unique_lock<std::mutex> held(mutex);
+        ++calls;
+        changed.notify_all();
+        if (current == fail) {
+            errno = EIO;
+            return -1;
+        }
+        changed.wait(held, [] { return current != stall; });
+        return system(descriptor);
+    }
+    static void waitForOne()
+    {
+        std::unique_lock<std::mutex> held(mutex);
+        EXPECT_TRUE(changed.wait_for(held, std::chrono::seconds(60), [] { return calls > 0; }));
+    }
+
+private:
+    static void set(Fault fault)
+    {
+        const std::lock_guard<std::mutex> held(mutex);
+        current = fault;
+        calls = 0;
+        changed.notify_all();
+    }
+
+    static inline std::mutex mutex;
+    static inline std::condition_variable changed;
+    static inline Fault current = none;
+    static inline int calls = 0;
 };
 
 using StateFileFaults = StateFileTest;
@@ -184,4 +236,43 @@ TEST_F(StateFileFaults, areSilentWhenTheTemporaryFileCannotBeOpened)
     EXPECT_TRUE(loggedLines().empty());
 }
 
+TEST_F(StateFileFaults, leaveNoNewFileThatMayNotHaveReachedTheDisk)
+{
+    {
+        const Syncs syncs(Syncs::fail);
+        EXPECT_EQ("0", start());
+    }
+    EXPECT_EQ("", names());
+}
+
+TEST_F(StateFileFaults, leaveTheGoodFileWhenTheNewOneMayNotHaveReachedTheDisk)
+{
+    writeState(stateText("1", "2"));
+    VolumeManagerConfig config(statePath);
+    {
+        const Syncs syncs(Syncs::fail);
+        EXPECT_EQ("9", record(config, 9));
+    }
+    EXPECT_EQ(stateText("1", "2"), folder.readFile("state.xml"));
+    EXPECT_EQ("[state.xml]", names());
+}
+
+TEST_F(StateFileFaults, ofADiskThatStallsLeaveOtherVolumesAlone)
+{
+    writeState(stateText("1", "2"));
+    VolumeManagerConfig stalled(statePath);
+    std::thread waiting;
+    {
+        const Syncs syncs(Syncs::stall);
+        waiting = std::thread([&stalled] { stalled.setLastPurgeTime(9); });
+        Syncs::waitForOne();
+        VolumeManagerConfig other(folder.writeFile("other.xml", stateText("1", "2"))); // reads, as a purge does
+        EXPECT_EQ(2, other.getLastPurgeTime());
+    }
+    waiting.join();
+    EXPECT_EQ("9", start());
+}
+
 } // namespace
+
+extern "C" int fsync(int descriptor) { return Syncs::next(descriptor); }

@@ -1,6 +1,8 @@
 #include "config/StateFileTest.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <climits>
 #include <fstream>
@@ -316,6 +318,69 @@ TEST_F(StateFile, isAskedForItsPurgeTimeWhileOneIsRecorded)
         last = next;
     }
     other.join();
+}
+
+TEST_F(StateFile, isStampedWhateverTheOrderOfItsTimes)
+{
+    const auto state = [](const std::string& updated, const std::string& purged) {
+        const std::string times
+            = "<last_purge_time>" + purged + "</last_purge_time><last_updated_time>" + updated + "</last_updated_time>";
+        return "<?xml version=\"1.0\"?>\n<Quarrow><Volume>" + times + times + "</Volume></Quarrow>\n";
+    };
+    writeState(state("1", "2"));
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ(state("NOW", "9"), recorded(config, 9));
+    EXPECT_EQ(9, config.getLastPurgeTime());
+}
+
+TEST_F(StateFile, looksAtElementsAlone)
+{
+    const std::string text = "<?xml version=\"1.0\"?>\n<Quarrow><Volume><?last_purge_time 5?></Volume></Quarrow>\n";
+    writeState(text);
+    VolumeManagerConfig config(statePath);
+    EXPECT_EQ(text, recorded(config, 9));
+    EXPECT_EQ(0, config.getLastPurgeTime());
+}
+
+TEST_F(StateFile, hasItsNameOnceItIsComplete)
+{
+    const int notify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_LE(0, inotify_add_watch(notify, folder.path().c_str(), IN_CREATE | IN_MODIFY | IN_MOVED_TO));
+    EXPECT_EQ("0", start());
+    std::string seen;
+    alignas(inotify_event) char buffer[4096];
+    for (ssize_t n = read(notify, buffer, sizeof buffer); n > 0; n = read(notify, buffer, sizeof buffer))
+        for (const char* at = buffer; at < buffer + n;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(at);
+            if (event->len != 0 && std::string(event->name) == "state.xml") // without a name it shows under a number
+                seen += (event->mask & IN_MODIFY) != 0 ? "written " : "named ";
+            at += sizeof *event + event->len;
+        }
+    close(notify);
+    EXPECT_EQ("named ", seen);
+}
+
+TEST_F(StateFile, leavesNoDescriptorOpen)
+{
+    const auto openDescriptors = [] {
+        std::string all;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            all += entry.path().filename().string() + " ";
+        return all;
+    };
+    const std::string before = openDescriptors();
+    for (const std::string& content : { stateText("1", "2"), std::string("<Quarrow>"), std::string("<Other/>") }) {
+        writeState(content);
+        start();
+        try {
+            VolumeManagerConfig(statePath).setLastPurgeTime(3);
+        } catch (const char*) {
+            EXPECT_EQ("<Quarrow>", content);
+        }
+    }
+    folder.remove("state.xml");
+    EXPECT_EQ("0", start());
+    EXPECT_EQ(before, openDescriptors());
 }
 
 } // namespace

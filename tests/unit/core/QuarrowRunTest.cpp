@@ -99,6 +99,7 @@ TEST_F(QuarrowRun, theNextWalkIsDue300SecondsAfterTheLastStarted)
         passFirstRound();
         advanceTime(300 + 41);
         wakeUntilLogged({ LOG_INFO, endOfWalk }, 1);
+        wakeUntilLogged({ LOG_INFO, tooSoon(aMoment + 341, 0) }, 1); // the loop has taken the time of the walk
         advanceTime(299);
         wakeUntilLogged({ LOG_INFO, tooSoon(aMoment + 341, 299) }, 1);
         advanceTime(1);

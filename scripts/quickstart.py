@@ -34,8 +34,9 @@ def make_sample(folder):
 
 
 def say(text):
-    # A name may hold bytes that are no text; they are shown as escapes.
-    print(text.encode(errors="backslashreplace").decode(), flush=True)
+    # A name may hold bytes that are no text; they are shown as escapes. In one piece: the log has a thread of its own.
+    sys.stdout.write(text.encode(errors="backslashreplace").decode() + "\n")
+    sys.stdout.flush()
 
 
 class Log:
@@ -145,13 +146,15 @@ def refuse_unusable(folder):
     return None
 
 
-def show_change(folder, catalogue):
+def show_change(folder, catalogue, log, daemon):
     descriptor, path = tempfile.mkstemp(prefix="quarrow-quickstart-", suffix=".mp3", dir=folder)
     os.close(descriptor)
     name = "/" + os.path.basename(path)
     say(f"Made the file {path}; changes are looked at after 5 quiet seconds:")
     try:
         arrived = catalogue.wait_for_state(name, 0)
+        if arrived is not None:
+            log.wait_for("======", daemon)  # the rest of what the daemon says about it
     finally:
         os.unlink(path)
     if arrived is None:
@@ -159,6 +162,8 @@ def show_change(folder, catalogue):
         return False
     say(f"It reached the catalogue after {arrived:.1f} seconds. Removed it again:")
     gone = catalogue.wait_for_state(name, 1)
+    if gone is not None:
+        log.wait_for("======", daemon)
     say("That did not reach the catalogue." if gone is None else f"Its row is marked deleted after {gone:.1f} seconds.")
     return gone is not None
 
@@ -182,7 +187,7 @@ def run(daemon_path, log_path, folder):
             if log.wait_for("Actively watching", daemon):
                 catalogue = Catalogue(folder)
                 catalogue.show_summary()
-                good = show_change(folder, catalogue)
+                good = show_change(folder, catalogue, log, daemon)
                 catalogue.close()  # the daemon leaves one plain file behind when no reader prevents it
         except KeyboardInterrupt:
             say("Interrupted.")

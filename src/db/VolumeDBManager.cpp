@@ -126,6 +126,10 @@ bool VolumeDBManager::open(const char* path)
 /// while half a schema would never be completed.
 int VolumeDBManager::openNew(const std::string& path)
 {
+    // What cannot be looked at may be a good catalogue on a disk with a fault: it is not to be replaced by an empty one.
+    struct stat64 status;
+    if (stat64(path.c_str(), &status) == 0 || errno != ENOENT)
+        return SQLITE_CANTOPEN;
     const std::string temporaryPath = path + ".tmp";
     // What is left of a catalogue that somebody removed would be taken for the new one's log, and replayed into it.
     for (const char* leftOver : { ".tmp", "-wal", "-shm", "-journal" })
@@ -215,9 +219,6 @@ void VolumeDBManager::configure()
 /// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
 void VolumeDBManager::useWriteAheadLog()
 {
-    // A reader that may not write can open a log that is there, but not make one: it is kept from here on.
-    int keepLogFiles = 1;
-    sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
     bool inUse = false;
     if (hasRoomForLog())
         sqlite3_exec(
@@ -240,7 +241,8 @@ bool VolumeDBManager::hasRoomForLog() const
     return path == nullptr || statvfs64(path, &volume) != 0 || volume.f_bavail * volume.f_frsize >= roomForLogBytes;
 }
 
-/// Leaves one plain file that anybody can read from anywhere. With a reader in the way the log stays, files and all.
+/// Leaves one plain file that anybody can read from anywhere. With a reader in the way the log stays, files and all: a
+/// reader that may not write can open a log that is there, but not make one.
 void VolumeDBManager::leaveWriteAheadLog()
 {
     int keepLogFiles = 0;
@@ -549,8 +551,10 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
 void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
 {
     forEachFolderBelow(folderId, [this](int child) {
-        if (isStopping())
-            throw DBOperationException(); // half a million folders take a while; the next walk deletes them again
+        // Half a million folders take a while. Without a transaction to undo what is done, the rest would stay live for
+        // ever: nobody looks below a deleted folder again.
+        if (isStopping() && isInTransaction())
+            throw DBOperationException();
         deleteFilesFromFolder(child);
         deleteFolderRecord(child);
     });

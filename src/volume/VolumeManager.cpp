@@ -96,6 +96,7 @@ struct VolumeManager::DiskListing {
 struct VolumeManager::Walk {
     const std::string& startPath;
     const bool isRootWalk;
+    const std::string configuredPath;         ///< may be a link or lie behind one; below it none is followed
     std::queue<std::string> folderQueue = {}; ///< absolute paths still to visit: depth costs queue, not stack
     int foldersProcessed = 0;
     int filesSeen = 0;
@@ -466,13 +467,14 @@ void VolumeManager::removeForeignTopLevelFolders(const std::list<std::string>& c
 void VolumeManager::walk(std::string& startPath, bool isRootWalk)
 {
     const time_t walkStart = std::time(nullptr);
-    Walk walk { startPath, isRootWalk };
+    Walk walk { startPath, isRootWalk, isRootWalk ? startPath : configuredPathAbove(startPath) };
     walk.folderQueue.push(startPath);
     {
         const VMLock held(&lock);
         dbManager->useWriteAheadLog(); // whatever kept it from that at the last try may be gone
     }
-    while (!stopRequested && !walk.folderQueue.empty()) {
+    // A stop that is only pending counts too: the main thread may be waiting for the end of this very walk.
+    while (!stopRequested && !isStopSignalPending() && !walk.folderQueue.empty()) {
         const std::string path = std::move(walk.folderQueue.front());
         walk.folderQueue.pop();
         if (isExcludePath(path))
@@ -498,12 +500,14 @@ void VolumeManager::walkFolder(Walk& walk, const std::string& path)
     DiskListing onDisk;
     try {
         Transaction transaction(*dbManager);
-        if (checkAndUpdateFolderEntryInTheDB(path, walk.startPath, walk.isRootWalk))
+        if (!isBehindLink(path, walk.configuredPath)
+            && checkAndUpdateFolderEntryInTheDB(path, walk.startPath, walk.isRootWalk))
             reconcileFolder(walk, path, transaction, onDisk);
         transaction.commit();
         logFolderSummary(path, walk.counters);
     } catch (const std::exception&) {
-        logFailedWalk();
+        if (!stopRequested) // a stop in the middle of a long deletion is no failure
+            logFailedWalk();
         // Everything done for the folder is undone. Its subfolders are walked all the same, unless its own row is gone
         // with the rest: theirs would then hang on -1, and no later walk would put that right.
         if (!isCatalogued(path))
@@ -685,7 +689,7 @@ bool VolumeManager::checkAndUpdateFolderEntryInTheDB(
         if (exists)
             dbManager->updateFolder(folder);
         else
-            dbManager->insertFolder(folder, isRoot);
+            dbManager->insertFolder(folder, isRoot || path == volumePath); // nothing is above the volume's own row
         return true;
     } catch (const std::exception&) {
         syslog(LOG_LOCAL5 | LOG_ERR, "Error in checking for the file %s in the DB\n", path.c_str());
@@ -728,6 +732,30 @@ bool VolumeManager::isExcludePath(const std::string& path)
 /// What the administrator has configured may be a link. Below it none is followed: a user of the volume may have put
 /// one in a folder's place, also in that of a folder whose change is being looked at.
 bool VolumeManager::mayBeLink(const std::string& path, bool isRoot) const { return isRoot || path == volumePath; }
+
+/// The nearest start folder of a full walk at or above the path.
+std::string VolumeManager::configuredPathAbove(const std::string& path) const
+{
+    std::string nearest = volumePath;
+    for (const std::string& crawlPath : crawlPathsOf(name)) {
+        const std::string start = volumePath + crawlPath;
+        if (start.length() > nearest.length() && (path + "/").compare(0, start.length() + 1, start + "/") == 0)
+            nearest = start;
+    }
+    return nearest;
+}
+
+/// Whether a link stands between the two: the folder that was walked, or is watched, under this path is elsewhere now.
+bool VolumeManager::isBehindLink(const std::string& path, const std::string& configuredPath)
+{
+    std::string::size_type slash = configuredPath.length();
+    while ((slash = path.find('/', slash + 1)) != std::string::npos) {
+        struct stat64 status;
+        if (lstat64(path.substr(0, slash).c_str(), &status) == 0 && S_ISLNK(status.st_mode))
+            return true;
+    }
+    return false;
+}
 
 std::string VolumeManager::relative(const std::string& path) const
 {

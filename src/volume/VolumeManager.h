@@ -114,6 +114,8 @@ private:
     DBFile fileAt(const std::string& dir, const std::string& entryName) const;
     void updateIfChanged(DBFile& file, const struct stat64& status);
     bool mayBeLink(const std::string& path, bool isRoot) const;
+    std::string configuredPathAbove(const std::string& path) const;
+    static bool isBehindLink(const std::string& path, const std::string& configuredPath);
     std::string relative(const std::string& path) const;
 
 #if defined(__SANITIZE_THREAD__)

@@ -198,10 +198,14 @@ void VolumeWatcher::interruptRead()
 {
     const std::lock_guard<std::mutex> held(registryMutex);
     const int own = inotify_add_watch(inotifyFd, "/", IN_DELETE_SELF);
-    if (own >= 0)
+    if (own >= 0) {
         inotify_rm_watch(inotifyFd, own);
-    else if (!watchPaths.empty())
-        inotify_rm_watch(inotifyFd, watchPaths.rbegin()->first);
+        return;
+    }
+    for (const auto& watch : watchPaths) {
+        if (inotify_rm_watch(inotifyFd, watch.first) == 0) // fails for an entry whose watch is no more
+            return;
+    }
 }
 
 bool VolumeWatcher::isReadyForRead()
@@ -284,6 +288,7 @@ void VolumeWatcher::handleChangedDirs(const std::set<std::string>& changedDirs)
 void VolumeWatcher::handleChangedDir(const std::string& path)
 {
     inotify_event event = {};
+    std::string volume; // the walk may give up the watch
     {
         const std::lock_guard<std::mutex> held(registryMutex);
         const auto watch = std::find_if(
@@ -291,16 +296,15 @@ void VolumeWatcher::handleChangedDir(const std::string& path)
         if (watch == watchPaths.end())
             return;
         event.wd = watch->first;
+        volume = watchVolumes[event.wd];
     }
     // One folder that cannot be handled must not end the watch of all the others.
     try {
         handleChangeFolder(&event);
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n",
-            targetOf(event.wd).volume.c_str());
+        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", volume.c_str());
     } catch (const char*) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n",
-            targetOf(event.wd).volume.c_str());
+        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", volume.c_str());
     }
 }
 

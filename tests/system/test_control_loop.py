@@ -1,5 +1,6 @@
 """The control loop: woken by SIGUSR1, it walks idle volumes at most every 300 seconds, and never in standby."""
 import os
+import re
 import signal
 import sqlite3
 import time
@@ -95,8 +96,8 @@ def test_a_volume_that_is_being_walked_is_passed_over(arena, clock):
     writer = sqlite3.connect(busy.catalogue.path, isolation_level=None)
     writer.execute("begin immediate")  # the walk waits for it
     both, alone = arena.start([busy, idle], clock=clock), None
+    both.wait_line(info("Checking if the folder /m exists in the path list"), 2)  # each walk is at work
     both.wait_walks_of(idle, 1)
-    both.wait_log(lambda lines: info("Checking if the folder /m exists in the path list") in lines, "the busy walk")
     wait_for(lambda: both.thread_count() == both.steady_threads() + 1, "the end of the idle volume's walk thread")
     both.end_first_sleep()
     start = clock.now
@@ -197,3 +198,12 @@ def test_many_signals_are_as_good_as_some(arena):
     assert daemon.errors() == []
     after = daemon.texts()[daemon.texts().index("Done with the stop\n") + 1:]
     assert after[0] == AWAKE.text and after[1].startswith("Woke up too soon") and len(after) == 2
+
+
+def test_the_loop_begins_a_minute_after_the_start(arena):
+    before = int(time.time())  # where the fast clock sets out from, or earlier
+    daemon = arena.start([arena.volume(crawl=["/m"])], environment=fast_clock(20))
+    [line, *_] = daemon.wait_log(lambda lines: [line.text for line in lines if line.text.startswith("Woke up too soon")],
+                                 "the first round")
+    assert int(re.search(r"Going back (\d+) ===", line)[1]) - before >= 59
+    daemon.stop()

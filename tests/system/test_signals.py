@@ -222,3 +222,32 @@ def test_a_stop_in_the_middle_of_a_burst(arena):
     wait_for(lambda: volume.catalogue.live() == {row.path for row in volume.tree().folders + volume.tree().files}, "all rows")
     assert_same(without(volume.rows(), "/m/.tickle"), without(after_walk(before, volume.tree()), "/m/.tickle"))
     daemon.stop()
+
+
+def test_a_wake_up_during_the_stop_waits_for_its_end(arena):
+    """A handler that came into the middle of the other one could find the log or the heap locked by it."""
+    volume = arena.volume(crawl=["/m"])
+    os.mkdir(arena.path("bin"))
+    gate = arena.path("gate")
+    os.mkfifo(gate)
+    with open(arena.path("bin/touch"), "w", encoding="ascii") as file:
+        file.write(f"#!/bin/sh\nread line < '{gate}'\n")  # holds the stop up where it leaves its mark
+    os.chmod(arena.path("bin/touch"), 0o755)
+    daemon = arena.start([volume], environment={"PATH": f"{arena.path('bin')}:{os.environ['PATH']}"})
+    daemon.wait_walks()
+    daemon.signal(signal.SIGTERM)
+    daemon.wait_line(GOT)
+    usr1 = info("Got a usr1 signal\n")
+
+    def is_pending():
+        with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
+            mask = int(next(line for line in status if line.startswith("ShdPnd")).split()[1], 16)
+        return mask >> (signal.SIGUSR1 - 1) & 1
+
+    with open(gate, "w", encoding="ascii") as file:  # opens once the command is there
+        daemon.signal(signal.SIGUSR1)
+        wait_for(lambda: is_pending() or usr1 in daemon.lines, "the signal")
+        file.write("go\n")
+    assert daemon.wait_exit() == 0
+    lines = daemon.lines
+    assert lines.index(GOT) < lines.index(DONE) < lines.index(usr1)

@@ -18,6 +18,11 @@ namespace {
 /// The table of the process is read once, so each of these tests is right only in a process of its own.
 class Categories : public ::testing::Test {
 protected:
+    void SetUp() override
+    {
+        static int tests = 0;
+        ASSERT_EQ(1, ++tests) << "one process for each of these tests: run them through ctest";
+    }
     /// The category of each of the words in turn, as the daemon's own mapper has it.
     static std::string of(const std::vector<std::string>& extensions)
     {

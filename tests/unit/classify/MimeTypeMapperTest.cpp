@@ -7,6 +7,7 @@
 
 #include <list>
 #include <string>
+#include <thread>
 
 using oru::util::MimeTypeMapper;
 
@@ -193,6 +194,19 @@ TEST_F(MimeTypes, readLongLinesWhole)
     EXPECT_EQ("a/b", table.ExtensionToMimeType("e2999"));
     EXPECT_EQ("a/b", table.ExtensionToMimeType(word));
     EXPECT_EQ(3001U, table.MimeTypeToExtensions("a/b").size());
+}
+
+TEST_F(MimeTypes, areOneTableAndOneEmptyListForAllThreads)
+{
+    const MimeTypeMapper table = read("a/b c\n");
+    const MimeTypeMapper* daemonTable = nullptr;
+    const std::list<std::string>* none = nullptr;
+    std::thread([&] {
+        daemonTable = &MimeTypeMapper::Instance();
+        none = &table.MimeTypeToExtensions("x/y");
+    }).join();
+    EXPECT_EQ(&MimeTypeMapper::Instance(), daemonTable);
+    EXPECT_EQ(&table.MimeTypeToExtensions("x/y"), none);
 }
 
 } // namespace

@@ -193,7 +193,7 @@ TEST_F(MimeTypesFile, knowsVideos)
     expectMedia("video",
         "mp4 m4v mov qt avi divx mkv mk3d webm ogv ogm ogx mpg mpeg mpe m1v m2v vob vro ts m2ts mts m2t tp trp tod "
         "wmv asf wtv dvr-ms rm rmvb rv flv f4v 3gp 3gpp 3g2 dv mxf gxf mjpeg mjpg mj2 viv h264 264 hevc 265 av1 ivf "
-        "y4m r3d braw crm lrv insv 360 fli flc bik nsv amv mng m4s movie m4u");
+        "y4m r3d braw crm lrv insv 360 dav mlv fli flc bik nsv amv mng m4s movie m4u");
 }
 
 TEST_F(MimeTypesFile, knowsAudio)
@@ -202,7 +202,7 @@ TEST_F(MimeTypesFile, knowsAudio)
         "mp3 mp2 mpga m4a m4b m4p m4r aac ogg oga spx opus flac ape wv tta tak shn wav wave bwf w64 aif aiff aifc "
         "caf au snd wma ra ram ac3 eac3 ec3 ac4 dts dtshd thd truehd mlp dsf dff amr awb 3ga mka weba mid midi kar "
         "rmi mod xm s3m it stm mtm 669 mo3 sid nsf spc vgm m3u m3u8 pls asx aa aax mpc mp+ qcp gsm voc 8svx oma at3 "
-        "ofr dss wax pcm f4a vqf imy");
+        "ofr dss wax pcm f4a vqf imy aob gsf usf");
 }
 
 TEST_F(MimeTypesFile, knowsImages)
@@ -254,6 +254,22 @@ TEST_F(MimeTypesFile, isReadByTheDaemonAsItStands)
         EXPECT_EQ("", mapper.ExtensionToMimeType(unknown)) << unknown;
     for (const char* unknown : { "", "#", "*/*", "jpg", "image", "image/", "IMAGE/JPEG", "image/unknown" })
         EXPECT_TRUE(mapper.MimeTypeToExtensions(unknown).empty()) << unknown;
+}
+
+TEST_F(MimeTypesFile, listsTheRestInLowerAndUpperSpellingAndSourceTextInLowerOnly)
+{
+    const auto start = text.begin() + static_cast<std::ptrdiff_t>(text.find("# Other: source text"));
+    const auto firstLineOfSource = static_cast<int>(std::count(text.begin(), start, '\n')) + 1;
+    for (const Entry& entry : entries) {
+        for (const std::string& extension : entry.extensions) {
+            if (entry.line > firstLineOfSource)
+                EXPECT_EQ(lower(extension), extension);
+            else if (category(entry.type) == "other") {
+                EXPECT_EQ(entry.type, typeOf(lower(extension))) << extension;
+                EXPECT_EQ(entry.type, typeOf(upper(extension))) << extension;
+            }
+        }
+    }
 }
 
 } // namespace

@@ -7,10 +7,14 @@
 namespace {
 
 /// The tokens still to come, each in brackets.
+/// More tokens than any of these texts has, so that one that never ends does not fill the memory.
+constexpr int mostTokens = 1000;
+
 std::string remaining(Tokenizer& tokenizer)
 {
     std::string all;
-    for (std::string token = tokenizer.next(); !token.empty(); token = tokenizer.next())
+    int left = mostTokens;
+    for (std::string token = tokenizer.next(); !token.empty() && left-- > 0; token = tokenizer.next())
         all += "[" + token + "]";
     return all;
 }
@@ -170,6 +174,18 @@ TEST(Tokenizer, takesNamesAsBytes)
     const std::string withNul("a\0b/c", 5);
     EXPECT_EQ(std::string("[a\0b][c]", 8), split(withNul, "/"));
     EXPECT_EQ("[a][b/c]", split(withNul, std::string(1, '\0')));
+}
+
+TEST(Tokenizer, forgetsItsLastTokenWhenTheTextBecomesEmpty)
+{
+    Tokenizer tokenizer("/a/b", "/");
+    EXPECT_EQ("a", tokenizer.next());
+    tokenizer.setString("");
+    EXPECT_EQ("", tokenizer.next());
+    tokenizer.set("/c", "/");
+    EXPECT_EQ("c", tokenizer.next());
+    tokenizer.set("", "/");
+    EXPECT_EQ("", tokenizer.next());
 }
 
 } // namespace

@@ -225,4 +225,17 @@ TEST_F(QuarrowRun, aBrokenCatalogueEndsNeitherTheLoopNorCountsAsWalked)
     });
 }
 
+TEST_F(QuarrowRun, theTimeSinceTheLastWalkHas32BitsAndASign)
+{
+    configure(volumeAt("a", "/dev/null"));
+    start();
+    run([&] {
+        passFirstRound();
+        setTime(aMoment + 2147483648L);
+        wake();
+        EXPECT_TRUE(waitUntilLogged(LOG_INFO, "Going to sleep.\n"));
+        EXPECT_EQ(1, timesLogged(LOG_INFO, tooSoon(aMoment, -2147483647 - 1)));
+    });
+}
+
 } // namespace

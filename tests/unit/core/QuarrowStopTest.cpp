@@ -128,4 +128,19 @@ TEST_F(QuarrowStop, endsAWalkOnTheWatcherThreadThatSomebodyElseHoldsUp)
     EXPECT_EQ(1, timesLogged(LOG_INFO, closed)) << "although the catalogue is still locked";
 }
 
+TEST_F(QuarrowStop, endsAPurgeOfTheLoopThatSomebodyElseHoldsUp)
+{
+    configure(volume("a"), 200);
+    start(1);
+    VolumeContentManager::getInstance()->stop(); // what is purged now is purged by the loop
+    run([&] {
+        EXPECT_TRUE(waitUntilLogged(LOG_INFO, tooSoon(aMoment, 0)));
+        const ForeignWriter writer(catalogue("a"));
+        advanceTime(300);
+        wakeUntilLogged({ LOG_INFO, walking });
+        kill(getpid(), SIGTERM);
+        EXPECT_TRUE(waitUntilLogged(LOG_INFO, "sqlite3 handle closed\n")) << "although the catalogue is still locked";
+    });
+}
+
 } // namespace

@@ -1,5 +1,6 @@
 #include "core/VolumeContentManager.h"
 #include "config/QuarrowConfig.h"
+#include "core/FailingCalls.h"
 #include "core/ForeignWriter.h"
 #include "core/Threads.h"
 #include "core/WakeUps.h"
@@ -318,6 +319,37 @@ TEST_F(PurgeThread, startAfterStopOnlyClearsTheStopFlag)
     EXPECT_TRUE(manager.isRunning());
     EXPECT_EQ(before, threadIds());
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
+}
+
+TEST_F(PurgeThread, whatAFailedJoinReturnedIsLoggedAndTheManagersAreForgottenAnyway)
+{
+    addVolume("a");
+    enterStandby();
+    manager.start();
+    EXPECT_TRUE(waitUntilLogged(LOG_INFO, oneVisit));
+    joinResult = EDEADLK;
+    manager.stop();
+    joinResult = 0;
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "The thread join has returned with a return code of 35 \n"));
+    leaveStandby();
+    spoilStateFile("a"); // a visit would fail, and say so
+    addVolume("b");
+    manager.start(); // clears the stop flag and starts nothing
+    manager.start();
+    SignalObject::getInstance()->notify();
+    EXPECT_TRUE(waitUntilLogged(LOG_INFO, purged));
+    EXPECT_EQ(0, timesLogged(LOG_ERR, failure("a")));
+}
+
+TEST_F(PurgeThread, runsOnWhenItsSignalsCannotBeBlocked)
+{
+    addVolume("a");
+    maskResult = EINVAL;
+    manager.start();
+    EXPECT_TRUE(waitUntilLogged(LOG_INFO, "pthread_sigmask returned 22\n"));
+    EXPECT_TRUE(waitUntilLogged(LOG_INFO, purged));
+    manager.stop();
+    maskResult = 0;
 }
 
 } // namespace

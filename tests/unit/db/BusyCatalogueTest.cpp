@@ -5,10 +5,23 @@
 
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/syscall.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <ctime>
 #include <future>
+
+static std::atomic<long> milliSecondsSlept;
+
+/// In place of the C library's, in this whole program.
+extern "C" int nanosleep(const timespec* time, timespec* rest)
+{
+    milliSecondsSlept += time->tv_sec * 1000 + time->tv_nsec / 1000000;
+    return static_cast<int>(syscall(SYS_nanosleep, time, rest));
+}
 
 namespace {
 
@@ -227,4 +240,53 @@ TEST_F(BusyCatalogue, aStopRequestLetsShortStatementsThrough)
     EXPECT_TRUE(insert("/Music"));
     db->commitTransaction();
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(BusyCatalogue, isTriedAgainOnceASecond)
+{
+    Neighbour neighbour(dbPath);
+    neighbour.run("begin immediate");
+    milliSecondsSlept = 0;
+    std::future<bool> ended = std::async(std::launch::async, [&] { return insert("/Music"); });
+    EXPECT_TRUE(probe.waitUntilBusy(2));
+    EXPECT_LE(1000, milliSecondsSlept) << "between the first try and the second";
+    EXPECT_GE(1100, milliSecondsSlept) << "the wait for the third try may have begun";
+    neighbour.run("rollback");
+    EXPECT_TRUE(ended.get());
+}
+
+/// Connections of one process that share their cache lock tables against each other, which is another result than busy.
+TEST_F(BusyCatalogue, whereATableIsLockedIsWaitedForToo)
+{
+    sqlite3_enable_shared_cache(1);
+    sqlite3* own = nullptr;
+    sqlite3_open(dbPath.c_str(), &own);
+    Neighbour neighbour(dbPath);
+    sqlite3_enable_shared_cache(0);
+    sqlite3_stmt* statement = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(own, "select * from Folders", -1, &statement, nullptr));
+    neighbour.run("begin; delete from Folders");
+    ASSERT_EQ(SQLITE_LOCKED, sqlite3_step(statement));
+    std::future<int> ended = std::async(std::launch::async, [&] { return db->executeSQLStmt(statement); });
+    EXPECT_EQ(std::future_status::timeout, ended.wait_for(std::chrono::milliseconds(300))) << "it waits";
+    neighbour.run("commit");
+    EXPECT_EQ(SQLITE_DONE, ended.get());
+    sqlite3_finalize(statement);
+    sqlite3_close(own);
+}
+
+TEST_F(BusyCatalogue, whereTheSchemaIsLockedIsWaitedForToo)
+{
+    insertFolderRow("/Music", -1);
+    close();
+    sqlite3_enable_shared_cache(1);
+    open();
+    Neighbour neighbour(dbPath);
+    sqlite3_enable_shared_cache(0);
+    neighbour.run("begin; create table Other(a)");
+    DBFolder music = folderAt("/Music");
+    std::future<bool> found = std::async(std::launch::async, [&] { return db->folderExists(music); });
+    EXPECT_EQ(std::future_status::timeout, found.wait_for(std::chrono::milliseconds(300))) << "it waits";
+    neighbour.run("commit");
+    EXPECT_TRUE(found.get());
 }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -16,6 +17,8 @@ int busyCount;
 int textLimit;
 int limitingAction;
 sqlite3* latest;
+std::string awaited;
+std::function<void()> awaitedAction;
 
 int statementStarts(unsigned, void*, void* statement, void* text)
 {
@@ -26,6 +29,8 @@ int statementStarts(unsigned, void*, void* statement, void* text)
     texts += unbound + "\n";
     boundTexts += (bound == nullptr ? "" : std::string(bound)) + "\n";
     sqlite3_free(bound);
+    if (awaitedAction && unbound.compare(0, awaited.length(), awaited) == 0)
+        std::exchange(awaitedAction, nullptr)();
     return 0;
 }
 
@@ -67,7 +72,11 @@ ConnectionProbe::ConnectionProbe()
     sqlite3_auto_extension(reinterpret_cast<Extension>(watch));
 }
 
-ConnectionProbe::~ConnectionProbe() { sqlite3_cancel_auto_extension(reinterpret_cast<Extension>(watch)); }
+ConnectionProbe::~ConnectionProbe()
+{
+    awaitedAction = nullptr;
+    sqlite3_cancel_auto_extension(reinterpret_cast<Extension>(watch));
+}
 
 std::string ConnectionProbe::statements() const
 {
@@ -87,6 +96,13 @@ void ConnectionProbe::clear()
     texts.clear();
     boundTexts.clear();
     busyCount = 0;
+}
+
+void ConnectionProbe::atTheStartOf(const std::string& beginning, const std::function<void()>& action)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    awaited = beginning;
+    awaitedAction = action;
 }
 
 bool ConnectionProbe::waitUntilBusy(int times)

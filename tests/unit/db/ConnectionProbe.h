@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 /// Watches every SQLite connection that is opened while the object lives, from the inside: which statements start and
@@ -16,6 +17,9 @@ public:
     /// The same with the bound values put in.
     std::string boundStatements() const;
     void clear();
+
+    /// Calls `action`, once, when a statement whose text begins so starts.
+    void atTheStartOf(const std::string& beginning, const std::function<void()>& action);
 
     /// Waits, up to a generous bound, until a connection was kept waiting this many times since the last clear().
     bool waitUntilBusy(int times);

@@ -149,9 +149,22 @@ TEST_F(FolderDelete, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
         "9995 6 10000\n", query("select count(*), min(folder_id), max(folder_id) from Folders where is_deleted = 1"));
 }
 
-TEST_F(FolderDelete, aStopRequestEndsTheDescent)
+TEST_F(FolderDelete, aStopRequestEndsTheDescentOfATransaction)
 {
+    db->beginTransaction();
     db->requestStop();
     EXPECT_THROW(deleteFolder("/v"), DBOperationException);
+    db->rollbackTransaction();
     EXPECT_EQ("0\n", query("select is_deleted from Folders where folder_id = 1"));
+}
+
+TEST_F(FolderDelete, aStopInTheMiddleLeavesNothingThatALaterDeletionMisses)
+{
+    open();
+    probe.atTheStartOf("update folders set is_deleted = 1", [this] { db->requestStop(); });
+    deleteFolder("/v");
+    open();
+    deleteFolder("/v");
+    EXPECT_EQ("6\n", query("select folder_id from Folders where is_deleted = 0"));
+    EXPECT_EQ("6\n", query("select file_id from Files where is_deleted = 0"));
 }

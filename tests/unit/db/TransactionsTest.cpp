@@ -7,6 +7,9 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
+#include <future>
+
 namespace {
 
 class Transactions : public CatalogueTest {
@@ -209,4 +212,23 @@ TEST_F(Transactions, aScopeHasNothingToCommitAfterTheEndOfItsTransaction)
     EXPECT_THROW(transaction.commit(), DBOperationException);
     EXPECT_EQ("", dumpFolders());
     expectNothingLogged();
+}
+
+TEST_F(Transactions, ofTwoManagersOfOneCatalogueLetEachOtherWork)
+{
+    VolumeDBManager other;
+    other.open(dbPath.c_str());
+    const auto work = [](VolumeDBManager& manager, const std::string& prefix) {
+        for (int number = 0; number < 20; ++number) {
+            Transaction transaction(manager);
+            DBFolder folder = folderAt("/" + prefix + std::to_string(number));
+            manager.folderExists(folder);
+            manager.insertFolder(folder, true);
+            transaction.commit();
+        }
+    };
+    std::future<void> otherEnd = std::async(std::launch::async, [&] { work(other, "b"); });
+    work(*db, "a");
+    EXPECT_EQ(std::future_status::ready, otherEnd.wait_for(std::chrono::seconds(60)));
+    EXPECT_EQ("40\n", query("select count(*) from Folders"));
 }

@@ -2,6 +2,7 @@
 #include "watch/TestClock.h"
 #include "watch/WatcherFixture.h"
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -150,7 +151,10 @@ TEST_F(BurstHandling, anOverflowOfTheKernelsQueueShadowsTheBurst)
     std::ofstream(a + "/two").close(); // two files in turn: the kernel merges what repeats the latest event
     for (int i = 0; i < queueLength; ++i)
         chmod((a + (i % 2 == 0 ? "/one" : "/two")).c_str(), 0600);
-    const std::vector<LogLine> log = run();
+    std::atomic<int> reads = 0;
+    onSelect([&reads](int before) { reads = before + 1; });
+    run();
+    EXPECT_EQ((queueLength + 1) * 32 / 262144 + 1, reads) << "a read takes 262144 bytes";
     // The overflow is the last record, after whole reads of the file's events, or it shares a read with some of them.
     const bool ownRead = queueLength * 32 % 262144 == 0;
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Processed " + std::to_string(queueLength + 1) + " events\n"));

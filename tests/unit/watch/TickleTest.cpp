@@ -1,11 +1,34 @@
 #include "watch/TestClock.h"
 #include "watch/WatcherFixture.h"
 
+#include <dlfcn.h>
 #include <sys/mount.h>
 
+#include <atomic>
+#include <cerrno>
 #include <filesystem>
+#include <functional>
+#include <thread>
 
 namespace fs = std::filesystem;
+
+static std::atomic<bool> noMoreWatches = false;
+static std::function<void()> afterAdd; ///< called when the kernel has a watch that its caller does not know of yet
+
+/// In place of the C library's, in this whole program.
+extern "C" int inotify_add_watch(int descriptor, const char* path, uint32_t mask) noexcept
+{
+    if (noMoreWatches) {
+        errno = ENOSPC;
+        return -1;
+    }
+    static const auto real
+        = reinterpret_cast<int (*)(int, const char*, uint32_t)>(dlsym(RTLD_NEXT, "inotify_add_watch"));
+    const int watch = real(descriptor, path, mask);
+    if (afterAdd)
+        afterAdd();
+    return watch;
+}
 
 namespace {
 
@@ -25,6 +48,22 @@ protected:
     }
 
     void tickle(std::string path) { watcher->tickle(path); }
+
+    /// A stop when the one watch is of a read-only folder, where nothing can be touched, and no more are to be had.
+    void stopWithoutMoreWatches(bool withStaleEntry)
+    {
+        const std::string path = folder.makeFolder("read-only");
+        ASSERT_EQ(0, mount("tmpfs", path.c_str(), "tmpfs", MS_RDONLY, nullptr));
+        EXPECT_EQ(1, watch(path));
+        if (withStaleEntry)
+            route(17); // a late event of a watch that is no more
+        startAndWait();
+        noMoreWatches = true;
+        watcher->stop();
+        noMoreWatches = false;
+        EXPECT_FALSE(watcher->isRunning());
+        EXPECT_EQ(0, umount(path.c_str()));
+    }
 
     /// Everything below the folder, one relative path a line.
     std::string tree() const
@@ -111,6 +150,26 @@ TEST_F(Tickle, stopEndsWithALinkThatLeadsTheTouchElsewhere)
     watcher->stop();
     EXPECT_EQ(2, timesLogged(LOG_INFO, "======\n"));
     EXPECT_TRUE(folder.exists("elsewhere/target")) << "the touch went where no watch is";
+}
+
+TEST_F(Tickle, stopEndsWhenTheKernelGivesNoMoreWatches) { stopWithoutMoreWatches(false); }
+
+TEST_F(Tickle, stopEndsWhenTheKernelGivesNoMoreWatchesAndAnEntryIsStale) { stopWithoutMoreWatches(true); }
+
+TEST_F(Tickle, anEventNeverMeetsAFolderThatIsNotInTheRegistryYet)
+{
+    const std::string path = folder.makeFolder("a");
+    startAndWait();
+    afterAdd = [&] {
+        change(path); // the thread may read it at once, but not look its folder up before the registry knows it
+        for (int i = 0; i < 100 && timesLogged(LOG_INFO, "Processed 1 events\n") == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    };
+    watch(path);
+    afterAdd = nullptr;
+    EXPECT_TRUE(waitUntilLogged(LOG_INFO, "======\n"));
+    EXPECT_EQ("change " + path + "\n", listener.calls());
+    EXPECT_EQ(0, timesLogged(LOG_ERR, "No listener/directory found for \n"));
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 
+#include <fstream>
 #include <future>
 #include <thread>
 
@@ -24,6 +25,18 @@ protected:
     {
         watcher->start();
         ASSERT_TRUE(waitUntilAsked(1));
+    }
+
+    /// The kernel's watches of an inotify descriptor, one a line.
+    static std::string watchesOf(int inotify)
+    {
+        std::string watches;
+        std::ifstream info("/proc/self/fdinfo/" + std::to_string(inotify));
+        for (std::string line; std::getline(info, line);) {
+            if (line.compare(0, 8, "inotify ") == 0)
+                watches += line + "\n";
+        }
+        return watches;
     }
 
     const std::set<std::string> threadsBefore = threadIds();
@@ -185,6 +198,34 @@ TEST_F(WatcherThread, runsThroughItsInterface)
     runnable.stop();
     EXPECT_FALSE(runnable.isRunning());
     EXPECT_EQ(threadsBefore, threadIds());
+}
+
+TEST_F(WatcherThread, stopEndsTheKernelsWatches)
+{
+    watchNew("a");
+    watchNew("b");
+    const int shared = dup(descriptor); // as a child process has it: closing ours does not end the watches
+    startAndWait();
+    EXPECT_NE("", watchesOf(shared));
+    watcher->stop();
+    EXPECT_EQ("", watchesOf(shared));
+    close(shared);
+}
+
+TEST_F(WatcherThread, stopForgetsVolumesAndListeners)
+{
+    const std::string path = watchNew("a");
+    startAndWait();
+    watcher->stop();
+    clearLog();
+    route(1);
+    EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "No listener/directory found for \n" } }), loggedLines());
+    watcher->initialize();
+    watch(path);
+    clearLog();
+    route(1);
+    EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "No listener/directory found for music\n" } }), loggedLines());
+    EXPECT_EQ("", listener.calls());
 }
 
 } // namespace

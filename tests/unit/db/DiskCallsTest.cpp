@@ -1,0 +1,124 @@
+#include "db/CatalogueTest.h"
+#include "db/DBOperationException.h"
+#include "support/SyslogCapture.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+
+// What the catalogue's making asks of the disk, and what becomes of it when the disk refuses. The functions below stand
+// in for the C library's in this whole program.
+
+namespace {
+
+enum class Refused { nothing, looking, syncing, renaming };
+
+Refused refused;
+std::string refusedPath;
+std::vector<std::string> calls; ///< syncs and renames, in order; names without their folders
+bool emptyNameMade;
+
+std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+bool refuses(Refused call)
+{
+    if (refused == call)
+        errno = EIO;
+    return refused == call;
+}
+
+class CatalogueOnDisk : public CatalogueTest {
+protected:
+    CatalogueOnDisk()
+    {
+        calls.clear();
+        emptyNameMade = false;
+    }
+    ~CatalogueOnDisk() override { refused = Refused::nothing; }
+
+    void expectRefused(int status)
+    {
+        clearLog();
+        EXPECT_THROW(open(), DBOperationException);
+        const std::vector<LogLine> log = loggedLines();
+        const LogLine expected { LOG_ERR, "open() failed, handleStatus: " + std::to_string(status) + "\n" };
+        EXPECT_EQ(1, std::count(log.begin(), log.end(), expected));
+        close();
+        refused = Refused::nothing;
+    }
+};
+
+} // namespace
+
+extern "C" int fsync(int descriptor)
+{
+    calls.push_back("sync " + nameOf(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor))));
+    return refuses(Refused::syncing) ? -1 : static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+extern "C" int rename(const char* from, const char* to) noexcept
+{
+    calls.push_back("rename " + nameOf(from) + " " + nameOf(to));
+    return refuses(Refused::renaming) ? -1 : static_cast<int>(syscall(SYS_rename, from, to));
+}
+
+extern "C" int stat64(const char* path, struct stat64* status) noexcept
+{
+    if (path == refusedPath && refuses(Refused::looking))
+        return -1;
+    return fstatat64(AT_FDCWD, path, status, 0);
+}
+
+extern "C" int mkdir(const char* path, mode_t mode) noexcept
+{
+    emptyNameMade = emptyNameMade || *path == '\0';
+    return static_cast<int>(syscall(SYS_mkdir, path, mode));
+}
+
+TEST_F(CatalogueOnDisk, aNewOneIsSyncedRenamedAndItsFolderSynced)
+{
+    open();
+    calls.resize(std::min<std::size_t>(calls.size(), 3));
+    EXPECT_EQ((std::vector<std::string> { "sync quarrow.db.tmp", "rename quarrow.db.tmp quarrow.db", "sync .quarrow" }),
+        calls);
+}
+
+TEST_F(CatalogueOnDisk, oneThatCannotBeSyncedIsAbsent)
+{
+    refused = Refused::syncing;
+    expectRefused(10);
+    EXPECT_EQ("", dumpCatalogueFolder());
+}
+
+TEST_F(CatalogueOnDisk, oneThatCannotBeMovedToItsPlaceIsAbsent)
+{
+    refused = Refused::renaming;
+    expectRefused(10);
+    EXPECT_EQ("", dumpCatalogueFolder());
+}
+
+TEST_F(CatalogueOnDisk, oneThatCannotBeLookedAtIsNotReplaced)
+{
+    open();
+    insertFolderRow("/Music", -1);
+    close();
+    refusedPath = dbPath;
+    refused = Refused::looking;
+    expectRefused(14);
+    open();
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueOnDisk, noDirectoryOfAnEmptyNameIsMade)
+{
+    VolumeDBManager().createPath(volume.path("a/b/quarrow.db").c_str());
+    EXPECT_TRUE(volume.exists("a/b"));
+    EXPECT_FALSE(emptyNameMade);
+}

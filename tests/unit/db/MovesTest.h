@@ -1,0 +1,129 @@
+#pragma once
+
+#include "db/CatalogueTest.h"
+#include "db/ConnectionProbe.h"
+#include "db/DBOperationException.h"
+#include "support/SyslogCapture.h"
+
+#include <syslog.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// A name of blanks, both quotes, what printf() takes for conversions, a newline and bytes that are no UTF-8; and the
+/// same as SQL writes it.
+inline const std::string oddName = " 'it' \"is\" 100%s%d;\n\xff\xc0\x80 ";
+inline const std::string oddNameInSql = " ''it'' \"is\" 100%s%d;\n\xff\xc0\x80 ";
+
+/// An open catalogue whose statements are watched and whose rows are compared whole.
+class MovesTest : public CatalogueTest {
+protected:
+    MovesTest() { openNew(); }
+    ~MovesTest() override { close(); }
+
+    /// Times, categories and sizes of its own for every row that insertFolderRow() or insertFileRow() wrote.
+    void tellRowsApart() const
+    {
+        change("update Folders set modified_time = 100 + folder_id, created_time = 200 + folder_id;"
+               "update Files set category = 10 + file_id, size = 500 + file_id, modified_time = 300 + file_id,"
+               " created_time = 400 + file_id");
+    }
+
+    /// Every column of every row, a row a line, folders first, by id, from `firstId` on in both. The numbers after the
+    /// name are modified and created time; of a file category and size before them. Then "live" or "deleted", what is
+    /// not as usual (hidden, ...), and "now" for a row written since the start of the test instead of at 30.
+    std::string dump(int firstId = 1) const
+    {
+        const std::string first = " >= " + std::to_string(firstId) + " order by ";
+        const auto flags = [](const std::string& usualCategory) {
+            return " || iif(is_deleted, ' deleted', ' live') || iif(is_hidden, ' hidden', '') || iif(is_backup, '"
+                   " backup', '') || iif(is_system, ' system', '') || iif("
+                + usualCategory + ", '', ' category ' || category)";
+        };
+        const std::string written = " || case when last_updated_time = 30 then '' when last_updated_time between "
+            + std::to_string(start) + " and " + std::to_string(secondsNow())
+            + " then ' now' else ' at ' || last_updated_time end";
+        return query("select 'folder ' || folder_id || ' in ' || parent_id || ' ' || quote(path) || ' ' || quote(name)"
+                     " || ' ' || modified_time || ' ' || created_time"
+                   + flags("category = -1") + written + " from Folders where folder_id" + first + "folder_id")
+            + query("select 'file ' || file_id || ' in ' || folder_id || ' ' || quote(path) || ' ' || quote(name)"
+                    " || ' ' || category || ' ' || size || ' ' || modified_time || ' ' || created_time"
+                + flags("1") + written + " from Files where file_id" + first + "file_id");
+    }
+
+    /// What the call printed on standard output, then "true", "false" or the text of its exception.
+    static std::string outcomeOf(const std::function<bool()>& call)
+    {
+        std::string end;
+        testing::internal::CaptureStdout();
+        try {
+            end = call() ? "true" : "false";
+        } catch (const DBOperationException& failure) {
+            end = failure.what();
+        }
+        return testing::internal::GetCapturedStdout() + end;
+    }
+
+    /// From now on the catalogue refuses such changes: refuse("insert on Files when new.name = 'x'").
+    void refuse(const std::string& what)
+    {
+        change("create trigger refuse" + std::to_string(refusals++) + " before " + what.substr(0, what.find(" when "))
+            + " for each row" + (what.find(" when ") == std::string::npos ? "" : what.substr(what.find(" when ")))
+            + " begin select raise(abort, 'no'); end");
+        openNew(); // the schema is another now
+    }
+
+    ConnectionProbe probe;
+    const long start = secondsNow();
+
+private:
+    int refusals = 0;
+};
+
+/// How a call ends that throws.
+inline const std::string failed = "DBOperationException occurred";
+
+/// For the cases of a table that have a name.
+template <typename Case>
+std::string nameOf(const testing::TestParamInfo<Case>& info)
+{
+    return info.param.name;
+}
+
+inline std::vector<LogLine> errorLine(const std::string& text) { return { { LOG_ERR, text } }; }
+
+// The statements of moves, values put in.
+
+inline std::string selectFolder(const std::string& condition)
+{
+    return "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from"
+           " folders where "
+        + condition + "\n";
+}
+inline std::string liveFolder(const std::string& path) { return selectFolder("path='" + path + "' and is_deleted=0"); }
+
+inline std::string selectFile(const std::string& path, const std::string& andLive)
+{
+    return "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time ,"
+           " created_time from  files  where  path='"
+        + path + "'  and name='" + path.substr(path.rfind('/') + 1) + "'" + andLive + "\n";
+}
+inline std::string liveFile(const std::string& path) { return selectFile(path, " and is_deleted=0"); }
+
+/// All that inserting a file in a live folder takes.
+inline std::string insertFile(
+    const std::string& path, int folderId, const std::string& size, const std::string& timesAndCategory)
+{
+    const std::string::size_type slash = path.rfind('/');
+    return liveFile(path) + liveFolder(path.substr(0, slash)) + selectFile(path, "")
+        + "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time ,"
+          " created_time , category , is_hidden) values("
+        + std::to_string(folderId) + ",'" + path.substr(slash + 1) + "','" + path + "'," + size
+        + ",strftime('%s','now'), 0, " + timesAndCategory + ",0)\n";
+}
+inline std::string deleteFile(int id)
+{
+    return "update files set is_deleted=1, last_updated_time=strftime('%s','now') where file_id = " + std::to_string(id)
+        + "\n";
+}

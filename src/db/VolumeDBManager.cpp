@@ -126,7 +126,8 @@ bool VolumeDBManager::open(const char* path)
 /// while half a schema would never be completed.
 int VolumeDBManager::openNew(const std::string& path)
 {
-    // What cannot be looked at may be a good catalogue on a disk with a fault: it is not to be replaced by an empty one.
+    // What cannot be looked at may be a good catalogue on a disk with a fault: it is not to be replaced by an empty
+    // one.
     struct stat64 status;
     if (stat64(path.c_str(), &status) == 0 || errno != ENOENT)
         return SQLITE_CANTOPEN;
@@ -756,12 +757,16 @@ bool VolumeDBManager::moveFile(DBFile& src, DBFile& dst)
 bool VolumeDBManager::moveFolder(DBFolder& src, DBFolder& dst)
 {
     std::printf("Moving %s to %s\n", src.getPath().c_str(), dst.getPath().c_str());
-    if (folderExists(dst))
-        return false;
+    const std::string inside = src.getPath() + "/";
+    if (folderExists(dst) || dst.getPath().compare(0, inside.length(), inside) == 0)
+        return false; // no disk moves a folder into itself: the source row is stale, and what is made below it never
+                      // ends
     const std::time_t start = std::time(nullptr);
     std::queue<DBFolder> folders; // breadth first, so that parents are there before their children
     folders.push(src);
     while (!folders.empty()) {
+        if (isStopping() && isInTransaction()) // as in a deletion
+            throw DBOperationException();
         DBFolder current = folders.front();
         folders.pop();
         moveContent(current, src, dst);

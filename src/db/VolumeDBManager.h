@@ -127,7 +127,7 @@ public:
     /// rest. False, with nothing done, when the old folder or file is not live or the new file is.
     bool moveFile(DBFile& src, DBFile& dst);
     /// Follows a folder that was moved, with everything below it. `src` is the old folder as folderExists() filled it,
-    /// `dst` has the new path. False, with nothing done, when that is live already. Opens no transaction of its own:
+    /// `dst` has the new path. False, with nothing done, when that is live already or inside `src`. Opens no transaction:
     /// the caller's makes the move one piece.
     bool moveFolder(DBFolder& src, DBFolder& dst);
 

@@ -216,6 +216,24 @@ TEST_F(MoveFolder, ontoALiveFolderChangesNothing)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
+TEST_F(MoveFolder, intoItselfChangesNothing)
+{
+    const std::string before = dump();
+    EXPECT_EQ("Moving /v/a to /v/a/x\nfalse", move("/v/a", "/v/a/x"));
+    EXPECT_EQ(before, dump());
+    EXPECT_EQ("Moving /v/a to /v/ax", move("/v/a", "/v/ax").substr(0, 20)) << "which is not inside";
+    EXPECT_EQ("/v/ax\n", query("select path from Folders where path = '/v/ax' and is_deleted = 0"));
+}
+
+TEST_F(MoveFolder, ofATransactionEndsWithAStopRequest)
+{
+    db->beginTransaction();
+    db->requestStop();
+    EXPECT_EQ("Moving /v/a to /v/x\n" + failed, move("/v/a", "/v/x"));
+    db->rollbackTransaction();
+    EXPECT_EQ("", query("select path from Folders where path = '/v/x'"));
+}
+
 TEST_F(MoveFolder, logsTheSecondsItTook)
 {
     ForeignWriter neighbour(dbPath);

@@ -22,6 +22,10 @@ static_assert(std::is_same_v<long long, decltype(std::declval<const DBFile>().ge
 static_assert(std::is_same_v<void (DBFile::*)(long long), decltype(&DBFile::setSize)>);
 static_assert(std::is_same_v<std::string, decltype(std::declval<const DBFile>().getPath())>, "a copy, not a reference");
 static_assert(std::is_same_v<std::string, decltype(std::declval<const DBFolder>().getPath())>);
+static_assert(std::is_same_v<std::string, decltype(std::declval<const SimpleDBFile>().getPath())>);
+static_assert(std::is_same_v<std::string, decltype(std::declval<const DBFile>().getName())>);
+static_assert(std::is_same_v<std::string, decltype(std::declval<const DBFolder>().getName())>);
+static_assert(std::is_same_v<std::string, decltype(std::declval<const SimpleDBFile>().getName())>);
 
 namespace {
 

@@ -127,8 +127,8 @@ public:
     /// rest. False, with nothing done, when the old folder or file is not live or the new file is.
     bool moveFile(DBFile& src, DBFile& dst);
     /// Follows a folder that was moved, with everything below it. `src` is the old folder as folderExists() filled it,
-    /// `dst` has the new path. False, with nothing done, when that is live already or inside `src`. Opens no transaction:
-    /// the caller's makes the move one piece.
+    /// `dst` has the new path. False, with nothing done, when that is live already or inside `src`. Opens no
+    /// transaction: the caller's makes the move one piece.
     bool moveFolder(DBFolder& src, DBFolder& dst);
 
     // Rows rewritten in place, for programs that embed the catalogue

@@ -1,5 +1,7 @@
 #include "VolumeTest.h"
 
+#include <unistd.h>
+
 namespace {
 
 class Exclude : public VolumeTest {
@@ -114,6 +116,12 @@ protected:
         EXPECT_EQ(root + below, path);
     }
 
+    void replaceByLink(const std::string& below, const std::string& target) const
+    {
+        volume.remove(below);
+        ASSERT_EQ(0, symlink(volume.path(target).c_str(), volume.path(below).c_str()));
+    }
+
     std::string goingToWalk(const std::string& below, int found) const
     {
         return "Going to walk " + root + below + " in handleChangeFolder and found is " + std::to_string(found) + "\n";
@@ -173,6 +181,72 @@ TEST_F(ChangedFolder, folderThatIsGoneChangesNothing)
     EXPECT_EQ(info(goingToWalk("/Music/Rock", 0)), loggedLines().front());
     EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders()); // its parent's walk will tell
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
+}
+
+TEST_F(ChangedFolder, linkInItsPlaceIsNotFollowed)
+{
+    volume.writeFile("outside/secret.mp3");
+    handle("/Music");
+    ageRows();
+    setModifiedTime(volume.path("outside"), 77);
+    replaceByLink("Music/Rock", "outside");
+    handle("/Music/Rock");
+    EXPECT_EQ("", files());
+    EXPECT_EQ("", writtenRows()); // not even the time of what the link leads to
+    EXPECT_EQ(2, watches());
+}
+
+TEST_F(ChangedFolder, linkInThePlaceOfAFolderAboveItIsNotFollowed)
+{
+    volume.writeFile("outside/Live/secret.mp3");
+    volume.makeFolder("Music/Rock/Live");
+    handle("/Music");
+    ageRows();
+    replaceByLink("Music/Rock", "outside");
+    handle("/Music/Rock/Live");
+    EXPECT_EQ("", files());
+    EXPECT_EQ("", writtenRows());
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
+}
+
+TEST_F(ChangedFolder, volumeThatIsALinkIsWalked)
+{
+    configure({});
+    useALinkToTheVolume();
+    walk("");
+    volume.writeFile("a.mp3");
+    handle("");
+    EXPECT_EQ("[/a.mp3] 2 in []\n", files());
+    volume.writeFile("Music/Rock/b.mp3");
+    handle("/Music/Rock");
+    EXPECT_EQ("[/Music/Rock/b.mp3] 2 in [/Music/Rock]\n[/a.mp3] 2 in []\n", files());
+}
+
+TEST_F(ChangedFolder, folderBelowACrawlPathThatIsALinkIsWalked)
+{
+    volume.makeFolder("real/Rock");
+    ASSERT_EQ(0, symlink("../real", volume.path("Music/link").c_str()));
+    int files = 0;
+    for (const std::list<std::string>& crawlPaths :
+        { std::list<std::string> { "/Music", "/Music/link" }, std::list<std::string> { "/Music/link", "/Music" } }) {
+        configure(crawlPaths);
+        handle("/Music/link");
+        volume.writeFile("real/Rock/" + std::to_string(++files));
+        handle("/Music/link/Rock"); // the nearer crawl path counts, wherever it stands in the list
+        EXPECT_EQ(
+            std::to_string(files) + "\n", query("select count(*) from Files where path like '/Music/link/Rock/%'"));
+    }
+}
+
+TEST_F(ChangedFolder, folderBelowACrawlPathBehindALinkIsWalked)
+{
+    volume.makeFolder("real/deep/Rock");
+    ASSERT_EQ(0, symlink("real", volume.path("link").c_str()));
+    configure({ "/link/deep" });
+    handle("/link/deep");
+    volume.writeFile("real/deep/Rock/a.mp3");
+    handle("/link/deep/Rock");
+    EXPECT_EQ("[/link/deep/Rock/a.mp3] 2 in [/link/deep/Rock]\n", files());
 }
 
 TEST_F(ChangedFolder, excludedFolderIsNotWalked)

@@ -225,6 +225,13 @@ TEST_F(EntryChecks, onlyTheStartFolderMayBeALink)
     EXPECT_EQ("[/Music] root\n[/link] root\n", folders());
 }
 
+TEST_F(EntryChecks, pathShorterThanTheVolumesHasNothingLeftInTheCatalogue)
+{
+    EXPECT_TRUE(manager->checkAndUpdateFolderEntryInTheDB("/", root + "/Music", false));
+    EXPECT_EQ("[/Music] root\n", folders());
+    EXPECT_TRUE(loggedLines().empty());
+}
+
 TEST_F(EntryChecks, failedFolderIsLoggedAsAFile)
 {
     volume.makeFolder("Music/Rock");

@@ -126,6 +126,23 @@ TEST_F(PurgeSchedule, lastLineTellsTheTimeAtItsEnd)
     EXPECT_NE(std::string::npos, stored().find("<last_purge_time>1699996400<")); // of the time at its start
 }
 
+TEST_F(PurgeSchedule, lockIsHeldUntilTheLastLineAndNotTakenWhenNothingIsDue)
+{
+    initializeWithLastPurge("0");
+    std::vector<std::string> events;
+    const auto note = [&events](const std::string& event) {
+        const std::vector<LogLine> lines = loggedLines();
+        events.push_back(lines.empty() ? event : event + " after " + lines.back().text);
+    };
+    const OnSemWait onWait([&note](sem_t*) { return note("take"), false; });
+    const OnSemPost onPost([&note] { note("free"); });
+    purgeAt(now, 3600);
+    EXPECT_EQ((std::vector<std::string> { "take", "free after Done with the purge 1700000000\n" }), events);
+    events.clear();
+    EXPECT_EQ("", purgeAt(now, 3600));
+    EXPECT_EQ(std::vector<std::string> {}, events);
+}
+
 TEST_F(PurgeSchedule, removesRowsThatHaveBeenDeletedLongEnough)
 {
     volume.writeFile("Music/a.mp3");

@@ -34,6 +34,7 @@ thread_local bool insideReaddirHook = false;
 std::function<int(const pthread_attr_t*)> creationHook;
 std::function<void()> joinHook;
 std::function<bool(sem_t*)> semWaitHook;
+std::function<void()> semPostHook;
 
 std::mutex sleepMutex;
 std::condition_variable sleepEnded;
@@ -41,6 +42,7 @@ bool newThreadsSleep = false;
 bool awake = true;
 int joins = 0;
 
+OnStatement::Hook statementHook;
 std::string brokenText;
 std::string countedText;
 std::atomic<int> counted = 0;
@@ -151,12 +153,22 @@ extern "C" int sem_wait(sem_t* semaphore)
     return system(semaphore);
 }
 
+extern "C" int sem_post(sem_t* semaphore) noexcept
+{
+    static const auto system = systems<int(sem_t*)>("sem_post");
+    if (semPostHook)
+        semPostHook();
+    return system(semaphore);
+}
+
 extern "C" int sqlite3_prepare(
     sqlite3* handle, const char* text, int bytes, sqlite3_stmt** statement, const char** tail)
 {
     static const auto system
         = systems<int(sqlite3*, const char*, int, sqlite3_stmt**, const char**)>("sqlite3_prepare");
     const std::string sql = text;
+    if (statementHook)
+        statementHook(sql, handle);
     if (!countedText.empty() && sql.find(countedText) != std::string::npos)
         ++counted;
     if (brokenText.empty() || sql.find(brokenText) == std::string::npos)
@@ -228,6 +240,14 @@ int SleepyThreads::joined() const
 OnSemWait::OnSemWait(std::function<bool(sem_t*)> hook) { semWaitHook = std::move(hook); }
 
 OnSemWait::~OnSemWait() { semWaitHook = nullptr; }
+
+OnSemPost::OnSemPost(std::function<void()> hook) { semPostHook = std::move(hook); }
+
+OnSemPost::~OnSemPost() { semPostHook = nullptr; }
+
+OnStatement::OnStatement(Hook hook) { statementHook = std::move(hook); }
+
+OnStatement::~OnStatement() { statementHook = nullptr; }
 
 BrokenStatement::BrokenStatement(const std::string& text) { brokenText = text; }
 

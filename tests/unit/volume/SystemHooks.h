@@ -8,6 +8,8 @@
 #include <functional>
 #include <string>
 
+struct sqlite3;
+
 // This test program has a version of its own of a few calls, which do what the system's do until one of these objects
 // says otherwise. An object is made before the threads that it shall affect, and outlives them.
 
@@ -81,6 +83,25 @@ public:
     ~OnSemWait();
     OnSemWait(const OnSemWait&) = delete;
     OnSemWait& operator=(const OnSemWait&) = delete;
+};
+
+/// Is told before each post of a semaphore.
+class OnSemPost {
+public:
+    explicit OnSemPost(std::function<void()> hook);
+    ~OnSemPost();
+    OnSemPost(const OnSemPost&) = delete;
+    OnSemPost& operator=(const OnSemPost&) = delete;
+};
+
+/// Is told, before a statement of the catalogue is prepared, its text and the connection.
+class OnStatement {
+public:
+    using Hook = std::function<void(const std::string& sql, sqlite3* connection)>;
+    explicit OnStatement(Hook hook);
+    ~OnStatement();
+    OnStatement(const OnStatement&) = delete;
+    OnStatement& operator=(const OnStatement&) = delete;
 };
 
 /// Statements of the catalogue that contain the text cannot be prepared.

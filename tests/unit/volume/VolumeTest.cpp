@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -94,6 +95,16 @@ void VolumeTest::destroy()
     if (manager)
         manager->destroy();
     manager.reset();
+}
+
+void VolumeTest::useALinkToTheVolume()
+{
+    destroy();
+    linkFolder = std::make_unique<TemporaryFolder>();
+    root = linkFolder->path("volume");
+    ASSERT_EQ(0, symlink(volume.path().c_str(), root.c_str()));
+    manager = std::make_unique<VolumeManager>();
+    initializeQuietly();
 }
 
 void VolumeTest::walk(const std::string& below, bool isRootWalk)

@@ -41,6 +41,8 @@ protected:
     void initializeQuietly();
     /// Ends the manager, so that nothing of it is left.
     void destroy();
+    /// Ends the manager and makes one that knows the volume by a link; from here on that is the root.
+    void useALinkToTheVolume();
     /// Walks what is `below` the volume ("" or with a slash in front) on this thread; what was logged before is gone.
     void walk(const std::string& below = "", bool isRootWalk = true);
     /// walkOnce(), and waits for the end of that walk; what was logged before is gone.
@@ -75,8 +77,9 @@ protected:
         const std::string& below, int addedFiles, int deletedFiles, int addedFolders, int deletedFolders) const;
 
     TemporaryFolder volume;
-    std::string name; ///< of the volume
-    std::string root; ///< of the volume, as the manager takes it
+    std::string name;                            ///< of the volume
+    std::string root;                            ///< of the volume, as the manager takes it
+    std::unique_ptr<TemporaryFolder> linkFolder; ///< holds the link to the volume
     std::unique_ptr<VolumeManager> manager;
 
 private:

@@ -2,6 +2,7 @@
 #include "VolumeTest.h"
 
 #include <sched.h>
+#include <sqlite3.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -142,7 +143,8 @@ TEST_F(WalkCatalogueFailure, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
         walk("/Music");
     }
     EXPECT_EQ(std::vector<LogLine> { gotAnException() }, errors());
-    EXPECT_EQ("", folders()); // a row for /Music/Rock would hang on no parent for ever
+    EXPECT_EQ("", folders());                    // a row for /Music/Rock would hang on no parent for ever
+    EXPECT_EQ(0, timesLoggedFrom("For folder")); // nothing was done that a summary could tell of
     walk("/Music");
     EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders());
 }
@@ -158,6 +160,42 @@ TEST_F(WalkCatalogueFailure, transactionThatCannotBeginAbandonsTheFolder)
     EXPECT_EQ(std::vector<LogLine> { gotAnException() }, errors());
     EXPECT_EQ("", files());
     EXPECT_EQ(1, timesLoggedFrom("Finished walk."));
+    walk("/Music");
+    EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
+}
+
+TEST_F(WalkCatalogueFailure, volumeWhoseOwnRowWasUndoneGetsItWithTheNextChange)
+{
+    configure({});
+    volume.writeFile("a.mp3");
+    volume.writeFile("Music/b.mp3");
+    {
+        const BrokenStatement broken("COMMIT");
+        walkOnThread();
+    }
+    ASSERT_EQ("", folders());
+    std::string path = root;
+    manager->handleChangeFolder(path); // no crawl path, and so no root by itself
+    EXPECT_EQ("[] root\n[/Music] in []\n", folders());
+    EXPECT_EQ("[/Music/b.mp3] 2 in [/Music]\n[/a.mp3] 2 in []\n", files());
+}
+
+TEST_F(WalkCatalogueFailure, nothingIsWrittenOnceTheListingHasUndoneTheTransaction)
+{
+    walk("/Music");
+    volume.writeFile("Music/a.mp3");
+    ageRows();
+    {
+        const OnStatement undo([](const std::string& sql, sqlite3* connection) {
+            if (sql.find("select path , name , modified_time , created_time from  files") != std::string::npos) {
+                // As SQLite itself does when a statement finds the disk full or damaged.
+                EXPECT_EQ(SQLITE_OK, sqlite3_exec(connection, "ROLLBACK", nullptr, nullptr, nullptr));
+            }
+        });
+        walk("/Music");
+    }
+    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, errors());
+    EXPECT_EQ("", writtenRows());
     walk("/Music");
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }

@@ -181,4 +181,29 @@ TEST_F(WalkLog, percentSignsStandAsTheyAre)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Removing " + root + "/Music/%s%n \n"));
 }
 
+TEST_F(WalkLog, lockIsTakenFolderByFolderAndFreedAfterTheSummary)
+{
+    volume.makeFolder("Music/Rock");
+    std::vector<std::string> events;
+    const OnSemWait onWait([&events](sem_t*) { return events.push_back("take"), false; });
+    const OnSemPost onPost([&events] {
+        const std::vector<LogLine> lines = loggedLines();
+        events.push_back(lines.empty() ? "free" : "free after " + lines.back().text);
+    });
+    const OnStatement onStatement([&events](const std::string& sql, sqlite3*) {
+        if (sql == "BEGIN" || sql == "COMMIT")
+            events.push_back(sql);
+    });
+    const OnReaddir onRead([&](const std::string& folder, dirent* entry) {
+        if (entry == nullptr)
+            events.push_back(folder.substr(root.length()));
+        return entry;
+    });
+    walk("/Music");
+    const std::string freed = "free after Add folder count = 0, Delete folder count = 0";
+    EXPECT_EQ((std::vector<std::string> { "take", "free", "take", "BEGIN", "/Music", "COMMIT", freed, "take", "BEGIN",
+                  "/Music/Rock", "COMMIT", freed, "take", freed }),
+        events); // first and last the catalogue's log, then its checkpoint
+}
+
 } // namespace

@@ -27,6 +27,24 @@ protected:
             return entry;
         };
     }
+
+    /// Asks for the stop before that many statements with the text have run.
+    OnStatement::Hook stopAtStatement(const std::string& text, int count = 1)
+    {
+        return [this, text, left = count](const std::string& sql, sqlite3*) mutable {
+            if (sql.find(text) != std::string::npos && --left == 0)
+                manager->requestStop();
+        };
+    }
+
+    void startAnew()
+    {
+        destroy();
+        manager = std::make_unique<VolumeManager>();
+        initializeQuietly();
+    }
+
+    const std::string folderDeletion = "update folders set is_deleted = 1";
 };
 
 TEST_F(WalkStop, beforeTheWalkLeavesOnlyTheLastLines)
@@ -123,12 +141,94 @@ TEST_F(WalkStop, nextStartPutsEverythingRight)
         const OnReaddir stop(stopAtTheEndOf("/Music"));
         walk("/Music");
     }
-    destroy();
-    manager = std::make_unique<VolumeManager>();
-    initializeQuietly();
+    startAnew();
     walk("/Music");
     EXPECT_EQ("[/Music] root\n[/Music/b] in [/Music]\n[/Music/d] in [/Music]\n", folders());
     EXPECT_EQ("[/Music/a] 4 in [/Music]\n[/Music/b/c] 4 in [/Music/b]\n[/Music/d/e] 4 in [/Music/d]\n", files());
+}
+
+TEST_F(WalkStop, betweenTwoFilesKeepsWhatWasMerged)
+{
+    for (const char* file : { "Music/a", "Music/b", "Music/c", "Music/d" })
+        volume.writeFile(file);
+    {
+        const OnStatement stop(stopAtStatement("insert into files", 2));
+        walk("/Music");
+    }
+    EXPECT_EQ("[/Music/a] 4 in [/Music]\n[/Music/b] 4 in [/Music]\n", files());
+    expectSummary("/Music", 2, 0, 0, 0);
+}
+
+TEST_F(WalkStop, betweenTwoVanishedFoldersKeepsWhatWasMerged)
+{
+    for (const char* folder : { "Music/a", "Music/b", "Music/c" })
+        volume.makeFolder(folder);
+    walk("/Music");
+    for (const char* folder : { "Music/a", "Music/b", "Music/c" })
+        volume.remove(folder);
+    {
+        const OnStatement stop(stopAtStatement(folderDeletion));
+        walk("/Music");
+    }
+    EXPECT_EQ(
+        "[/Music] root\n[/Music/a] in [/Music] deleted\n[/Music/b] in [/Music]\n[/Music/c] in [/Music]\n", folders());
+    expectSummary("/Music", 0, 0, 0, 1);
+}
+
+TEST_F(WalkStop, insideTheDeletionOfAVanishedFolderUndoesTheFolderInSilence)
+{
+    volume.writeFile("Music/x/1/a.mp3");
+    volume.makeFolder("Music/x/2");
+    walk("/Music");
+    volume.remove("Music/x");
+    volume.writeFile("Music/b.mp3");
+    ageRows();
+    {
+        const OnStatement stop(stopAtStatement(folderDeletion));
+        walk("/Music");
+    }
+    EXPECT_EQ("", writtenRows());
+    EXPECT_EQ("[/Music/x/1/a.mp3] 2 in [/Music/x/1]\n", files());
+    EXPECT_EQ(0, timesLoggedFrom("Got an exception")); // the stop is no failure
+    EXPECT_EQ(0, timesLoggedFrom("For folder"));
+    EXPECT_EQ(1, timesLoggedFrom("Finished walk."));
+    startAnew();
+    walk("/Music");
+    EXPECT_EQ("[/Music] root\n[/Music/x] in [/Music] deleted\n[/Music/x/1] in [/Music/x] deleted\n"
+              "[/Music/x/2] in [/Music/x] deleted\n",
+        folders());
+    EXPECT_EQ("[/Music/b.mp3] 2 in [/Music]\n[/Music/x/1/a.mp3] 2 in [/Music/x/1] deleted\n", files());
+}
+
+TEST_F(WalkStop, duringTheRemovalOfTopLevelFoldersLeavesNothingLiveBehind)
+{
+    volume.writeFile("c/x/y/z.mp3");
+    volume.makeFolder("a");
+    walk("/c");
+    configure({ "/a" });
+    {
+        const OnStatement stop(stopAtStatement(folderDeletion));
+        walkOnThread();
+    }
+    startAnew();
+    walkOnThread();
+    EXPECT_EQ("[/a] root\n[/c] root deleted\n[/c/x] in [/c] deleted\n[/c/x/y] in [/c/x] deleted\n", folders());
+    EXPECT_EQ("[/c/x/y/z.mp3] 2 in [/c/x/y] deleted\n", files());
+}
+
+TEST_F(WalkStop, betweenTwoTopLevelFoldersKeepsTheSecond)
+{
+    volume.makeFolder("a");
+    volume.makeFolder("b");
+    walk("/a");
+    walk("/b");
+    configure({ "/c" });
+    {
+        const OnStatement stop(stopAtStatement(folderDeletion));
+        walkOnThread();
+    }
+    EXPECT_EQ(1, timesLoggedFrom("Checking if the folder"));
+    EXPECT_EQ("[/a] root deleted\n[/b] root\n", folders());
 }
 
 } // namespace

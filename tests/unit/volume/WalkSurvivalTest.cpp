@@ -1,6 +1,7 @@
 #include "SystemHooks.h"
 #include "VolumeTest.h"
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,6 +63,60 @@ TEST_F(WalkSurvival, folderThatBecomesALinkIsNotWalked)
     EXPECT_EQ("[/Music] root\n", folders());
     EXPECT_EQ("", files());
     EXPECT_EQ(1, watches());
+}
+
+TEST_F(WalkSurvival, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
+{
+    volume.writeFile("outside/secret.mp3");
+    volume.makeFolder("Music/Rock");
+    walk("/Music");
+    int listings = 0;
+    const OnStatement hook([&](const std::string& sql, sqlite3*) {
+        if (sql.find("select path , name , modified_time , created_time from  files") == std::string::npos
+            || ++listings != 2)
+            return;
+        volume.remove("Music/Rock");
+        ASSERT_EQ(0, symlink(volume.path("outside").c_str(), volume.path("Music/Rock").c_str()));
+    });
+    walk("/Music");
+    EXPECT_EQ(2, listings); // of /Music, and of the folder that was one when its own row was looked at
+    EXPECT_EQ("", files());
+}
+
+TEST_F(WalkSurvival, nothingIsWalkedThroughALinkThatTookTheFolderAbove)
+{
+    volume.writeFile("outside/Live/secret.mp3");
+    volume.makeFolder("Music/Rock/Live");
+    const OnReaddir hook(atTheEndOf("/Music/Rock", [this] { // and Live is in the queue
+        volume.remove("Music/Rock");
+        ASSERT_EQ(0, symlink(volume.path("outside").c_str(), volume.path("Music/Rock").c_str()));
+    }));
+    walk("/Music");
+    EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders());
+    EXPECT_EQ("", files());
+    EXPECT_EQ(2, watches());
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 3/0\n"));
+}
+
+TEST_F(WalkSurvival, crawlPathsMayLeadThroughLinks)
+{
+    volume.writeFile("real/deep/Rock/a.mp3");
+    volume.writeFile("Music/b.mp3");
+    ASSERT_EQ(0, symlink("real", volume.path("link").c_str()));
+    ASSERT_EQ(0, symlink("../Music", volume.path("real/music").c_str()));
+    configure({ "/link/deep", "/link/music" });
+    walkOnThread();
+    EXPECT_EQ("[/link/deep/Rock/a.mp3] 2 in [/link/deep/Rock]\n[/link/music/b.mp3] 2 in [/link/music]\n", files());
+    EXPECT_EQ(3, watches());
+}
+
+TEST_F(WalkSurvival, volumeMayBeALink)
+{
+    volume.writeFile("Music/Rock/a.mp3");
+    useALinkToTheVolume();
+    walkOnThread();
+    EXPECT_EQ("[] root\n[/Music] in []\n[/Music/Rock] in [/Music]\n", folders());
+    EXPECT_EQ("[/Music/Rock/a.mp3] 2 in [/Music/Rock]\n", files());
 }
 
 TEST_F(WalkSurvival, startFolderMayBeALink)
@@ -195,6 +250,21 @@ TEST_F(WalkSurvival, manyEqualRowsDoNotUpsetTheSorting)
     EXPECT_EQ(0, timesLoggedFrom("Got an exception"));
     walk("/Music");
     EXPECT_EQ("1\n", query("select count(*) from Folders where name='Rock' and is_deleted=0"));
+}
+
+TEST_F(WalkSurvival, nextWalkTakesToTheLogAgain)
+{
+    destroy();
+    sqlite3* connection = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(dbPath().c_str(), &connection));
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> reader(connection, sqlite3_close);
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(connection, "begin; select count(*) from Files", nullptr, nullptr, nullptr));
+    manager = std::make_unique<VolumeManager>();
+    initializeQuietly();
+    ASSERT_EQ("delete\n", query("pragma journal_mode")); // the reader is in the way
+    reader.reset();
+    walk("/Music");
+    EXPECT_EQ("wal\n", query("pragma journal_mode"));
 }
 
 } // namespace

@@ -141,6 +141,20 @@ TEST_F(Walk, removalOfTopLevelFoldersOpensNoTransaction)
     EXPECT_EQ(1, timesLogged(LOG_ERR, "Got an exception during the walking of volumeManager " + name + "\n"));
 }
 
+TEST_F(Walk, removalOfTopLevelFoldersTakesNoLock)
+{
+    volume.makeFolder("a");
+    walk("/a");
+    configure({ "/b" });
+    std::vector<int> removedBefore; // each time that the lock is taken
+    const OnSemWait onWait(
+        [&removedBefore](sem_t*) { return removedBefore.push_back(timesLoggedFrom("not found /a")), false; });
+    walkOnThread();
+    destroy();
+    ASSERT_FALSE(removedBefore.empty());
+    EXPECT_EQ(1, removedBefore.front());
+}
+
 TEST_F(Walk, startFolderIsARootOnlyWhenAskedFor)
 {
     volume.makeFolder("Music/Rock/Live");

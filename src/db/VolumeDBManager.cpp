@@ -59,6 +59,15 @@ bool syncPath(const std::string& path, int flags)
 
 std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
+/// A link that neither root nor the daemon's own user made. An administrator may keep catalogues elsewhere; a user of
+/// the volume would have the daemon write into files that are none of the volume's.
+bool isForeignLink(const std::string& path)
+{
+    struct stat64 status;
+    return lstat64(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid != 0
+        && status.st_uid != geteuid();
+}
+
 int isHidden(const std::string& path) { return path.find("/.") != std::string::npos ? 1 : 0; }
 
 /// The path of something below `from` as it is below `to`. What is replaced begins at the first character that occurs
@@ -110,8 +119,9 @@ VolumeDBManager::~VolumeDBManager()
 bool VolumeDBManager::open(const char* path)
 {
     syslog(LOG_LOCAL5 | LOG_INFO, "sqlite version: %s\n", sqlite3_libversion());
-    const bool existed = checkIfDBExists(path);
-    const int rc = existed ? sqlite3_open(path, &handle) : openNew(path);
+    int rc = SQLITE_CANTOPEN;
+    if (!isForeignLink(path) && !isForeignLink(folderOf(path)))
+        rc = checkIfDBExists(path) ? sqlite3_open(path, &handle) : openNew(path);
     if (!succeeded(rc)) {
         sqlite3_close(std::exchange(handle, nullptr)); // SQLite hands out a handle also when it fails
         syslog(LOG_LOCAL5 | LOG_ERR, "open() failed, handleStatus: %d\n", rc);

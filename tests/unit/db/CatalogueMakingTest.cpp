@@ -156,3 +156,33 @@ TEST_F(CatalogueMaking, aLinkThatLeadsNowhereIsReplacedByTheCatalogue)
     expectNewAndEmpty();
     EXPECT_FALSE(volume.exists("nowhere"));
 }
+
+TEST_F(CatalogueMaking, aLinkOfTheDaemonsOwnUserIsFollowed)
+{
+    volume.makeFolder("fast");
+    fs::create_directory_symlink(volume.path("fast"), catalogueFolder);
+    open();
+    expectNewAndEmpty();
+    EXPECT_TRUE(volume.exists("fast/quarrow.db"));
+}
+
+TEST_F(CatalogueMaking, aLinkOfAnotherUserIsRefused)
+{
+    const auto expectRefused = [this](const std::string& link, const std::string& target) {
+        fs::create_symlink(target, link);
+        if (lchown(link.c_str(), 65534, 65534) != 0)
+            GTEST_SKIP() << "changing owners is not permitted";
+        clearLog();
+        EXPECT_THROW(open(), DBOperationException);
+        EXPECT_EQ((LogLine { LOG_ERR, "open() failed, handleStatus: 14\n" }), loggedLines().back());
+        fs::remove(link);
+    };
+    volume.writeFile("victim");
+    volume.makeFolder("other");
+    expectRefused(catalogueFolder, volume.path("other"));
+    volume.makeFolder(".quarrow");
+    expectRefused(dbPath, volume.path("victim"));
+    EXPECT_EQ("", volume.readFile("victim"));
+    EXPECT_TRUE(fs::is_empty(volume.path("other")));
+    EXPECT_TRUE(fs::is_empty(catalogueFolder));
+}

@@ -46,6 +46,22 @@ constexpr int checkpointPages = 4000; // few syncs in a long walk, and a log of 
 constexpr unsigned long roomForLogBytes = 1048576; // its index, 32 KiB at the least, and some transactions
 constexpr int stepsBetweenStopChecks = 100000;     // virtual machine steps, well under a second of work
 
+/// Keeps a stop from interrupting what is being done, if so wanted, until the end of the scope.
+class Finishing {
+public:
+    Finishing(std::atomic<bool>& flagOfCatalogue, bool wanted)
+        : flag(flagOfCatalogue)
+    {
+        flag = wanted;
+    }
+    ~Finishing() { flag = false; }
+    Finishing(const Finishing&) = delete;
+    Finishing& operator=(const Finishing&) = delete;
+
+private:
+    std::atomic<bool>& flag;
+};
+
 bool succeeded(int status) { return status == SQLITE_OK || status == SQLITE_DONE; }
 
 bool syncPath(const std::string& path, int flags)
@@ -217,6 +233,8 @@ void VolumeDBManager::requestStop() { stopRequested = true; }
 
 bool VolumeDBManager::isStopping() const { return stopRequested || isStopSignalPending(); }
 
+bool VolumeDBManager::mayInterrupt() const { return isStopping() && !finishing; }
+
 void VolumeDBManager::configure()
 {
     sqlite3_db_config(handle, SQLITE_DBCONFIG_LOOKASIDE, nullptr, lookasideSlotBytes, lookasideSlots);
@@ -224,7 +242,7 @@ void VolumeDBManager::configure()
     // A purge of a million rows is one statement; the daemon has to be able to stop in the middle of it.
     sqlite3_progress_handler(
         handle, stepsBetweenStopChecks,
-        [](void* self) { return static_cast<VolumeDBManager*>(self)->isStopping() ? 1 : 0; }, this);
+        [](void* self) { return static_cast<VolumeDBManager*>(self)->mayInterrupt() ? 1 : 0; }, this);
 }
 
 /// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
@@ -553,6 +571,9 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
 {
     if (!folderExists(f))
         return false;
+    // Half a million folders take a while. Without a transaction to undo what is done, the rest would stay live for
+    // ever: nobody looks below a deleted folder again.
+    const Finishing whole(finishing, !isInTransaction());
     updateDeletedFlagForFolders(f.getFolder_id());
     deleteFolderRecord(f.getFolder_id());
     deleteFilesFromFolder(f.getFolder_id());
@@ -562,9 +583,7 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
 void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
 {
     forEachFolderBelow(folderId, [this](int child) {
-        // Half a million folders take a while. Without a transaction to undo what is done, the rest would stay live for
-        // ever: nobody looks below a deleted folder again.
-        if (isStopping() && isInTransaction())
+        if (mayInterrupt())
             throw DBOperationException();
         deleteFilesFromFolder(child);
         deleteFolderRecord(child);
@@ -775,7 +794,7 @@ bool VolumeDBManager::moveFolder(DBFolder& src, DBFolder& dst)
     std::queue<DBFolder> folders; // breadth first, so that parents are there before their children
     folders.push(src);
     while (!folders.empty()) {
-        if (isStopping() && isInTransaction()) // as in a deletion
+        if (mayInterrupt())
             throw DBOperationException();
         DBFolder current = folders.front();
         folders.pop();

@@ -155,6 +155,7 @@ private:
     void moveContent(DBFolder& from, DBFolder& src, DBFolder& dst);
     bool waitForNeighbour() const;
     bool isStopping() const;
+    bool mayInterrupt() const;
     int openNew(const std::string& path);
     void buildAt(const std::string& temporaryPath);
     void configure();
@@ -162,5 +163,6 @@ private:
     void leaveWriteAheadLog();
 
     sqlite3* handle = nullptr;
+    std::atomic<bool> finishing = false;     ///< what is being done would be left half done by a stop
     std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever works on the catalogue
 };

@@ -231,4 +231,28 @@ TEST_F(WalkStop, betweenTwoTopLevelFoldersKeepsTheSecond)
     EXPECT_EQ("[/a] root deleted\n[/b] root\n", folders());
 }
 
+TEST_F(WalkStop, duringTheRemovalOfAFolderOfManyFilesLeavesNothingLiveBehind)
+{
+    for (const std::string place : { "c", "y" }) { // in the top-level folder itself, and deep below it
+        volume.makeFolder("c/x/y");
+        volume.makeFolder("a");
+        configure({});
+        walk("/c");
+        change(
+            "with recursive n(i) as (select 1 union all select i+1 from n where i<30000) insert into Files (folder_id,"
+            " path, name, category, size, modified_time, created_time, is_deleted, last_updated_time) select"
+            " f.folder_id, f.path||'/'||i, i, 4, 1, 1, 1, 0, 1 from Folders f, n where f.name='"
+            + place + "'");
+        configure({ "/a" });
+        {
+            const OnStatement stop(stopAtStatement(folderDeletion));
+            walkOnThread();
+        }
+        startAnew();
+        walkOnThread();
+        EXPECT_EQ("[/a]\n", query("select '['||path||']' from Folders where is_deleted=0")) << place;
+        EXPECT_EQ("0\n", query("select count(*) from Files where is_deleted=0")) << place;
+    }
+}
+
 } // namespace

@@ -58,12 +58,6 @@ auto sortedBy(const std::list<Record>& records, Key key)
     return sorted;
 }
 
-/// False for what is gone, a folder, or a link: no link is followed, so what a link has replaced is gone.
-bool statFile(const std::string& path, struct stat64& status)
-{
-    return lstat64(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
-}
-
 /// Fills the record of a file that has no live row yet.
 void describeNewFile(DBFile& file, const struct stat64& status)
 {
@@ -129,7 +123,7 @@ void VolumeManager::handleNewFolder(std::string& dir, const char* entryName)
         {
             const VMLock held(&lock);
             struct stat64 status;
-            if (lstat64(full.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+            if (!findFolder(full, status))
                 return;
             DBFolder folder;
             folder.setPath(relative(full));
@@ -152,7 +146,7 @@ void VolumeManager::handleNewFile(std::string& dir, const char* entryName)
 {
     const VMLock held(&lock);
     struct stat64 status;
-    if (!statFile(dir + "/" + entryName, status))
+    if (!findFile(dir + "/" + entryName, status))
         return;
     try {
         DBFile file = fileAt(dir, entryName);
@@ -177,7 +171,7 @@ void VolumeManager::handleMoveFolder(std::string& fromDir, const char* fromName,
         {
             const VMLock held(&lock);
             struct stat64 status;
-            if (lstat64(newFull.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            if (!findFolder(newFull, status)) {
                 std::printf("%s is not a dir\n", newFull.c_str());
                 return;
             }
@@ -185,7 +179,7 @@ void VolumeManager::handleMoveFolder(std::string& fromDir, const char* fromName,
             oldFolder.setName(fromName);
             oldFolder.setPath(oldPath);
             DBFolder newFolder;
-            newFolder.setPath(relative(newFull));
+            newFolder.setPath(relative(toDir) + "/" + toName);
             newFolder.setModified_time(storedTime(status.st_mtime));
             Transaction transaction(*dbManager);
             if (dbManager->folderExists(oldFolder)) {
@@ -213,7 +207,7 @@ void VolumeManager::handleMoveFile(std::string& fromDir, const char* fromName, s
     const std::string oldPath = oldFile.getPath();
     const VMLock held(&lock);
     struct stat64 status;
-    if (!statFile(newFull, status)) {
+    if (!findFile(newFull, status)) {
         syslog(LOG_LOCAL5 | LOG_ERR, "Error!!! New file %s does not exist on the filesystem\n", toName);
         return;
     }
@@ -262,7 +256,7 @@ void VolumeManager::handleModifyFile(std::string& dir, const char* entryName)
 {
     const VMLock held(&lock);
     struct stat64 status;
-    if (!statFile(dir + "/" + entryName, status))
+    if (!findFile(dir + "/" + entryName, status))
         return;
     try {
         DBFile file = fileAt(dir, entryName);
@@ -743,6 +737,22 @@ std::string VolumeManager::configuredPathAbove(const std::string& path) const
             nearest = start;
     }
     return nearest;
+}
+
+/// False for what is gone, a folder, or a link: no link is followed, so what a link has replaced is gone.
+bool VolumeManager::findFile(const std::string& path, struct stat64& status) const
+{
+    return findEntry(path, status) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
+}
+
+bool VolumeManager::findFolder(const std::string& path, struct stat64& status) const
+{
+    return findEntry(path, status) && S_ISDIR(status.st_mode);
+}
+
+bool VolumeManager::findEntry(const std::string& path, struct stat64& status) const
+{
+    return !isBehindLink(path, configuredPathAbove(path)) && lstat64(path.c_str(), &status) == 0;
 }
 
 /// Whether a link stands between the two: the folder that was walked, or is watched, under this path is elsewhere now.

@@ -115,6 +115,9 @@ private:
     void updateIfChanged(DBFile& file, const struct stat64& status);
     bool mayBeLink(const std::string& path, bool isRoot) const;
     std::string configuredPathAbove(const std::string& path) const;
+    bool findFile(const std::string& path, struct stat64& status) const;
+    bool findFolder(const std::string& path, struct stat64& status) const;
+    bool findEntry(const std::string& path, struct stat64& status) const;
     static bool isBehindLink(const std::string& path, const std::string& configuredPath);
     std::string relative(const std::string& path) const;
 

@@ -8,12 +8,14 @@ import signal
 import subprocess
 import time
 
+import make_tree
 from daemon import Daemon, LogSink, WALK_BEGINS, WALK_ENDS
 
 FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
 HURRY = 100  # how many times faster the clock runs where only the clock matters
 REWALKS = 10
 REWALK_PAUSE = 300  # seconds that the daemon lets pass between two starts of a walk
+MOVED_TREES = {"quarter": (5000, 250), "whole": (20000, 1000)}  # files and folders of a tree that is moved
 
 
 class Bench:
@@ -119,12 +121,15 @@ def growth(bench):
     """Memory after the first walk and after each of ten more in the same process, which sees a faster clock."""
     environment = {"LD_PRELOAD": FAKETIME, "FAKETIME": f"+0 x{HURRY}", "NO_FAKE_STAT": "1"}
     samples = []
+    watched = 0
     bench.forget()
     with bench.sink() as sink:
         mark = sink.mark()
         with bench.daemon(environment=environment) as daemon:
             sink.wait_for(WALK_ENDS, since=mark)
             sink.wait_for("Woke up too soon", since=mark)  # the control loop has begun to count its pause
+            _, line = sink.wait_for("Actively watching ", since=mark)
+            watched = int(line.split()[2])
             sink.wait_for_quiet(1)
             samples.append(daemon.memory())
             while len(samples) <= REWALKS:
@@ -136,7 +141,45 @@ def growth(bench):
                     sink.wait_for_quiet(1)
                     samples.append(daemon.memory())
     bench.forget()
-    return samples
+    return {"watched": watched, "samples": samples}
+
+
+def moves(bench):
+    """A folder tree that is moved in one go, and one of a quarter of its size: the watcher's one call, and its statements
+    with nothing around them."""
+    results = {}
+    for name, (files, folders) in MOVED_TREES.items():
+        volume = f"{bench.work}/moves-{name}"
+        record = f"{volume}.sql"
+        # The top folder, which is the one that moves, is one of the folders.
+        make_tree.make_tree(f"{volume}/library", files, folders - 1, bench.options.seed)
+        runs = {"call": [], "floor": []}
+        with bench.sink():
+            moved(bench, volume, "--record", record)
+            for _ in range(bench.options.repeat):
+                runs["call"].append(moved(bench, volume))
+                os.makedirs(f"{volume}/.quarrow")
+                catalogue = f"{volume}/.quarrow/quarrow.db"
+                shutil.copyfile(f"{record}.db", catalogue)
+                os.sync()
+                runs["floor"].append(run_moves(bench, "--replay", record, catalogue))
+                shutil.rmtree(f"{volume}/.quarrow")
+        shutil.rmtree(volume)
+        results[name] = runs
+    return results
+
+
+def moved(bench, volume, *arguments):
+    """One move over a new catalogue. The tree is back in its place afterwards."""
+    os.sync()
+    result = run_moves(bench, volume, *arguments)
+    os.rename(f"{volume}/archive", f"{volume}/library")
+    shutil.rmtree(f"{volume}/.quarrow")
+    return result
+
+
+def run_moves(bench, *arguments):
+    return json.loads(subprocess.run([bench.options.moves, *arguments], stdout=subprocess.PIPE, check=True).stdout)
 
 
 def count_writes(trace, page_size):

@@ -24,4 +24,5 @@ install_packages() {
     $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing >/dev/null
 }
 
+# shellcheck disable=SC2034 # used by the scripts that source this
 build_packages="g++ cmake ninja-build pkg-config libsqlite3-dev libxml2-dev"

@@ -331,6 +331,8 @@ void VolumeManager::walkOnce()
     pthread_attr_destroy(&walkThreadAttr);
     pthread_attr_init(&walkThreadAttr);
     std::memset(walkStack, 0, sizeof walkStack);
+    // Refused, it leaves the thread a stack that the C library makes, on which a walk does as well.
+    // cppcheck-suppress ignoredReturnValue
     pthread_attr_setstack(&walkThreadAttr, walkStack, sizeof walkStack);
     walkThreadStarted = pthread_create(&walkThread, &walkThreadAttr, start_thread_once, this) == 0;
 }

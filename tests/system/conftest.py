@@ -8,6 +8,7 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 from harness import Arena, Clock  # noqa: E402  (the path comes first)
+from mounts import disks, mounts  # noqa: E402,F401  (fixtures)
 
 
 @pytest.fixture

@@ -3,6 +3,7 @@ import collections
 import ctypes
 import os
 import re
+import resource
 import signal
 import socket
 import subprocess
@@ -140,6 +141,10 @@ def has_thread_sanitizer():
     return "libtsan" in subprocess.run(["ldd", BINARY], capture_output=True, text=True, check=True).stdout
 
 
+def has_address_sanitizer():
+    return "libasan" in subprocess.run(["ldd", BINARY], capture_output=True, text=True, check=True).stdout
+
+
 def sanitizer_options():
     """The runtimes are not preloaded before the clock, though the first one asks for it: the daemon's children, which know
     nothing of sanitizers, do not survive that. Their allocators hold a lock while they ask for the time of a release, and
@@ -241,6 +246,7 @@ class Arena:
         in_memory = "/dev/shm" if "TMPDIR" not in os.environ and os.access("/dev/shm", os.W_OK) else None
         self.folder = os.path.realpath(tempfile.mkdtemp(prefix="quarrow-", dir=in_memory))
         self.daemons = []
+        self.mount_points = None  # where a test has mounted file systems, when it can: see mounts.py
 
     def path(self, relative):
         return os.path.join(self.folder, relative)
@@ -289,7 +295,8 @@ class Arena:
         return reports
 
 
-def sandbox_command(arena, folder, argv, log, mime_table=MIME_TABLE, binds=(), closed=(), user=None, environment=None):
+def sandbox_command(arena, folder, argv, log, mime_table=MIME_TABLE, binds=(), closed=(), user=None, environment=None,
+                    **limits):
     """The command that runs `argv` in a sandbox whose own files lie in `folder`."""
     for name in ("root", "tmp"):
         os.makedirs(os.path.join(folder, name), exist_ok=True)
@@ -299,22 +306,25 @@ def sandbox_command(arena, folder, argv, log, mime_table=MIME_TABLE, binds=(), c
         binary_folder = "/".join(binary_folder.split("/")[:3])
     settings = {"argv": argv, "root": os.path.join(folder, "root"), "tmp": os.path.join(folder, "tmp"), "log": log,
                 "mime_table": mime_table, "keep": [arena.folder, binary_folder], "binds": list(binds),
-                "closed": list(closed), "user": user, "environment": environment or {}}
+                "mounts": arena.mount_points, "closed": list(closed), "user": user, "environment": environment or {}, **limits}
     return [sys.executable, "-S", "-E", "-s", "-B", os.path.join(HERE, "sandbox.py"), json.dumps(settings)]
 
 
 class Daemon:
     """One run of the daemon. `pid` is the daemon itself: it is signalled and waited for directly."""
 
-    def __init__(self, arena, arguments=(), environment=None, mime_table=MIME_TABLE, binds=(), closed=(), standby=False):
+    def __init__(self, arena, arguments=(), environment=None, mime_table=MIME_TABLE, binds=(), closed=(), standby=False,
+                 wrapper=(), **limits):
+        """`limits` and `user_limits` are what the sandbox makes of them. `wrapper` is a command, its program with an absolute
+        path, that is run in the sandbox and is to run the daemon's, which comes behind it."""
         self.arena = arena
         self.folder = tempfile.mkdtemp(prefix="run-", dir=arena.folder)
         self.log = LogSink(self.folder, os.path.basename(BINARY))
         self.exit_status = None
         inherited = {key: value for key, value in os.environ.items()
                      if key != "QUARROW_CONFIG_FILE" and not key.startswith("FAKETIME")}
-        command = sandbox_command(arena, self.folder, [BINARY, *arguments], self.log.path, mime_table, binds, closed,
-                                  environment={**inherited, **sanitizer_options(), **(environment or {})})
+        command = sandbox_command(arena, self.folder, [*wrapper, BINARY, *arguments], self.log.path, mime_table, binds, closed,
+                                  environment={**inherited, **sanitizer_options(), **(environment or {})}, **limits)
         if standby:
             self.set_standby(True)
         with open(self.output_path("stdout"), "wb") as stdout, open(self.output_path("stderr"), "wb") as stderr:
@@ -432,6 +442,49 @@ class Daemon:
         assert before == 0
         self.signal(signal.SIGUSR1)
         self.wait_line(info("Going to sleep.\n"), 3)
+
+    def rewalk(self, clock=None):
+        """Has the control loop walk every volume once; returns when no walk thread is left. Without the clock that it was
+        started with, the daemon needs one that runs fast: signals that come too soon are repeated."""
+        sleeps, wakes = info("Going to sleep.\n"), info("We received a wake up message from the signal handler\n")
+        rounds = lambda lines: lines.count(wakes) - sum(line.text.startswith("Woke up too soon") for line in lines)
+        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
+        before = rounds(self.lines)
+        while rounds(self.lines) == before:
+            if clock is not None:
+                clock.advance(300)
+            woken = self.count(wakes)
+            self.signal(signal.SIGUSR1)
+            self.wait_log(lambda lines: woken < lines.count(wakes) < lines.count(sleeps), "the control loop back at its wait")
+            time.sleep(0.05)
+        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
+
+    def limit(self, name, limit=None):
+        """Sets a soft resource limit of the running daemon, as in limit("NOFILE", 20); without a value, lifts it."""
+        number = getattr(resource, f"RLIMIT_{name}")
+        hard = resource.prlimit(self.pid, number)[1]
+        resource.prlimit(self.pid, number, (hard if limit is None else limit, hard))
+
+    def status(self, field):
+        """A figure of /proc/PID/status, as in status("VmSize"), which is in KiB."""
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
+            return next(int(line.split()[1]) for line in file if line.startswith(field + ":"))
+
+    def descriptors(self):
+        """What the daemon has open: descriptor to the file it leads to."""
+        folder, found = f"/proc/{self.pid}/fd", {}
+        for number in os.listdir(folder):
+            try:
+                found[int(number)] = os.readlink(f"{folder}/{number}")
+            except FileNotFoundError:  # closed meanwhile
+                pass
+        return found
+
+    def kernel_watches(self):
+        """How many watches the kernel keeps for the daemon."""
+        [number] = [number for number, target in self.descriptors().items() if target == "anon_inode:inotify"]
+        with open(f"/proc/{self.pid}/fdinfo/{number}", encoding="ascii") as file:
+            return sum(line.startswith("inotify ") for line in file)
 
     def set_standby(self, present):
         marker = os.path.join(self.folder, "tmp", "standby")

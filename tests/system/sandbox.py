@@ -12,13 +12,18 @@ Settings:
   mime_table  the file copied to /usr/local/quarrow/mime_types.txt, or null for none
   keep        paths that stay visible where they are, also below /tmp
   binds       [source folder, folder in the new root] pairs
+  mounts      places at which file systems are mounted that are to be seen there, as well as whatever is mounted or
+              unmounted later where mounts are shared; or null to be cut off from all that
   closed      descriptors to close before the program starts
   user        user and group id to run as, or null
   environment the program's environment
+  limits      {name of a resource: limit}, as in {"NOFILE": 20}; may be left out
+  user_limits {name in /proc/sys/user: limit} of a user namespace of the program's own; may be left out
 """
 import ctypes
 import json
 import os
+import resource
 import shutil
 import signal
 import sys
@@ -28,6 +33,7 @@ CLONE_NEWUSER = 0x10000000
 MS_BIND = 0x1000
 MS_REC = 0x4000
 MS_PRIVATE = 0x40000
+MS_SLAVE = 0x80000
 
 DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
 DEVICE_LINKS = {"fd": "/proc/self/fd", "stdin": "fd/0", "stdout": "fd/1", "stderr": "fd/2"}
@@ -53,7 +59,7 @@ def write_text(path, text):
         file.write(text)
 
 
-def leave_the_machine():
+def leave_the_machine(follow_mounts):
     """Enters a private mount namespace; without privileges, as root of a private user namespace."""
     user, group = os.geteuid(), os.getegid()
     check(libc.unshare(CLONE_NEWNS if user == 0 else CLONE_NEWNS | CLONE_NEWUSER), "unshare")
@@ -61,7 +67,7 @@ def leave_the_machine():
         write_text("/proc/self/setgroups", "deny")
         write_text("/proc/self/uid_map", f"0 {user} 1")
         write_text("/proc/self/gid_map", f"0 {group} 1")
-    mount("none", "/", None, MS_REC | MS_PRIVATE)
+    mount("none", "/", None, MS_REC | (MS_SLAVE if follow_mounts else MS_PRIVATE))
 
 
 def bind(source, target, flags=MS_BIND | MS_REC):
@@ -106,11 +112,27 @@ def furnish(settings):
     for path in sorted(settings["keep"]):
         if not os.path.exists(root + path):
             bind(path, root + path, MS_BIND)  # not what is mounted below it: the new root itself may be
+    for path in settings["mounts"] or []:
+        if os.stat(root + path).st_dev != os.stat(path).st_dev:
+            bind(path, root + path)
     for source, target in settings["binds"]:
         bind(source, root + target)
 
 
+def limit_user(limits):
+    """In a user namespace of its own, root has limits of its own, which are the machine's at most."""
+    user, group = os.geteuid(), os.getegid()
+    check(libc.unshare(CLONE_NEWUSER), "unshare")
+    write_text("/proc/self/setgroups", "deny")
+    write_text("/proc/self/uid_map", f"{user} {user} 1")
+    write_text("/proc/self/gid_map", f"{group} {group} 1")
+    for name, limit in limits.items():
+        write_text(f"/proc/sys/user/{name}", str(limit))
+
+
 def become(settings):
+    if settings.get("user_limits"):
+        limit_user(settings["user_limits"])
     os.chroot(settings["root"])
     os.chdir("/")
     os.umask(0o022)
@@ -123,12 +145,15 @@ def become(settings):
         signal.signal(number, signal.SIG_DFL)
     for descriptor in settings["closed"]:
         os.close(descriptor)
+    for name, limit in settings.get("limits", {}).items():
+        number = getattr(resource, f"RLIMIT_{name}")
+        resource.setrlimit(number, (limit, resource.getrlimit(number)[1]))
     os.execve(settings["argv"][0], settings["argv"], settings["environment"])
 
 
 def main():
     settings = json.loads(sys.argv[1])
-    leave_the_machine()
+    leave_the_machine(follow_mounts=settings["mounts"] is not None)
     furnish(settings)
     become(settings)
 

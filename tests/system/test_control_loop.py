@@ -133,6 +133,7 @@ def test_standby_keeps_walks_and_purges_away(arena, clock):
         volume.make_file("/m/1.mp3", b"x")
     daemon = arena.start(volumes, clock=clock, standby=True)
     daemon.wait_line(STANDBY, 2)  # the purge thread's first pass: nobody walks
+    daemon.wait_line(info("pthread_sigmask returned 0\n"), 2)
     daemon.end_first_sleep()
     start = clock.now
     for volume in volumes:

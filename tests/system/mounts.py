@@ -112,7 +112,7 @@ class Mounts:
 
 def tmpfs_options(size, inodes):
     """Ample, but limited: what had no limit once cannot be given one."""
-    return ",".join(["mode=755", f"size={32 << 20 if size is None else size}", f"nr_inodes={1 << 20 if inodes is None else inodes}"])
+    return f"mode=755,size={32 << 20 if size is None else size},nr_inodes={1 << 20 if inodes is None else inodes}"
 
 
 @functools.lru_cache(maxsize=None)

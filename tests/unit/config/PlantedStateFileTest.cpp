@@ -89,14 +89,14 @@ TEST_F(PlantedStateFile, thatIsASecondNameUnderTheTemporaryNameIsNotWrittenInto)
 
 TEST_F(PlantedStateFile, doesNotPullOtherFilesIn)
 {
-    elsewhere.writeFile("secret", "42");
+    elsewhere.writeFile("secret", "1234567890");
     writeState("<!DOCTYPE Quarrow [<!ENTITY e SYSTEM \"" + elsewhere.path("secret")
         + "\">]><Quarrow><Volume><last_purge_time>&e;</last_purge_time></Volume><x>&e;</x></Quarrow>");
     VolumeManagerConfig config(statePath);
     EXPECT_EQ(0, config.getLastPurgeTime());
     config.setLastPurgeTime(9);
     EXPECT_EQ("9", start());
-    EXPECT_EQ(std::string::npos, folder.readFile("state.xml").find("42"));
+    EXPECT_EQ(std::string::npos, folder.readFile("state.xml").find("1234567890"));
 }
 
 TEST_F(PlantedStateFile, thatIsAPipeIsNotWaitedFor)

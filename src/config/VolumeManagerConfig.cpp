@@ -88,16 +88,21 @@ bool createNameless(const std::string& path, const std::string& text)
     return created;
 }
 
-/// Writes the file under its own name and takes it away again when it came out incomplete: half a file would be taken
-/// for a broken one at the next start. False when it could not be opened.
-bool createInPlace(const std::string& path, const std::string& text)
+/// Writes the file under another name first: half a file would be taken for a broken one at the next start. False when
+/// no file could be opened for it.
+bool createBeside(const std::string& path, const std::string& text)
 {
-    const int descriptor = createExclusively(path);
+    struct stat64 status;
+    if (lstat64(path.c_str(), &status) == 0)
+        return false; // a folder, or a link that leads nowhere
+    const std::string temporaryPath = path + ".tmp";
+    unlink(temporaryPath.c_str()); // left by a crash, or planted by a user of the volume
+    const int descriptor = createExclusively(temporaryPath);
     if (descriptor < 0)
         return false;
     const bool complete = writeDurably(descriptor, text);
-    if (close(descriptor) != 0 || !complete)
-        unlink(path.c_str());
+    if (close(descriptor) != 0 || !complete || std::rename(temporaryPath.c_str(), path.c_str()) != 0)
+        unlink(temporaryPath.c_str());
     return true;
 }
 
@@ -163,7 +168,7 @@ void VolumeManagerConfig::load()
 void VolumeManagerConfig::create() const
 {
     const std::string text = defaultDocument();
-    if (!createNameless(filePath, text) && !createInPlace(filePath, text))
+    if (!createNameless(filePath, text) && !createBeside(filePath, text))
         std::puts("testXmlwriterMemory: Error at fopen");
 }
 

@@ -44,6 +44,7 @@ constexpr int lookasideSlotBytes = 1200;
 constexpr int lookasideSlots = 500;   // room for the longer statements, where SQLite has this memory: Debian's has not
 constexpr int checkpointPages = 4000; // few syncs in a long walk, and a log of at most some 16 MiB
 constexpr unsigned long roomForLogBytes = 1048576; // its index, 32 KiB at the least, and some transactions
+constexpr unsigned long logFiles = 2;              // the log and its index
 constexpr int stepsBetweenStopChecks = 100000;     // virtual machine steps, well under a second of work
 
 /// Keeps a stop from interrupting what is being done, if so wanted, until the end of the scope.
@@ -143,6 +144,7 @@ bool VolumeDBManager::open(const char* path)
         syslog(LOG_LOCAL5 | LOG_ERR, "open() failed, handleStatus: %d\n", rc);
         throw DBOperationException();
     }
+    catalogue = identityOf(sqlite3_db_filename(handle, "main"));
     configure();
     useWriteAheadLog();
     return true;
@@ -248,8 +250,10 @@ void VolumeDBManager::configure()
 /// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
 void VolumeDBManager::useWriteAheadLog()
 {
+    if (hasMoved())
+        return; // the log is found by name: it would be that of the other catalogue
     bool inUse = false;
-    if (hasRoomForLog())
+    if (hasRoomForLog() && hasDescriptorsForLog())
         sqlite3_exec(
             handle, "PRAGMA journal_mode=WAL",
             [](void* result, int, char** mode, char**) {
@@ -260,6 +264,8 @@ void VolumeDBManager::useWriteAheadLog()
     // The first look at the file, for whatever value, makes the log. Without one a power cut is survived by full syncs.
     sqlite3_exec(handle, inUse ? "PRAGMA synchronous=NORMAL; PRAGMA schema_version" : "PRAGMA synchronous=FULL",
         nullptr, nullptr, nullptr);
+    if (inUse)
+        rememberLog();
 }
 
 /// A file that has been switched to a log which then finds no room for its index cannot even be read.
@@ -267,14 +273,72 @@ bool VolumeDBManager::hasRoomForLog() const
 {
     struct statvfs64 volume;
     const char* path = sqlite3_db_filename(handle, "main");
-    return path == nullptr || statvfs64(path, &volume) != 0 || volume.f_bavail * volume.f_frsize >= roomForLogBytes;
+    if (path == nullptr || statvfs64(path, &volume) != 0)
+        return true;
+    const bool countsInodes = volume.f_files != 0; // where they are made as needed there is nothing to count
+    return volume.f_bavail * volume.f_frsize >= roomForLogBytes && (!countsInodes || volume.f_favail >= logFiles);
+}
+
+/// For the log, its index and one to spare. A file that has been switched to a log whose index then cannot be opened is
+/// likewise lost to readers.
+bool VolumeDBManager::hasDescriptorsForLog()
+{
+    int taken[3];
+    for (int& descriptor : taken)
+        descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    bool enough = true;
+    for (const int descriptor : taken)
+        enough = descriptor >= 0 && ::close(descriptor) == 0 && enough;
+    return enough;
+}
+
+/// Something else, or nothing, is in the place of the file that is open: another volume, a catalogue from a backup.
+bool VolumeDBManager::hasMoved() const
+{
+    return catalogue.inode != 0 && !isAt(catalogue, sqlite3_db_filename(handle, "main")); // inode 0: none is open
+}
+
+std::string VolumeDBManager::logPath() const { return std::string(sqlite3_db_filename(handle, "main")) + "-wal"; }
+
+void VolumeDBManager::rememberLog()
+{
+    if (!hasMoved())
+        log = identityOf(logPath());
+}
+
+/// Our log beside somebody else's catalogue would be replayed into that.
+void VolumeDBManager::removeOwnLog() const
+{
+    if (log.inode == 0 || !isAt(log, logPath()))
+        return;
+    unlink(logPath().c_str());
+    unlink((std::string(sqlite3_db_filename(handle, "main")) + "-shm").c_str());
+}
+
+VolumeDBManager::FileIdentity VolumeDBManager::identityOf(const std::string& path)
+{
+    struct stat64 status;
+    return stat64(path.c_str(), &status) == 0 ? FileIdentity { status.st_dev, status.st_ino } : FileIdentity {};
+}
+
+/// Not SQLite's own look, which compares the inode alone: two disks that were set up alike have the same ones.
+bool VolumeDBManager::isAt(const FileIdentity& file, const std::string& path)
+{
+    const FileIdentity there = identityOf(path);
+    return there.device == file.device && there.inode == file.inode;
 }
 
 /// Leaves one plain file that anybody can read from anywhere. With a reader in the way the log stays, files and all: a
 /// reader that may not write can open a log that is there, but not make one.
 void VolumeDBManager::leaveWriteAheadLog()
 {
-    int keepLogFiles = 0;
+    int keepLogFiles = 1;
+    if (hasMoved()) { // SQLite would take away, by name, the log of the other catalogue
+        sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
+        removeOwnLog();
+        return;
+    }
+    keepLogFiles = 0;
     sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
     const int rc = sqlite3_exec(handle, "PRAGMA journal_mode=DELETE", nullptr, nullptr, nullptr);
     keepLogFiles = rc == SQLITE_OK ? 0 : 1;

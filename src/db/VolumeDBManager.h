@@ -4,6 +4,8 @@
 #include "db/DBFolder.h"
 #include "db/SimpleDBFile.h"
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <functional>
 #include <list>
@@ -160,8 +162,21 @@ private:
     void buildAt(const std::string& temporaryPath);
     void configure();
     bool hasRoomForLog() const;
+    static bool hasDescriptorsForLog();
+    struct FileIdentity {
+        dev_t device = 0;
+        ino_t inode = 0;
+    };
+    static FileIdentity identityOf(const std::string& path);
+    static bool isAt(const FileIdentity& file, const std::string& path);
+    bool hasMoved() const;
+    std::string logPath() const;
+    void rememberLog();
+    void removeOwnLog() const;
     void leaveWriteAheadLog();
 
+    FileIdentity catalogue; ///< the file that is open
+    FileIdentity log;       ///< the write-ahead log that is in use
     sqlite3* handle = nullptr;
     std::atomic<bool> finishing = false;     ///< what is being done would be left half done by a stop
     std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever works on the catalogue

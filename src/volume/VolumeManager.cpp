@@ -567,8 +567,7 @@ void VolumeManager::listCatalogue(const std::string& path, DBFolder& folder, Cat
 /// False when the folder could not be read to its end: what it did not list is then not known to be gone.
 bool VolumeManager::listDisk(Walk& walk, const std::string& path, DBFolder& folder, DiskListing& listed)
 {
-    const bool isRoot = walk.isRootWalk && path == walk.startPath;
-    FolderReader reader(path, mayBeLink(path, isRoot) ? FolderReader::follow : FolderReader::doNotFollow);
+    FolderReader reader(path, walk.configuredPath);
     if (!reader.isOpen())
         return false;
     while (!stopRequested) {
@@ -755,18 +754,6 @@ bool VolumeManager::findFolder(const std::string& path, struct stat64& status) c
 bool VolumeManager::findEntry(const std::string& path, struct stat64& status) const
 {
     return !isBehindLink(path, configuredPathAbove(path)) && lstat64(path.c_str(), &status) == 0;
-}
-
-/// Whether a link stands between the two: the folder that was walked, or is watched, under this path is elsewhere now.
-bool VolumeManager::isBehindLink(const std::string& path, const std::string& configuredPath)
-{
-    std::string::size_type slash = configuredPath.length();
-    while ((slash = path.find('/', slash + 1)) != std::string::npos) {
-        struct stat64 status;
-        if (lstat64(path.substr(0, slash).c_str(), &status) == 0 && S_ISLNK(status.st_mode))
-            return true;
-    }
-    return false;
 }
 
 std::string VolumeManager::relative(const std::string& path) const

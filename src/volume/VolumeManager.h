@@ -118,7 +118,6 @@ private:
     bool findFile(const std::string& path, struct stat64& status) const;
     bool findFolder(const std::string& path, struct stat64& status) const;
     bool findEntry(const std::string& path, struct stat64& status) const;
-    static bool isBehindLink(const std::string& path, const std::string& configuredPath);
     std::string relative(const std::string& path) const;
 
 #if defined(__SANITIZE_THREAD__)

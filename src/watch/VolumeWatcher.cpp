@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 
 VolumeWatcher* VolumeWatcher::instance = nullptr;
 
@@ -227,13 +228,22 @@ void VolumeWatcher::run()
         int eventCount = 0;
         int readMillis = 0;
         int position = 0;
-        collectBurst(changedDirs, eventCount, readMillis, position);
+        // Without memory for the names of the changed folders, the rest of the burst is lost, the watcher is not.
+        try {
+            collectBurst(changedDirs, eventCount, readMillis, position);
+        } catch (const std::bad_alloc&) {
+            syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", "");
+        }
 
         syslog(LOG_LOCAL5 | LOG_INFO, "Processed %d events\n", eventCount);
         if (eventCount > 0)
             syslog(LOG_LOCAL5 | LOG_INFO, "Rate of inotify event %ld\n", static_cast<long>(readMillis / eventCount));
         const time_t handlingStart = std::time(nullptr);
-        handleChangedDirs(changedDirs);
+        try {
+            handleChangedDirs(changedDirs);
+        } catch (const std::bad_alloc&) {
+            syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", "");
+        }
         syslog(LOG_LOCAL5 | LOG_INFO, "Handled %d events in %d seconds ", eventCount,
             static_cast<int>(std::time(nullptr) - handlingStart));
         syslog(LOG_LOCAL5 | LOG_INFO, "======\n");

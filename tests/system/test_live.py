@@ -241,38 +241,6 @@ def test_a_removed_start_folder_keeps_its_rows(arena):
 
 
 @pytest.mark.slow
-def test_an_unknown_descriptor_hides_the_other_folders_of_its_burst(arena, clock):
-    """A walk of the control loop gives up a watch while a burst is being gathered; the kernel says so in that burst."""
-    volume = arena.volume(crawl=["/m"])
-    volume.make_folder("/m/a/old/sub", "/m/b")
-    daemon = idle_daemon(arena, [volume], clock=clock)
-    daemon.end_first_sleep()
-    clock.advance(300)
-    volume.create("/m/b/first")  # ends the burst that began before
-    daemon.wait_bursts(1)
-    before = volume.rows()
-
-    os.rename(volume.path("/m/a/old"), volume.path("/m/a/new"))
-    daemon.signal(signal.SIGUSR1)
-    number = 0
-    while daemon.count(info(f"Removing {volume.path('/m/a/old')} \n")) == 0:  # the burst goes on until the walk has come by
-        volume.create(f"/m/a/{number}")
-        number += 1
-        time.sleep(0.2)
-    daemon.wait_bursts(2)
-    assert handled(daemon.lines) == [going(volume.path("/m/b")), "No listener/directory found for \n",
-                                     f"Skipping because {volume.path('/m/a')} is in \n"]
-    assert daemon.errors() == ["No listener/directory found for \n"]
-
-    # The next burst is as usual; the empty entry counts as a watch.
-    volume.create("/m/a/last")
-    daemon.wait_bursts(3)
-    assert_same(volume.rows(), after_walk(before, volume.tree()))
-    assert daemon.texts()[-3] == "Actively watching 6 folders\n"
-    daemon.stop()
-
-
-@pytest.mark.slow
 @pytest.mark.skipif(inotify_limit("max_queued_events") > 1 << 17, reason="the kernel queues more than is made here")
 def test_more_records_than_the_kernel_keeps(arena):
     """The kernel then adds a record without a folder. Only when that record begins a read is it looked up, and hides what

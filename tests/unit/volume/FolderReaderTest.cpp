@@ -33,7 +33,7 @@ TEST(FolderReading, listsEverythingButTheTwoDots)
     folder.writeFile("a");
     folder.writeFile("...");
     folder.makeFolder("b");
-    FolderReader reader(folder.path(), FolderReader::doNotFollow);
+    FolderReader reader(folder.path(), folder.path());
     ASSERT_TRUE(reader.isOpen());
     EXPECT_EQ((std::set<std::string> { "...", "a", "b" }), namesIn(reader));
     EXPECT_FALSE(reader.hasFailed());
@@ -44,29 +44,41 @@ TEST(FolderReading, endsAtAFailure)
     const TemporaryFolder folder;
     folder.writeFile("a");
     const OnReaddir fail([](const std::string&, dirent*) { return OnReaddir::failure(); });
-    FolderReader reader(folder.path(), FolderReader::doNotFollow);
+    FolderReader reader(folder.path(), folder.path());
     ASSERT_TRUE(reader.isOpen());
     EXPECT_EQ(nullptr, reader.next());
     EXPECT_TRUE(reader.hasFailed());
 }
 
-TEST(FolderReading, followsALinkWhenAskedTo)
+TEST(FolderReading, followsLinksUpToTheConfiguredPathAndNoneBelow)
 {
     const TemporaryFolder folder;
-    folder.writeFile("real/a");
+    folder.writeFile("real/deep/a");
     ASSERT_EQ(0, symlink("real", folder.path("link").c_str()));
-    FolderReader followed(folder.path("link"), FolderReader::follow);
-    ASSERT_TRUE(followed.isOpen());
-    EXPECT_EQ(std::set<std::string> { "a" }, namesIn(followed));
-    EXPECT_FALSE(FolderReader(folder.path("link"), FolderReader::doNotFollow).isOpen());
+    ASSERT_EQ(0, symlink("deep", folder.path("real/other").c_str()));
+    const auto isOpen = [&folder](const std::string& path, const std::string& configuredPath) {
+        return FolderReader(folder.path(path), folder.path(configuredPath)).isOpen();
+    };
+    EXPECT_TRUE(isOpen("link", "link"));
+    EXPECT_TRUE(isOpen("link/deep", "link"));
+    EXPECT_TRUE(isOpen("link/deep", "link/deep"));
+    EXPECT_TRUE(isOpen("link/other", "link/other"));
+    EXPECT_FALSE(isOpen("link/other", "link")) << "in the last element";
+    EXPECT_FALSE(FolderReader(folder.path("link/deep"), folder.path()).isOpen()) << "in one above it";
+    EXPECT_TRUE(FolderReader(folder.path("real/deep"), folder.path()).isOpen());
+    EXPECT_FALSE(FolderReader(folder.path("link"), folder.path("real")).isOpen()) << "beside it";
+    EXPECT_TRUE(FolderReader(folder.path("real"), "").isOpen()) << "a volume that is the root folder";
 }
 
 TEST(FolderReading, opensFoldersOnly)
 {
     const TemporaryFolder folder;
     folder.writeFile("file");
-    for (const char* path : { "file", "gone" })
-        EXPECT_FALSE(FolderReader(folder.path(path), FolderReader::follow).isOpen()) << path;
+    for (const char* path : { "file", "gone" }) {
+        EXPECT_FALSE(FolderReader(folder.path(path), folder.path(path)).isOpen()) << path;
+        EXPECT_FALSE(FolderReader(folder.path(path), folder.path()).isOpen()) << path;
+    }
+    EXPECT_FALSE(FolderReader(folder.path("gone/gone"), folder.path("gone")).isOpen());
 }
 
 } // namespace

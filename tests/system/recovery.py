@@ -1,0 +1,56 @@
+"""What the fault tests ask of the daemon after a fault: everything that is on disk is in the catalogue, once and right."""
+import os
+import signal
+
+from catalogue import Rows, assert_same
+from harness import info, is_walk_end, wait_for
+
+#: How many times as many runs as in everyday use, for a long watch by hand.
+RUNS = int(os.environ.get("QUARROW_FAULT_RUNS", "1"))
+
+
+def settle(daemon):
+    """Returns when the daemon has started and no walk is going on, however each has ended."""
+    daemon.wait_line(info("================\n"))
+    if daemon.count(info("Going to sleep.\n")) == 0:
+        daemon.end_first_sleep()
+    wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walks")
+
+
+def walk_again(daemon, clock, walks):
+    """Has the control loop walk every idle volume anew; returns when that many more walks have ended."""
+    settle(daemon)
+    ended = sum(is_walk_end(line) for line in daemon.lines)
+    clock.advance(300)
+    sleeps = daemon.count(info("Going to sleep.\n"))
+    daemon.signal(signal.SIGUSR1)
+    daemon.wait_line(info("Going to sleep.\n"), sleeps + 1)
+    daemon.wait_walks(ended + walks)
+
+
+def live_rows(rows):
+    """The rows that readers are offered. A row keeps the creation time of its file's first walk, so that is left out."""
+    kept = lambda kind: [row._replace(created=0) for row in kind if not row.deleted]
+    return Rows(kept(rows.folders), kept(rows.files))
+
+
+def is_converged(volume):
+    actual, expected = live_rows(volume.rows()), live_rows(volume.tree())
+    return sorted(actual.folders) == sorted(expected.folders) and sorted(actual.files) == sorted(expected.files)
+
+
+def assert_converged(volume):
+    """Every folder and file on disk has one live row, with the right parent and figures, and nothing else has."""
+    assert_same(live_rows(volume.rows()), live_rows(volume.tree()))
+    rows = volume.rows()
+    for kind in rows:
+        paths = [row.path for row in kind]
+        assert len(paths) == len(set(paths)), "a path has more than one row"
+    assert volume.catalogue.is_sound()
+
+
+def good_volume(arena, name="Good"):
+    """A volume that has nothing to do with the fault."""
+    volume = arena.volume(name, crawl=["/m"])
+    volume.make_file("/m/sub/1.mp3", b"x")
+    return volume

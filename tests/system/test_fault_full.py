@@ -1,0 +1,416 @@
+"""Volumes without room: in a walk, under live changes, in a purge, at the start. And a log that nobody reads."""
+import os
+import re
+import shutil
+import signal
+import sqlite3
+
+import pytest
+
+from catalogue import assert_same, edit
+from harness import LogSink, err, info, state_document, wait_for
+from moments import seeded
+from mounts import fill, loop_devices_work
+from recovery import RUNS, assert_converged, good_volume, is_converged, settle, walk_again
+from trees import make_media_tree
+
+
+def used_bytes(path):
+    status = os.statvfs(path)
+    return (status.f_blocks - status.f_bfree) * status.f_frsize
+
+
+def small_volume(arena, mounts, name, disk):
+    """A volume on a file system of its own, with room in plenty so far."""
+    folder = arena.path(name)
+    if disk:
+        mounts.disk(mounts.image(f"{name}.img", 48 << 20, "-N", "6000", "-O", "^dir_index"), folder)  # names go where others were
+    else:
+        mounts.tmpfs(folder)
+    return arena.volume(name, crawl=["/m"])
+
+
+def failed_walks(daemon, volume):
+    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
+
+
+def filler(volume):
+    return volume.path("/filler")
+
+
+KINDS = pytest.mark.parametrize("kind", ["memory", "disk"])
+
+
+@pytest.fixture
+def volumes_of(kind, arena, request):
+    """Makes volumes of the parameter's kind."""
+    mounts = request.getfixturevalue("disks" if kind == "disk" else "mounts")
+    return lambda name: small_volume(arena, mounts, name, kind == "disk")
+
+
+@KINDS
+def test_a_volume_fills_up_in_its_first_walk(arena, volumes_of, clock):
+    """Each volume with less or more room than its catalogue takes, below and above what is asked for a write-ahead log."""
+    choice = seeded("rooms and trees")
+    for run in range(RUNS):
+        names = [f"V{number}.{run}" for number in range(8)]
+        limits = [(150_000, 800_000), (1_060_000, 3_000_000)] * 4
+        rooms = [choice.randrange(*limit) for limit in limits]
+        volumes = [volumes_of(name) for name in names]
+        for volume, room in zip(volumes, rooms):
+            make_media_tree(volume, "/m", folders=40, files=1000, seed=choice.randrange(1 << 30))
+            fill(filler(volume), leave=room)
+        good = good_volume(arena, f"Z{run}")
+        daemon = arena.start([*volumes, good], clock=clock)
+        daemon.wait_walks(len(volumes) + 1)
+        assert_converged(good)
+        short = [volume for volume in volumes if not is_converged(volume)]
+        assert len(short) >= 3, rooms
+        for volume in volumes:
+            named = any(volume.folder + "/" in text for text in daemon.errors()) or failed_walks(daemon, volume) > 0
+            assert (volume in short) == named
+            assert volume.catalogue.is_sound()
+            known = {row.path for row in volume.tree().folders + volume.tree().files}
+            assert volume.catalogue.live() <= known
+
+        # As long as there is no room, another walk makes nothing worse.
+        found = {volume: volume.catalogue.live() for volume in volumes}
+        walk_again(daemon, clock, len(volumes) + 1)
+        for volume in volumes:
+            assert volume.catalogue.live() >= found[volume] and volume.catalogue.is_sound()
+
+        for volume in volumes:
+            os.unlink(filler(volume))
+        quiet = len(daemon.errors())
+        walk_again(daemon, clock, len(volumes) + 1)
+        for volume in [*volumes, good]:
+            assert_converged(volume)
+        assert daemon.errors()[quiet:] == []
+        daemon.stop()
+        for volume in volumes:
+            assert volume.catalogue.is_sound() and not os.path.exists(volume.catalogue.path + "-wal")
+
+
+def small_volumes(arena, mounts):
+    """One in memory, and one on a disk where that can be had."""
+    return [small_volume(arena, mounts, "Memory", disk=False)] + (
+        [small_volume(arena, mounts, "Disk", disk=True)] if loop_devices_work() else [])
+
+
+def test_volumes_are_full_while_they_change(arena, mounts, clock):
+    volumes, good = small_volumes(arena, mounts), good_volume(arena)
+    for volume in volumes:
+        make_media_tree(volume, "/m", folders=20, files=300, seed=1)
+        volume.make_folder("/m/live")
+        for number in range(1500):
+            volume.create(f"/m/live/old {number:04}.mp3")
+        for number in range(50):
+            volume.create(f"/m/live/room for another name {number}")
+        for number in range(50):
+            os.unlink(volume.path(f"/m/live/room for another name {number}"))
+    first = arena.start(volumes)
+    first.wait_walks(len(volumes))
+    first.stop()
+    daemon = arena.start([*volumes, good], clock=clock)  # whose logs have hardly any room yet that they could use again
+    daemon.wait_walks(len(volumes) + 1)
+    before = {volume: volume.rows() for volume in volumes}
+    for volume in volumes:
+        assert_converged(volume)
+
+    with daemon.frozen():  # one read, the last folder of which is not seen
+        for volume in volumes:
+            fill(filler(volume))
+            for number in range(1500):  # which itself takes no room
+                os.rename(volume.path(f"/m/live/old {number:04}.mp3"), volume.path(f"/m/live/new {number:04}.jpg"))
+        good.create("/m/sub/2.mp3")
+        good.create("/m/3.mp3")
+    daemon.wait_bursts(1)
+    for volume in volumes:
+        assert failed_walks(daemon, volume) == 1
+        assert_same(volume.rows(), before[volume])  # what could not be done in full was not done at all
+        assert volume.catalogue.is_sound()
+    assert "/m/sub/2.mp3" in good.catalogue.live()
+
+    for volume in volumes:
+        os.unlink(filler(volume))
+    quiet = len(daemon.errors())
+    walk_again(daemon, clock, len(volumes) + 1)
+    for volume in [*volumes, good]:
+        assert_converged(volume)
+    with daemon.frozen():
+        for volume in volumes:
+            volume.create("/m/live/after.mp3")
+        good.create("/m/sub/after.mp3")
+    daemon.wait_bursts(2)
+    for volume in volumes:
+        assert "/m/live/after.mp3" in volume.catalogue.live()
+    assert daemon.errors()[quiet:] == []
+    daemon.stop()
+    for volume in [*volumes, good]:
+        assert volume.catalogue.is_sound()
+
+
+def test_volumes_are_full_when_they_are_purged(arena, mounts, clock):
+    """The purge is all or nothing, and it is not taken for done."""
+    volumes, good = small_volumes(arena, mounts), good_volume(arena)
+    everyone = [*volumes, good]
+    state = state_document(0, clock.now)
+    for volume in everyone:
+        volume.make_file("/m/keep.mp3", b"x")
+        for number in range(3000 if volume is not good else 3):
+            volume.make_file(f"/m/{number % 30}/{number}.mp3")
+    first = arena.start(everyone, clock=clock)
+    first.wait_walks(len(everyone))
+    first.stop()
+    for volume in everyone:
+        volume.write_state(clock.now)
+        for table in ("Files", "Folders"):
+            edit(volume.catalogue.path, f"update {table} set is_deleted = 1, last_updated_time = 1 where path <> '/m'"
+                 " and path not like '/m/sub%' and name <> 'keep.mp3'")
+        for number in range(30):
+            shutil.rmtree(volume.path(f"/m/{number}"), ignore_errors=True)
+    deleted = lambda volume: sum(row.deleted for rows in volume.rows() for row in rows)
+
+    daemon = arena.start(everyone, clock=clock, purge_threshold=200)
+    daemon.wait_walks(len(everyone))
+    daemon.end_first_sleep()
+    before = {volume: volume.rows() for volume in volumes}
+    failures = {volume: failed_walks(daemon, volume) for volume in volumes}
+    for volume in volumes:
+        assert deleted(volume) == 3030
+        fill(filler(volume))
+    clock.advance(400)
+    sleeps = daemon.count(info("Going to sleep.\n"))
+    daemon.signal(signal.SIGUSR1)
+    daemon.wait_line(info("Going to sleep.\n"), sleeps + 1)
+    daemon.wait_walks(2 * len(everyone))
+    assert any(re.match(r"purgeDeleted\w+\(\) failed, handleStatus: \d+\n", text) for text in daemon.errors())
+    assert daemon.count(info(f"Done with the purge {clock.now}\n")) == 1 and deleted(good) == 0
+    for volume in volumes:
+        assert failed_walks(daemon, volume) > failures[volume]
+        assert_same(volume.rows(), before[volume])
+        assert volume.catalogue.is_sound()
+        with open(volume.state_file, encoding="ascii") as file:
+            assert file.read() == state
+
+    for volume in volumes:
+        os.unlink(filler(volume))
+    walk_again(daemon, clock, len(everyone))
+    daemon.wait_line(info(f"Done with the purge {clock.now}\n"), len(everyone))
+    for volume in everyone:
+        assert_converged(volume)
+        assert deleted(volume) == 0
+        with open(volume.state_file, encoding="ascii") as file:
+            assert file.read() == state_document(clock.now, clock.now - 200)
+    daemon.stop()
+
+
+@pytest.mark.parametrize("index", ["kept", "lost"])
+def test_a_start_on_full_volumes_after_a_kill(arena, mounts, clock, index):
+    """What the log holds is not lost, though there may be no room to read it: for that takes an index."""
+    volumes, good = small_volumes(arena, mounts), good_volume(arena)
+    for volume in volumes:
+        make_media_tree(volume, "/m", folders=20, files=300, seed=2)
+    first = arena.start(volumes)
+    first.wait_walks(len(volumes))
+    first.kill()
+    before = {volume: volume.rows() for volume in volumes}
+    for volume in volumes:
+        assert os.path.getsize(volume.catalogue.path + "-wal") > 0
+        volume.make_folder("/m/many")
+        for number in range(2000):
+            volume.create(f"/m/many/{number}.mp3")
+        if index == "lost":
+            os.unlink(volume.catalogue.path + "-shm")
+        fill(filler(volume))
+    daemon = arena.start([*volumes, good], clock=clock)
+    daemon.wait_log(lambda _: all(failed_walks(daemon, volume) for volume in volumes), "the walks of full volumes")
+    daemon.wait_walks_of(good, 1)
+    assert_converged(good)
+
+    for volume in volumes:
+        os.unlink(filler(volume))
+    settle(daemon)
+    quiet = len(daemon.errors())
+    walk_again(daemon, clock, len(volumes) + 1)
+    for volume in volumes:
+        assert_converged(volume)
+        assert {row.path for row in before[volume].files} <= {row.path for row in volume.rows().files}
+    assert daemon.errors()[quiet:] == []
+    daemon.stop()
+    assert all(volume.catalogue.is_sound() for volume in volumes)
+
+
+def test_no_room_to_make_a_catalogue(arena, mounts):
+    """Bytes and inodes from none at all to a few more than it takes. A catalogue is complete or absent."""
+    cases = [(None, inodes) for inodes in range(6)] + [(pages * 4096, None) for pages in range(0, 40, 2)]
+    volumes = []
+    for number, (room, inodes) in enumerate(cases):
+        folder = arena.path(f"V{number:02}")
+        mounts.tmpfs(folder)
+        volume = arena.volume(f"V{number:02}", crawl=["/m"])
+        volume.make_file("/m/sub/1.mp3")
+        if inodes is not None:
+            status = os.statvfs(folder)
+            mounts.resize_tmpfs(folder, inodes=status.f_files - status.f_ffree + inodes)
+        else:
+            mounts.resize_tmpfs(folder, size=max(4096, used_bytes(folder) + room))
+            if room == 0:
+                fill(filler(volume))
+        volumes.append(volume)
+    good = good_volume(arena, "Z")
+    daemon = arena.start([*volumes, good])
+    refused = lambda volume: err(f"Could not initialize the manager for the volume {volume.name}\n") in daemon.lines
+    daemon.wait_walks_of(good, 1)
+    settle(daemon)
+    bad = [volume for volume in volumes if refused(volume)]
+    assert 5 <= len(bad) <= len(cases) - 5
+    assert daemon.errors().count("Could not open the volume cfg file DBOperationException occurred\n") == len(bad)
+    assert refused(volumes[0]) and refused(volumes[6])  # no inode, no byte
+    assert_converged(good)
+    for volume in volumes:
+        files = set(os.listdir(volume.path("/.quarrow"))) if os.path.isdir(volume.path("/.quarrow")) else set()
+        if volume in bad:
+            assert files == set()
+        else:
+            assert files - {"quarrow-volume.xml"} <= {"quarrow.db", "quarrow.db-wal", "quarrow.db-shm"} and "quarrow.db" in files
+            assert volume.catalogue.is_sound()
+            assert len(volume.catalogue.query("select name from sqlite_master where type = 'index'")) == 9
+        if "quarrow-volume.xml" in files:
+            with open(volume.state_file, encoding="ascii") as file:
+                assert file.read() == state_document(0, 0)
+    daemon.stop()
+
+    for volume in volumes:
+        mounts.resize_tmpfs(volume.folder)
+    daemon = arena.start(volumes)
+    daemon.wait_walks(len(volumes))
+    for volume in volumes:
+        assert_converged(volume)
+        assert os.path.exists(volume.state_file)
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+def test_no_room_for_the_folder_of_the_catalogue_on_a_disk(arena, disks):
+    """Nor for a new state file beside a catalogue that is there."""
+    new, old, good = (small_volume(arena, disks, name, disk=name != "Good") for name in ("New", "Old", "Good"))
+    for volume in (new, old, good):
+        volume.make_file("/m/sub/1.mp3", b"x")
+    first = arena.start([old])
+    first.wait_walks()
+    first.stop()
+    os.unlink(old.state_file)
+    for volume in (new, old):
+        fill(filler(volume))
+    daemon = arena.start([new, old, good])
+    daemon.wait_walks(2)
+    assert daemon.count(err("Could not initialize the manager for the volume New\n")) == 1
+    assert daemon.count(err("Could not initialize the manager for the volume Old\n")) == 0
+    assert_converged(good)
+    assert not os.path.exists(new.path("/.quarrow")) and not os.path.exists(old.state_file)
+    assert old.catalogue.is_sound()
+    daemon.stop()
+
+    for volume in (new, old):
+        os.unlink(filler(volume))
+    daemon = arena.start([new, old])
+    daemon.wait_walks(2)
+    for volume in (new, old):
+        assert_converged(volume)
+        assert os.path.exists(volume.state_file)
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+def test_no_inode_for_the_state_file_of_a_purge(arena, mounts, clock):
+    """The catalogue is purged, the old state file stays whole, and the next start purges once more."""
+    volume = small_volume(arena, mounts, "Full", disk=False)
+    volume.make_file("/m/1.mp3")
+    volume.write_state(clock.now)
+    daemon = arena.start([volume], clock=clock, purge_threshold=200)
+    daemon.wait_walks()
+    daemon.end_first_sleep()
+    status = os.statvfs(volume.folder)
+    mounts.resize_tmpfs(volume.folder, inodes=status.f_files - status.f_ffree)
+    clock.advance(400)
+    daemon.signal(signal.SIGUSR1)
+    daemon.wait_line(info(f"Done with the purge {clock.now}\n"))
+    daemon.wait_walks(2)
+    with open(volume.state_file, encoding="ascii") as file:
+        assert file.read() == state_document(0, clock.now - 400)
+    daemon.stop()
+    mounts.resize_tmpfs(volume.folder)
+    assert sorted(os.listdir(volume.path("/.quarrow"))) == ["quarrow-volume.xml", "quarrow.db"]
+
+    daemon = arena.start([volume], clock=clock, purge_threshold=200)
+    daemon.wait_walks()
+    volume.create("/m/2.mp3")  # a burst wakes the purge
+    daemon.wait_line(info(f"Done with the purge {clock.now}\n"))
+    wait_for(lambda: open(volume.state_file, encoding="ascii").read() == state_document(clock.now, clock.now - 200), "the state")
+    daemon.stop()
+
+
+def test_a_log_that_is_not_read_holds_the_daemon_up_and_loses_nothing(arena):
+    """The C library waits for room in the receiver's queue. Whoever takes the log up again gets every line."""
+    volume = arena.volume(crawl=["/m"])
+    make_media_tree(volume, "/m", folders=200, files=400, seed=1)
+    daemon = arena.start([volume])
+    daemon.wait_line(info("================\n"))
+    with daemon.log.changed:  # the receiver takes one datagram and then waits for this
+        def waits_for_the_receiver():
+            for task in os.listdir(f"/proc/{daemon.pid}/task"):
+                with open(f"/proc/{daemon.pid}/task/{task}/wchan", encoding="ascii") as file:
+                    if "sock_alloc_send" in (where := file.read()) or "unix" in where:
+                        return True
+            return False
+
+        wait_for(waits_for_the_receiver, "a full queue")
+        assert daemon.process.poll() is None
+        daemon.signal(signal.SIGUSR1)
+    daemon.wait_walks()
+    assert_converged(volume)
+    assert sum(line.text.startswith("For folder") for line in daemon.lines) == 200
+    daemon.wait_line(info("Done with usr1 signal\n"))
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+def test_a_log_receiver_that_is_gone_and_comes_back(arena, clock):
+    """Lines are lost, and nothing else; the first line after its return arrives."""
+    volume = good_volume(arena, "Volume")
+    daemon = arena.start([volume], clock=clock)
+    daemon.wait_walks()
+    ident = daemon.log.ident
+    daemon.log.close()
+    os.unlink(daemon.log.path)
+    volume.make_file("/m/sub/2.mp3", b"x")
+    wait_for(lambda: "/m/sub/2.mp3" in volume.catalogue.live(), "a change while nobody reads the log")
+
+    daemon.log = LogSink(daemon.folder, os.fsdecode(ident))
+    daemon.signal(signal.SIGUSR1)
+    daemon.wait_line(info("Got a usr1 signal\n"))
+    volume.make_file("/m/sub/3.mp3", b"x")
+    wait_for(lambda: is_converged(volume), "a change after the return")
+    daemon.wait_bursts(1)
+    daemon.stop()
+    assert daemon.lines[-1].text.startswith("Woke up too soon") or daemon.lines[-1] == info("Done with the stop\n")
+    assert daemon.errors() == []
+
+
+def test_a_start_and_a_stop_without_any_log_receiver(arena):
+    volume = good_volume(arena, "Volume")
+    daemon = arena.start([volume])
+    daemon.log.close()
+    os.unlink(daemon.log.path)
+
+    def is_walked():
+        try:
+            return is_converged(volume)
+        except sqlite3.OperationalError:  # not there yet, or in the making
+            return False
+
+    wait_for(is_walked, "the walk")
+    daemon.signal(signal.SIGTERM)
+    assert daemon.process.wait(60) == 0
+    assert volume.catalogue.is_sound()

@@ -1,0 +1,387 @@
+"""Other programs at a catalogue: readers that stay, writers that get in between, and damage that somebody has done.
+
+Neighbours may hold the daemon up on their own volume, never elsewhere, and no row is lost without a word.
+"""
+import os
+import random
+import sqlite3
+import subprocess
+import sys
+import threading
+import time
+
+import pytest
+
+from catalogue import Catalogue
+from harness import BOUND, fast_clock, info, wait_for
+from recovery import RUNS, assert_converged, good_volume, is_converged
+
+#: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
+CLOCK = fast_clock(300)
+READER_SECONDS = float(os.environ.get("QUARROW_READER_SECONDS", "4"))
+
+
+def volume_of_files(arena, name, folders, files, prefix="a"):
+    volume = arena.volume(name, crawl=["/m"])
+    for number in range(folders):
+        write_files(volume, number, files, prefix)
+    return volume
+
+
+def write_files(volume, folder, files, prefix):
+    for file in range(files):
+        volume.make_file(f"/m/{folder}/{prefix}{file}.mp3", b"x")
+
+
+def folder_summaries(daemon, volume):
+    return sum(line.text.startswith(f"For folder {volume.path('/m')}") for line in daemon.lines)
+
+
+# Readers
+
+def test_a_reader_that_keeps_its_transaction_open(arena):
+    """It goes on seeing what it began with. Everybody else sees every change, and once it is gone the log is used anew."""
+    volume = volume_of_files(arena, "A", 60, 5)
+    daemon = arena.start([volume], environment=CLOCK)
+    daemon.wait_walks()
+    log = volume.catalogue.path + "-wal"
+    reader = volume.catalogue.open()
+    reader.execute("begin")
+    contents = lambda: sorted(reader.execute("select path, is_deleted, modified_time from Files"))
+    first = contents()
+    assert len(first) == 300
+    end = time.monotonic() + READER_SECONDS
+    rounds = 0
+    while rounds < 3 or time.monotonic() < end:
+        rounds += 1
+        for folder in range(60):
+            os.rename(volume.path(f"/m/{folder}/a0.mp3"), volume.path(f"/m/{folder}/renamed.mp3"))
+            volume.make_file(f"/m/{folder}/a1.mp3", b"x" * (rounds + 1))
+        daemon.rewalk()
+        wait_for(lambda: is_converged(volume), "the changes in the catalogue")
+        for folder in range(60):
+            os.rename(volume.path(f"/m/{folder}/renamed.mp3"), volume.path(f"/m/{folder}/a0.mp3"))
+        daemon.rewalk()
+        wait_for(lambda: is_converged(volume), "the changes taken back")
+        assert contents() == first
+    reader.close()
+    sizes = []
+    for size in (1, 2, 3, 4):
+        for folder in range(60):
+            volume.make_file(f"/m/{folder}/a1.mp3", b"y" * 100 * size)
+        daemon.rewalk()
+        wait_for(lambda: is_converged(volume), "the changes in the catalogue")
+        sizes.append(os.path.getsize(log))
+    assert sizes == sizes[:1] * 4
+    os.mkdir(arena.path("copy"))
+    with open(volume.catalogue.path, "rb") as source, open(arena.path("copy/quarrow.db"), "wb") as target:
+        target.write(source.read())
+    sqlite3.connect(arena.path("copy/quarrow.db")).execute("pragma journal_mode=delete")
+    copy = Catalogue(arena.path("copy/quarrow.db"))
+    assert copy.is_sound() and copy.rows() == volume.rows()
+    assert_converged(volume)
+    daemon.stop()
+    assert not os.path.exists(log)
+    assert daemon.errors() == []
+
+
+#: Reads a catalogue over and over; prints a line for each observation: per folder, which files it offers, in short.
+READER = """
+import sqlite3, sys
+path, stay = sys.argv[1], sys.argv[2] == "stay"
+connect = lambda: sqlite3.connect(f"file:{path}?mode=ro&readonly_shm=1", uri=True, timeout=60)
+connection = connect()
+while True:
+    if not stay:
+        connection.close()
+        connection = connect()
+    states = {}
+    connection.execute("begin")
+    for folder, kind, count in connection.execute(
+            "select o.path, substr(i.name, 1, 1), count(i.file_id) from Folders o left join Files i"
+            " on i.folder_id = o.folder_id and i.is_deleted = 0 where o.is_deleted = 0 and o.path like '/m/%' group by 1, 2"):
+        states.setdefault(folder, {})[kind] = count
+    stray = connection.execute("select count(*) from Files where is_deleted = 0 and folder_id not in"
+                               " (select folder_id from Folders where is_deleted = 0)").fetchone()[0]
+    connection.execute("commit")
+    kinds = {}
+    for state in states.values():
+        kind = "".join(f"{kind}{count}" for kind, count in sorted(state.items(), key=str))
+        kinds[kind] = kinds.get(kind, 0) + 1
+    print(stray, *(f"{kind}={count}" for kind, count in sorted(kinds.items())), flush=True)
+"""
+
+
+class Readers:
+    """Processes that read a catalogue in a loop, while inside."""
+
+    def __init__(self, arena, volume, count):
+        self.outputs = [arena.path(f"reader-{number}") for number in range(count)]
+        self.errors = [arena.path(f"reader-{number}-errors") for number in range(count)]
+        self.command = lambda number: [sys.executable, "-S", "-E", "-B", "-c", READER, volume.catalogue.path,
+                                       "stay" if number % 2 else "go"]
+
+    def __enter__(self):
+        self.processes = []
+        for number, (output, errors) in enumerate(zip(self.outputs, self.errors)):
+            with open(output, "wb") as stdout, open(errors, "wb") as stderr:
+                self.processes.append(subprocess.Popen(self.command(number), stdout=stdout, stderr=stderr))
+        return self
+
+    def __exit__(self, *_):
+        for process in self.processes:
+            process.kill()
+            process.wait()
+
+    def check_alive(self):
+        for process, errors in zip(self.processes, self.errors):
+            if process.poll() is not None:
+                with open(errors, encoding="utf-8") as file:
+                    raise AssertionError(f"a reader has ended: {file.read()}")
+
+    def observations(self):
+        """[number of files without a live folder, {state: number of folders}], in whole lines."""
+        found = []
+        for output in self.outputs:
+            with open(output, encoding="ascii") as file:
+                text = file.read()
+            for line in text[:text.rfind("\n") + 1].splitlines():
+                stray, *kinds = line.split(" ")
+                found.append((int(stray), {kind: int(count) for kind, count in (each.split("=") for each in kinds)}))
+        return found
+
+    def wait_for_a_round(self):
+        counts = [os.path.getsize(output) for output in self.outputs]
+        wait_for(lambda: self.check_alive() or all(os.path.getsize(output) > count
+                                                   for output, count in zip(self.outputs, counts)), "an observation of each")
+
+
+def check(observations, folders, allowed):
+    """No file without its folder, and of each folder all files of one generation or, in a first walk, none yet."""
+    for stray, kinds in observations:
+        assert stray == 0
+        assert set(kinds) <= allowed, "a folder was seen with some of its files, or with those of two generations"
+        assert len(kinds) <= 2, "folders of three generations were seen at once"
+        assert sum(kinds.values()) == folders or len(kinds) <= 1, "folders were gone while others changed"
+
+
+def test_readers_in_a_loop_see_whole_folders_only(arena):
+    """Four of them, during a first walk and walks that find every folder changed."""
+    folders, files = 300, 20
+    volume = volume_of_files(arena, "A", folders, files)
+    daemon = arena.start([volume], standby=True, environment=CLOCK)
+    daemon.wait_line(info("Volume in standby, ignoring purge"))
+    partial = 0
+    generations = "abcdefghijklmnopqrstuvwxyz"
+    with Readers(arena, volume, 4) as readers:
+        readers.wait_for_a_round()
+        daemon.set_standby(False)
+        daemon.rewalk()
+        wait_for(lambda: is_converged(volume), "the first walk")
+        for number, (old, new) in enumerate(zip(generations, generations[1:]), 2):
+            with daemon.frozen():  # so that it cannot see a folder with some of its files either
+                for folder in range(folders):
+                    for file in range(files):
+                        os.rename(volume.path(f"/m/{folder}/{old}{file}.mp3"), volume.path(f"/m/{folder}/{new}{file}.mp3"))
+            daemon.rewalk()
+            wait_for(lambda: is_converged(volume), "the changes in the catalogue")
+            readers.wait_for_a_round()
+            observations = readers.observations()
+            check(observations, folders, {f"{each}{files}" for each in generations[:number]})
+            partial = sum(len(kinds) == 2 or 0 < sum(kinds.values()) < folders for _, kinds in observations)
+            if number >= 4 and partial >= 20:
+                break
+    print(f"{number} walks, {len(observations)} observations, {partial} of them in mid-walk")
+    assert partial >= 20, "nobody looked while a walk was running"
+    assert_converged(volume)
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+def test_readers_in_a_loop_from_before_the_start(arena):
+    """The catalogue has no write-ahead log yet, so that readers could keep a writer waiting."""
+    folders, files = 40, 20
+    volume = volume_of_files(arena, "A", folders, files)
+    first = arena.start([volume])
+    first.wait_walks()
+    first.stop()
+    for folder in range(folders):
+        for file in range(files):
+            os.rename(volume.path(f"/m/{folder}/a{file}.mp3"), volume.path(f"/m/{folder}/b{file}.mp3"))
+    with Readers(arena, volume, 4) as readers:
+        readers.wait_for_a_round()
+        daemon = arena.start([volume])
+        daemon.wait_walks()
+        assert_converged(volume)
+        readers.wait_for_a_round()
+        daemon.stop()
+        readers.wait_for_a_round()
+        check(readers.observations(), folders, {f"a{files}", f"b{files}"})
+    assert daemon.errors() == []
+
+
+# Writers
+
+def test_a_writer_takes_the_lock_in_mid_walk(arena):
+    """The walk waits and goes on; meanwhile everybody can read, and the other volume is walked."""
+    for run in range(3 * RUNS):
+        seed = 3000 + run
+        place = random.Random(seed).randrange(1, 150)
+        print(f"run {run}, seed {seed}: at folder {place}")
+        volume, other = volume_of_files(arena, f"A{run}", 200, 10), volume_of_files(arena, f"B{run}", 200, 10)
+        daemon = arena.start([volume, other], environment=CLOCK)
+        daemon.wait_log(lambda _: folder_summaries(daemon, volume) >= place, "some folders")
+        writer = sqlite3.connect(volume.catalogue.path, isolation_level=None, timeout=BOUND)
+        writer.execute("begin exclusive")
+        held_at = volume.catalogue.query("select count(*) from Folders")
+        daemon.wait_walks_of(other, 1)
+        assert_converged(other)
+        volume.create("/m/0/late.mp3")
+        assert volume.catalogue.query("select count(*) from Folders") == held_at
+        writer.execute("rollback")
+        writer.close()
+        daemon.wait_walks_of(volume, 1)
+        wait_for(lambda: is_converged(volume), "the whole tree in the catalogue")
+        assert_converged(volume)
+        daemon.stop()
+        assert daemon.errors() == []
+
+
+class Writer:
+    """Commits to a catalogue as fast as it gets the lock: rows of its own table, and rows of the daemon's written as they
+    are. Every now and then it keeps the lock for a while."""
+
+    def __init__(self, volume, seed):
+        self.path, self.choice = volume.catalogue.path, random.Random(seed)
+        self.done, self.commits, self.failure = threading.Event(), 0, None
+        self.thread = threading.Thread(target=self.run)
+
+    def __enter__(self):
+        self.thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.done.set()
+        self.thread.join()
+
+    def run(self):
+        try:
+            connection = sqlite3.connect(self.path, isolation_level=None, timeout=BOUND)
+            connection.execute("create table Notes(number integer)")
+            while not self.done.is_set():
+                connection.execute("begin immediate")
+                connection.execute("insert into Notes values(?)", (self.commits,))
+                connection.execute("update Files set is_system = is_system where file_id % 7 = ?", (self.commits % 7,))
+                if self.commits % 20 == 10:
+                    time.sleep(self.choice.random() / 5)
+                connection.execute("commit")
+                self.commits += 1
+                time.sleep(self.choice.random() / 200)
+            connection.close()
+        except sqlite3.Error as error:
+            self.failure = error
+
+
+def test_a_writer_that_commits_all_the_time(arena):
+    """Between any two of the daemon's statements and transactions: first walk, full walk and live changes."""
+    volume, other = volume_of_files(arena, "A", 150, 10), good_volume(arena, "B")
+    made = arena.start([volume, other], standby=True)
+    made.wait_line(info("Volume in standby, ignoring purge"), 2)
+    made.stop()
+    with Writer(volume, 4000) as writer:
+        wait_for(lambda: writer.commits > 3 or writer.failure, "the first commits")
+        daemon = arena.start([volume, other], environment=CLOCK)
+        daemon.wait_walks(2)
+        assert_converged(volume)
+        for folder in range(150):
+            volume.make_file(f"/m/{folder}/a0.mp3", b"longer")
+            os.unlink(volume.path(f"/m/{folder}/a1.mp3"))
+            volume.make_file(f"/m/{folder}/new/1.mp3", b"x")
+        daemon.rewalk()
+        wait_for(lambda: is_converged(volume) or writer.failure, "all changes")
+        commits = writer.commits
+        volume.create("/m/7/live.mp3")
+        wait_for(lambda: "/m/7/live.mp3" in volume.catalogue.live(), "a live change")
+        wait_for(lambda: writer.commits > commits or writer.failure, "more commits")
+    assert writer.failure is None
+    daemon.rewalk()
+    assert_converged(volume)
+    assert_converged(other)
+    assert volume.catalogue.query("select count(*), max(number) from Notes") == [(writer.commits, writer.commits - 1)]
+    assert writer.commits > 20
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+# Damage
+
+def spoil(page, kind, choice):
+    if kind == "random":
+        return choice.randbytes(len(page))
+    if kind == "zeros":
+        return bytes(len(page))
+    if kind == "type":
+        return bytes([page[0] ^ 0x0F]) + page[1:]
+    return page[:3] + b"\xff\xff" + page[5:]  # far too many cells
+
+
+@pytest.mark.parametrize("kind", ["random", "zeros", "type", "cells"])
+def test_one_page_of_a_catalogue_cannot_be_read_for_a_while(arena, kind):
+    """The daemon lives, says so and serves the other volume. What it could do it did in a way that fits the page: once that
+    is as it was, the catalogue is sound, has every row that it had, and one walk puts it right."""
+    complaints = 0
+    for run in range(6 * RUNS):
+        seed = 5000 + run
+        choice = random.Random(f"{kind} {seed}")
+        volume, other = volume_of_files(arena, f"A{run}", 40, 30), good_volume(arena, f"B{run}")
+        first = arena.start([volume, other])
+        first.wait_walks(2)
+        first.stop()
+        before = volume.catalogue.live()
+        size = os.path.getsize(volume.catalogue.path)
+        number = choice.randrange(1, size // 4096)  # behind the page of the schema
+        with open(volume.catalogue.path, "r+b") as file:
+            file.seek(number * 4096)
+            page = file.read(4096)
+            spoilt = spoil(page, kind, choice)
+            file.seek(number * 4096)
+            file.write(spoilt)
+        print(f"run {run}, seed {seed}: page {number + 1} of {size // 4096}")
+
+        for folder in range(0, 40, 2):
+            volume.make_file(f"/m/{folder}/a0.mp3", b"longer")
+            volume.make_file(f"/m/{folder}/b.mp3", b"x")
+            os.unlink(volume.path(f"/m/{folder}/a1.mp3"))
+        volume.make_file("/m/new/1.mp3", b"x")
+        other.make_file("/m/new.mp3", b"x")
+        daemon = arena.start([volume, other], environment=CLOCK)
+        daemon.wait_walks_of(other, 1)
+        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+        assert_converged(other)
+        with daemon.frozen():  # so that it reads the three at once, and sees the folder of the first and the last
+            for each, path in ((other, "/m/sub/live.mp3"), (volume, "/m/3/live.mp3"), (other, "/m/sub/last.mp3")):
+                each.create(path)
+        wait_for(lambda: is_converged(other), "the live changes of the other volume")
+        daemon.stop()
+        assert other.catalogue.is_sound()
+        complaints += bool(daemon.errors())
+
+        with open(volume.catalogue.path, "r+b") as file:
+            file.seek(number * 4096)
+            if file.read(4096) == spoilt:
+                file.seek(number * 4096)
+                file.write(page)
+        if not daemon.errors():  # it had no need of that page
+            assert is_converged(volume)
+        assert volume.catalogue.is_sound()
+        kept = {path for path in before if os.path.exists(volume.path(path))}
+        assert kept <= volume.catalogue.live()
+        again = arena.start([volume, other])
+        again.wait_walks(2)
+        again.stop()
+        assert again.errors() == []
+        again = arena.start([volume, other])  # the mark of that stop
+        again.wait_walks(2)
+        assert_converged(volume)
+        again.stop()
+    assert complaints > 0, "no run met the damage"

@@ -9,8 +9,8 @@ BANNER = info("================\n")
 
 
 def seeded(name):
-    """A source of chance whose seed is shown when the test fails, and can be given by QUARROW_FAULT_SEED."""
-    seed = int(os.environ.get("QUARROW_FAULT_SEED", random.randrange(10**6)))
+    """A source of chance, the same in every run unless QUARROW_FAULT_SEED gives another seed."""
+    seed = int(os.environ.get("QUARROW_FAULT_SEED", "1"))
     print(f"{name}: QUARROW_FAULT_SEED={seed}")
     return random.Random(seed)
 

@@ -3,6 +3,7 @@
 #include "config/XmlDocument.h"
 
 #include <fcntl.h>
+#include <libxml/parser.h>
 #include <libxml/xmlwriter.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -106,16 +107,25 @@ bool createBeside(const std::string& path, const std::string& text)
     return true;
 }
 
-std::string dump(const XmlDocument& document)
+/// In the document's own encoding when `encoding` is a null pointer.
+std::string dump(const XmlDocument& document, const char* encoding)
 {
     xmlChar* text = nullptr;
     int length = 0;
-    xmlDocDumpMemory(document.get(), &text, &length);
+    xmlDocDumpMemoryEnc(document.get(), &text, &length, encoding);
     std::string result; // by length: the text of an encoding like UTF-16 holds zero bytes
     if (text != nullptr)
         result.assign(reinterpret_cast<const char*>(text), static_cast<std::string::size_type>(length));
     xmlFree(text);
     return result;
+}
+
+bool isReadable(const std::string& text)
+{
+    constexpr int silent = XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+    const std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> document(
+        xmlReadMemory(text.data(), static_cast<int>(text.length()), "", nullptr, silent), xmlFreeDoc);
+    return document != nullptr;
 }
 
 } // namespace
@@ -198,7 +208,9 @@ std::string VolumeManagerConfig::updatedDocument(int t)
             }
         }
     }
-    return dump(document);
+    // Some encodings (UTF-7) can be read where they only look like another, and cannot be read as they are written.
+    const std::string text = dump(document, nullptr);
+    return isReadable(text) ? text : dump(document, "UTF-8");
 }
 
 void VolumeManagerConfig::rewrite(int t)

@@ -105,7 +105,7 @@ std::string XmlReference::withTextIn(const std::function<bool(const Element&)>& 
         xmlNodeSetContent(element.node, reinterpret_cast<const xmlChar*>(text.c_str()));
     xmlChar* dumped = nullptr;
     int length = 0;
-    xmlDocDumpMemory(document.get(), &dumped, &length);
+    xmlDocDumpMemoryEnc(document.get(), &dumped, &length, "UTF-8"); // to be compared, whatever its encoding is
     const std::string whole(reinterpret_cast<const char*>(dumped), static_cast<std::size_t>(length));
     xmlFree(dumped);
     return whole;

@@ -383,4 +383,14 @@ TEST_F(StateFile, leavesNoDescriptorOpen)
     EXPECT_EQ(before, openDescriptors());
 }
 
+TEST_F(StateFile, isWrittenInAnotherEncodingWhenItsOwnCannotBeReadBack)
+{
+    writeState(
+        "<?xml version=\"1.0\" encoding=\"UTF-7\"?>\n<Quarrow><Volume><last_purge_time>1</last_purge_time></Volume>"
+        "</Quarrow>");
+    VolumeManagerConfig config(statePath);
+    config.setLastPurgeTime(9);
+    EXPECT_EQ("9", start());
+}
+
 } // namespace

@@ -198,37 +198,6 @@ def test_the_event_queue_overflows_while_walks_run(arena):
 # Descriptors
 
 @with_few_descriptors
-def test_no_descriptor_left_while_running(arena):
-    """No folder can be opened, so none is reconciled: nothing new is found, and nothing is taken for gone."""
-    volumes = [many_folders(arena, "A", 30), many_folders(arena, "B", 30)]
-    daemon = arena.start(volumes, environment=CLOCK)
-    daemon.wait_walks(2)
-    befores = [volume.rows() for volume in volumes]
-    usual = daemon.descriptors()
-    daemon.limit("NOFILE", max(usual) + 1)
-    for volume in volumes:
-        volume.make_file("/m/new/1.mp3", b"x")
-        os.unlink(volume.path("/m/1/1/0.mp3"))
-    daemon.wait_bursts(1)
-    daemon.rewalk()
-    for volume, before in zip(volumes, befores):
-        assert offered(volume) == {row.path for row in before.folders + before.files}
-        assert volume.catalogue.is_sound()
-    assert daemon.descriptors() == usual
-
-    daemon.limit("NOFILE")
-    daemon.rewalk()
-    for volume in volumes:
-        assert_converged(volume)
-    assert daemon.errors() == []
-
-    daemon.limit("NOFILE", max(usual) + 1)
-    daemon.stop()
-    for volume in volumes:
-        assert volume.catalogue.is_sound()
-
-
-@with_few_descriptors
 def test_descriptors_run_out_at_any_moment_of_the_first_walk(arena):
     for run in range(6 * RUNS):
         seed = 1000 + run
@@ -290,44 +259,6 @@ def test_a_start_with_few_descriptors(arena):
 
 
 # Memory
-
-@with_little_memory
-@pytest.mark.parametrize("resource", ["AS", "DATA"])
-def test_memory_runs_out_while_walks_run(arena, resource):
-    """A folder for which there is no memory is undone and passed; every other one is as it should be."""
-    failures = 0
-    for run in range(4 * RUNS):
-        seed = 2000 + run
-        choice = random.Random(seed)
-        more = choice.choice([0, 20, 50, 100, 200])
-        folders = choice.randrange(8)
-        print(f"run {run}, seed {seed}: {more} KiB from folder {folders} on")
-        volumes = [many_folders(arena, f"{name}{run}", 150, 4, long_names=True) for name in "AB"]
-        for volume in volumes:  # the folder of the folders that are walked ninth and later
-            for number in range(4000):
-                volume.make_file(f"/m/{number % 7}/large/{number}{' and so on' * 10}.mp3")
-        # One arena, whose memory is the limited kind: others reserve much and use little.
-        daemon = arena.start(volumes, environment={**CLOCK, "MALLOC_ARENA_MAX": "1"})
-        daemon.wait_log(lambda lines: sum(line.text == "pthread_sigmask returned 0\n" for line in lines) == 4, "all threads")
-        daemon.wait_log(lambda lines: sum(line.text.startswith("For folder") for line in lines) >= folders
-                        or daemon.thread_count() <= daemon.steady_threads(), "some folders")
-        daemon.limit(resource, (daemon.status({"AS": "VmSize", "DATA": "VmData"}[resource]) + more) * 1024)
-        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
-        for number in range(200):  # and for the watcher thread
-            volumes[0].create(f"/m/{number % 7}/{number % 150 // 7 * 7 + number % 7}/late {number}.mp3" if number % 150 < 140
-                              else f"/m/late {number}.mp3")
-        daemon.wait_bursts(1)
-        failures += bool(daemon.errors())
-        for volume in volumes:
-            assert offered(volume) <= on_disk(volume)
-            assert volume.catalogue.is_sound()
-        daemon.limit(resource)
-        daemon.rewalk()
-        for volume in volumes:
-            assert_converged(volume)
-        daemon.stop()
-    assert failures > 0, "no run was short of memory"
-
 
 @with_little_memory
 def test_memory_runs_out_for_the_watcher(arena):

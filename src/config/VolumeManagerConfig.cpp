@@ -89,22 +89,36 @@ bool createNameless(const std::string& path, const std::string& text)
     return created;
 }
 
-/// Writes the file under another name first: half a file would be taken for a broken one at the next start. False when
-/// no file could be opened for it.
+std::string temporaryPathOf(const std::string& path) { return path + ".tmp"; }
+
+enum class Outcome { notOpened, incomplete, complete };
+
+/// Writes the text beside its place. Nothing is left of what came out incomplete: half a file would be taken for a
+/// broken one at the next start.
+Outcome writeTemporary(const std::string& path, const std::string& text)
+{
+    const std::string temporaryPath = temporaryPathOf(path);
+    unlink(temporaryPath.c_str()); // left by a crash, or planted by a user of the volume
+    const int descriptor = createExclusively(temporaryPath);
+    if (descriptor < 0)
+        return Outcome::notOpened;
+    const bool written = writeDurably(descriptor, text);
+    if (close(descriptor) == 0 && written)
+        return Outcome::complete;
+    unlink(temporaryPath.c_str());
+    return Outcome::incomplete;
+}
+
+/// For a new file. False when none could be opened for it.
 bool createBeside(const std::string& path, const std::string& text)
 {
     struct stat64 status;
     if (lstat64(path.c_str(), &status) == 0)
         return false; // a folder, or a link that leads nowhere
-    const std::string temporaryPath = path + ".tmp";
-    unlink(temporaryPath.c_str()); // left by a crash, or planted by a user of the volume
-    const int descriptor = createExclusively(temporaryPath);
-    if (descriptor < 0)
-        return false;
-    const bool complete = writeDurably(descriptor, text);
-    if (close(descriptor) != 0 || !complete || std::rename(temporaryPath.c_str(), path.c_str()) != 0)
-        unlink(temporaryPath.c_str());
-    return true;
+    const Outcome outcome = writeTemporary(path, text);
+    if (outcome == Outcome::complete && std::rename(temporaryPathOf(path).c_str(), path.c_str()) != 0)
+        unlink(temporaryPathOf(path).c_str());
+    return outcome != Outcome::notOpened;
 }
 
 /// In the document's own encoding when `encoding` is a null pointer.
@@ -216,16 +230,8 @@ std::string VolumeManagerConfig::updatedDocument(int t)
 void VolumeManagerConfig::rewrite(int t)
 {
     const std::string text = updatedDocument(t);
-    const std::string temporaryPath = filePath + ".tmp";
-    unlink(temporaryPath.c_str()); // left by a crash, or planted by a user of the volume
-    const int descriptor = createExclusively(temporaryPath);
-    if (descriptor < 0)
-        return;
-    const bool complete = !text.empty() && writeDurably(descriptor, text);
-    if (close(descriptor) != 0 || !complete) {
-        unlink(temporaryPath.c_str()); // the old file stays the good one
-        return;
-    }
-    if (std::rename(temporaryPath.c_str(), filePath.c_str()) != 0)
+    if (text.empty() || writeTemporary(filePath, text) != Outcome::complete)
+        return; // the old file stays the good one
+    if (std::rename(temporaryPathOf(filePath).c_str(), filePath.c_str()) != 0)
         syslog(LOG_LOCAL5 | LOG_ERR, "Could not rename the file\n");
 }

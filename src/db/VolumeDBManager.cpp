@@ -145,6 +145,7 @@ bool VolumeDBManager::open(const char* path)
         throw DBOperationException();
     }
     catalogue = identityOf(sqlite3_db_filename(handle, "main"));
+    log = FileIdentity();
     configure();
     useWriteAheadLog();
     return true;
@@ -154,8 +155,7 @@ bool VolumeDBManager::open(const char* path)
 /// while half a schema would never be completed.
 int VolumeDBManager::openNew(const std::string& path)
 {
-    // What cannot be looked at may be a good catalogue on a disk with a fault: it is not to be replaced by an empty
-    // one.
+    // What cannot be looked at may be a good catalogue on a disk with a fault. An empty one must not replace it.
     struct stat64 status;
     if (stat64(path.c_str(), &status) == 0 || errno != ENOENT)
         return SQLITE_CANTOPEN;
@@ -250,6 +250,8 @@ void VolumeDBManager::configure()
 /// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
 void VolumeDBManager::useWriteAheadLog()
 {
+    if (log.inode != 0)
+        return; // in use; as long as this connection is there nobody can change that
     if (hasMoved())
         return; // the log is found by name: it would be that of the other catalogue
     bool inUse = false;
@@ -851,9 +853,9 @@ bool VolumeDBManager::moveFolder(DBFolder& src, DBFolder& dst)
 {
     std::printf("Moving %s to %s\n", src.getPath().c_str(), dst.getPath().c_str());
     const std::string inside = src.getPath() + "/";
+    // No disk moves a folder into itself: the source row is stale, and its copies would be copied for ever.
     if (folderExists(dst) || dst.getPath().compare(0, inside.length(), inside) == 0)
-        return false; // no disk moves a folder into itself: the source row is stale, and what is made below it never
-                      // ends
+        return false;
     const std::time_t start = std::time(nullptr);
     std::queue<DBFolder> folders; // breadth first, so that parents are there before their children
     folders.push(src);

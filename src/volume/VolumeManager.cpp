@@ -469,8 +469,7 @@ void VolumeManager::walk(std::string& startPath, bool isRootWalk)
         const VMLock held(&lock);
         dbManager->useWriteAheadLog(); // whatever kept it from that at the last try may be gone
     }
-    // A stop that is only pending counts too: the main thread may be waiting for the end of this very walk.
-    while (!stopRequested && !isStopSignalPending() && !walk.folderQueue.empty()) {
+    while (!isStopping() && !walk.folderQueue.empty()) {
         const std::string path = std::move(walk.folderQueue.front());
         walk.folderQueue.pop();
         if (isExcludePath(path))
@@ -502,7 +501,7 @@ void VolumeManager::walkFolder(Walk& walk, const std::string& path)
         transaction.commit();
         logFolderSummary(path, walk.counters);
     } catch (const std::exception&) {
-        if (!stopRequested) // a stop in the middle of a long deletion is no failure
+        if (!isStopping()) // a stop in the middle of a long deletion is no failure
             logFailedWalk();
         // Everything done for the folder is undone. Its subfolders are walked all the same, unless its own row is gone
         // with the rest: theirs would then hang on -1, and no later walk would put that right.
@@ -523,6 +522,9 @@ bool VolumeManager::isCatalogued(const std::string& path)
         return false;
     }
 }
+
+/// A stop that is only pending counts too: the main thread may be waiting for the end of this very walk.
+bool VolumeManager::isStopping() const { return stopRequested || isStopSignalPending(); }
 
 void VolumeManager::reconcileFolder(
     Walk& walk, const std::string& path, const Transaction& transaction, DiskListing& onDisk)

@@ -101,6 +101,7 @@ private:
     void removeForeignTopLevelFolders(const std::list<std::string>& crawlPaths);
     void walkFolder(Walk& walk, const std::string& path);
     bool isCatalogued(const std::string& path);
+    bool isStopping() const;
     void reconcileFolder(Walk& walk, const std::string& path, const Transaction& transaction, DiskListing& onDisk);
     void listCatalogue(const std::string& path, DBFolder& folder, CatalogueListing& listed);
     bool listDisk(Walk& walk, const std::string& path, DBFolder& folder, DiskListing& listed);

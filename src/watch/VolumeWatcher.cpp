@@ -29,6 +29,11 @@ void logNoTarget(const std::string& volume)
     syslog(LOG_LOCAL5 | LOG_ERR, "No listener/directory found for %s\n", volume.c_str());
 }
 
+void logFailure(const std::string& volume)
+{
+    syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", volume.c_str());
+}
+
 constexpr int longestBurstSeconds = 299;
 
 int elapsedMillis(const timeval& from, const timeval& to)
@@ -232,7 +237,7 @@ void VolumeWatcher::run()
         try {
             collectBurst(changedDirs, eventCount, readMillis, position);
         } catch (const std::bad_alloc&) {
-            syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", "");
+            logFailure("");
         }
 
         syslog(LOG_LOCAL5 | LOG_INFO, "Processed %d events\n", eventCount);
@@ -242,7 +247,7 @@ void VolumeWatcher::run()
         try {
             handleChangedDirs(changedDirs);
         } catch (const std::bad_alloc&) {
-            syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", "");
+            logFailure("");
         }
         syslog(LOG_LOCAL5 | LOG_INFO, "Handled %d events in %d seconds ", eventCount,
             static_cast<int>(std::time(nullptr) - handlingStart));
@@ -312,9 +317,9 @@ void VolumeWatcher::handleChangedDir(const std::string& path)
     try {
         handleChangeFolder(&event);
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", volume.c_str());
+        logFailure(volume);
     } catch (const char*) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", volume.c_str());
+        logFailure(volume);
     }
 }
 

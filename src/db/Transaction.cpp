@@ -9,16 +9,7 @@ Transaction::Transaction(VolumeDBManager& catalogue)
     db.beginTransaction();
 }
 
-Transaction::~Transaction()
-{
-    if (!db.isInTransaction())
-        return;
-    try {
-        db.rollbackTransaction();
-    } catch (const DBOperationException&) {
-        // Nothing was committed all the same; the next transaction on this connection reports what is wrong.
-    }
-}
+Transaction::~Transaction() { db.abandonTransaction(); }
 
 void Transaction::requireOpen() const
 {

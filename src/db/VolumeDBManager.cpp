@@ -358,6 +358,10 @@ void VolumeDBManager::checkpoint()
 /// busy database just as a step can.
 sqlite3_stmt* VolumeDBManager::prepare(const char* text)
 {
+    if (abandoned)
+        abandonTransaction();
+    if (abandoned)
+        return nullptr;
     sqlite3_stmt* statement = nullptr;
     int rc;
     do {
@@ -399,6 +403,11 @@ bool VolumeDBManager::commitTransaction() { return runTransactionStatement("COMM
 bool VolumeDBManager::rollbackTransaction() { return runTransactionStatement("ROLLBACK"); }
 
 bool VolumeDBManager::isInTransaction() const { return sqlite3_get_autocommit(handle) == 0; }
+
+void VolumeDBManager::abandonTransaction()
+{
+    abandoned = isInTransaction() && sqlite3_exec(handle, "ROLLBACK", nullptr, nullptr, nullptr) != SQLITE_OK;
+}
 
 bool VolumeDBManager::runTransactionStatement(const char* text)
 {

@@ -59,6 +59,9 @@ public:
     bool rollbackTransaction(); ///< throws without a log line
     /// False also after SQLite rolled back on its own.
     bool isInTransaction() const;
+    /// Rolls back what is open, if anything is. When that fails, for want of memory, it is tried again before the next
+    /// statement of any kind, which fails as long as it does: nothing can get into what was given up.
+    void abandonTransaction();
 
     // Paths
 
@@ -178,6 +181,7 @@ private:
     FileIdentity catalogue; ///< the file that is open
     FileIdentity log;       ///< the write-ahead log that is in use
     sqlite3* handle = nullptr;
+    bool abandoned = false;                  ///< a transaction is open that could not be rolled back yet
     std::atomic<bool> finishing = false;     ///< what is being done would be left half done by a stop
     std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever works on the catalogue
 };

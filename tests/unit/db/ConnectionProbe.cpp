@@ -16,6 +16,7 @@ std::string boundTexts;
 int busyCount;
 int textLimit;
 int limitingAction;
+int refusedAction;
 sqlite3* latest;
 std::string awaited;
 std::function<void()> awaitedAction;
@@ -39,7 +40,7 @@ int statementIsPrepared(void* connection, int action, const char*, const char*, 
     const std::lock_guard<std::mutex> held(mutex);
     if (action == limitingAction)
         sqlite3_limit(static_cast<sqlite3*>(connection), SQLITE_LIMIT_LENGTH, textLimit);
-    return SQLITE_OK;
+    return action == refusedAction ? SQLITE_DENY : SQLITE_OK;
 }
 
 /// Gives up at once: the connection behaves as one without any busy handling.
@@ -67,7 +68,8 @@ using Extension = void (*)();
 
 ConnectionProbe::ConnectionProbe()
 {
-    limitingAction = -1;
+    limitingAction = nothing;
+    refusedAction = nothing;
     clear();
     sqlite3_auto_extension(reinterpret_cast<Extension>(watch));
 }
@@ -125,4 +127,10 @@ void ConnectionProbe::refuseTextsOver(int bytes, int fromAction)
     const std::lock_guard<std::mutex> held(mutex);
     textLimit = bytes;
     limitingAction = fromAction;
+}
+
+void ConnectionProbe::refuse(int action)
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    refusedAction = action;
 }

@@ -31,4 +31,8 @@ public:
     /// Once a statement with this action (SQLITE_INSERT, ...) is prepared, its connection takes no longer texts:
     /// binding one fails.
     void refuseTextsOver(int bytes, int fromAction);
+
+    /// Statements with this action (SQLITE_TRANSACTION, ...) cannot be prepared, until it is called with `nothing`.
+    void refuse(int action);
+    static constexpr int nothing = -1;
 };

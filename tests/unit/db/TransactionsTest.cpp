@@ -194,6 +194,50 @@ TEST_F(Transactions, aScopeThatWasNotCommittedIsRolledBack)
     EXPECT_EQ("", dumpFolders());
 }
 
+TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextStatement)
+{
+    close();
+    ConnectionProbe probe;
+    open();
+    {
+        const Transaction transaction(*db);
+        insert("/Music");
+        probe.refuse(SQLITE_TRANSACTION);
+    }
+    EXPECT_TRUE(db->isInTransaction());
+    EXPECT_THROW(insert("/Music/Rock"), DBOperationException); // it would share the fate of what was given up
+    EXPECT_THROW(const Transaction next(*db), DBOperationException);
+    probe.refuse(ConnectionProbe::nothing);
+    EXPECT_TRUE(insert("/Videos"));
+    EXPECT_FALSE(db->isInTransaction());
+    EXPECT_EQ("1 in -1 '/Videos' live\n", dumpFolders());
+    {
+        Transaction transaction(*db);
+        insert("/Pictures");
+        transaction.commit();
+    }
+    EXPECT_EQ("1 in -1 '/Videos' live\n2 in -1 '/Pictures' live\n", dumpFolders());
+}
+
+TEST_F(Transactions, aScopeThatCannotBeRolledBackAtOnceDoesNotHinderTheNext)
+{
+    close();
+    ConnectionProbe probe;
+    open();
+    {
+        const Transaction transaction(*db);
+        insert("/Music");
+        probe.refuse(SQLITE_TRANSACTION);
+    }
+    probe.refuse(ConnectionProbe::nothing);
+    {
+        Transaction transaction(*db);
+        insert("/Pictures");
+        transaction.commit();
+    }
+    EXPECT_EQ("1 in -1 '/Pictures' live\n", dumpFolders());
+}
+
 TEST_F(Transactions, aCommittedScopeStays)
 {
     {

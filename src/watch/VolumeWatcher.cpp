@@ -5,6 +5,8 @@
 #include "watch/BurstReduction.h"
 #include "watch/VolumeWatchListener.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/select.h>
 #include <sys/time.h>
@@ -76,6 +78,7 @@ int VolumeWatcher::initialize()
     inotifyFd = inotify_init();
     if (inotifyFd < 0)
         throw "*** error inot_handle";
+    stopEvent = eventfd(0, EFD_CLOEXEC); // without it the end of a watch has to do
     return inotifyFd;
 }
 
@@ -174,9 +177,11 @@ void VolumeWatcher::stop()
     const std::lock_guard<std::mutex> held(registryMutex);
     for (const auto& watch : watchVolumes)
         inotify_rm_watch(inotifyFd, watch.first);
-    if (inotifyFd >= 0)
-        close(inotifyFd);
-    inotifyFd = -1;
+    for (int* descriptor : { &inotifyFd, &stopEvent }) {
+        if (*descriptor >= 0)
+            close(*descriptor);
+        *descriptor = -1;
+    }
     watchPaths.clear();
     watchVolumes.clear();
     listeners.clear();
@@ -199,9 +204,10 @@ void VolumeWatcher::tickle(std::string& path)
 }
 
 /// Makes the kernel queue an event whatever the volumes are like: the end of a watch is one. Where no watch is to be
-/// had any more, one of those that stop() ends anyway will do.
+/// had any more, one of those that stop() ends anyway will do, and where there is none the thread waits for stopEvent.
 void VolumeWatcher::interruptRead()
 {
+    eventfd_write(stopEvent, 1);
     const std::lock_guard<std::mutex> held(registryMutex);
     const int own = inotify_add_watch(inotifyFd, "/", IN_DELETE_SELF);
     if (own >= 0) {
@@ -223,6 +229,15 @@ bool VolumeWatcher::isReadyForRead()
     FD_SET(inotifyFd, &descriptors);
     timeval timeout = { 5, 0 };
     return select(1024, &descriptors, nullptr, nullptr, &timeout) == 1;
+}
+
+/// With nothing watched there may be no way to make an event for a stop, so that is waited for as well; 0 when it came.
+ssize_t VolumeWatcher::readEvents()
+{
+    pollfd awaited[] = { { inotifyFd, POLLIN, 0 }, { stopEvent, POLLIN, 0 } };
+    if (numWatches() == 0 && poll(awaited, 2, -1) > 0 && awaited[0].revents == 0)
+        return 0;
+    return read(inotifyFd, eventBuffer, sizeof eventBuffer);
 }
 
 void VolumeWatcher::run()
@@ -269,7 +284,7 @@ void VolumeWatcher::collectBurst(std::set<std::string>& changedDirs, int& eventC
         timeval before;
         timeval after;
         gettimeofday(&before, nullptr);
-        const ssize_t n = read(inotifyFd, eventBuffer, sizeof eventBuffer);
+        const ssize_t n = readEvents();
         gettimeofday(&after, nullptr);
         if (timing) // NOLINTNEXTLINE(bugprone-incorrect-roundings): whole milliseconds, the half changes nothing
             readMillis = static_cast<int>(readMillis + static_cast<double>(elapsedMillis(before, after)) + 0.5);

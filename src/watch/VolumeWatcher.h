@@ -83,6 +83,7 @@ private:
     void handleChangedDirs(const std::set<std::string>& changedDirs);
     void handleChangedDir(const std::string& path);
     void interruptRead();
+    ssize_t readEvents();
     std::string pathOf(int descriptor);
     Target targetOf(int descriptor);
     using EntryOperation = void (VolumeWatchListener::*)(std::string& dir, const char* name);
@@ -97,6 +98,7 @@ private:
     bool threadStarted = false;         ///< main thread only: there is something to join
     std::atomic<bool> stopFlag = false; ///< set by the main thread, polled by the watcher thread
     int inotifyFd = -1;                 ///< set before the thread starts, closed after it ended
+    int stopEvent = -1;                 ///< likewise; an eventfd for the thread that has nothing to read
     /// Guards the maps below, across the kernel call that goes with a change of them: an event must never meet an
     /// unknown descriptor. Never held across a listener call, since a listener walks and a walk adds watches. Taken
     /// after a volume's lock, never before it.

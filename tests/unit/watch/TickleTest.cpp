@@ -156,6 +156,17 @@ TEST_F(Tickle, stopEndsWhenTheKernelGivesNoMoreWatches) { stopWithoutMoreWatches
 
 TEST_F(Tickle, stopEndsWhenTheKernelGivesNoMoreWatchesAndAnEntryIsStale) { stopWithoutMoreWatches(true); }
 
+TEST_F(Tickle, stopEndsWhenTheKernelNeverGaveAWatch)
+{
+    noMoreWatches = true;
+    EXPECT_LT(watch(folder.makeFolder("a")), 0);
+    startAndWait();
+    watcher->stop();
+    noMoreWatches = false;
+    EXPECT_FALSE(watcher->isRunning());
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
+}
+
 TEST_F(Tickle, anEventNeverMeetsAFolderThatIsNotInTheRegistryYet)
 {
     const std::string path = folder.makeFolder("a");

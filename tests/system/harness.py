@@ -443,7 +443,7 @@ class Daemon:
         self.signal(signal.SIGUSR1)
         self.wait_line(info("Going to sleep.\n"), 3)
 
-    def rewalk(self, clock=None):
+    def rewalk(self, clock=None, bound=BOUND):
         """Has the control loop walk every volume once; returns when no walk thread is left. Without the clock that it was
         started with, the daemon needs one that runs fast: signals that come too soon are repeated."""
         sleeps, wakes = info("Going to sleep.\n"), info("We received a wake up message from the signal handler\n")
@@ -457,7 +457,7 @@ class Daemon:
             self.signal(signal.SIGUSR1)
             self.wait_log(lambda lines: woken < lines.count(wakes) < lines.count(sleeps), "the control loop back at its wait")
             time.sleep(0.05)
-        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
+        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads", bound)
 
     def limit(self, name, limit=None):
         """Sets a soft resource limit of the running daemon, as in limit("NOFILE", 20); without a value, lifts it."""

@@ -45,6 +45,10 @@ with_little_memory = pytest.mark.skipif(has_address_sanitizer() or has_thread_sa
 with_few_descriptors = pytest.mark.skipif(has_address_sanitizer(), reason="sanitizers open a pipe to look at an object's memory")
 
 
+#: Standard input, output and error, the log's socket, inotify's, the watcher's event, and two of libfaketime's.
+OTHER_DESCRIPTORS = 8
+
+
 def set_user_limit(daemon, name, limit):
     # Only ever in the daemon's own namespace: this process's limits are the machine's.
     assert os.stat(f"/proc/{daemon.pid}/ns/user").st_ino != os.stat("/proc/self/ns/user").st_ino
@@ -132,6 +136,31 @@ def test_a_stop_when_there_is_no_watch_left(arena):
 
 
 @in_a_user_namespace
+def test_no_watch_from_the_start(arena):
+    """Full walks keep the catalogue right, and nothing that a stop could have the kernel say is needed to end."""
+    volume = many_folders(arena, "A", 20)
+    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 0})
+    daemon.wait_walks()
+    assert daemon.kernel_watches() == 0
+    assert_same(volume.rows(), volume.tree())
+    volume.create("/m/3/3/late.mp3")
+    daemon.rewalk()
+    assert_converged(volume)
+    daemon.stop()
+    assert daemon.errors() == []
+
+    # And when the watches come later.
+    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 0})
+    daemon.wait_walks()
+    set_user_limit(daemon, "max_inotify_watches", 10000)
+    daemon.rewalk()
+    volume.create("/m/3/3/later.mp3")
+    wait_for(lambda: "/m/3/3/later.mp3" in volume.catalogue.live(), "the new file in a folder that is watched now")
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+@in_a_user_namespace
 def test_no_inotify_instance_left(arena):
     """The daemon ends before it opens a catalogue; the next start works."""
     volume = many_folders(arena, "A", 20)
@@ -197,6 +226,49 @@ def test_the_event_queue_overflows_while_walks_run(arena):
 
 # Descriptors
 
+def descriptors_at_rest(daemon, volumes):
+    """What is open once nothing is being done: three files for each catalogue, and no number is free among them."""
+    def found():
+        open_now = daemon.descriptors()
+        catalogues = [target for target in open_now.values() if "/.quarrow/quarrow.db" in target]
+        others = [target for target in open_now.values() if target not in catalogues]
+        settled = (len(catalogues) == 3 * len(volumes) and len(others) == OTHER_DESCRIPTORS
+                   and max(open_now) == len(open_now) - 1)
+        return open_now if settled else None
+    return wait_for(found, "nothing open for a moment only")
+
+
+@with_few_descriptors
+def test_no_descriptor_left_while_running(arena):
+    """No folder can be opened, so none is reconciled: nothing new is found, and nothing is taken for gone."""
+    volumes = [many_folders(arena, "A", 30), many_folders(arena, "B", 30)]
+    daemon = arena.start(volumes, environment=CLOCK)
+    daemon.wait_walks(2)
+    befores = [volume.rows() for volume in volumes]
+    usual = descriptors_at_rest(daemon, volumes)
+    daemon.limit("NOFILE", max(usual) + 1)
+    for volume in volumes:
+        volume.make_file("/m/new/1.mp3", b"x")
+        os.unlink(volume.path("/m/1/1/0.mp3"))
+    daemon.wait_bursts(1)
+    daemon.rewalk()
+    for volume, before in zip(volumes, befores):
+        assert offered(volume) == {row.path for row in before.folders + before.files}
+        assert volume.catalogue.is_sound()
+    assert descriptors_at_rest(daemon, volumes) == usual
+
+    daemon.limit("NOFILE")
+    daemon.rewalk()
+    for volume in volumes:
+        assert_converged(volume)
+    assert daemon.errors() == []
+
+    daemon.limit("NOFILE", max(usual) + 1)
+    daemon.stop()
+    for volume in volumes:
+        assert volume.catalogue.is_sound()
+
+
 @with_few_descriptors
 def test_descriptors_run_out_at_any_moment_of_the_first_walk(arena):
     for run in range(6 * RUNS):
@@ -259,6 +331,44 @@ def test_a_start_with_few_descriptors(arena):
 
 
 # Memory
+
+@with_little_memory
+@pytest.mark.parametrize("resource", ["AS", "DATA"])
+def test_memory_runs_out_while_walks_run(arena, resource):
+    """A folder for which there is no memory is undone and passed; every other one is as it should be."""
+    failures = 0
+    for run in range(4 * RUNS):
+        seed = 2000 + run
+        choice = random.Random(seed)
+        more = choice.choice([0, 20, 50, 100, 200])
+        folders = choice.randrange(8)
+        print(f"run {run}, seed {seed}: {more} KiB from folder {folders} on")
+        volumes = [many_folders(arena, f"{name}{run}", 150, 4, long_names=True) for name in "AB"]
+        for volume in volumes:  # the folder of the folders that are walked ninth and later
+            for number in range(4000):
+                volume.make_file(f"/m/{number % 7}/large/{number}{' and so on' * 10}.mp3")
+        # One arena, whose memory is the limited kind: others reserve much and use little.
+        daemon = arena.start(volumes, environment={**CLOCK, "MALLOC_ARENA_MAX": "1"})
+        daemon.wait_log(lambda lines: sum(line.text == "pthread_sigmask returned 0\n" for line in lines) == 4, "all threads")
+        daemon.wait_log(lambda lines: sum(line.text.startswith("For folder") for line in lines) >= folders
+                        or daemon.thread_count() <= daemon.steady_threads(), "some folders")
+        daemon.limit(resource, (daemon.status({"AS": "VmSize", "DATA": "VmData"}[resource]) + more) * 1024)
+        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+        for number in range(200):  # and for the watcher thread
+            volumes[0].create(f"/m/{number % 7}/{number % 150 // 7 * 7 + number % 7}/late {number}.mp3" if number % 150 < 140
+                              else f"/m/late {number}.mp3")
+        daemon.wait_bursts(1)
+        failures += bool(daemon.errors())
+        for volume in volumes:
+            assert offered(volume) <= on_disk(volume)
+            assert volume.catalogue.is_sound()
+        daemon.limit(resource)
+        daemon.rewalk()
+        for volume in volumes:
+            assert_converged(volume)
+        daemon.stop()
+    assert failures > 0, "no run was short of memory"
+
 
 @with_little_memory
 def test_memory_runs_out_for_the_watcher(arena):

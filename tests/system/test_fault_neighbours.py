@@ -13,7 +13,7 @@ import time
 import pytest
 
 from catalogue import Catalogue
-from harness import BOUND, fast_clock, info, wait_for
+from harness import BOUND, fast_clock, info, inotify_limit, wait_for
 from recovery import RUNS, assert_converged, good_volume, is_converged
 
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
@@ -115,11 +115,11 @@ while True:
 class Readers:
     """Processes that read a catalogue in a loop, while inside."""
 
-    def __init__(self, arena, volume, count):
+    def __init__(self, arena, volume, count, nice=0):
         self.outputs = [arena.path(f"reader-{number}") for number in range(count)]
         self.errors = [arena.path(f"reader-{number}-errors") for number in range(count)]
-        self.command = lambda number: [sys.executable, "-S", "-E", "-B", "-c", READER, volume.catalogue.path,
-                                       "stay" if number % 2 else "go"]
+        self.command = lambda number: ["nice", "-n", str(nice), sys.executable, "-S", "-E", "-B", "-c", READER,
+                                       volume.catalogue.path, "stay" if number % 2 else "go"]
 
     def __enter__(self):
         self.processes = []
@@ -165,37 +165,39 @@ def check(observations, folders, allowed):
         assert sum(kinds.values()) == folders or len(kinds) <= 1, "folders were gone while others changed"
 
 
-def test_readers_in_a_loop_see_whole_folders_only(arena):
-    """Four of them, during a first walk and walks that find every folder changed."""
-    folders, files = 300, 20
+@pytest.mark.parametrize("count, nice, folders, files, walks", [(4, 0, 300, 20, 4), (50, 19, 1000, 50, 2)])
+def test_readers_in_a_loop_see_whole_folders_only(arena, count, nice, folders, files, walks):
+    """During a first walk and walks that find every folder changed."""
     volume = volume_of_files(arena, "A", folders, files)
     daemon = arena.start([volume], standby=True, environment=CLOCK)
     daemon.wait_line(info("Volume in standby, ignoring purge"))
     partial = 0
     generations = "abcdefghijklmnopqrstuvwxyz"
-    with Readers(arena, volume, 4) as readers:
+    with Readers(arena, volume, count, nice) as readers:
         readers.wait_for_a_round()
         daemon.set_standby(False)
-        daemon.rewalk()
+        daemon.rewalk(bound=600)  # they take their share of the machine
         wait_for(lambda: is_converged(volume), "the first walk")
         for number, (old, new) in enumerate(zip(generations, generations[1:]), 2):
             with daemon.frozen():  # so that it cannot see a folder with some of its files either
                 for folder in range(folders):
                     for file in range(files):
                         os.rename(volume.path(f"/m/{folder}/{old}{file}.mp3"), volume.path(f"/m/{folder}/{new}{file}.mp3"))
-            daemon.rewalk()
+            daemon.rewalk(bound=600)
             wait_for(lambda: is_converged(volume), "the changes in the catalogue")
             readers.wait_for_a_round()
             observations = readers.observations()
             check(observations, folders, {f"{each}{files}" for each in generations[:number]})
             partial = sum(len(kinds) == 2 or 0 < sum(kinds.values()) < folders for _, kinds in observations)
-            if number >= 4 and partial >= 20:
+            if number >= walks and partial >= 20:
                 break
     print(f"{number} walks, {len(observations)} observations, {partial} of them in mid-walk")
     assert partial >= 20, "nobody looked while a walk was running"
     assert_converged(volume)
     daemon.stop()
-    assert daemon.errors() == []
+    # More changes than the kernel queues: what it drops is found by the walk.
+    overflows = 2 * folders * files > inotify_limit("max_queued_events")
+    assert set(daemon.errors()) <= ({"No listener/directory found for \n"} if overflows else set())
 
 
 def test_readers_in_a_loop_from_before_the_start(arena):

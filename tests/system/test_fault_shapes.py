@@ -13,10 +13,6 @@ from moments import seeded, send_at
 from recovery import RUNS, assert_converged
 from trees import make_empty_folders, make_media_tree
 
-#: By hand there is the time for ten times as much, and more.
-LARGE = RUNS > 1
-
-
 #: What is said of the record that ends the watch of a folder that has gone.
 GONE = "No listener/directory found for \n"
 
@@ -75,8 +71,8 @@ def test_two_thousand_levels_that_go_while_they_are_walked(arena, at_once):
 
 
 def test_a_deep_tree_from_the_first_walk_to_its_end(arena):
-    """The time for a level grows with its depth, so here are fewer."""
-    depth = DEPTH if LARGE else 300
+    """The time for a level grows with its depth: by hand there is enough for all."""
+    depth = DEPTH if RUNS > 1 else 500
     volume = arena.volume(crawl=["/m"])
     volume.make_folder("/m" + "/d" * depth)
     daemon = arena.start([volume])
@@ -94,7 +90,7 @@ def test_a_deep_tree_from_the_first_walk_to_its_end(arena):
 # Number
 
 def test_very_many_files_in_one_folder(arena):
-    count = 200_000 if LARGE else 20_000
+    count = 200_000
     volume = arena.volume(crawl=["/m"])
     volume.make_folder("/m/many")
     for number in range(count):
@@ -118,7 +114,7 @@ def test_very_many_files_in_one_folder(arena):
 
 
 def test_very_many_folders(arena):
-    count = 100_000 if LARGE else 5_000
+    count = 100_000
     if inotify_limit("max_user_watches") < count + 20_000:
         pytest.skip("this machine allows fewer watches than there are folders")
     volume = arena.volume(crawl=["/m"])

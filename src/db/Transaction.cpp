@@ -7,6 +7,7 @@ Transaction::Transaction(VolumeDBManager& catalogue)
     : db(catalogue)
 {
     db.beginTransaction();
+    requireOpen(); // without memory or room for the write lock it may be over before anything was done
 }
 
 Transaction::~Transaction() { db.abandonTransaction(); }

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <queue>
 #include <thread>
 #include <utility>
@@ -125,8 +126,12 @@ VolumeDBManager::VolumeDBManager()
 
 VolumeDBManager::~VolumeDBManager()
 {
-    if (handle != nullptr)
-        leaveWriteAheadLog();
+    try {
+        if (handle != nullptr)
+            leaveWriteAheadLog();
+    } catch (const std::bad_alloc&) {
+        // SQLite puts its log into the file all the same; at the worst the next start does.
+    }
     sqlite3_close(handle);
     syslog(LOG_LOCAL5 | LOG_INFO, "sqlite3 handle closed\n");
 }
@@ -334,6 +339,7 @@ bool VolumeDBManager::isAt(const FileIdentity& file, const std::string& path)
 /// reader that may not write can open a log that is there, but not make one.
 void VolumeDBManager::leaveWriteAheadLog()
 {
+    endAbandonedTransaction();
     int keepLogFiles = 1;
     if (hasMoved()) { // SQLite would take away, by name, the log of the other catalogue
         sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
@@ -349,6 +355,7 @@ void VolumeDBManager::leaveWriteAheadLog()
 
 void VolumeDBManager::checkpoint()
 {
+    endAbandonedTransaction();
     sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
@@ -358,9 +365,7 @@ void VolumeDBManager::checkpoint()
 /// busy database just as a step can.
 sqlite3_stmt* VolumeDBManager::prepare(const char* text)
 {
-    if (abandoned)
-        abandonTransaction();
-    if (abandoned)
+    if (!endAbandonedTransaction())
         return nullptr;
     sqlite3_stmt* statement = nullptr;
     int rc;
@@ -407,6 +412,14 @@ bool VolumeDBManager::isInTransaction() const { return sqlite3_get_autocommit(ha
 void VolumeDBManager::abandonTransaction()
 {
     abandoned = isInTransaction() && sqlite3_exec(handle, "ROLLBACK", nullptr, nullptr, nullptr) != SQLITE_OK;
+}
+
+/// By whichever thread comes first: one that looked before must not end what another has begun since.
+bool VolumeDBManager::endAbandonedTransaction()
+{
+    if (abandoned.exchange(false))
+        abandonTransaction();
+    return !abandoned;
 }
 
 bool VolumeDBManager::runTransactionStatement(const char* text)

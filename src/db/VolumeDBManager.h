@@ -154,6 +154,7 @@ private:
     friend class Statement;
 
     sqlite3_stmt* prepare(const char* text);
+    bool endAbandonedTransaction();
     bool runTransactionStatement(const char* text);
     void takeWriteLock();
     void forEachFolderBelow(int folderId, const std::function<void(int)>& visit);
@@ -181,7 +182,9 @@ private:
     FileIdentity catalogue; ///< the file that is open
     FileIdentity log;       ///< the write-ahead log that is in use
     sqlite3* handle = nullptr;
-    bool abandoned = false;                  ///< a transaction is open that could not be rolled back yet
+    /// A transaction is open that could not be rolled back yet. The removal of old top-level folders asks as well,
+    /// which does not take the volume's lock.
+    std::atomic<bool> abandoned = false;
     std::atomic<bool> finishing = false;     ///< what is being done would be left half done by a stop
     std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever works on the catalogue
 };

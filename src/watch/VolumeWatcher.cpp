@@ -158,18 +158,13 @@ void VolumeWatcher::start()
 void VolumeWatcher::stop()
 {
     stopFlag = true;
-    std::string firstPath;
-    {
-        const std::lock_guard<std::mutex> held(registryMutex);
-        const auto first = std::find_if(
-            watchPaths.begin(), watchPaths.end(), [](const auto& entry) { return !entry.second.empty(); });
-        if (first != watchPaths.end())
-            firstPath = first->second;
-    }
     if (threadStarted) { // a second stop, or one before the thread exists, has nothing to wake and join
         threadStarted = false;
-        if (!firstPath.empty())
-            tickle(firstPath);
+        try {
+            tickleFirstFolder();
+        } catch (const std::bad_alloc&) {
+            // No memory for the command: interruptRead() wakes the thread all the same.
+        }
         interruptRead();
         pthread_join(thread, nullptr);
     }
@@ -193,6 +188,20 @@ void* VolumeWatcher::start_thread(void* self)
 {
     static_cast<VolumeWatcher*>(self)->run();
     return nullptr;
+}
+
+void VolumeWatcher::tickleFirstFolder()
+{
+    std::string path;
+    {
+        const std::lock_guard<std::mutex> held(registryMutex);
+        const auto first = std::find_if(
+            watchPaths.begin(), watchPaths.end(), [](const auto& entry) { return !entry.second.empty(); });
+        if (first == watchPaths.end())
+            return;
+        path = first->second;
+    }
+    tickle(path);
 }
 
 void VolumeWatcher::tickle(std::string& path)

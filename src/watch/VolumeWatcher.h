@@ -82,6 +82,7 @@ private:
     void collectBurst(std::set<std::string>& changedDirs, int& eventCount, int& readMillis, int& position);
     void handleChangedDirs(const std::set<std::string>& changedDirs);
     void handleChangedDir(const std::string& path);
+    void tickleFirstFolder();
     void interruptRead();
     ssize_t readEvents();
     std::string pathOf(int descriptor);

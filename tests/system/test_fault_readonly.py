@@ -208,8 +208,9 @@ def test_a_disk_fails_under_the_daemon(arena, disks, clock, fault, moment):
     daemon = arena.start([volume, good], clock=clock)
     if moment == "in a walk":
         daemon.wait_log(lambda lines: sum(line.text.startswith(f"For folder {folder}") for line in lines) > 10, "some folders")
-        os.sync()
         with daemon.frozen():
+            assert daemon.walks_of(volume) == 0
+            os.sync()
             fault(volume)
         settle(daemon)
     else:

@@ -17,9 +17,13 @@ from trees import make_empty_folders, make_media_tree
 GONE = "No listener/directory found for \n"
 
 
+#: Seconds for what takes a minute, on a machine that is busy with more than this.
+LONG = 600
+
+
 def restart_and_check(arena, volume, before, **settings):
     daemon = arena.start([volume], **settings)
-    daemon.wait_walks(max(1, len(volume.crawl)))
+    daemon.wait_walks(max(1, len(volume.crawl)), LONG)
     assert_same(volume.rows(), after_walk(before, volume.tree()))
     daemon.stop()
     assert daemon.errors() == []
@@ -96,15 +100,15 @@ def test_very_many_files_in_one_folder(arena):
     for number in range(count):
         volume.create(f"/m/many/{number}.mp3")
     daemon = arena.start([volume])
-    daemon.wait_walks()
+    daemon.wait_walks(bound=LONG)
     assert_same(volume.rows(), volume.tree())
     assert len(volume.rows().files) == count
     # The folder goes as a whole and comes back under another name: one folder's change each.
     os.rename(volume.path("/m/many"), arena.path("away"))
-    daemon.wait_bursts(2)  # the second has only the end of the folder's watch, which would hide what else it has
+    daemon.wait_bursts(2, LONG)  # the second has only the end of the folder's watch, which would hide what else it has
     assert volume.catalogue.live() == {"/m"}
     os.rename(arena.path("away"), volume.path("/m/back"))
-    daemon.wait_bursts(3)
+    daemon.wait_bursts(3, LONG)
     assert len(volume.catalogue.live()) == count + 2
     daemon.stop()
     assert set(daemon.errors()) <= {GONE}
@@ -115,15 +119,16 @@ def test_very_many_files_in_one_folder(arena):
 
 def test_very_many_folders(arena):
     count = 100_000
-    if inotify_limit("max_user_watches") < count + 20_000:
-        pytest.skip("this machine allows fewer watches than there are folders")
+    watches_suffice = inotify_limit("max_user_watches") > count + 20_000
     volume = arena.volume(crawl=["/m"])
     make_empty_folders(volume, "/m", count)
     daemon = arena.start([volume])
-    daemon.wait_log(lambda lines: info(f"Total folders/files (re)indexed: {count}/0\n") in lines, "the walk", bound=600)
-    daemon.wait_line(info(f"Actively watching {count} folders\n"))
+    daemon.wait_log(lambda lines: info(f"Total folders/files (re)indexed: {count}/0\n") in lines, "the walk", bound=LONG)
+    daemon.wait_log(lambda lines: any(line.text.startswith("Actively watching") for line in lines), "the end of the walk")
     assert_same(volume.rows(), volume.tree())
-    assert daemon.kernel_watches() == count
+    if watches_suffice:  # fewer are given where there is little memory
+        assert daemon.count(info(f"Actively watching {count} folders\n")) == 1
+        assert daemon.kernel_watches() == count
     daemon.stop()
     assert daemon.errors() == []
     for number in range(0, 40, 2):

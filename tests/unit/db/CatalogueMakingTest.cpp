@@ -109,6 +109,26 @@ TEST_F(CatalogueMaking, aLinkInThePlaceOfTheTemporaryFileIsNotFollowed)
     EXPECT_EQ("precious", volume.readFile("victim"));
 }
 
+TEST_F(CatalogueMaking, aLinkInThePlaceOfASideFileIsNotFollowed)
+{
+    openNew();
+    for (const std::string suffix : { "-wal", "-shm", "-journal" }) {
+        close();
+        volume.writeFile("victim", "precious");
+        fs::create_symlink(volume.path("victim"), dbPath + suffix);
+        try {
+            open();
+            DBFolder folder = folderAt("/Music" + suffix);
+            db->insertFolder(folder, true);
+        } catch (const DBOperationException&) {
+            // SQLite may refuse to work like that.
+        }
+        close();
+        EXPECT_EQ("precious", volume.readFile("victim")) << suffix;
+        fs::remove(dbPath + suffix);
+    }
+}
+
 TEST_F(CatalogueMaking, theLogOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
 {
     insertAndDie("/Old");

@@ -107,6 +107,8 @@ void ConnectionProbe::atTheStartOf(const std::string& beginning, const std::func
     awaitedAction = action;
 }
 
+void ConnectionProbe::interrupt() const { sqlite3_interrupt(latest); }
+
 bool ConnectionProbe::waitUntilBusy(int times)
 {
     std::unique_lock<std::mutex> held(mutex);

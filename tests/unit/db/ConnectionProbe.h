@@ -21,6 +21,9 @@ public:
     /// Calls `action`, once, when a statement whose text begins so starts.
     void atTheStartOf(const std::string& beginning, const std::function<void()>& action);
 
+    /// Ends the statement that runs, or is about to start, with a failure.
+    void interrupt() const;
+
     /// Waits, up to a generous bound, until a connection was kept waiting this many times since the last clear().
     bool waitUntilBusy(int times);
 

@@ -194,6 +194,20 @@ TEST_F(Transactions, aScopeThatWasNotCommittedIsRolledBack)
     EXPECT_EQ("", dumpFolders());
 }
 
+TEST_F(Transactions, aScopeThatEndsWhileItTakesTheWriteLockDoesNotBegin)
+{
+    close();
+    ConnectionProbe probe;
+    open();
+    probe.atTheStartOf("delete from folders where 0", [&] { probe.interrupt(); }); // as without memory
+    EXPECT_THROW(const Transaction transaction(*db), DBOperationException);
+    EXPECT_FALSE(db->isInTransaction());
+    Transaction transaction(*db);
+    insert("/Music");
+    transaction.commit();
+    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
+}
+
 TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextStatement)
 {
     close();
@@ -217,6 +231,29 @@ TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextStatem
         transaction.commit();
     }
     EXPECT_EQ("1 in -1 '/Videos' live\n2 in -1 '/Pictures' live\n", dumpFolders());
+}
+
+TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackByACheckpointAndByTheEnd)
+{
+    close();
+    ConnectionProbe probe;
+    open();
+    const auto abandonOne = [&] {
+        const Transaction transaction(*db);
+        insert("/Music");
+        probe.refuse(SQLITE_TRANSACTION);
+    };
+    abandonOne();
+    probe.refuse(ConnectionProbe::nothing);
+    db->checkpoint();
+    EXPECT_FALSE(db->isInTransaction());
+    EXPECT_EQ(SQLITE_OK, foreignWrite("/Foreign"));
+
+    abandonOne();
+    probe.refuse(ConnectionProbe::nothing);
+    close();
+    EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
+    EXPECT_EQ("1 in -1 '/Foreign' live\n", dumpFolders());
 }
 
 TEST_F(Transactions, aScopeThatCannotBeRolledBackAtOnceDoesNotHinderTheNext)

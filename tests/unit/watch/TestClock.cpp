@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <thread>
 
@@ -24,6 +25,7 @@ std::function<void(int)> selectHook;
 int selectCalls = 0;
 std::string selectText;
 std::vector<std::string> commands;
+bool commandsRefused = false;
 
 std::string describe(int descriptors, const fd_set* readable, const timeval& timeout)
 {
@@ -88,6 +90,8 @@ extern "C" int system(const char* command)
 {
     {
         const std::lock_guard<std::mutex> held(mutex);
+        if (commandsRefused)
+            throw std::bad_alloc();
         commands.emplace_back(command);
     }
     static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "system"));
@@ -138,4 +142,10 @@ std::vector<std::string> commandsRun()
 {
     const std::lock_guard<std::mutex> held(mutex);
     return commands;
+}
+
+void refuseCommands()
+{
+    const std::lock_guard<std::mutex> held(mutex);
+    commandsRefused = true;
 }

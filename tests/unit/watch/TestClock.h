@@ -32,3 +32,5 @@ std::string latestSelect();
 
 /// Every command that system() was given; they were run.
 std::vector<std::string> commandsRun();
+/// From now on, as when the memory for a command is missing, none is run and std::bad_alloc is thrown.
+void refuseCommands();

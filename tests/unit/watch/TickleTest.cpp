@@ -167,6 +167,17 @@ TEST_F(Tickle, stopEndsWhenTheKernelNeverGaveAWatch)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
 }
 
+TEST_F(Tickle, stopEndsWithoutMemoryForTheCommand)
+{
+    watchNew("a");
+    startAndWait();
+    refuseCommands();
+    watcher->stop();
+    EXPECT_FALSE(watcher->isRunning());
+    EXPECT_FALSE(folder.exists("a/.tickle"));
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
+}
+
 TEST_F(Tickle, anEventNeverMeetsAFolderThatIsNotInTheRegistryYet)
 {
     const std::string path = folder.makeFolder("a");

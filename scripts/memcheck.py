@@ -33,12 +33,12 @@ def run(arena):
     daemon = arena.start(volumes, wrapper=valgrind(report), purge_threshold=1)
     try:
         daemon.wait_walks(2)
+        daemon.end_first_sleep()
         # In one folder: a burst that touches several may leave the last one to the next walk.
         changed = volumes[0]
         changed.make_file("/Music/Rock/new.mp3", b"x")
         os.unlink(changed.path("/Music/Rock/gone.jpg"))
         wait_for(lambda: follows(changed), "the changes in the catalogue")
-        daemon.end_first_sleep()
         daemon.signal(15)
         status = daemon.wait_exit()
     except AssertionError as problem:

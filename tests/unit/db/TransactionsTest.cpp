@@ -35,6 +35,14 @@ protected:
         return result;
     }
 
+    /// Gives up a transaction that cannot be rolled back as long as the probe refuses it.
+    void abandonOne(ConnectionProbe& probe)
+    {
+        const Transaction transaction(*db);
+        insert("/Music");
+        probe.refuse(SQLITE_TRANSACTION);
+    }
+
     void expectNothingLogged() const { EXPECT_EQ(std::vector<LogLine> {}, loggedLines()); }
 };
 
@@ -213,11 +221,7 @@ TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextStatem
     close();
     ConnectionProbe probe;
     open();
-    {
-        const Transaction transaction(*db);
-        insert("/Music");
-        probe.refuse(SQLITE_TRANSACTION);
-    }
+    abandonOne(probe);
     EXPECT_TRUE(db->isInTransaction());
     EXPECT_THROW(insert("/Music/Rock"), DBOperationException); // it would share the fate of what was given up
     EXPECT_THROW(const Transaction next(*db), DBOperationException);
@@ -238,18 +242,13 @@ TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackByACheckpointAndByT
     close();
     ConnectionProbe probe;
     open();
-    const auto abandonOne = [&] {
-        const Transaction transaction(*db);
-        insert("/Music");
-        probe.refuse(SQLITE_TRANSACTION);
-    };
-    abandonOne();
+    abandonOne(probe);
     probe.refuse(ConnectionProbe::nothing);
     db->checkpoint();
     EXPECT_FALSE(db->isInTransaction());
     EXPECT_EQ(SQLITE_OK, foreignWrite("/Foreign"));
 
-    abandonOne();
+    abandonOne(probe);
     probe.refuse(ConnectionProbe::nothing);
     close();
     EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
@@ -261,11 +260,7 @@ TEST_F(Transactions, aScopeThatCannotBeRolledBackAtOnceDoesNotHinderTheNext)
     close();
     ConnectionProbe probe;
     open();
-    {
-        const Transaction transaction(*db);
-        insert("/Music");
-        probe.refuse(SQLITE_TRANSACTION);
-    }
+    abandonOne(probe);
     probe.refuse(ConnectionProbe::nothing);
     {
         Transaction transaction(*db);

@@ -411,7 +411,12 @@ bool VolumeDBManager::isInTransaction() const { return sqlite3_get_autocommit(ha
 
 void VolumeDBManager::abandonTransaction()
 {
-    abandoned = isInTransaction() && sqlite3_exec(handle, "ROLLBACK", nullptr, nullptr, nullptr) != SQLITE_OK;
+    try {
+        if (isInTransaction())
+            rollbackTransaction();
+    } catch (const DBOperationException&) {
+        abandoned = true;
+    }
 }
 
 /// By whichever thread comes first: one that looked before must not end what another has begun since.

@@ -154,8 +154,9 @@ def changes_in(trace, volume):
 
 def kill_at_each_change(arena, make_volume, steps, recovery, files=FILES, refuse=None, **settings):
     """One volume lives its life in full and shows its changes of the given files. Then, for each of these, another volume
-    lives as far as that. `refuse` may have the tracer refuse an openat() of every life; none is a point to kill at then, for
-    the tracer does but one thing to a call."""
+    lives as far as that; where two threads share the work out otherwise and none comes so far, it is tried again. Returns the
+    points that were reached. `refuse` may have the tracer refuse an openat() of every life; none is a point to kill at then,
+    for the tracer does but one thing to a call."""
     fault = refuse or (lambda volume: ())
     model = make_volume("Model")
     trace = arena.path("trace")
@@ -164,19 +165,26 @@ def kill_at_each_change(arena, make_volume, steps, recovery, files=FILES, refuse
     live([daemon], steps)
     assert daemon.wait_exit() == 0
     points = [point for point in changes_in(trace, model) if refuse is None or point.call != "openat"]
-    for batch in batches(points, 12):
-        volumes = {point: make_volume("{0.file} {0.call} {0.number}".format(point).replace("/", " ")) for point in batch}
-        daemons = {point: start_traced(
-            arena, volume, "-P", volume.path(point.file), "-e", f"trace=openat,{point.call}", "-o", "/dev/null",
-            f"--inject={point.call}:signal=KILL:when={point.number}", *fault(volume), **settings)
-            for point, volume in volumes.items()}
-        live(list(daemons.values()), steps)
-        assert {point: daemon.wait_exit() for point, daemon in daemons.items()} == dict.fromkeys(batch, -signal.SIGKILL)
-        recovery(list(volumes.values()), {volume: left_behind(arena, volume) for volume in volumes.values()})
-        for volume in volumes.values():
-            shutil.rmtree(volume.folder)
-    print(f"{len(points)} kills")
-    return points
+    reached, waiting = [], points
+    for _ in range(5):
+        missed = []
+        for batch in batches(waiting, 12):
+            volumes = {point: make_volume("{0.file} {0.call} {0.number}".format(point).replace("/", " ")) for point in batch}
+            daemons = {point: start_traced(
+                arena, volume, "-P", volume.path(point.file), "-e", f"trace=openat,{point.call}", "-o", "/dev/null",
+                f"--inject={point.call}:signal=KILL:when={point.number}", *fault(volume), **settings)
+                for point, volume in volumes.items()}
+            live(list(daemons.values()), steps)
+            statuses = {point: daemon.wait_exit() for point, daemon in daemons.items()}
+            assert set(statuses.values()) <= {0, -signal.SIGKILL}
+            reached += [point for point, status in statuses.items() if status != 0]
+            missed += [point for point, status in statuses.items() if status == 0]
+            recovery(list(volumes.values()), {volume: left_behind(arena, volume) for volume in volumes.values()})
+            for volume in volumes.values():
+                shutil.rmtree(volume.folder)
+        waiting = missed
+    print(f"{len(reached)} kills, {len(waiting)} points that no life came to again")
+    return reached
 
 
 @needs_tracer

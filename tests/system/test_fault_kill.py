@@ -215,6 +215,47 @@ def test_a_kill_before_each_change_of_the_very_first_start_and_its_stop(arena):
 
 
 @needs_tracer
+def test_a_kill_before_each_system_call_of_the_very_first_start(arena):
+    """Up to the end of the first walk, also where nothing is changed."""
+    def make_volume(name):
+        volume = arena.volume(name, crawl=["/m"])
+        volume.make_file("/m/a/1.mp3", b"x")
+        return volume
+
+    def live_until_walked(daemons):
+        live(daemons, [(lambda _: None, has_walked()), (send(signal.SIGKILL), lambda _: False)])
+        assert {daemon.wait_exit() for daemon in daemons} == {-signal.SIGKILL}
+
+    trace = arena.path("trace")
+    live_until_walked([start_traced(arena, make_volume("Model"), "-o", trace)])
+    counts, calls = collections.Counter(), collections.Counter()
+    with open(trace, encoding="utf-8", errors="surrogateescape") as file:
+        for line in file:
+            match = re.match(r"(\d+) +(\w+)\(", line)
+            if match:
+                counts[match.groups()] += 1
+                calls[match[2]] = max(calls[match[2]], counts[match.groups()])
+    points = [(call, number) for call, most in calls.items() for number in range(1, most + 1)
+              if (call, number) != ("execve", 1)]  # that of the tracer's own child
+    in_time = 0
+    for batch in batches(points, 24):
+        volumes = {point: make_volume("{} {}".format(*point)) for point in batch}
+        daemons = [start_traced(arena, volume, "-e", f"trace={call}", "-o", "/dev/null",
+                                f"--inject={call}:signal=KILL:when={number}") for (call, number), volume in volumes.items()]
+        live_until_walked(daemons)
+        in_time += sum(not has_walked()(daemon.lines) for daemon in daemons)
+        before = {volume: left_behind(arena, volume) for volume in volumes.values()}
+        for volume in volumes.values():
+            known = {row.path: row for kind in volume.tree() for row in kind}
+            assert all(known[row.path] == row for kind in before[volume] for row in kind)
+        assert_recovered(arena, list(volumes.values()), before)
+        for volume in volumes.values():
+            shutil.rmtree(volume.folder)
+    print(f"{in_time} kills of {len(points)} in time")
+    assert in_time > 400
+
+
+@needs_tracer
 def test_a_kill_before_each_change_of_a_new_state_file_on_a_file_system_without_nameless_files(arena):
     """Half a state file would be taken for a broken one, and its volume be left alone from then on."""
     def make_volume(name):

@@ -36,6 +36,9 @@ void logFailure(const std::string& volume)
     syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", volume.c_str());
 }
 
+/// The name that the record carries. One about the watched folder itself has none, and ends where a name would begin.
+const char* entryName(const inotify_event& event) { return event.len > 0 ? event.name : ""; }
+
 constexpr int longestBurstSeconds = 299;
 
 int elapsedMillis(const timeval& from, const timeval& to)
@@ -78,7 +81,7 @@ int VolumeWatcher::initialize()
     inotifyFd = inotify_init();
     if (inotifyFd < 0)
         throw "*** error inot_handle";
-    stopEvent = eventfd(0, EFD_CLOEXEC); // without it the end of a watch has to do
+    stopEvent = eventfd(0, EFD_CLOEXEC); // without one, see interruptRead()
     return inotifyFd;
 }
 
@@ -100,7 +103,8 @@ int VolumeWatcher::addDirectoryToWatch(std::string& volumeName, std::string& pat
     const int descriptor = inotify_add_watch(inotifyFd, path.c_str(), watchMask);
     if (descriptor < 1)
         return descriptor;
-    watchPaths[descriptor] = path;
+    forget(descriptor); // a folder that was moved: its old path stands for nothing any more
+    label(descriptor, path);
     watchVolumes[descriptor] = volumeName;
     return descriptor;
 }
@@ -108,15 +112,11 @@ int VolumeWatcher::addDirectoryToWatch(std::string& volumeName, std::string& pat
 int VolumeWatcher::removeDirectoryToWatch(std::string& path)
 {
     const std::lock_guard<std::mutex> held(registryMutex);
-    const auto watch = std::find_if(
-        watchPaths.begin(), watchPaths.end(), [&path](const auto& entry) { return entry.second == path; });
-    int descriptor = 0;
-    if (watch != watchPaths.end()) {
-        descriptor = watch->first;
+    const int found = firstWatchOf(path);
+    const int descriptor = found != noWatch ? found : 0;
+    if (found != noWatch)
         inotify_rm_watch(inotifyFd, descriptor);
-    }
-    watchVolumes.erase(descriptor);
-    watchPaths.erase(descriptor);
+    forget(descriptor);
     return descriptor;
 }
 
@@ -126,12 +126,44 @@ int VolumeWatcher::numWatches()
     return static_cast<int>(watchPaths.size());
 }
 
+/// The lowest descriptor whose folder has the path; noWatch when there is none. An event of an unknown watch can have
+/// the descriptor -1, so that is not free to say "none". The caller holds the registry's mutex, here and below.
+int VolumeWatcher::firstWatchOf(const std::string& path) const
+{
+    const auto first = watchesByPath.lower_bound({ path, noWatch });
+    return first != watchesByPath.end() && first->first == path ? first->second : noWatch;
+}
+
+/// The folder of the watch from now on, which must not have one yet.
+const std::string& VolumeWatcher::label(int descriptor, const std::string& path)
+{
+    const std::string& kept = watchPaths[descriptor] = path;
+    watchesByPath.insert({ kept, descriptor });
+    return kept;
+}
+
+void VolumeWatcher::forget(int descriptor)
+{
+    const auto watch = watchPaths.find(descriptor);
+    if (watch != watchPaths.end()) {
+        watchesByPath.erase({ watch->second, descriptor });
+        watchPaths.erase(watch);
+    }
+    watchVolumes.erase(descriptor);
+}
+
 /// The folder of a watch. An unknown descriptor (an overflow, a late event of a removed watch) gets an empty entry,
 /// which numWatches() counts; its empty path shadows the rest of the burst, see handleChangedDirs().
+const std::string& VolumeWatcher::entryOf(int descriptor)
+{
+    const auto watch = watchPaths.find(descriptor);
+    return watch != watchPaths.end() ? watch->second : label(descriptor, "");
+}
+
 std::string VolumeWatcher::pathOf(int descriptor)
 {
     const std::lock_guard<std::mutex> held(registryMutex);
-    return watchPaths[descriptor];
+    return entryOf(descriptor);
 }
 
 /// As pathOf(), an unknown descriptor or volume gets an empty entry.
@@ -141,7 +173,7 @@ VolumeWatcher::Target VolumeWatcher::targetOf(int descriptor)
     Target target;
     target.volume = watchVolumes[descriptor];
     target.listener = listeners[target.volume];
-    target.dir = watchPaths[descriptor];
+    target.dir = entryOf(descriptor);
     return target;
 }
 
@@ -177,6 +209,7 @@ void VolumeWatcher::stop()
             close(*descriptor);
         *descriptor = -1;
     }
+    watchesByPath.clear(); // first: it refers to the paths
     watchPaths.clear();
     watchVolumes.clear();
     listeners.clear();
@@ -212,21 +245,16 @@ void VolumeWatcher::tickle(std::string& path)
     }
 }
 
-/// Makes the kernel queue an event whatever the volumes are like: the end of a watch is one. Where no watch is to be
-/// had any more, one of those that stop() ends anyway will do, and where there is none the thread waits for stopEvent.
+/// Ends the thread's wait for events whatever the volumes are like. Where no eventfd could be made, the end of a watch
+/// of the watcher's own is an event that does.
 void VolumeWatcher::interruptRead()
 {
-    eventfd_write(stopEvent, 1);
-    const std::lock_guard<std::mutex> held(registryMutex);
-    const int own = inotify_add_watch(inotifyFd, "/", IN_DELETE_SELF);
-    if (own >= 0) {
-        inotify_rm_watch(inotifyFd, own);
+    if (stopEvent >= 0) {
+        eventfd_write(stopEvent, 1);
         return;
     }
-    for (const auto& watch : watchPaths) {
-        if (inotify_rm_watch(inotifyFd, watch.first) == 0) // fails for an entry whose watch is no more
-            return;
-    }
+    const std::lock_guard<std::mutex> held(registryMutex);
+    inotify_rm_watch(inotifyFd, inotify_add_watch(inotifyFd, "/", IN_DELETE_SELF));
 }
 
 bool VolumeWatcher::isReadyForRead()
@@ -240,11 +268,11 @@ bool VolumeWatcher::isReadyForRead()
     return select(1024, &descriptors, nullptr, nullptr, &timeout) == 1;
 }
 
-/// With nothing watched there may be no way to make an event for a stop, so that is waited for as well; 0 when it came.
+/// Waits for events, then reads them. 0 when the stop came instead: it may find no way to make an event.
 ssize_t VolumeWatcher::readEvents()
 {
     pollfd awaited[] = { { inotifyFd, POLLIN, 0 }, { stopEvent, POLLIN, 0 } };
-    if (numWatches() == 0 && poll(awaited, 2, -1) > 0 && awaited[0].revents == 0)
+    if (poll(awaited, 2, -1) > 0 && awaited[1].revents != 0)
         return 0;
     return read(inotifyFd, eventBuffer, sizeof eventBuffer);
 }
@@ -330,11 +358,9 @@ void VolumeWatcher::handleChangedDir(const std::string& path)
     std::string volume; // the walk may give up the watch
     {
         const std::lock_guard<std::mutex> held(registryMutex);
-        const auto watch = std::find_if(
-            watchPaths.begin(), watchPaths.end(), [&path](const auto& entry) { return entry.second == path; });
-        if (watch == watchPaths.end())
+        event.wd = firstWatchOf(path);
+        if (event.wd == noWatch)
             return;
-        event.wd = watch->first;
         volume = watchVolumes[event.wd];
     }
     // One folder that cannot be handled must not end the watch of all the others.
@@ -369,7 +395,7 @@ void VolumeWatcher::handleDeleteFile(inotify_event* event) { deliver(&VolumeWatc
 void VolumeWatcher::handleDeleteFolder(inotify_event* event)
 {
     deliver(&VolumeWatchListener::handleDeleteFolder, event);
-    std::string removed = pathOf(event->wd) + "/" + event->name;
+    std::string removed = pathOf(event->wd) + "/" + entryName(*event);
     removeDirectoryToWatch(removed);
 }
 
@@ -381,9 +407,11 @@ void VolumeWatcher::handleMoveFile(inotify_event* from, inotify_event* to)
 void VolumeWatcher::handleMoveFolder(inotify_event* from, inotify_event* to)
 {
     deliverMove(&VolumeWatchListener::handleMoveFolder, from, to);
-    std::string oldPath = pathOf(from->wd) + "/" + from->name;
+    if (from->len == 0 || to->len == 0)
+        return; // no entry moved: the watch of the folder itself must not be told another path
+    std::string oldPath = pathOf(from->wd) + "/" + entryName(*from);
     Target target = targetOf(to->wd);
-    std::string newPath = target.dir + "/" + to->name;
+    std::string newPath = target.dir + "/" + entryName(*to);
     removeDirectoryToWatch(oldPath); // finds nothing when the listener's walk has told the watch its new path
     addDirectoryToWatch(target.volume, newPath);
 }
@@ -392,7 +420,7 @@ void VolumeWatcher::deliver(EntryOperation operation, const inotify_event* event
 {
     Target target = targetOf(event->wd);
     if (target.isComplete())
-        (target.listener->*operation)(target.dir, event->name);
+        (target.listener->*operation)(target.dir, entryName(*event));
     else
         logNoTarget(target.volume);
 }
@@ -405,7 +433,7 @@ void VolumeWatcher::deliverMove(MoveOperation operation, const inotify_event* fr
         syslog(LOG_LOCAL5 | LOG_ERR, "We are crossing from %s to %s. Ignore for now\n", source.volume.c_str(),
             destination.volume.c_str());
     else if (source.isComplete() && !destination.dir.empty())
-        (source.listener->*operation)(source.dir, from->name, destination.dir, to->name);
+        (source.listener->*operation)(source.dir, entryName(*from), destination.dir, entryName(*to));
     else
         logNoTarget(source.volume);
 }

@@ -6,10 +6,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 
 struct inotify_event;
 class VolumeWatchListener;
@@ -85,6 +88,10 @@ private:
     void tickleFirstFolder();
     void interruptRead();
     ssize_t readEvents();
+    int firstWatchOf(const std::string& path) const;
+    const std::string& label(int descriptor, const std::string& path);
+    void forget(int descriptor);
+    const std::string& entryOf(int descriptor);
     std::string pathOf(int descriptor);
     Target targetOf(int descriptor);
     using EntryOperation = void (VolumeWatchListener::*)(std::string& dir, const char* name);
@@ -93,19 +100,23 @@ private:
     void deliver(EntryOperation operation, const inotify_event* event);
     void deliverMove(MoveOperation operation, const inotify_event* from, const inotify_event* to);
 
+    static constexpr int noWatch = std::numeric_limits<int>::min(); ///< below every descriptor
+
     static VolumeWatcher* instance;
 
     pthread_t thread = {};
     bool threadStarted = false;         ///< main thread only: there is something to join
     std::atomic<bool> stopFlag = false; ///< set by the main thread, polled by the watcher thread
     int inotifyFd = -1;                 ///< set before the thread starts, closed after it ended
-    int stopEvent = -1;                 ///< likewise; an eventfd for the thread that has nothing to read
+    int stopEvent = -1; ///< likewise; an eventfd that ends the thread's wait, -1 when none was to be had
     /// Guards the maps below, across the kernel call that goes with a change of them: an event must never meet an
     /// unknown descriptor. Never held across a listener call, since a listener walks and a walk adds watches. Taken
     /// after a volume's lock, never before it.
     std::mutex registryMutex;
-    std::map<int, std::string> watchVolumes;               ///< watch descriptor -> volume name
-    std::map<int, std::string> watchPaths;                 ///< watch descriptor -> absolute folder path
+    std::map<int, std::string> watchVolumes; ///< watch descriptor -> volume name
+    std::map<int, std::string> watchPaths;   ///< watch descriptor -> absolute folder path
+    /// The paths above with their descriptors, so that the first watch of a path is found without a look at all others.
+    std::set<std::pair<std::string_view, int>> watchesByPath;
     std::map<std::string, VolumeWatchListener*> listeners; ///< volume name -> listener, borrowed
     char eventBuffer[262144] = {};                         ///< watcher thread only
 };

@@ -171,7 +171,10 @@ TEST_F(BurstCollection, aBurstWithoutRecordsHandlesNothing)
 TEST_F(BurstCollection, aFailingReadGivesABurstWithoutRecords)
 {
     watchNew("a");
-    fcntl(descriptor, F_SETFL, O_NONBLOCK); // read() returns -1 when there is nothing
+    const int unreadable = open(folder.path().c_str(), O_RDONLY | O_DIRECTORY); // always ready, and read() returns -1
+    ASSERT_EQ(descriptor, dup2(unreadable, descriptor));
+    close(unreadable);
+    setSelectResult(0);
     watcher->start();
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, "======\n", 3));
     watcher->stop();

@@ -3,6 +3,7 @@
 
 #include <poll.h>
 
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <ostream>
@@ -217,6 +218,16 @@ TEST_P(OneEvent, hasTheNameThatTheKernelReports)
     EXPECT_EQ(expected, calls());
 }
 
+TEST_P(OneEvent, aboutTheFolderItselfHasNoName)
+{
+    inotify_event event[2] = {};
+    event[0].wd = 1;
+    std::memcpy(event + 1, "next", 5); // what follows the record belongs to another one
+    route(event);
+    EXPECT_EQ(call(a, ""), calls());
+    EXPECT_EQ(2, watcher->numWatches());
+}
+
 // Deleted folders
 
 TEST_F(Routing, deletedFolderLosesItsWatchAfterTheListenerWasTold)
@@ -364,6 +375,22 @@ TEST_F(Routing, movedFileLeavesTheWatches)
     watchNew("a/old");
     moveFile(1, "old", 1, "new");
     EXPECT_EQ("1 a music\n2 p photos\n3 old music\n", watches());
+}
+
+TEST_F(Routing, movesWithoutANameLeaveTheWatches)
+{
+    inotify_event event[2] = {};
+    event[0].wd = 1;
+    std::memcpy(event + 1, "next", 5);
+    EventRecord named(1, "x");
+    watcher->handleMoveFile(event, event);
+    watcher->handleMoveFolder(event, event);
+    watcher->handleMoveFolder(named.get(), event);
+    watcher->handleMoveFolder(event, named.get());
+    EXPECT_EQ("move file " + a + "  " + a + " \nmove folder " + a + "  " + a + " \nmove folder " + a + " x " + a
+            + " \nmove folder " + a + "  " + a + " x\n",
+        calls());
+    EXPECT_EQ("1 a music\n2 p photos\n", watches());
 }
 
 TEST_F(Routing, movedFolderGetsAWatchOfItsOwnAtTheNewPlaceAfterTheListenerWasTold)

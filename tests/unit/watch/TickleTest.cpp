@@ -3,6 +3,8 @@
 
 #include <dlfcn.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,6 +15,7 @@
 namespace fs = std::filesystem;
 
 static std::atomic<bool> noMoreWatches = false;
+static bool refuseEventfds = false;
 static std::function<void()> afterAdd; ///< called when the kernel has a watch that its caller does not know of yet
 
 /// In place of the C library's, in this whole program.
@@ -28,6 +31,15 @@ extern "C" int inotify_add_watch(int descriptor, const char* path, uint32_t mask
     if (afterAdd)
         afterAdd();
     return watch;
+}
+
+extern "C" int eventfd(unsigned count, int flags) noexcept
+{
+    if (refuseEventfds) {
+        errno = EMFILE;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_eventfd2, count, flags));
 }
 
 namespace {
@@ -163,6 +175,31 @@ TEST_F(Tickle, stopEndsWhenTheKernelNeverGaveAWatch)
     startAndWait();
     watcher->stop();
     noMoreWatches = false;
+    EXPECT_FALSE(watcher->isRunning());
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
+}
+
+TEST_F(Tickle, stopEndsWhenEveryEntryIsStaleAndTheKernelGivesNoWatch)
+{
+    noMoreWatches = true;
+    route(17); // late events of watches that are no more
+    route(18);
+    startAndWait();
+    watcher->stop();
+    noMoreWatches = false;
+    EXPECT_FALSE(watcher->isRunning());
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
+}
+
+TEST_F(Tickle, stopEndsWithoutAnEventfdByTheEndOfAWatch)
+{
+    watcher->stop();
+    refuseEventfds = true;
+    watcher = std::make_unique<VolumeWatcher>();
+    watcher->initialize();
+    refuseEventfds = false;
+    startAndWait();
+    watcher->stop();
     EXPECT_FALSE(watcher->isRunning());
     EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
 }

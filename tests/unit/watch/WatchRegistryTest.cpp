@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -132,6 +133,29 @@ TEST_F(WatchRegistry, removeTakesTheLowestDescriptorOfAPath)
     EXPECT_EQ(1, unwatch(path));
     EXPECT_EQ(2, unwatch(path));
     EXPECT_EQ(0, unwatch(path));
+}
+
+TEST_F(WatchRegistry, removeIsNotDearerForTheWatchesThatStay)
+{
+    constexpr int folders = 1000;
+    const auto watchMany = [this](const std::string& below, int count) {
+        for (int number = 0; number < count; ++number)
+            watchNew(below + std::to_string(number));
+    };
+    const auto secondsToRemove = [this](const std::string& below) {
+        timespec start;
+        timespec end;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &start);
+        for (int number = 0; number < folders; ++number)
+            EXPECT_LT(0, unwatch(folder.path(below + std::to_string(number))));
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+        return static_cast<double>(end.tv_sec - start.tv_sec) + static_cast<double>(end.tv_nsec - start.tv_nsec) / 1e9;
+    };
+    watchMany("few", folders);
+    const double amongFew = secondsToRemove("few");
+    watchMany("stays", 40 * folders);
+    watchMany("many", folders);
+    EXPECT_LT(secondsToRemove("many"), 10 * amongFew) << "by a look at each watch it takes some eighty times as long";
 }
 
 TEST_F(WatchRegistry, removeOfAnUnknownPathErasesKeyZero)

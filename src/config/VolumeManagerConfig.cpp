@@ -230,7 +230,8 @@ std::string VolumeManagerConfig::updatedDocument(int t)
 void VolumeManagerConfig::rewrite(int t)
 {
     const std::string text = updatedDocument(t);
-    if (text.empty() || writeTemporary(filePath, text) != Outcome::complete)
+    const bool isUsable = !text.empty() && text.length() <= XmlDocument::largestUntrusted; // else no start could read it
+    if (!isUsable || writeTemporary(filePath, text) != Outcome::complete)
         return; // the old file stays the good one
     if (std::rename(temporaryPathOf(filePath).c_str(), filePath.c_str()) != 0)
         syslog(LOG_LOCAL5 | LOG_ERR, "Could not rename the file\n");

@@ -18,9 +18,6 @@ XmlTurn::XmlTurn()
 
 XmlTurn::~XmlTurn() { xmlCleanupParser(); }
 
-/// The tree of a document takes some thirty times its size. A state file has a few hundred bytes.
-static constexpr std::string::size_type largestUntrusted = 1048576;
-
 /// The content of a regular file; empty, which is no document, when it is none, too large or cannot be read.
 static std::string readRegularFile(const std::string& path)
 {
@@ -32,9 +29,9 @@ static std::string readRegularFile(const std::string& path)
     if (fstat64(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
         char buffer[4096];
         ssize_t n;
-        while ((n = read(descriptor, buffer, sizeof buffer)) > 0 && text.length() <= largestUntrusted)
+        while ((n = read(descriptor, buffer, sizeof buffer)) > 0 && text.length() <= XmlDocument::largestUntrusted)
             text.append(buffer, static_cast<std::string::size_type>(n));
-        if (n != 0)
+        if (n < 0 || text.length() > XmlDocument::largestUntrusted)
             text.clear();
     }
     close(descriptor);

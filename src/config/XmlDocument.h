@@ -24,6 +24,10 @@ public:
     /// `trusted`: read whatever the path leads to, as an administrator's file is. `untrusted`: a regular file alone,
     /// under its own name and of a sensible size; users of a volume can put links, pipes and any content there.
     enum Origin { trusted, untrusted };
+    /// Bytes. A state file has a few hundred. The parser takes time and memory that grow faster than a document of many
+    /// attributes or declarations, and it is every volume's turn that such a document takes.
+    static constexpr std::string::size_type largestUntrusted = 16384;
+
     XmlDocument(const std::string& path, Origin origin);
     ~XmlDocument();
     XmlDocument(const XmlDocument&) = delete;

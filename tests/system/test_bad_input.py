@@ -187,6 +187,29 @@ def test_a_volume_with_an_unusable_state_file_is_skipped(arena):
             assert file.read() == rest[volume.name]
 
 
+def test_a_state_file_that_takes_minutes_to_parse_holds_nobody_up(arena):
+    """The parser looks at every earlier attribute and declaration for each new one, and only one thread may be inside it."""
+    body = "<Version>1.0</Version><Volume><last_updated_time>0</last_updated_time><last_purge_time>0</last_purge_time></Volume>"
+    attributes = "".join(f' a{number}=""' for number in range(100_000))
+    declarations = "".join(f'<!ATTLIST Quarrow a{number} CDATA "">' for number in range(1_500))
+    documents = [f"<Quarrow{attributes}>{body}</Quarrow>", f"<!DOCTYPE Quarrow [{declarations}]><Quarrow>{body}</Quarrow>"]
+    slow = [arena.volume(f"Slow{number}", crawl=["/m"]) for number in range(len(documents))]
+    for volume, document in zip(slow, documents):
+        os.makedirs(volume.path("/.quarrow"))
+        with open(volume.state_file, "w", encoding="ascii") as file:
+            file.write(document)
+    good = arena.volume("Z", crawl=["/m"])
+    good.make_file("/m/1.mp3")
+    daemon = arena.start([*slow, good])
+    daemon.wait_walks_of(good, 1)
+    assert daemon.errors() == [
+        text for volume in slow
+        for text in ("Could not parse the config xml\n", "Could not open the volume cfg file Could not parse the config xml\n",
+                     f"Could not initialize the manager for the volume {volume.name}\n")]
+    assert_same(good.rows(), good.tree())
+    daemon.stop()
+
+
 def test_odd_state_files_of_another_root_are_taken_for_new(arena):
     volume = good_volume(arena, "Volume1")
     os.mkdir(volume.path("/.quarrow"))

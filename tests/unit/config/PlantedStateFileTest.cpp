@@ -131,10 +131,34 @@ TEST_F(PlantedStateFile, thatIsAPipeIsNotReadEvenWithAStateInIt)
 TEST_F(PlantedStateFile, thatIsLargeIsRefusedUnread)
 {
     const std::string state = "<Quarrow><Volume><last_purge_time>5</last_purge_time></Volume>";
-    writeState(state + std::string(1000000, ' ') + "</Quarrow>");
+    const std::string end = "</Quarrow>";
+    const std::string filler(16384 - state.length() - end.length(), ' ');
+    writeState(state + filler + end);
     EXPECT_EQ("5", start());
-    writeState(state + std::string(1100000, ' ') + "</Quarrow>");
+    writeState(state + filler + " " + end);
     EXPECT_EQ(thrownText, start());
+    EXPECT_EQ(parseFailure(), loggedLines());
+}
+
+TEST_F(PlantedStateFile, thatWouldGrowTooLargeIsNotRewritten)
+{
+    const std::string state = "<Quarrow><Volume><last_purge_time>5</last_purge_time></Volume>";
+    const std::string end = "</Quarrow>";
+    const std::string whole = state + std::string(16384 - state.length() - end.length(), ' ') + end;
+    writeState(whole);
+    VolumeManagerConfig config(statePath);
+    config.setLastPurgeTime(1234567890);
+    EXPECT_EQ(whole, folder.readFile("state.xml"));
+    EXPECT_EQ("5", start());
+}
+
+TEST_F(PlantedStateFile, ofManyAttributesIsNotParsed)
+{
+    std::string attributes;
+    for (int number = 0; number < 100000; ++number)
+        attributes += " a" + std::to_string(number) + "=\"\"";
+    writeState("<Quarrow" + attributes + "><Volume><last_purge_time>5</last_purge_time></Volume></Quarrow>");
+    EXPECT_EQ(thrownText, start()) << "parsing it would hold up every volume for minutes";
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "config/VolumeManagerConfig.h"
 
 #include "config/XmlDocument.h"
+#include "core/DurableFile.h"
 
 #include <fcntl.h>
 #include <libxml/parser.h>
@@ -48,19 +49,6 @@ std::string defaultDocument()
         xmlTextWriterEndDocument(writer.get());
     }
     return reinterpret_cast<const char*>(xmlBufferContent(buffer.get()));
-}
-
-/// Writes the text down to the disk; false when any of it may not have arrived.
-bool writeDurably(int descriptor, const std::string& text)
-{
-    std::string::size_type done = 0;
-    while (done < text.length()) {
-        const ssize_t n = write(descriptor, text.data() + done, text.length() - done);
-        if (n < 0)
-            return false;
-        done += static_cast<std::string::size_type>(n);
-    }
-    return fsync(descriptor) == 0;
 }
 
 /// A new file under its final name, never through a link; -1 when something has the name already.
@@ -230,7 +218,8 @@ std::string VolumeManagerConfig::updatedDocument(int t)
 void VolumeManagerConfig::rewrite(int t)
 {
     const std::string text = updatedDocument(t);
-    const bool isUsable = !text.empty() && text.length() <= XmlDocument::largestUntrusted; // else no start could read it
+    const bool isUsable
+        = !text.empty() && text.length() <= XmlDocument::largestUntrusted; // else no start could read it
     if (!isUsable || writeTemporary(filePath, text) != Outcome::complete)
         return; // the old file stays the good one
     if (std::rename(temporaryPathOf(filePath).c_str(), filePath.c_str()) != 0)

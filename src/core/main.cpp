@@ -1,9 +1,11 @@
 #include "core/QRWException.h"
 #include "core/Quarrow.h"
 #include "core/SignalMask.h"
+#include "db/SqliteProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -49,6 +51,26 @@ static void openStandardDescriptors()
     }
 }
 
+/// Nobody may be reading what the daemon prints. Once a pipe was full, a walk would wait for its reader with the
+/// volume's lock and a transaction; instead lines are lost. Opened anew, since the flag is shared with whoever else has
+/// the same open file; a socket cannot be.
+static void neverWaitForReaders()
+{
+    for (const int descriptor : { STDOUT_FILENO, STDERR_FILENO }) {
+        struct stat64 status;
+        if (fstat64(descriptor, &status) != 0 || S_ISREG(status.st_mode))
+            continue;
+        const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
+        const int own = open(self.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (own >= 0) {
+            dup2(own, descriptor);
+            close(own);
+        } else {
+            fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+        }
+    }
+}
+
 /// A sleep of 60 seconds that lets the served signals in, in one step with the waiting: one that came between opening
 /// the mask and falling asleep would be slept through.
 static void sleepWithSignalsOpen()
@@ -68,12 +90,15 @@ int main(int argc, char** argv)
 
     const sigset_t served = servedSignals();
     pthread_sigmask(SIG_BLOCK, &served, nullptr);
+    neverWaitForReaders();
+    setUpSqliteForDaemon();
     Quarrow::getInstance();
     signal(SIGTERM, qrw_term_handler);
     signal(SIGUSR1, qrw_usr1_handler);
     restartWaitsAfter(SIGTERM);
     restartWaitsAfter(SIGUSR1);
     signal(SIGPIPE, SIG_IGN); // whoever reads the progress lines may go away
+    signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a failed write, as on a full volume
     syslog(LOG_LOCAL5 | LOG_INFO, "================\n");
     try {
         Quarrow::getInstance()->start();

@@ -60,8 +60,19 @@ void Statement::check(const char* failureText) const
 {
     if (status == SQLITE_OK || status == SQLITE_DONE)
         return;
-    syslog(LOG_LOCAL5 | LOG_ERR, failureText, status);
+    if (!wasGivenUpForStop())
+        syslog(LOG_LOCAL5 | LOG_ERR, failureText, status);
     throw DBOperationException();
+}
+
+/// Whether the daemon is about to stop and nothing else is wrong. What the step returned is no reason, only a failure;
+/// the reset tells it.
+bool Statement::wasGivenUpForStop() const
+{
+    if (!db.isStopping())
+        return false;
+    const int reason = statement != nullptr ? sqlite3_reset(statement) : sqlite3_errcode(db.handle);
+    return reason == SQLITE_INTERRUPT || reason == SQLITE_BUSY || reason == SQLITE_LOCKED;
 }
 
 int Statement::finalize()

@@ -25,7 +25,8 @@ public:
     bool nextRow();
     /// Steps to the end, then as check().
     void run(const char* failureText);
-    /// Unless all went well, logs the text with the status and throws DBOperationException.
+    /// Unless all went well, logs the text with the status and throws DBOperationException. What a stop has ended is
+    /// not logged: it is no failure.
     void check(const char* failureText) const;
     /// Ends the statement early and returns SQLite's result for it.
     int finalize();
@@ -36,6 +37,7 @@ public:
 
 private:
     bool mayBind() const;
+    bool wasGivenUpForStop() const;
 
     VolumeDBManager& db;
     sqlite3_stmt* statement;

@@ -2,6 +2,7 @@
 
 #include "classify/Tokenizer.h"
 #include "core/SignalMask.h"
+#include "db/CatalogueFile.h"
 #include "db/DBOperationException.h"
 #include "db/Statement.h"
 
@@ -16,11 +17,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
+#include <iterator>
+#include <memory>
 #include <new>
 #include <queue>
 #include <thread>
+#include <unordered_set>
 #include <utility>
 
 namespace {
@@ -41,41 +44,33 @@ const char* const schemaStatements[] = {
     "create index Folders_name on Folders(name)",
 };
 
-constexpr int lookasideSlotBytes = 1200;
-constexpr int lookasideSlots = 500;   // room for the longer statements, where SQLite has this memory: Debian's has not
-constexpr int checkpointPages = 4000; // few syncs in a long walk, and a log of at most some 16 MiB
+constexpr int checkpointPages = 4000;              // few syncs in a long walk, and a log of at most some 16 MiB
 constexpr unsigned long roomForLogBytes = 1048576; // its index, 32 KiB at the least, and some transactions
 constexpr unsigned long logFiles = 2;              // the log and its index
 constexpr int stepsBetweenStopChecks = 100000;     // virtual machine steps, well under a second of work
 
-/// Keeps a stop from interrupting what is being done, if so wanted, until the end of the scope.
-class Finishing {
-public:
-    Finishing(std::atomic<bool>& flagOfCatalogue, bool wanted)
-        : flag(flagOfCatalogue)
-    {
-        flag = wanted;
-    }
-    ~Finishing() { flag = false; }
-    Finishing(const Finishing&) = delete;
-    Finishing& operator=(const Finishing&) = delete;
-
-private:
-    std::atomic<bool>& flag;
+/// What a catalogue needs, with room for an administrator's triggers: a file that somebody has prepared is not to make
+/// the daemon build values of gigabytes.
+constexpr struct {
+    int category;
+    int value;
+} sqlLimits[] = {
+    { SQLITE_LIMIT_LENGTH, 1000000 }, // of a row, too: its two paths have 8 KiB at the most
+    { SQLITE_LIMIT_SQL_LENGTH, 100000 },
+    { SQLITE_LIMIT_ATTACHED, 0 },
+    { SQLITE_LIMIT_TRIGGER_DEPTH, 10 },
 };
 
 bool succeeded(int status) { return status == SQLITE_OK || status == SQLITE_DONE; }
 
-bool syncPath(const std::string& path, int flags)
-{
-    const int descriptor = open(path.c_str(), flags | O_CLOEXEC);
-    if (descriptor < 0)
-        return false;
-    const bool synced = fsync(descriptor) == 0;
-    return close(descriptor) == 0 && synced;
-}
-
 std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+/// Whether SQLite takes the path for that of a file. It makes databases of its own of some others, in memory or
+/// nowhere.
+bool isFilePath(const std::string& path)
+{
+    return !path.empty() && path != ":memory:" && path.compare(0, 5, "file:") != 0;
+}
 
 /// A link that neither root nor the daemon's own user made. An administrator may keep catalogues elsewhere; a user of
 /// the volume would have the daemon write into files that are none of the volume's.
@@ -117,22 +112,11 @@ void readFolderRow(const Statement& row, DBFolder& f)
 
 } // namespace
 
-VolumeDBManager::VolumeDBManager()
-{
-    // SQLite counts the memory it uses, with a lock around each allocation: a quarter of the time of a short statement.
-    // Nobody asks for the figures. Only the first call counts; SQLite refuses it once it is at work.
-    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-}
+VolumeDBManager::VolumeDBManager() = default;
 
 VolumeDBManager::~VolumeDBManager()
 {
-    try {
-        if (handle != nullptr)
-            leaveWriteAheadLog();
-    } catch (const std::bad_alloc&) {
-        // SQLite puts its log into the file all the same; at the worst the next start does.
-    }
-    sqlite3_close(handle);
+    closeCatalogue();
     syslog(LOG_LOCAL5 | LOG_INFO, "sqlite3 handle closed\n");
 }
 
@@ -141,58 +125,113 @@ VolumeDBManager::~VolumeDBManager()
 bool VolumeDBManager::open(const char* path)
 {
     syslog(LOG_LOCAL5 | LOG_INFO, "sqlite version: %s\n", sqlite3_libversion());
-    int rc = SQLITE_CANTOPEN;
-    if (!isForeignLink(path) && !isForeignLink(folderOf(path)))
-        rc = checkIfDBExists(path) ? sqlite3_open(path, &handle) : openNew(path);
+    closeCatalogue();
+    const int rc = openAdmitted(path);
     if (!succeeded(rc)) {
         sqlite3_close(std::exchange(handle, nullptr)); // SQLite hands out a handle also when it fails
         syslog(LOG_LOCAL5 | LOG_ERR, "open() failed, handleStatus: %d\n", rc);
         throw DBOperationException();
     }
     catalogue = identityOf(sqlite3_db_filename(handle, "main"));
-    log = FileIdentity();
-    configure();
+    logIsUnusable = false;
     useWriteAheadLog();
     return true;
 }
 
-/// Builds the catalogue beside its place and moves it there complete: a start that was cut short leaves none at all,
-/// while half a schema would never be completed.
-int VolumeDBManager::openNew(const std::string& path)
+void VolumeDBManager::closeCatalogue()
+{
+    try {
+        if (handle != nullptr)
+            leaveWriteAheadLog();
+    } catch (const std::bad_alloc&) {
+        // SQLite puts its log into the file all the same; at the worst the next start does.
+    }
+    sqlite3_close(std::exchange(handle, nullptr));
+    catalogue = FileIdentity();
+    log = FileIdentity();
+}
+
+/// Opens the catalogue if it is one that may be opened. An SQLite status.
+int VolumeDBManager::openAdmitted(const std::string& path)
+{
+    if (!isFilePath(path) || isForeignLink(path) || isForeignLink(folderOf(path)))
+        return SQLITE_CANTOPEN;
+    const bool existed = checkIfDBExists(path.c_str());
+    avoidCopyOnWrite(path);
+    int rc = existed ? SQLITE_OK : make(path);
+    if (rc != SQLITE_OK)
+        return rc;
+    const Admission admission = admitCatalogue(path);
+    if (admission == Admission::refused)
+        return SQLITE_CANTOPEN;
+    rc = sqlite3_open(path.c_str(), &handle);
+    if (rc != SQLITE_OK)
+        return rc;
+    configure();
+    if (admission == Admission::trusted)
+        return SQLITE_OK;
+    rc = lookForForeignSql();
+    if (rc == SQLITE_OK)
+        trustCatalogue(path);
+    return rc;
+}
+
+/// SQLITE_AUTH when the schema holds anything that would run with the daemon's statements. By the texts, which SQLite
+/// parses, and not by the types beside them, which it does not look at.
+int VolumeDBManager::lookForForeignSql()
+{
+    bool found = false;
+    const int rc = sqlite3_exec(
+        handle,
+        "select 1 from sqlite_master where not (sql is null or sql like 'create table %' or sql like 'create index %'"
+        " or sql like 'create unique index %') limit 1",
+        [](void* result, int, char**, char**) {
+            *static_cast<bool*>(result) = true;
+            return 0;
+        },
+        &found, nullptr);
+    return found ? SQLITE_AUTH : rc;
+}
+
+/// Makes a new catalogue, complete or absent: a schema is only ever made for a new file, so half of one would never be
+/// completed. It comes to be in memory, where no other program sees it.
+int VolumeDBManager::make(const std::string& path)
 {
     // What cannot be looked at may be a good catalogue on a disk with a fault. An empty one must not replace it.
     struct stat64 status;
     if (stat64(path.c_str(), &status) == 0 || errno != ENOENT)
         return SQLITE_CANTOPEN;
-    const std::string temporaryPath = path + ".tmp";
-    // What is left of a catalogue that somebody removed would be taken for the new one's log, and replayed into it.
-    for (const char* leftOver : { ".tmp", "-wal", "-shm", "-journal" })
-        unlink((path + leftOver).c_str());
-    const int rc = sqlite3_open(temporaryPath.c_str(), &handle);
-    if (rc != SQLITE_OK)
-        return rc; // nothing was made
-    buildAt(temporaryPath);
-    if (!syncPath(temporaryPath, O_RDONLY) || std::rename(temporaryPath.c_str(), path.c_str()) != 0) {
-        unlink(temporaryPath.c_str());
-        return SQLITE_IOERR;
-    }
-    syncPath(folderOf(path) + "/", O_RDONLY | O_DIRECTORY);
-    return sqlite3_open(path.c_str(), &handle);
+    const std::string content = emptyCatalogue();
+    if (content.empty())
+        return SQLITE_NOMEM;
+    const int rc = createCatalogueFile(path, content);
+    if (rc != SQLITE_FULL)
+        return rc;
+    syslog(LOG_LOCAL5 | LOG_ERR, "createDBStructure() failed, handleStatus: %d\n", rc);
+    throw DBOperationException();
 }
 
-void VolumeDBManager::buildAt(const std::string& temporaryPath)
+/// The bytes of a catalogue without rows; none when memory was missing on the way.
+std::string VolumeDBManager::emptyCatalogue()
 {
-    const auto closeHandle = [this] { sqlite3_close(std::exchange(handle, nullptr)); };
-    // Nothing here needs a way back or a sync of its own: the file counts only once it is whole.
-    sqlite3_exec(handle, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);
-    try {
-        createDBStructure();
-    } catch (const DBOperationException&) {
-        closeHandle();
-        unlink(temporaryPath.c_str());
-        throw;
-    }
-    closeHandle();
+    struct Closing {
+        sqlite3*& opened;
+        ~Closing() { sqlite3_close(std::exchange(opened, nullptr)); }
+    } const closing { handle };
+    if (sqlite3_open(":memory:", &handle) != SQLITE_OK)
+        return {};
+    createDBStructure();
+    int objects = 0;
+    sqlite3_exec(
+        handle, "select 1 from sqlite_master where name not like 'sqlite_%'",
+        [](void* count, int, char**, char**) { return ++*static_cast<int*>(count), 0; }, &objects, nullptr);
+    if (objects != static_cast<int>(std::size(schemaStatements)))
+        return {}; // the failures of all statements but the last one are ignored
+    sqlite3_int64 size = 0;
+    const std::unique_ptr<unsigned char, void (*)(void*)> bytes(
+        sqlite3_serialize(handle, "main", &size, 0), sqlite3_free);
+    return bytes == nullptr ? std::string()
+                            : std::string(reinterpret_cast<const char*>(bytes.get()), static_cast<std::size_t>(size));
 }
 
 bool VolumeDBManager::checkIfDBExists(const char* path)
@@ -240,39 +279,79 @@ void VolumeDBManager::requestStop() { stopRequested = true; }
 
 bool VolumeDBManager::isStopping() const { return stopRequested || isStopSignalPending(); }
 
-bool VolumeDBManager::mayInterrupt() const { return isStopping() && !finishing; }
-
 void VolumeDBManager::configure()
 {
-    sqlite3_db_config(handle, SQLITE_DBCONFIG_LOOKASIDE, nullptr, lookasideSlotBytes, lookasideSlots);
+    for (const auto& limit : sqlLimits)
+        sqlite3_limit(handle, limit.category, limit.value);
+    // A file can ask for a page cache of any size.
+    sqlite3_exec(handle, "PRAGMA cache_size=-2000", nullptr, nullptr, nullptr);
     sqlite3_wal_autocheckpoint(handle, checkpointPages);
     // A purge of a million rows is one statement; the daemon has to be able to stop in the middle of it.
     sqlite3_progress_handler(
         handle, stepsBetweenStopChecks,
-        [](void* self) { return static_cast<VolumeDBManager*>(self)->mayInterrupt() ? 1 : 0; }, this);
+        [](void* self) { return static_cast<VolumeDBManager*>(self)->isStopping() ? 1 : 0; }, this);
 }
 
-/// Results are ignored: a file that is foreign, locked, read-only or no database at all is used as far as it goes.
+/// A file that is foreign, locked, read-only or no database at all is used as far as it goes.
 void VolumeDBManager::useWriteAheadLog()
 {
     if (log.inode != 0)
         return; // in use; as long as this connection is there nobody can change that
+    if (handle == nullptr || logIsUnusable)
+        return;
     if (hasMoved())
         return; // the log is found by name: it would be that of the other catalogue
-    bool inUse = false;
-    if (hasRoomForLog() && hasDescriptorsForLog())
-        sqlite3_exec(
-            handle, "PRAGMA journal_mode=WAL",
-            [](void* result, int, char** mode, char**) {
-                *static_cast<bool*>(result) = mode[0] != nullptr && std::strcmp(mode[0], "wal") == 0;
-                return 0;
-            },
-            &inUse, nullptr);
-    // The first look at the file, for whatever value, makes the log. Without one a power cut is survived by full syncs.
-    sqlite3_exec(handle, inUse ? "PRAGMA synchronous=NORMAL; PRAGMA schema_version" : "PRAGMA synchronous=FULL",
-        nullptr, nullptr, nullptr);
+    // The first look: it brings back, with full syncs, what a kill has left half done. No answer: somebody is in the
+    // way.
+    const std::string mode = journalModeAfter("PRAGMA journal_mode");
+    bool inUse
+        = mode == "wal" || (mode == "delete" && hasRoomForLog() && hasDescriptorsForLog() && enterWriteAheadLog());
+    // This one, for whatever value, makes the log and its index.
+    if (inUse && sqlite3_exec(handle, "PRAGMA schema_version", nullptr, nullptr, nullptr) != SQLITE_OK
+        && sqlite3_extended_errcode(handle) == SQLITE_IOERR_SHMMAP)
+        inUse = !takeBackWriteAheadLog();
+    // Without a log a power cut is survived by full syncs.
+    sqlite3_exec(handle, inUse ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
     if (inUse)
         rememberLog();
+}
+
+/// The journal mode that a PRAGMA answers with; empty when it fails.
+std::string VolumeDBManager::journalModeAfter(const char* pragma)
+{
+    std::string mode;
+    sqlite3_exec(
+        handle, pragma,
+        [](void* result, int, char** value, char**) {
+            *static_cast<std::string*>(result) = value[0] != nullptr ? value[0] : "";
+            return 0;
+        },
+        &mode, nullptr);
+    return mode;
+}
+
+/// A kill between the switch of the file and the making of the log leaves a catalogue that readers without write
+/// permission cannot open. So the switch, which is one write to the first page, goes without a journal and without
+/// syncs: they would take most of that time, and neither order of the two writes is wrong after a power cut.
+bool VolumeDBManager::enterWriteAheadLog()
+{
+    sqlite3_exec(handle, "PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY", nullptr, nullptr, nullptr);
+    const bool inUse = journalModeAfter("PRAGMA journal_mode=WAL") == "wal";
+    if (!inUse)
+        sqlite3_exec(handle, "PRAGMA journal_mode=DELETE", nullptr, nullptr, nullptr);
+    return inUse;
+}
+
+/// Where files cannot be mapped for sharing (some network and user-space file systems), nobody could read the
+/// catalogue. Alone with it SQLite needs no mapping; a file that another program uses stays as it is until the next
+/// try.
+bool VolumeDBManager::takeBackWriteAheadLog()
+{
+    sqlite3_exec(handle, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr);
+    logIsUnusable = journalModeAfter("PRAGMA journal_mode=DELETE") == "delete";
+    // The look ends the exclusive lock.
+    sqlite3_exec(handle, "PRAGMA locking_mode=NORMAL; PRAGMA schema_version", nullptr, nullptr, nullptr);
+    return logIsUnusable;
 }
 
 /// A file that has been switched to a log which then finds no room for its index cannot even be read.
@@ -303,6 +382,12 @@ bool VolumeDBManager::hasDescriptorsForLog()
 bool VolumeDBManager::hasMoved() const
 {
     return catalogue.inode != 0 && !isAt(catalogue, sqlite3_db_filename(handle, "main")); // inode 0: none is open
+}
+
+void VolumeDBManager::keepFiles()
+{
+    if (handle != nullptr && !hasMoved())
+        keepCatalogue(sqlite3_db_filename(handle, "main"));
 }
 
 std::string VolumeDBManager::logPath() const { return std::string(sqlite3_db_filename(handle, "main")) + "-wal"; }
@@ -348,13 +433,23 @@ void VolumeDBManager::leaveWriteAheadLog()
     }
     keepLogFiles = 0;
     sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
-    const int rc = sqlite3_exec(handle, "PRAGMA journal_mode=DELETE", nullptr, nullptr, nullptr);
+    // As in enterWriteAheadLog(), if the log is in the file and on the disk by now: then nothing else needs a sync.
+    int logPages = -1;
+    int copiedPages = 0;
+    const bool isCopied
+        = sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_PASSIVE, &logPages, &copiedPages) == SQLITE_OK
+        && logPages == copiedPages;
+    const int rc = sqlite3_exec(handle,
+        isCopied ? "PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY" : "PRAGMA journal_mode=DELETE", nullptr,
+        nullptr, nullptr);
     keepLogFiles = rc == SQLITE_OK ? 0 : 1;
     sqlite3_file_control(handle, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepLogFiles);
 }
 
 void VolumeDBManager::checkpoint()
 {
+    if (handle == nullptr)
+        return;
     endAbandonedTransaction();
     sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
@@ -407,7 +502,7 @@ bool VolumeDBManager::commitTransaction() { return runTransactionStatement("COMM
 
 bool VolumeDBManager::rollbackTransaction() { return runTransactionStatement("ROLLBACK"); }
 
-bool VolumeDBManager::isInTransaction() const { return sqlite3_get_autocommit(handle) == 0; }
+bool VolumeDBManager::isInTransaction() const { return handle != nullptr && sqlite3_get_autocommit(handle) == 0; }
 
 void VolumeDBManager::abandonTransaction()
 {
@@ -419,10 +514,10 @@ void VolumeDBManager::abandonTransaction()
     }
 }
 
-/// By whichever thread comes first: one that looked before must not end what another has begun since.
+/// False when it could not be rolled back this time either.
 bool VolumeDBManager::endAbandonedTransaction()
 {
-    if (abandoned.exchange(false))
+    if (std::exchange(abandoned, false))
         abandonTransaction();
     return !abandoned;
 }
@@ -664,9 +759,6 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
 {
     if (!folderExists(f))
         return false;
-    // Half a million folders take a while. Without a transaction to undo what is done, the rest would stay live for
-    // ever: nobody looks below a deleted folder again.
-    const Finishing whole(finishing, !isInTransaction());
     updateDeletedFlagForFolders(f.getFolder_id());
     deleteFolderRecord(f.getFolder_id());
     deleteFilesFromFolder(f.getFolder_id());
@@ -676,7 +768,7 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
 void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
 {
     forEachFolderBelow(folderId, [this](int child) {
-        if (mayInterrupt())
+        if (isStopping())
             throw DBOperationException();
         deleteFilesFromFolder(child);
         deleteFolderRecord(child);
@@ -684,10 +776,12 @@ void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
 }
 
 /// Depth first, each child before its own children, with a stack of its own: a tree may be deeper than the stack of a
-/// walk thread. A child's children are listed after `visit` was called for it.
+/// walk thread. A child's children are listed after `visit` was called for it. No folder is visited twice: in a damaged
+/// catalogue one can be its own descendant.
 void VolumeDBManager::forEachFolderBelow(int folderId, const std::function<void(int)>& visit)
 {
     std::stack<std::vector<int>> levels; // the ids that are still to be done, the next one last
+    std::unordered_set<int> seen { folderId };
     const auto descend = [&](int id) {
         const std::vector<int> children = getListOfFolders(id);
         levels.emplace(children.rbegin(), children.rend());
@@ -700,6 +794,8 @@ void VolumeDBManager::forEachFolderBelow(int folderId, const std::function<void(
         }
         const int child = levels.top().back();
         levels.top().pop_back();
+        if (!seen.insert(child).second)
+            continue;
         visit(child);
         descend(child);
     }
@@ -886,14 +982,17 @@ bool VolumeDBManager::moveFolder(DBFolder& src, DBFolder& dst)
     const std::time_t start = std::time(nullptr);
     std::queue<DBFolder> folders; // breadth first, so that parents are there before their children
     folders.push(src);
+    std::unordered_set<int> seen { src.getFolder_id() }; // see forEachFolderBelow()
     while (!folders.empty()) {
-        if (mayInterrupt())
+        if (isStopping())
             throw DBOperationException();
         DBFolder current = folders.front();
         folders.pop();
         moveContent(current, src, dst);
-        for (const DBFolder& child : getFolderListByFolder(current))
-            folders.push(child);
+        for (const DBFolder& child : getFolderListByFolder(current)) {
+            if (seen.insert(child.getFolder_id()).second)
+                folders.push(child);
+        }
     }
     deleteFolder(src);
     syslog(LOG_LOCAL5 | LOG_INFO, "The time taken to move %s to %s is %d\n", src.getPath().c_str(),

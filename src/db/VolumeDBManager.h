@@ -32,8 +32,10 @@ public:
 
     // The catalogue file
 
-    /// Opens the catalogue, or makes it, with the directories above it, when there is none. An existing file is taken
-    /// as it is. True, or throws DBOperationException.
+    /// Opens the catalogue, or makes it, with the directories above it, when there is none; closes the one that was
+    /// open. An existing file is taken as it is, unless it is no regular file with one name or belongs to somebody
+    /// else, or did and holds triggers or views. True, or throws DBOperationException; every other operation does
+    /// before open().
     bool open(const char* path);
     /// Whether there is something at `path`; makes the directories above it when there is not.
     bool checkIfDBExists(const char* path);
@@ -43,9 +45,12 @@ public:
     bool createDBStructure();
     /// From now on busy waits and long statements end with a failure, so that the daemon can stop. Any thread.
     void requestStop();
-    /// Goes (back) to write-ahead logging; the file stays as it is when another program stands in the way, or when the
-    /// volume is all but full.
+    /// Goes (back) to write-ahead logging; does nothing when that is in use. The file stays as it is when another
+    /// program stands in the way, when the volume is all but full, or when the file system cannot map files for
+    /// sharing.
     void useWriteAheadLog();
+    /// Keeps the files its own that the catalogue consists of: somebody may have given them away meanwhile.
+    void keepFiles();
     /// Copies what the write-ahead log holds into the main file, as far as readers allow.
     void checkpoint();
 
@@ -99,7 +104,8 @@ public:
     /// Takes the top path off the stack and looks it up: the id of its live row, or -1. An empty stack stands for the
     /// empty path, which is the root row of a volume without crawl paths.
     int findParentIdForFolderPath(std::stack<std::string>* paths);
-    /// Marks the folder at the path of `f`, everything below it and all their files deleted; false when not live.
+    /// Marks the folder at the path of `f`, everything below it and all their files deleted; false when not live. The
+    /// caller's transaction makes that one piece; a stop may end it half-way with a DBOperationException.
     bool deleteFolder(DBFolder& f);
     /// Marks everything below the folder deleted: for each child its files, itself, then its own children.
     void updateDeletedFlagForFolders(int folderId);
@@ -161,10 +167,15 @@ private:
     void moveContent(DBFolder& from, DBFolder& src, DBFolder& dst);
     bool waitForNeighbour() const;
     bool isStopping() const;
-    bool mayInterrupt() const;
-    int openNew(const std::string& path);
-    void buildAt(const std::string& temporaryPath);
+    int openAdmitted(const std::string& path);
+    int make(const std::string& path);
+    std::string emptyCatalogue();
+    int lookForForeignSql();
+    void closeCatalogue();
     void configure();
+    std::string journalModeAfter(const char* pragma);
+    bool enterWriteAheadLog();
+    bool takeBackWriteAheadLog();
     bool hasRoomForLog() const;
     static bool hasDescriptorsForLog();
     struct FileIdentity {
@@ -182,9 +193,7 @@ private:
     FileIdentity catalogue; ///< the file that is open
     FileIdentity log;       ///< the write-ahead log that is in use
     sqlite3* handle = nullptr;
-    /// A transaction is open that could not be rolled back yet. The removal of old top-level folders asks as well,
-    /// which does not take the volume's lock.
-    std::atomic<bool> abandoned = false;
-    std::atomic<bool> finishing = false;     ///< what is being done would be left half done by a stop
+    bool abandoned = false;                  ///< a transaction is open that could not be rolled back yet
+    bool logIsUnusable = false;              ///< it was tried: files cannot be mapped for sharing here
     std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever works on the catalogue
 };

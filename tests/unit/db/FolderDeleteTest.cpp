@@ -158,11 +158,13 @@ TEST_F(FolderDelete, aStopRequestEndsTheDescentOfATransaction)
     EXPECT_EQ("0\n", query("select is_deleted from Folders where folder_id = 1"));
 }
 
-TEST_F(FolderDelete, aStopInTheMiddleLeavesNothingThatALaterDeletionMisses)
+TEST_F(FolderDelete, aStopInTheMiddleOfATransactionLeavesNothingThatALaterDeletionMisses)
 {
     open();
     probe.atTheStartOf("update folders set is_deleted = 1", [this] { db->requestStop(); });
-    deleteFolder("/v");
+    db->beginTransaction();
+    EXPECT_THROW(deleteFolder("/v"), DBOperationException);
+    db->rollbackTransaction();
     open();
     deleteFolder("/v");
     EXPECT_EQ("6\n", query("select folder_id from Folders where is_deleted = 0"));

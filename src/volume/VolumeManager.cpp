@@ -9,6 +9,7 @@
 #include "db/SimpleDBFile.h"
 #include "db/Transaction.h"
 #include "db/VolumeDBManager.h"
+#include "volume/FairLock.h"
 #include "volume/FolderReader.h"
 #include "watch/VolumeWatcher.h"
 
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -105,6 +107,8 @@ VolumeManager::~VolumeManager() = default;
 
 void VolumeManager::handleChangeFolder(std::string& path)
 {
+    if (!isOfVolume(path))
+        return;
     bool found = false;
     for (const std::string& crawlPath : crawlPathsOf(name)) {
         if (path == volumePath + crawlPath)
@@ -118,10 +122,12 @@ void VolumeManager::handleChangeFolder(std::string& path)
 
 void VolumeManager::handleNewFolder(std::string& dir, const char* entryName)
 {
+    if (!isOfVolume(dir, entryName))
+        return;
     std::string full = dir + "/" + entryName;
     try {
         {
-            const VMLock held(&lock);
+            const FairLock held(door, &lock);
             struct stat64 status;
             if (!findFolder(full, status))
                 return;
@@ -138,13 +144,16 @@ void VolumeManager::handleNewFolder(std::string& dir, const char* entryName)
         }
         walk(full, false); // catalogues and watches what it brought; takes the lock itself
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating/inserting of the folder %s\n", entryName);
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating/inserting of the folder %s\n", entryName);
     }
 }
 
 void VolumeManager::handleNewFile(std::string& dir, const char* entryName)
 {
-    const VMLock held(&lock);
+    if (!isOfVolume(dir, entryName))
+        return;
+    const FairLock held(door, &lock);
     struct stat64 status;
     if (!findFile(dir + "/" + entryName, status))
         return;
@@ -159,17 +168,20 @@ void VolumeManager::handleNewFile(std::string& dir, const char* entryName)
             dbManager->insertFile(file);
         }
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in insert/update of the file %s\n", entryName);
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in insert/update of the file %s\n", entryName);
     }
 }
 
 void VolumeManager::handleMoveFolder(std::string& fromDir, const char* fromName, std::string& toDir, const char* toName)
 {
+    if (!isOfVolume(fromDir, fromName) || !isOfVolume(toDir, toName))
+        return;
     std::string newFull = toDir + "/" + toName;
     const std::string oldPath = relative(fromDir) + "/" + fromName;
     try {
         {
-            const VMLock held(&lock);
+            const FairLock held(door, &lock);
             struct stat64 status;
             if (!findFolder(newFull, status)) {
                 std::printf("%s is not a dir\n", newFull.c_str());
@@ -196,16 +208,19 @@ void VolumeManager::handleMoveFolder(std::string& fromDir, const char* fromName,
         }
         walk(newFull, false); // also tells the watches below the folder their new paths
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving folder %s to %s\n", fromName, toName);
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving folder %s to %s\n", fromName, toName);
     }
 }
 
 void VolumeManager::handleMoveFile(std::string& fromDir, const char* fromName, std::string& toDir, const char* toName)
 {
+    if (!isOfVolume(fromDir, fromName) || !isOfVolume(toDir, toName))
+        return;
     const std::string newFull = toDir + "/" + toName;
     DBFile oldFile = fileAt(fromDir, fromName);
     const std::string oldPath = oldFile.getPath();
-    const VMLock held(&lock);
+    const FairLock held(door, &lock);
     struct stat64 status;
     if (!findFile(newFull, status)) {
         syslog(LOG_LOCAL5 | LOG_ERR, "Error!!! New file %s does not exist on the filesystem\n", toName);
@@ -223,38 +238,49 @@ void VolumeManager::handleMoveFile(std::string& fromDir, const char* fromName, s
         }
     } catch (const std::exception&) {
         // One path of the volume and one of the disk, on purpose: the pair that the line above shows as well.
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving the file %s to %s\n", oldPath.c_str(), newFull.c_str());
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving the file %s to %s\n", oldPath.c_str(), newFull.c_str());
     }
 }
 
 void VolumeManager::handleDeleteFolder(std::string& dir, const char* entryName)
 {
+    if (!isOfVolume(dir, entryName))
+        return;
     const std::string full = dir + "/" + entryName;
-    const VMLock held(&lock);
+    const FairLock held(door, &lock);
     try {
         DBFolder folder;
         folder.setPath(relative(full));
-        dbManager->deleteFolder(folder); // does nothing for a folder that the catalogue does not know
+        Transaction transaction(*dbManager); // a stop or a kill half-way would leave live rows below deleted ones
+        dbManager->deleteFolder(folder);     // does nothing for a folder that the catalogue does not know
+        transaction.commit();
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting folder %s\n", full.c_str());
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting folder %s\n", full.c_str());
     }
 }
 
 void VolumeManager::handleDeleteFile(std::string& dir, const char* entryName)
 {
-    const VMLock held(&lock);
+    if (!isOfVolume(dir, entryName))
+        return;
+    const FairLock held(door, &lock);
     try {
         DBFile file = fileAt(dir, entryName);
         if (dbManager->fileExists(file))
             dbManager->deleteFile(file);
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting file %s\n", entryName);
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting file %s\n", entryName);
     }
 }
 
 void VolumeManager::handleModifyFile(std::string& dir, const char* entryName)
 {
-    const VMLock held(&lock);
+    if (!isOfVolume(dir, entryName))
+        return;
+    const FairLock held(door, &lock);
     struct stat64 status;
     if (!findFile(dir + "/" + entryName, status))
         return;
@@ -267,7 +293,8 @@ void VolumeManager::handleModifyFile(std::string& dir, const char* entryName)
         }
         updateIfChanged(file, status);
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating file %s\n", entryName);
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating file %s\n", entryName);
     }
 }
 
@@ -403,7 +430,7 @@ void VolumeManager::purgeIfRequired(int threshold)
     if (static_cast<int>(2U * static_cast<unsigned>(threshold) + static_cast<unsigned>(last)) > now)
         return;
 
-    const VMLock held(&lock);
+    const FairLock held(door, &lock);
     syslog(LOG_LOCAL5 | LOG_INFO, "Purging the DB at %d\n", now);
     dbManager->purgeDeletedFiles(threshold);
     dbManager->purgeDeletedFolders(threshold);
@@ -415,7 +442,8 @@ void VolumeManager::purgeIfRequired(int threshold)
 
 void VolumeManager::logFailedWalk()
 {
-    syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", name.c_str());
+    if (!isStopping()) // the end of what a stop interrupts is no failure
+        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", name.c_str());
 }
 
 // The walk
@@ -434,6 +462,7 @@ void VolumeManager::walk()
             }
         } else {
             syslog(LOG_LOCAL5 | LOG_INFO, "Crawl paths is empty so starting at %s\n", volumePath.c_str());
+            removeStrayFolders();
             walk(volumePath, true);
         }
     }
@@ -443,21 +472,69 @@ void VolumeManager::walk()
 
 void VolumeManager::removeForeignTopLevelFolders(const std::list<std::string>& crawlPaths)
 {
-    DBFolder top;
-    top.setFolder_id(-1);
-    for (const DBFolder& folder : dbManager->getFolderListByFolder(top)) {
-        if (stopRequested)
+    for (const DBFolder& folder : topLevelFolders()) {
+        if (isStopping())
             return;
         const std::string path = folder.getPath();
         syslog(LOG_LOCAL5 | LOG_INFO, "Checking if the folder %s exists in the path list", path.c_str());
         if (std::find(crawlPaths.begin(), crawlPaths.end(), path) != crawlPaths.end())
             continue;
         syslog(LOG_LOCAL5 | LOG_INFO, "not found %s so removing\n", path.c_str());
-        DBFolder foreign;
-        foreign.setFolder_id(folder.getFolder_id());
-        foreign.setPath(path);
-        dbManager->deleteFolder(foreign);
+        removeTopLevelFolder(folder);
     }
+}
+
+/// Without crawl paths the volume's own row alone hangs on nothing. A burst that looks at a folder before the one above
+/// it is back makes another such row: the walk hangs it on its parent, see checkAndUpdateFolderEntryInTheDB(). But once
+/// the folder is gone no walk comes by it.
+void VolumeManager::removeStrayFolders()
+{
+    try {
+        for (const DBFolder& folder : topLevelFolders()) {
+            if (isStopping())
+                return;
+            if (!folder.getPath().empty() && isGone(folder.getPath()))
+                removeTopLevelFolder(folder);
+        }
+    } catch (const std::exception&) {
+        // Of a catalogue that cannot be read: the walk goes on, and says so for each folder.
+    }
+}
+
+std::list<DBFolder> VolumeManager::topLevelFolders()
+{
+    DBFolder top;
+    top.setFolder_id(-1);
+    const FairLock held(door, &lock);
+    return dbManager->getFolderListByFolder(top);
+}
+
+void VolumeManager::removeTopLevelFolder(const DBFolder& folder)
+{
+    DBFolder removed;
+    removed.setFolder_id(folder.getFolder_id());
+    removed.setPath(folder.getPath());
+    const FairLock held(door, &lock);
+    try {
+        Transaction transaction(*dbManager);
+        dbManager->deleteFolder(removed);
+        transaction.commit();
+    } catch (const std::exception&) {
+        logFailedWalk();
+    }
+}
+
+/// Whether nothing is at a path of the volume any more, or something that is no folder. Not when the volume itself is
+/// missing: it may come back.
+bool VolumeManager::isGone(const std::string& path) const
+{
+    struct stat64 status;
+    if (stat64((volumePath + "/").c_str(), &status) != 0)
+        return false;
+    const std::string full = volumePath + path;
+    if (isBehindLink(full, volumePath))
+        return true;
+    return lstat64(full.c_str(), &status) == 0 ? !S_ISDIR(status.st_mode) : errno == ENOENT || errno == ENOTDIR;
 }
 
 void VolumeManager::walk(std::string& startPath, bool isRootWalk)
@@ -466,8 +543,8 @@ void VolumeManager::walk(std::string& startPath, bool isRootWalk)
     Walk walk { startPath, isRootWalk, isRootWalk ? startPath : configuredPathAbove(startPath) };
     walk.folderQueue.push(startPath);
     {
-        const VMLock held(&lock);
-        dbManager->useWriteAheadLog(); // whatever kept it from that at the last try may be gone
+        const FairLock held(door, &lock);
+        dbManager->keepFiles();
     }
     while (!isStopping() && !walk.folderQueue.empty()) {
         const std::string path = std::move(walk.folderQueue.front());
@@ -477,11 +554,12 @@ void VolumeManager::walk(std::string& startPath, bool isRootWalk)
         if (++walk.foldersProcessed % 1000 == 0)
             syslog(LOG_LOCAL5 | LOG_INFO, "Processed %d folders\n", walk.foldersProcessed);
         // One folder at a time, so that the purge and the handlers get their turn.
-        const VMLock held(&lock);
+        const FairLock held(door, &lock);
+        dbManager->useWriteAheadLog(); // whatever kept it from that at the last try, a reader perhaps, may be gone
         walkFolder(walk, path);
     }
     {
-        const VMLock held(&lock);
+        const FairLock held(door, &lock);
         dbManager->checkpoint(); // from here on the main file alone is complete
     }
     syslog(LOG_LOCAL5 | LOG_INFO, "Finished walk. Walk started at %s\n", startPath.c_str());
@@ -501,8 +579,7 @@ void VolumeManager::walkFolder(Walk& walk, const std::string& path)
         transaction.commit();
         logFolderSummary(path, walk.counters);
     } catch (const std::exception&) {
-        if (!isStopping()) // a stop in the middle of a long deletion is no failure
-            logFailedWalk();
+        logFailedWalk();
         // Everything done for the folder is undone. Its subfolders are walked all the same, unless its own row is gone
         // with the rest: theirs would then hang on -1, and no later walk would put that right.
         if (!isCatalogued(path))
@@ -559,7 +636,8 @@ void VolumeManager::listCatalogue(const std::string& path, DBFolder& folder, Cat
         listed.files = dbManager->getSimpleFileListByFolder(folder);
         listed.folders = dbManager->getFolderListByFolder(folder);
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in getting the file/folder list for %s\n", path.c_str());
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in getting the file/folder list for %s\n", path.c_str());
     }
     if (static_cast<double>(elapsedMillis(start)) + 0.5 > 1500.0)
         syslog(LOG_LOCAL5 | LOG_INFO, "Taking some time for %s as list are file=%d folder=%d\n", path.c_str(),
@@ -679,19 +757,44 @@ bool VolumeManager::checkAndUpdateFolderEntryInTheDB(
         DBFolder folder;
         folder.setPath(relative(path));
         const bool exists = dbManager->folderExists(folder);
-        if (exists && folder.getModified_time() == storedTime(status.st_mtime))
+        const bool isCurrent = exists && folder.getModified_time() == storedTime(status.st_mtime);
+        const bool isStray = exists && isRootWalk && !isRoot && findParentOfStray(path, folder);
+        if (isCurrent && !isStray)
             return true;
-        folder.setCreated_time(storedTime(status.st_ctime));
-        folder.setModified_time(storedTime(status.st_mtime));
-        if (exists)
+        if (!isCurrent) {
+            folder.setCreated_time(storedTime(status.st_ctime));
+            folder.setModified_time(storedTime(status.st_mtime));
+        }
+        if (isStray)
+            dbManager->insertIndividualFolder(folder); // of a row that is there it writes times and parent
+        else if (exists)
             dbManager->updateFolder(folder);
         else
             dbManager->insertFolder(folder, isRoot || path == volumePath); // nothing is above the volume's own row
         return true;
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in checking for the file %s in the DB\n", path.c_str());
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in checking for the file %s in the DB\n", path.c_str());
         return false;
     }
+}
+
+/// Whether the live row, of no start folder, hangs on nothing though the folder above it has a live row, which then
+/// becomes its parent in the record. Nothing else would ever correct or delete such a row.
+bool VolumeManager::findParentOfStray(const std::string& path, DBFolder& folder)
+{
+    if (folder.getParent_id() != -1 || path == volumePath)
+        return false;
+    for (const std::string& crawlPath : crawlPathsOf(name)) {
+        if (path == volumePath + crawlPath)
+            return false;
+    }
+    DBFolder parent;
+    parent.setPath(folder.getPath().substr(0, folder.getPath().rfind('/')));
+    if (!dbManager->folderExists(parent))
+        return false;
+    folder.setParent_id(parent.getFolder_id());
+    return true;
 }
 
 bool VolumeManager::checkAndUpdateFileEntryInTheDB(const std::string& fileName, const std::string& fullPath)
@@ -711,7 +814,8 @@ bool VolumeManager::checkAndUpdateFileEntryInTheDB(const std::string& fileName, 
         }
         return true;
     } catch (const std::exception&) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Error in insert/update of the file %s\n", fileName.c_str());
+        if (!isStopping())
+            syslog(LOG_LOCAL5 | LOG_ERR, "Error in insert/update of the file %s\n", fileName.c_str());
         return false;
     }
 }
@@ -756,6 +860,17 @@ bool VolumeManager::findFolder(const std::string& path, struct stat64& status) c
 bool VolumeManager::findEntry(const std::string& path, struct stat64& status) const
 {
     return !isBehindLink(path, configuredPathAbove(path)) && lstat64(path.c_str(), &status) == 0;
+}
+
+bool VolumeManager::isOfVolume(const std::string& path) const
+{
+    return path == volumePath || path.compare(0, volumePath.length() + 1, volumePath + "/") == 0;
+}
+
+/// Whether a folder of this volume can have an entry of that name.
+bool VolumeManager::isOfVolume(const std::string& dir, const char* entryName) const
+{
+    return isOfVolume(dir) && *entryName != '\0' && std::strchr(entryName, '/') == nullptr && !IsDotOrDotDot(entryName);
 }
 
 std::string VolumeManager::relative(const std::string& path) const

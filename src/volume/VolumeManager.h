@@ -1,6 +1,5 @@
 #pragma once
 
-#include "volume/VMLock.h"
 #include "watch/VolumeWatchListener.h"
 
 #include <pthread.h>
@@ -9,6 +8,7 @@
 #include <atomic>
 #include <cstddef>
 #include <list>
+#include <mutex>
 #include <queue>
 #include <string>
 
@@ -22,6 +22,8 @@ struct stat64;
 
 /// One configured volume: owns its catalogue and state file, walks it on a thread of its own, purges it, and receives
 /// its changes from the watcher.
+///
+/// Changes of what is not on the volume, and entries without a name or named like none, are ignored.
 ///
 /// Life: constructed, initialize(), any number of walkOnce() and purgeIfRequired(), destroy(), deleted. All catalogue
 /// work goes through the volume's lock. Over half a megabyte large: always on the heap.
@@ -64,7 +66,7 @@ public:
     /// Removes rows that have been marked deleted for `threshold` seconds, when that is due; takes the lock. The first
     /// purge is due 2 * threshold after time 0. Throws what catalogue and state file throw, a bare `const char*` too.
     void purgeIfRequired(int threshold);
-    /// Logs that a walk or a purge of this volume ended in an exception.
+    /// Logs that a walk or a purge of this volume ended in an exception; nothing when a stop is what has ended it.
     void logFailedWalk();
 
     // The walk: on the walk thread, or on the watcher thread for one changed folder
@@ -99,6 +101,11 @@ private:
     static void* start_thread_once(void* manager);
     void reapWalkThread();
     void removeForeignTopLevelFolders(const std::list<std::string>& crawlPaths);
+    void removeStrayFolders();
+    std::list<DBFolder> topLevelFolders();
+    void removeTopLevelFolder(const DBFolder& folder);
+    bool isGone(const std::string& path) const;
+    bool findParentOfStray(const std::string& path, DBFolder& folder);
     void walkFolder(Walk& walk, const std::string& path);
     bool isCatalogued(const std::string& path);
     bool isStopping() const;
@@ -119,6 +126,8 @@ private:
     bool findFile(const std::string& path, struct stat64& status) const;
     bool findFolder(const std::string& path, struct stat64& status) const;
     bool findEntry(const std::string& path, struct stat64& status) const;
+    bool isOfVolume(const std::string& path) const;
+    bool isOfVolume(const std::string& dir, const char* entryName) const;
     std::string relative(const std::string& path) const;
 
 #if defined(__SANITIZE_THREAD__)
@@ -145,5 +154,6 @@ private:
     /// before this memory is zeroed, used again or freed.
     alignas(64) unsigned char walkStack[walkStackBytes] = {};
     std::string name; ///< the volume's name in the host configuration and in the watcher's tables
-    sem_t lock = {};  ///< guards the catalogue and the state file; taken through VMLock
+    sem_t lock = {};  ///< guards the catalogue and the state file; taken through FairLock
+    std::mutex door;  ///< held while waiting for the lock
 };

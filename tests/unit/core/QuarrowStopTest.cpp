@@ -137,7 +137,7 @@ TEST_F(QuarrowStop, endsAPurgeOfTheLoopThatSomebodyElseHoldsUp)
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, tooSoon(aMoment, 0)));
         const ForeignWriter writer(catalogue("a"));
         advanceTime(300);
-        wakeUntilLogged({ LOG_INFO, walking });
+        wakeUntilLogged({ LOG_INFO, "Purging the DB at " + std::to_string(aMoment + 300) + "\n" });
         kill(getpid(), SIGTERM);
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, "sqlite3 handle closed\n")) << "although the catalogue is still locked";
     });

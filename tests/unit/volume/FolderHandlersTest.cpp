@@ -302,7 +302,7 @@ TEST_F(FolderHandlers, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
     moveFolder("/Films/Unknown", "/Films/Newer"); // and a live row
     deleteFolder("/Films/Newer");
     deleteFolder("/Films/Newer");
-    EXPECT_EQ("(s)" + walked + "(s)" + walked + "(BsC)" + walked + "(BsC)" + walked + "(s)(s)", trace.text());
+    EXPECT_EQ("(s)" + walked + "(s)" + walked + "(BsC)" + walked + "(BsC)" + walked + "(BsC)(BsC)", trace.text());
 }
 
 TEST_F(FolderHandlers, diskIsLookedAtUnderTheLock)

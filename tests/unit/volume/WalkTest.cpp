@@ -1,6 +1,4 @@
-#include "VolumeTest.h"
-
-#include "SystemHooks.h"
+#include "volume/HandlerTest.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -61,7 +59,7 @@ TEST_F(Walk, withoutCrawlPathsNoTopLevelFolderIsRemoved)
     walk("/Music");
     EXPECT_EQ("[/Music] root\n", folders());
     walkOnThread();
-    EXPECT_EQ("[] root\n[/Music] root\n", folders());
+    EXPECT_EQ("[] root\n[/Music] in []\n", folders());
 }
 
 TEST_F(Walk, crawlPathsAreWalkedInTheirOrderAsRoots)
@@ -141,18 +139,16 @@ TEST_F(Walk, removalOfTopLevelFoldersOpensNoTransaction)
     EXPECT_EQ(1, timesLogged(LOG_ERR, "Got an exception during the walking of volumeManager " + name + "\n"));
 }
 
-TEST_F(Walk, removalOfTopLevelFoldersTakesNoLock)
+TEST_F(Walk, removalOfTopLevelFoldersTakesTheLockAndATransactionForEach)
 {
     volume.makeFolder("a");
+    volume.makeFolder("b");
     walk("/a");
-    configure({ "/b" });
-    std::vector<int> removedBefore; // each time that the lock is taken
-    const OnSemWait onWait(
-        [&removedBefore](sem_t*) { return removedBefore.push_back(timesLoggedFrom("not found /a")), false; });
+    walk("/b");
+    configure({ "/c" });
+    LockTrace trace(*manager);
     walkOnThread();
-    destroy();
-    ASSERT_FALSE(removedBefore.empty());
-    EXPECT_EQ(1, removedBefore.front());
+    EXPECT_EQ("(s)(BsC)(BsC)", trace.text().substr(0, 13));
 }
 
 TEST_F(Walk, startFolderIsARootOnlyWhenAskedFor)

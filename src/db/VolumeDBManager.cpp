@@ -307,9 +307,12 @@ void VolumeDBManager::useWriteAheadLog()
     bool inUse
         = mode == "wal" || (mode == "delete" && hasRoomForLog() && hasDescriptorsForLog() && enterWriteAheadLog());
     // This one, for whatever value, makes the log and its index.
-    if (inUse && sqlite3_exec(handle, "PRAGMA schema_version", nullptr, nullptr, nullptr) != SQLITE_OK
-        && sqlite3_extended_errcode(handle) == SQLITE_IOERR_SHMMAP)
-        inUse = !takeBackWriteAheadLog();
+    if (inUse)
+        sqlite3_exec(handle, "PRAGMA schema_version", nullptr, nullptr, nullptr);
+    if (sqlite3_extended_errcode(handle) == SQLITE_IOERR_SHMMAP) {
+        takeBackWriteAheadLog();
+        inUse = false;
+    }
     // Without a log a power cut is survived by full syncs.
     sqlite3_exec(handle, inUse ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
     if (inUse)
@@ -343,15 +346,21 @@ bool VolumeDBManager::enterWriteAheadLog()
 }
 
 /// Where files cannot be mapped for sharing (some network and user-space file systems), nobody could read the
-/// catalogue. Alone with it SQLite needs no mapping; a file that another program uses stays as it is until the next
-/// try.
-bool VolumeDBManager::takeBackWriteAheadLog()
+/// catalogue. A connection that has it for itself from its beginning needs no mapping. While another program uses the
+/// catalogue it stays as it is until the next try.
+void VolumeDBManager::takeBackWriteAheadLog()
 {
+    const std::string path = sqlite3_db_filename(handle, "main");
+    sqlite3_close(std::exchange(handle, nullptr));
+    if (sqlite3_open(path.c_str(), &handle) != SQLITE_OK)
+        return; // without memory; operations fail as before open()
     sqlite3_exec(handle, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr);
     logIsUnusable = journalModeAfter("PRAGMA journal_mode=DELETE") == "delete";
+    if (logIsUnusable)
+        unlink((path + "-shm").c_str());
     // The look ends the exclusive lock.
     sqlite3_exec(handle, "PRAGMA locking_mode=NORMAL; PRAGMA schema_version", nullptr, nullptr, nullptr);
-    return logIsUnusable;
+    configure();
 }
 
 /// A file that has been switched to a log which then finds no room for its index cannot even be read.

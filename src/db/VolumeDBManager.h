@@ -175,7 +175,7 @@ private:
     void configure();
     std::string journalModeAfter(const char* pragma);
     bool enterWriteAheadLog();
-    bool takeBackWriteAheadLog();
+    void takeBackWriteAheadLog();
     bool hasRoomForLog() const;
     static bool hasDescriptorsForLog();
     struct FileIdentity {

@@ -71,19 +71,18 @@ class Mounts:
     def resize_tmpfs(self, path, size=None, inodes=None):
         mount("tmpfs", path, "tmpfs", MS_REMOUNT, tmpfs_options(size, inodes))
 
-    def image(self, name, size, *options):
+    def image(self, name, size, *options, kind="ext4"):
         """A file with a new file system of a disk's kind in it."""
         path = self.arena.path(name)
         with open(path, "wb") as file:
             file.truncate(size)
-        subprocess.run(["mkfs.ext4", "-q", "-F", "-m", "0", *options, path], check=True, capture_output=True)
+        make_file_system(kind, path, *options)
         return path
 
-    def disk(self, image, path, options=""):
+    def disk(self, image, path, options="", kind="ext4"):
         """Mounts an image. The kernel gives its loop device back once nobody has the file system any more."""
         os.makedirs(path, exist_ok=True)
-        subprocess.run(["mount", "-n", "-t", "ext4", "-o", ",".join(filter(None, ["loop", options])), image, path], check=True,
-                       capture_output=True)
+        mount_image(kind, image, path, options)
         self.arena.mount_points.append(path)
 
     def remount(self, path, read_only):
@@ -115,17 +114,31 @@ def tmpfs_options(size, inodes):
     return f"mode=755,size={32 << 20 if size is None else size},nr_inodes={1 << 20 if inodes is None else inodes}"
 
 
+MAKE_FILE_SYSTEM = {"ext4": ["mkfs.ext4", "-q", "-F", "-m", "0"], "xfs": ["mkfs.xfs", "-q", "-f"], "btrfs": ["mkfs.btrfs", "-q", "-f"]}
+#: The least that the tools make each of, in bytes.
+SMALLEST = {"ext4": 1 << 20, "xfs": 300 << 20, "btrfs": 128 << 20}
+
+
+def make_file_system(kind, path, *options):
+    subprocess.run([*MAKE_FILE_SYSTEM[kind], *options, path], check=True, capture_output=True)
+
+
+def mount_image(kind, image, path, options=""):
+    subprocess.run(["mount", "-n", "-t", kind, "-o", ",".join(filter(None, ["loop", options])), image, path], check=True,
+                   capture_output=True)
+
+
 @functools.lru_cache(maxsize=None)
-def loop_devices_work():
-    """Whether an image can be made and mounted on this machine, which takes loop devices and ext4 with its tools."""
+def disks_work(kind="ext4"):
+    """Whether an image can be made and mounted on this machine, which takes loop devices and the file system with its tools."""
     enter_private_namespace()
     with tempfile.TemporaryDirectory(prefix="quarrow-") as folder:
         image = os.path.join(folder, "image")
         with open(image, "wb") as file:
-            file.truncate(1 << 20)
+            file.truncate(SMALLEST[kind])
         try:
-            subprocess.run(["mkfs.ext4", "-q", "-F", image], check=True, capture_output=True)
-            subprocess.run(["mount", "-n", "-t", "ext4", "-o", "loop", image, folder], check=True, capture_output=True)
+            make_file_system(kind, image)
+            mount_image(kind, image, folder)
         except (OSError, subprocess.CalledProcessError):
             return False
         unmount(folder)
@@ -135,15 +148,14 @@ def loop_devices_work():
 def fill(path, leave=0):
     """Makes a file, or more of it, so that about that many bytes of its file system stay free, or not a single one."""
     with open(path, "ab", buffering=0) as file:
-        if leave:
-            status = os.fstatvfs(file.fileno())
-            file.write(bytes(max(0, status.f_bavail * status.f_frsize - leave)))
-        else:
-            for piece in (1 << 20, 4096, 1):
-                with contextlib.suppress(OSError):
-                    while True:
-                        file.write(bytes(piece))
-                        os.fsync(file.fileno())  # a disk's file system finds out late
+        for piece in (1 << 20, 4096, 1):
+            with contextlib.suppress(OSError):
+                while True:
+                    file.write(bytes(piece))
+                    os.fsync(file.fileno())  # a disk's file system finds out late
+        # Not by what is said to be free: some file systems find more when they are asked for it.
+        file.truncate(max(0, os.fstat(file.fileno()).st_size - leave))
+        os.fsync(file.fileno())
 
 
 @pytest.fixture
@@ -161,6 +173,6 @@ def mounts(arena):
 
 @pytest.fixture
 def disks(mounts):
-    if not loop_devices_work():
+    if not disks_work():
         pytest.skip("no image can be mounted on this machine")
     return mounts

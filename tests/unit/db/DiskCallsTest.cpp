@@ -22,7 +22,7 @@ enum class Refused { nothing, looking, syncing, renaming };
 
 Refused refused;
 std::string refusedPath;
-std::vector<std::string> calls; ///< syncs and renames, in order; names without their folders
+std::vector<std::string> calls; ///< syncs, removals and renames, in order; names without their folders
 bool emptyNameMade;
 
 std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
@@ -63,6 +63,15 @@ extern "C" int fsync(int descriptor)
     return refuses(Refused::syncing) ? -1 : static_cast<int>(syscall(SYS_fsync, descriptor));
 }
 
+/// Which SQLite takes where it is to be had.
+extern "C" int fdatasync(int descriptor) { return fsync(descriptor); }
+
+extern "C" int unlink(const char* path) noexcept
+{
+    calls.push_back("unlink " + nameOf(path));
+    return static_cast<int>(syscall(SYS_unlink, path));
+}
+
 extern "C" int rename(const char* from, const char* to) noexcept
 {
     calls.push_back("rename " + nameOf(from) + " " + nameOf(to));
@@ -85,8 +94,25 @@ extern "C" int mkdir(const char* path, mode_t mode) noexcept
 TEST_F(CatalogueOnDisk, aNewOneIsSyncedRenamedAndItsFolderSynced)
 {
     open();
+    calls.erase(
+        std::remove_if(calls.begin(), calls.end(), [](const auto& call) { return call[0] == 'u'; }), calls.end());
     calls.resize(std::min<std::size_t>(calls.size(), 3));
     EXPECT_EQ((std::vector<std::string> { "sync quarrow.db.tmp", "rename quarrow.db.tmp quarrow.db", "sync .quarrow" }),
+        calls);
+}
+
+TEST_F(CatalogueOnDisk, nothingIsWaitedForBetweenTheSwitchOfTheFileAndItsLog)
+{
+    open();
+    close();
+    calls.clear();
+    open();
+    EXPECT_EQ(std::vector<std::string>(), calls);
+    insertFolderRow("/Music", -1);
+    calls.clear();
+    close();
+    EXPECT_EQ((std::vector<std::string> { "sync quarrow.db-wal", "sync .quarrow", "sync quarrow.db",
+                  "unlink quarrow.db-shm", "unlink quarrow.db-wal" }),
         calls);
 }
 

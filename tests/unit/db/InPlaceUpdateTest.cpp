@@ -280,6 +280,15 @@ TEST_F(InPlaceUpdate, deletedFoldersAndWhatIsBelowThemAreLeft)
     EXPECT_EQ(before, dump());
 }
 
+TEST_F(InPlaceUpdate, aFolderThatIsItsOwnDescendantIsRewrittenOnce)
+{
+    change("update Folders set parent_id = 3 where folder_id = 2");
+    probe.clear();
+    db->updatePathAndNameForFolders(2, 1, "x");
+    EXPECT_EQ(
+        "3 /v/x/b\n4 /v/x/b/c\n", query("select folder_id, path from Folders where path like '/v/x%' order by 1"));
+}
+
 TEST_F(InPlaceUpdate, aFailureLeavesWhatWasDoneBefore)
 {
     refuse("update on Files when new.name = '3.mp3'");

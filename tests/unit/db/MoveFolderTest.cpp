@@ -225,6 +225,16 @@ TEST_F(MoveFolder, intoItselfChangesNothing)
     EXPECT_EQ("/v/ax\n", query("select path from Folders where path = '/v/ax' and is_deleted = 0"));
 }
 
+TEST_F(MoveFolder, ofAFolderThatIsItsOwnDescendantEnds)
+{
+    change("update Folders set parent_id = 3 where folder_id = 2");
+    const std::string printed = move("/v/a", "/v/x");
+    EXPECT_EQ("true", printed.substr(printed.length() - 4));
+    EXPECT_EQ("", query("select path from Folders where (path = '/v/a' or path like '/v/a/%') and is_deleted = 0"));
+    EXPECT_EQ(
+        "/v/x\n/v/x/s\n/v/x/s/t\n/v/x/u\n", query("select path from Folders where path like '/v/x%' order by path"));
+}
+
 TEST_F(MoveFolder, ofATransactionEndsWithAStopRequest)
 {
     db->beginTransaction();

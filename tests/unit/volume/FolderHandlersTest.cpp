@@ -1,5 +1,7 @@
 #include "volume/HandlerTest.h"
 
+#include <filesystem>
+
 namespace {
 
 // New folders
@@ -303,6 +305,38 @@ TEST_F(FolderHandlers, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
     deleteFolder("/Films/Newer");
     deleteFolder("/Films/Newer");
     EXPECT_EQ("(s)" + walked + "(s)" + walked + "(BsC)" + walked + "(BsC)" + walked + "(BsC)(BsC)", trace.text());
+}
+
+TEST_F(FolderHandlers, whatIsNotOfTheVolumeIsIgnored)
+{
+    const std::string beside = volume.makeFolder("Music").substr(0, root.length()) + "-beside";
+    std::filesystem::create_directories(beside + "/Rock");
+    std::string inside = root + "/Music";
+    const LockTrace trace(*manager);
+    const auto tellEveryHandler = [&](std::string dir, const char* entry) {
+        manager->handleNewFolder(dir, entry);
+        manager->handleNewFile(dir, entry);
+        manager->handleModifyFile(dir, entry);
+        manager->handleDeleteFolder(dir, entry);
+        manager->handleDeleteFile(dir, entry);
+        manager->handleMoveFolder(dir, entry, inside, "Rock");
+        manager->handleMoveFolder(inside, "Rock", dir, entry);
+        manager->handleMoveFile(dir, entry, inside, "a.mp3");
+        manager->handleMoveFile(inside, "a.mp3", dir, entry);
+    };
+    clearLog();
+    for (const std::string& dir : { std::string(), std::string("/"), std::string("/x"), beside, root.substr(0, 4),
+             root.substr(0, root.rfind('/')) }) {
+        tellEveryHandler(dir, "Rock");
+        std::string changed = dir;
+        manager->handleChangeFolder(changed);
+    }
+    for (const char* entry : { "", ".", "..", "Rock/Live" })
+        tellEveryHandler(inside, entry);
+    EXPECT_EQ("", trace.text());
+    EXPECT_EQ(nothing, loggedLines());
+    EXPECT_EQ(before, rows());
+    std::filesystem::remove_all(beside);
 }
 
 TEST_F(FolderHandlers, diskIsLookedAtUnderTheLock)

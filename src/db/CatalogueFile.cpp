@@ -109,12 +109,15 @@ bool addFlag(int descriptor, int flag)
 void markLeftIndex(const std::string& path)
 {
     const OpenFile index(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
+    struct stat64 status;
+    if (index.number < 0 || fstat64(index.number, &status) != 0 || !S_ISREG(status.st_mode) || !isFitToOpen(status))
+        return;
     struct flock inUse = {};
     inUse.l_type = F_WRLCK;
     inUse.l_start = indexInUseByte;
     inUse.l_len = 1;
     int flags = 0;
-    if (index.number >= 0 && ioctl(index.number, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_NOCOW_FL) == 0
+    if (ioctl(index.number, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_NOCOW_FL) == 0
         && fcntl(index.number, F_SETLK, &inUse) == 0 && ftruncate(index.number, 0) == 0)
         addFlag(index.number, FS_NOCOW_FL);
 }
@@ -124,7 +127,7 @@ bool isLockedByAnother(int descriptor) { return flock(descriptor, LOCK_EX | LOCK
 /// The temporary file, locked and empty; -1 when another daemon is at work in it, or when none can be made.
 int openTemporary(const std::string& path)
 {
-    const OpenFile left(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    const OpenFile left(CatalogueName(path).isFit() ? path : "", O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     if (left.number >= 0 && isLockedByAnother(left.number))
         return -1;
     unlink(path.c_str()); // left by a start that was cut short, or planted
@@ -200,17 +203,18 @@ void keepCatalogue(const std::string& path)
     }
 }
 
-void avoidCopyOnWrite(const std::string& path)
+bool avoidCopyOnWrite(const std::string& path)
 {
     const std::string real = withoutLinks(path);
-    {
-        const OpenFile folder(folderOf(real), O_RDONLY | O_DIRECTORY);
-        if (folder.number < 0 || !addFlag(folder.number, FS_NOCOW_FL))
-            return;
-    }
-    const std::string index = real + "-shm";
+    const OpenFile folder(folderOf(real), O_RDONLY | O_DIRECTORY);
+    return folder.number >= 0 && addFlag(folder.number, FS_NOCOW_FL);
+}
+
+void avoidCopyOnWriteOfIndex(const std::string& path)
+{
+    const std::string index = withoutLinks(path) + "-shm";
     struct stat64 status;
-    if (lstat64(index.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+    if (lstat64(index.c_str(), &status) != 0)
         return;
     // With a table of descriptors of its own: to close the file would else take away the locks that this process has on
     // it by another connection, and its lock would not be told from ours.

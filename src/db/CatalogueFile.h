@@ -31,7 +31,11 @@ bool isFitToOpen(const struct stat64& status);
 
 /// Keeps what is in the catalogue's folder, as far as the file system knows of such a thing, from being copied on each
 /// write: on a full volume there would be no room for the copy of a page of the mapped index, which ends the process.
-void avoidCopyOnWrite(const std::string& path);
+/// What is in the folder already stays as it is. False when the file system knows of no such thing.
+bool avoidCopyOnWrite(const std::string& path);
+
+/// The same for an index that a kill has left, when nobody uses it. The catalogue must have been admitted.
+void avoidCopyOnWriteOfIndex(const std::string& path);
 
 /// Puts a file with that content at `path`, where there is none yet: complete or not at all, also when two daemons are
 /// at it. Nothing else is left behind. An SQLite status: SQLITE_OK also when somebody else was faster, SQLITE_FULL

@@ -13,8 +13,13 @@
 /// volume may have exchanged a file since, or does so while the catalogue is in use. A pipe is not waited for.
 static int openRegularFile(const char* path, int flags, int mode)
 {
-    const int descriptor = open(path, flags | O_NONBLOCK, static_cast<mode_t>(mode));
     struct stat64 status;
+    // Before as well: to open and close another catalogue under a second name would take away the locks on it.
+    if (lstat64(path, &status) == 0 && !isFitToOpen(status)) {
+        errno = EACCES;
+        return -1;
+    }
+    const int descriptor = open(path, flags | O_NONBLOCK, static_cast<mode_t>(mode));
     if (descriptor < 0 || (fstat64(descriptor, &status) == 0 && isFitToOpen(status)))
         return descriptor;
     close(descriptor);

@@ -157,13 +157,15 @@ int VolumeDBManager::openAdmitted(const std::string& path)
     if (!isFilePath(path) || isForeignLink(path) || isForeignLink(folderOf(path)))
         return SQLITE_CANTOPEN;
     const bool existed = checkIfDBExists(path.c_str());
-    avoidCopyOnWrite(path);
+    const bool isMarked = avoidCopyOnWrite(path);
     int rc = existed ? SQLITE_OK : make(path);
     if (rc != SQLITE_OK)
         return rc;
     const Admission admission = admitCatalogue(path);
     if (admission == Admission::refused)
         return SQLITE_CANTOPEN;
+    if (isMarked)
+        avoidCopyOnWriteOfIndex(path);
     rc = sqlite3_open(path.c_str(), &handle);
     if (rc != SQLITE_OK)
         return rc;

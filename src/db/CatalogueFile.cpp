@@ -12,8 +12,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 
 namespace {
@@ -21,7 +23,8 @@ namespace {
 constexpr mode_t readableByAll = 0644;
 constexpr mode_t permissionBits = 07777;
 constexpr mode_t writableByOthers = 0022;
-/// On a regular file this bit does nothing. It marks a catalogue that is root's already and not yet looked into.
+/// On a regular file this bit does nothing. It marks what is root's already and not yet looked into: also a log, which
+/// could be put beside another catalogue.
 constexpr mode_t notLookedInto = S_ISVTX;
 /// Whoever has the shared index open holds a lock on this byte of it: SQLite's "deadman switch".
 constexpr off_t indexInUseByte = 128;
@@ -61,6 +64,27 @@ std::string withoutLinks(const std::string& path)
 
 bool isTrusted(uid_t owner) { return owner == 0 || owner == geteuid(); }
 
+bool isFit(const struct stat64& status)
+{
+    if (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))
+        return false;
+    return !S_ISREG(status.st_mode) || (status.st_nlink <= 1 && isTrusted(status.st_uid));
+}
+
+/// Whether the name under which the file was opened is there. One that was taken away is not counted in the file's
+/// links any more, so that another user's file would pass for one with a single name. For ever: a name that comes back
+/// is another.
+bool hasItsName(int descriptor)
+{
+    constexpr char gone[] = " (deleted)";
+    constexpr std::size_t length = sizeof gone - 1;
+    char self[32];
+    char target[PATH_MAX + sizeof gone];
+    std::snprintf(self, sizeof self, "/proc/self/fd/%d", descriptor);
+    const ssize_t n = readlink(self, target, sizeof target);
+    return n < static_cast<ssize_t>(length) || std::memcmp(target + n - length, gone, length) != 0;
+}
+
 /// One of the files of a catalogue. Only looks, with O_PATH: to open and close a file would take away the locks that
 /// the process has on it.
 class CatalogueName {
@@ -70,6 +94,8 @@ public:
         , absent(file.number < 0 && errno == ENOENT)
     {
         if (file.number < 0 || fstat64(file.number, &status) != 0)
+            status = {};
+        if (S_ISREG(status.st_mode) && !hasItsName(file.number))
             status = {};
     }
 
@@ -109,8 +135,7 @@ bool addFlag(int descriptor, int flag)
 void markLeftIndex(const std::string& path)
 {
     const OpenFile index(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
-    struct stat64 status;
-    if (index.number < 0 || fstat64(index.number, &status) != 0 || !S_ISREG(status.st_mode) || !isFitToOpen(status))
+    if (index.number < 0 || !isFitToOpen(index.number))
         return;
     struct flock inUse = {};
     inUse.l_type = F_WRLCK;
@@ -151,11 +176,16 @@ int statusOf(int error) { return error == ENOSPC || error == EDQUOT || error == 
 
 } // namespace
 
-bool isFitToOpen(const struct stat64& status)
+bool isFitToOpen(const char* path)
 {
-    if (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))
-        return false;
-    return !S_ISREG(status.st_mode) || (status.st_nlink <= 1 && isTrusted(status.st_uid));
+    struct stat64 status;
+    return lstat64(path, &status) != 0 || isFit(status);
+}
+
+bool isFitToOpen(int descriptor)
+{
+    struct stat64 status;
+    return fstat64(descriptor, &status) == 0 && isFit(status) && (!S_ISREG(status.st_mode) || hasItsName(descriptor));
 }
 
 Admission admitCatalogue(const std::string& path)
@@ -166,30 +196,35 @@ Admission admitCatalogue(const std::string& path)
         = { CatalogueName(real + "-wal"), CatalogueName(real + "-shm"), CatalogueName(real + "-journal") };
     const CatalogueName& index = sides[1];
     bool foreign = main.isForeign();
+    bool marked = main.isMarked();
     bool fit = main.isFit();
     for (const CatalogueName& side : sides) {
         foreign = foreign || side.isForeign();
+        marked = marked || side.isMarked();
         fit = fit && side.isFit();
     }
     if (!fit || (foreign && geteuid() != 0))
         return Admission::refused;
     if (!foreign)
-        return main.isMarked() ? Admission::untrusted : Admission::trusted;
+        return marked ? Admission::untrusted : Admission::trusted;
 
     // The former owner may still have the index open, and could cut it off under the daemon, which maps it.
     if (index.isForeign())
         unlink((real + "-shm").c_str());
     bool taken = main.giveToRoot(notLookedInto);
     for (const CatalogueName& side : sides)
-        taken = taken && (!side.isForeign() || side.giveToRoot());
+        taken = taken && (!side.isForeign() || side.giveToRoot(notLookedInto));
     return taken ? Admission::untrusted : Admission::refused;
 }
 
 void trustCatalogue(const std::string& path)
 {
-    const CatalogueName main(withoutLinks(path));
-    if (main.isMarked())
-        main.giveToRoot();
+    const std::string real = withoutLinks(path);
+    for (const char* suffix : { "", "-wal", "-shm", "-journal" }) {
+        const CatalogueName name(real + suffix);
+        if (name.isMarked())
+            name.giveToRoot();
+    }
 }
 
 void keepCatalogue(const std::string& path)

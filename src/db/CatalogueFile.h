@@ -2,8 +2,6 @@
 
 #include <string>
 
-struct stat64;
-
 /// What lies on the disk under the names of a catalogue: the main file and the side files that SQLite opens beside it.
 /// `.quarrow` may belong to a user of the volume, who can put anything there.
 
@@ -25,9 +23,11 @@ void trustCatalogue(const std::string& path);
 /// gives them away.
 void keepCatalogue(const std::string& path);
 
-/// Whether SQLite may work on the file that it has just opened: see Admission::refused. Folders and devices are no
-/// files.
-bool isFitToOpen(const struct stat64& status);
+/// Whether SQLite may open what is at the path, or work on what it has just opened: see Admission::refused. Folders and
+/// devices are no files.
+/// Neither allocates: SQLite calls them, and no exception may pass through it.
+bool isFitToOpen(const char* path);
+bool isFitToOpen(int descriptor);
 
 /// Keeps what is in the catalogue's folder, as far as the file system knows of such a thing, from being copied on each
 /// write: on a full volume there would be no room for the copy of a page of the mapped index, which ends the process.

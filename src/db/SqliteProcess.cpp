@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,16 +12,13 @@
 /// volume may have exchanged a file since, or does so while the catalogue is in use. A pipe is not waited for.
 static int openRegularFile(const char* path, int flags, int mode)
 {
-    struct stat64 status;
     // Before as well: to open and close another catalogue under a second name would take away the locks on it.
-    if (lstat64(path, &status) == 0 && !isFitToOpen(status)) {
-        errno = EACCES;
-        return -1;
-    }
-    const int descriptor = open(path, flags | O_NONBLOCK, static_cast<mode_t>(mode));
-    if (descriptor < 0 || (fstat64(descriptor, &status) == 0 && isFitToOpen(status)))
+    const bool isFit = isFitToOpen(path);
+    const int descriptor = isFit ? open(path, flags | O_NONBLOCK, static_cast<mode_t>(mode)) : -1;
+    if (isFit && (descriptor < 0 || isFitToOpen(descriptor)))
         return descriptor;
-    close(descriptor);
+    if (descriptor >= 0)
+        close(descriptor);
     errno = EACCES;
     return -1;
 }

@@ -57,7 +57,7 @@ std::string folderOf(const std::string& path)
 std::string withoutLinks(const std::string& path)
 {
     char* real = realpath(path.c_str(), nullptr);
-    const std::string result = real != nullptr ? real : path;
+    std::string result = real != nullptr ? real : path;
     std::free(real);
     return result;
 }

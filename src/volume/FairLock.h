@@ -4,11 +4,12 @@
 
 #include <mutex>
 
-/// Holds a volume's semaphore for a scope, as VMLock does, and gets it in the order of asking. A semaphore alone does
-/// not see to that: a walk that gives it up between two folders has it again before a waiting thread has woken up.
+/// Holds a volume's semaphore for a scope, as VMLock does. No thread gets it back while another waits inside the door.
+/// A semaphore alone does not see to that: a walk that gives it up between two folders has it again before a waiting
+/// thread has woken up.
 ///
-/// The thread whose turn is next waits for the semaphore inside the door, all others wait outside. So every thread that
-/// takes the semaphore has to go through the door.
+/// The thread whose turn is next waits for the semaphore inside the door, all others wait outside, in no certain order.
+/// So every thread that takes the semaphore has to go through the door.
 class FairLock {
 public:
     FairLock(std::mutex& door, sem_t* sem);

@@ -252,9 +252,7 @@ void VolumeManager::handleDeleteFolder(std::string& dir, const char* entryName)
     try {
         DBFolder folder;
         folder.setPath(relative(full));
-        Transaction transaction(*dbManager); // a stop or a kill half-way would leave live rows below deleted ones
-        dbManager->deleteFolder(folder);     // does nothing for a folder that the catalogue does not know
-        transaction.commit();
+        deleteWhole(folder); // does nothing for a folder that the catalogue does not know
     } catch (const std::exception&) {
         if (!isStopping())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting folder %s\n", full.c_str());
@@ -462,8 +460,8 @@ void VolumeManager::walk()
             }
         } else {
             syslog(LOG_LOCAL5 | LOG_INFO, "Crawl paths is empty so starting at %s\n", volumePath.c_str());
-            removeStrayFolders();
             walk(volumePath, true);
+            removeStrayFolders();
         }
     }
     walking = false;
@@ -485,20 +483,23 @@ void VolumeManager::removeForeignTopLevelFolders(const std::list<std::string>& c
 }
 
 /// Without crawl paths the volume's own row alone hangs on nothing. A burst that looks at a folder before the one above
-/// it is back makes another such row: the walk hangs it on its parent, see checkAndUpdateFolderEntryInTheDB(). But once
-/// the folder is gone no walk comes by it.
+/// it is back makes another such row. The walk has hung those on their parents that it came by, see
+/// checkAndUpdateFolderEntryInTheDB(); but of a folder that is gone only this takes notice.
 void VolumeManager::removeStrayFolders()
 {
-    try {
-        for (const DBFolder& folder : topLevelFolders()) {
-            if (isStopping())
-                return;
-            if (!folder.getPath().empty() && isGone(folder.getPath()))
-                removeTopLevelFolder(folder);
-        }
-    } catch (const std::exception&) {
-        // Of a catalogue that cannot be read: the walk goes on, and says so for each folder.
+    bool removed = false;
+    for (const DBFolder& folder : topLevelFolders()) {
+        if (isStopping())
+            return;
+        if (folder.getPath().empty() || !isGone(folder.getPath()))
+            continue;
+        removeTopLevelFolder(folder);
+        removed = true;
     }
+    if (!removed)
+        return;
+    const FairLock held(door, &lock);
+    dbManager->checkpoint();
 }
 
 std::list<DBFolder> VolumeManager::topLevelFolders()
@@ -516,12 +517,18 @@ void VolumeManager::removeTopLevelFolder(const DBFolder& folder)
     removed.setPath(folder.getPath());
     const FairLock held(door, &lock);
     try {
-        Transaction transaction(*dbManager);
-        dbManager->deleteFolder(removed);
-        transaction.commit();
+        deleteWhole(removed);
     } catch (const std::exception&) {
         logFailedWalk();
     }
+}
+
+/// In one transaction: a stop or a kill half-way would leave live rows below deleted ones for ever.
+void VolumeManager::deleteWhole(DBFolder& folder)
+{
+    Transaction transaction(*dbManager);
+    dbManager->deleteFolder(folder);
+    transaction.commit();
 }
 
 /// Whether nothing is at a path of the volume any more, or something that is no folder. Not when the volume itself is
@@ -864,7 +871,8 @@ bool VolumeManager::findEntry(const std::string& path, struct stat64& status) co
 
 bool VolumeManager::isOfVolume(const std::string& path) const
 {
-    return path == volumePath || path.compare(0, volumePath.length() + 1, volumePath + "/") == 0;
+    const bool leadsUp = (path + "/").find("/../") != std::string::npos;
+    return !leadsUp && (path == volumePath || path.compare(0, volumePath.length() + 1, volumePath + "/") == 0);
 }
 
 /// Whether a folder of this volume can have an entry of that name.

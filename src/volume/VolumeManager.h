@@ -66,13 +66,13 @@ public:
     /// Removes rows that have been marked deleted for `threshold` seconds, when that is due; takes the lock. The first
     /// purge is due 2 * threshold after time 0. Throws what catalogue and state file throw, a bare `const char*` too.
     void purgeIfRequired(int threshold);
-    /// Logs that a walk or a purge of this volume ended in an exception; nothing when a stop is what has ended it.
+    /// Logs that a walk or a purge of this volume ended in an exception; nothing while the daemon stops.
     void logFailedWalk();
 
     // The walk: on the walk thread, or on the watcher thread for one changed folder
 
     /// The body of the walk thread: removes top-level folders that are no crawl paths any more, walks every crawl
-    /// path, ends the thread.
+    /// path, ends the thread. Without crawl paths also marks deleted what hangs on nothing and is gone.
     void walk();
     /// Brings the catalogue in line with the tree at `startPath` (absolute) and watches every folder in it, breadth
     /// first. `isRootWalk`: a row made for `startPath` itself becomes a root. The caller does not hold the lock.
@@ -104,6 +104,7 @@ private:
     void removeStrayFolders();
     std::list<DBFolder> topLevelFolders();
     void removeTopLevelFolder(const DBFolder& folder);
+    void deleteWhole(DBFolder& folder);
     bool isGone(const std::string& path) const;
     bool findParentOfStray(const std::string& path, DBFolder& folder);
     void walkFolder(Walk& walk, const std::string& path);

@@ -112,9 +112,9 @@ int VolumeWatcher::addDirectoryToWatch(std::string& volumeName, std::string& pat
 int VolumeWatcher::removeDirectoryToWatch(std::string& path)
 {
     const std::lock_guard<std::mutex> held(registryMutex);
-    const int found = firstWatchOf(path);
-    const int descriptor = found != noWatch ? found : 0;
-    if (found != noWatch)
+    const int found = watchesByPath.first(path);
+    const int descriptor = found != PathIndex::none ? found : 0;
+    if (found != PathIndex::none)
         inotify_rm_watch(inotifyFd, descriptor);
     forget(descriptor);
     return descriptor;
@@ -126,19 +126,12 @@ int VolumeWatcher::numWatches()
     return static_cast<int>(watchPaths.size());
 }
 
-/// The lowest descriptor whose folder has the path; noWatch when there is none. An event of an unknown watch can have
-/// the descriptor -1, so that is not free to say "none". The caller holds the registry's mutex, here and below.
-int VolumeWatcher::firstWatchOf(const std::string& path) const
-{
-    const auto first = watchesByPath.lower_bound({ path, noWatch });
-    return first != watchesByPath.end() && first->first == path ? first->second : noWatch;
-}
-
-/// The folder of the watch from now on, which must not have one yet.
+/// The folder of the watch from now on, which must not have one yet. The caller holds the registry's mutex, here and
+/// below.
 const std::string& VolumeWatcher::label(int descriptor, const std::string& path)
 {
     const std::string& kept = watchPaths[descriptor] = path;
-    watchesByPath.insert({ kept, descriptor });
+    watchesByPath.add(descriptor);
     return kept;
 }
 
@@ -146,7 +139,7 @@ void VolumeWatcher::forget(int descriptor)
 {
     const auto watch = watchPaths.find(descriptor);
     if (watch != watchPaths.end()) {
-        watchesByPath.erase({ watch->second, descriptor });
+        watchesByPath.remove(descriptor);
         watchPaths.erase(watch);
     }
     watchVolumes.erase(descriptor);
@@ -209,7 +202,7 @@ void VolumeWatcher::stop()
             close(*descriptor);
         *descriptor = -1;
     }
-    watchesByPath.clear(); // first: it refers to the paths
+    watchesByPath.clear();
     watchPaths.clear();
     watchVolumes.clear();
     listeners.clear();
@@ -245,14 +238,13 @@ void VolumeWatcher::tickle(std::string& path)
     }
 }
 
-/// Ends the thread's wait for events whatever the volumes are like. Where no eventfd could be made, the end of a watch
-/// of the watcher's own is an event that does.
+/// Ends the thread's wait for events whatever the volumes are like. The eventfd does so always; the end of a watch of
+/// the watcher's own is an event, which also cuts short the wait for more events of a burst, and is all there is where
+/// no eventfd could be made.
 void VolumeWatcher::interruptRead()
 {
-    if (stopEvent >= 0) {
+    if (stopEvent >= 0)
         eventfd_write(stopEvent, 1);
-        return;
-    }
     const std::lock_guard<std::mutex> held(registryMutex);
     inotify_rm_watch(inotifyFd, inotify_add_watch(inotifyFd, "/", IN_DELETE_SELF));
 }
@@ -358,8 +350,8 @@ void VolumeWatcher::handleChangedDir(const std::string& path)
     std::string volume; // the walk may give up the watch
     {
         const std::lock_guard<std::mutex> held(registryMutex);
-        event.wd = firstWatchOf(path);
-        if (event.wd == noWatch)
+        event.wd = watchesByPath.first(path);
+        if (event.wd == PathIndex::none)
             return;
         volume = watchVolumes[event.wd];
     }
@@ -407,13 +399,12 @@ void VolumeWatcher::handleMoveFile(inotify_event* from, inotify_event* to)
 void VolumeWatcher::handleMoveFolder(inotify_event* from, inotify_event* to)
 {
     deliverMove(&VolumeWatchListener::handleMoveFolder, from, to);
-    if (from->len == 0 || to->len == 0)
-        return; // no entry moved: the watch of the folder itself must not be told another path
     std::string oldPath = pathOf(from->wd) + "/" + entryName(*from);
     Target target = targetOf(to->wd);
     std::string newPath = target.dir + "/" + entryName(*to);
     removeDirectoryToWatch(oldPath); // finds nothing when the listener's walk has told the watch its new path
-    addDirectoryToWatch(target.volume, newPath);
+    if (to->len > 0)                 // else the watch of the folder itself would be told another path
+        addDirectoryToWatch(target.volume, newPath);
 }
 
 void VolumeWatcher::deliver(EntryOperation operation, const inotify_event* event)

@@ -1,18 +1,16 @@
 #pragma once
 
 #include "core/Runnable.h"
+#include "watch/PathIndex.h"
 
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
-#include <string_view>
-#include <utility>
 
 struct inotify_event;
 class VolumeWatchListener;
@@ -88,7 +86,6 @@ private:
     void tickleFirstFolder();
     void interruptRead();
     ssize_t readEvents();
-    int firstWatchOf(const std::string& path) const;
     const std::string& label(int descriptor, const std::string& path);
     void forget(int descriptor);
     const std::string& entryOf(int descriptor);
@@ -99,8 +96,6 @@ private:
         = void (VolumeWatchListener::*)(std::string&, const char* fromName, std::string& toDir, const char* toName);
     void deliver(EntryOperation operation, const inotify_event* event);
     void deliverMove(MoveOperation operation, const inotify_event* from, const inotify_event* to);
-
-    static constexpr int noWatch = std::numeric_limits<int>::min(); ///< below every descriptor
 
     static VolumeWatcher* instance;
 
@@ -113,10 +108,9 @@ private:
     /// unknown descriptor. Never held across a listener call, since a listener walks and a walk adds watches. Taken
     /// after a volume's lock, never before it.
     std::mutex registryMutex;
-    std::map<int, std::string> watchVolumes; ///< watch descriptor -> volume name
-    std::map<int, std::string> watchPaths;   ///< watch descriptor -> absolute folder path
-    /// The paths above with their descriptors, so that the first watch of a path is found without a look at all others.
-    std::set<std::pair<std::string_view, int>> watchesByPath;
+    std::map<int, std::string> watchVolumes;               ///< watch descriptor -> volume name
+    std::map<int, std::string> watchPaths;                 ///< watch descriptor -> absolute folder path
+    PathIndex watchesByPath { watchPaths };                ///< of the paths above
     std::map<std::string, VolumeWatchListener*> listeners; ///< volume name -> listener, borrowed
     char eventBuffer[262144] = {};                         ///< watcher thread only
 };

@@ -326,7 +326,7 @@ TEST_F(FolderHandlers, whatIsNotOfTheVolumeIsIgnored)
     };
     clearLog();
     for (const std::string& dir : { std::string(), std::string("/"), std::string("/x"), beside, root.substr(0, 4),
-             root.substr(0, root.rfind('/')) }) {
+             root.substr(0, root.rfind('/')), root + "/..", root + "/../x", root + "/Music/../.." }) {
         tellEveryHandler(dir, "Rock");
         std::string changed = dir;
         manager->handleChangeFolder(changed);

@@ -52,7 +52,7 @@ TEST_F(Walk, volumeThatTheConfigurationDoesNotNameHasNoCrawlPaths)
         (std::vector<LogLine> { info("Crawl paths is empty so starting at " + root + "\n"), finished("") }), story());
 }
 
-TEST_F(Walk, withoutCrawlPathsNoTopLevelFolderIsRemoved)
+TEST_F(Walk, withoutCrawlPathsAFormerStartFolderFindsItsParent)
 {
     configure({});
     volume.makeFolder("Music");
@@ -127,15 +127,15 @@ TEST_F(Walk, crawlPathThatIsMissingIsPassedOver)
     EXPECT_EQ("[/a] root\n", folders());
 }
 
-TEST_F(Walk, removalOfTopLevelFoldersOpensNoTransaction)
+TEST_F(Walk, removalOfATopLevelFolderThatFailsHalfWayIsUndone)
 {
-    volume.makeFolder("a/x");
+    volume.writeFile("a/x/1.mp3");
     walk("/a");
     configure({ "/b" });
-    const BrokenStatement broken("where folder_id = ?"); // fails after the subfolder's files, before its row
-    volume.writeFile("a/x/1.mp3");
+    const BrokenStatement broken("update folders set is_deleted = 1"); // fails after the subfolder's files
     walkOnThread();
     EXPECT_EQ("[/a] root\n[/a/x] in [/a]\n", folders());
+    EXPECT_EQ("0\n", query("select sum(is_deleted) from Files"));
     EXPECT_EQ(1, timesLogged(LOG_ERR, "Got an exception during the walking of volumeManager " + name + "\n"));
 }
 

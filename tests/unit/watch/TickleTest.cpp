@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -188,6 +189,21 @@ TEST_F(Tickle, stopEndsWhenEveryEntryIsStaleAndTheKernelGivesNoWatch)
     watcher->stop();
     noMoreWatches = false;
     EXPECT_FALSE(watcher->isRunning());
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
+}
+
+TEST_F(Tickle, stopEndsTheQuietTimeOfABurstAlsoWithAVanishedFirstFolder)
+{
+    setQuietTime(std::chrono::hours(1));
+    std::promise<void> inQuietTime;
+    onSelect([&](int before) {
+        if (before == 0)
+            inQuietTime.set_value();
+    });
+    fs::remove(watchNew("gone"));
+    watcher->start();
+    ASSERT_EQ(std::future_status::ready, inQuietTime.get_future().wait_for(std::chrono::seconds(60)));
+    watcher->stop();
     EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
 }
 

@@ -1,0 +1,72 @@
+#include "watch/PathIndex.h"
+
+#include <functional>
+
+PathIndex::PathIndex(const std::map<int, std::string>& indexedPaths)
+    : paths(indexedPaths)
+{
+}
+
+std::size_t PathIndex::slotOf(const std::string& path) const
+{
+    return std::hash<std::string>()(path) & (slots.size() - 1);
+}
+
+int PathIndex::first(const std::string& path) const
+{
+    int lowest = none;
+    if (slots.empty())
+        return lowest;
+    // At least half of the slots are free, so this ends.
+    for (std::size_t slot = slotOf(path); slots[slot] != none; slot = (slot + 1) & (slots.size() - 1)) {
+        const int descriptor = slots[slot];
+        if (descriptor != removed && (lowest == none || descriptor < lowest) && paths.at(descriptor) == path)
+            lowest = descriptor;
+    }
+    return lowest;
+}
+
+void PathIndex::add(int descriptor)
+{
+    if ((occupied + 1) * 2 > slots.size())
+        rebuild(); // with the new one
+    else
+        put(descriptor, paths.at(descriptor));
+}
+
+void PathIndex::put(int descriptor, const std::string& path)
+{
+    std::size_t slot = slotOf(path);
+    while (slots[slot] != none)
+        slot = (slot + 1) & (slots.size() - 1);
+    slots[slot] = descriptor;
+    ++occupied;
+}
+
+void PathIndex::rebuild()
+{
+    std::size_t size = 16;
+    while (size < paths.size() * 3)
+        size *= 2;
+    std::vector<int>(size, none).swap(slots);
+    occupied = 0;
+    for (const auto& entry : paths)
+        put(entry.first, entry.second);
+}
+
+void PathIndex::remove(int descriptor)
+{
+    if (slots.empty())
+        return;
+    std::size_t slot = slotOf(paths.at(descriptor));
+    while (slots[slot] != none && slots[slot] != descriptor)
+        slot = (slot + 1) & (slots.size() - 1);
+    if (slots[slot] == descriptor)
+        slots[slot] = removed;
+}
+
+void PathIndex::clear()
+{
+    slots.clear();
+    occupied = 0;
+}

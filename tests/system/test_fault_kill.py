@@ -12,13 +12,13 @@ from xml.etree import ElementTree
 
 import pytest
 
-from catalogue import Catalogue, Rows, assert_same
+from catalogue import Catalogue, Rows, assert_same, edit
 from deleted_rows import DUE_AFTER, THRESHOLD, copy_of, is_purge_end, last_purge_time, with_deleted_rows, without_deleted
 from harness import info, is_walk_end, sanitizer_options, wait_for
 from model import after_walk
 from moments import BANNER, batches, has_ended, seeded, send_at
 from recovery import RUNS
-from trees import make_media_tree
+from trees import make_empty_folders, make_media_tree
 
 SLEEP = info("Going to sleep.\n")
 STRACE, SETPRIV = "/usr/bin/strace", "/usr/bin/setpriv"
@@ -491,3 +491,86 @@ def test_kills_at_random_moments_of_bursts(arena):
     for daemon in daemons.values():
         assert daemon.wait_exit() == -signal.SIGKILL
     assert_recovered(arena, volumes, {volume: left_behind(arena, volume) for volume in volumes})
+
+
+# Former crawl paths
+
+REMOVING = info("not found /old so removing\n")
+
+
+def with_former_crawl_path(arena, folders, below_each=0):
+    """A volume whose catalogue lists that many folders of a crawl path that is none any more, with a file in each, and so many
+    further folders below each of them. The disk does not have them: nobody would look."""
+    volume = arena.volume("Template", crawl=["/m", "/old"])
+    volume.make_file("/m/1.mp3", b"x")
+    make_empty_folders(volume, "/old", folders)
+    for folder, _, _ in os.walk(volume.path("/old")):
+        os.mknod(f"{folder}/1.mp3")
+    daemon = arena.start([volume])
+    daemon.wait_walks(2)
+    daemon.stop()
+    shutil.rmtree(volume.path("/old"))
+    volume.crawl.remove("/old")
+    same = "category, created_time, modified_time, is_deleted, last_updated_time"
+    edit(volume.catalogue.path,
+         "with recursive numbers(number) as (select 1 where ?1 > 0 union all select number + 1 from numbers where number < ?1)"
+         f" insert into Folders(parent_id, path, name, {same}) select folder_id, path || '/b' || number, 'b' || number, {same}"
+         " from Folders, numbers where path like '/old%'", below_each)
+    return volume
+
+
+def is_removed(rows):
+    """Whether the rows of the former crawl path are marked deleted: all of them are, or none is."""
+    states = {row.deleted for kind in rows for row in kind if row.path.startswith("/old")}
+    assert len(states) == 1, "some rows are marked deleted, others are not"
+    return states == {1}
+
+
+@needs_tracer
+def test_a_kill_before_each_change_of_the_log_while_a_former_crawl_path_is_removed(arena):
+    """Half of it would stay for ever: nobody looks below a deleted folder again."""
+    template = with_former_crawl_path(arena, 200)
+    outcomes = collections.Counter()
+
+    def recovery(volumes, before):
+        outcomes.update(is_removed(rows) for rows in before.values())
+        assert_recovered(arena, volumes, before)
+
+    kill_at_each_change(arena, lambda name: copy_of(arena, template, name),
+                        [(lambda _: None, has_walked()), (send(signal.SIGTERM), lambda _: False)], recovery,
+                        ["/.quarrow/quarrow.db-wal"])
+    assert outcomes[False] > 10 and outcomes[True] > 0
+
+
+def test_kills_at_random_moments_of_the_removal_of_a_former_crawl_path(arena):
+    choice = seeded("removals")
+    template = with_former_crawl_path(arena, 3000)
+    is_over = lambda lines: any(line.text.startswith("For folder") for line in lines)
+    usual = undisturbed(arena, copy_of(arena, template, "Measured"), REMOVING, is_over)
+    kills, made = 0, itertools.count()
+    while kills < 12 * RUNS:
+        volumes = [copy_of(arena, template, f"V{number}") for number in itertools.islice(made, 6)]
+        kills += kill_at({arena.start([volume]): choice.uniform(0, usual) for volume in volumes}, is_over, REMOVING)
+        before = {volume: left_behind(arena, volume) for volume in volumes}
+        for rows in before.values():
+            is_removed(rows)
+        assert_recovered(arena, volumes, before)
+        for volume in volumes:
+            shutil.rmtree(volume.folder)
+
+
+def test_stops_at_random_moments_of_the_removal_of_a_former_crawl_path(arena):
+    """It is given up and undone, without a word: nothing has failed."""
+    choice = seeded("stopped removals")
+    template = with_former_crawl_path(arena, 200, below_each=100)
+    usual = undisturbed(arena, copy_of(arena, template, "Measured"), REMOVING,
+                        lambda lines: any(line.text.startswith("For folder") for line in lines))
+    volumes = [copy_of(arena, template, f"V{number}") for number in range(6 * RUNS)]
+    for number, volume in enumerate(volumes):  # one by one, so that every other one has hardly begun when it is stopped
+        daemon = arena.start([volume])
+        send_at({daemon: [(choice.uniform(0, usual) if number % 2 else 0, signal.SIGTERM)]}, REMOVING)
+        assert daemon.wait_exit() == 0
+        assert daemon.errors() == []
+    before = {volume: volume.rows() for volume in volumes}
+    assert not all([is_removed(rows) for rows in before.values()])
+    assert_recovered(arena, volumes, before)

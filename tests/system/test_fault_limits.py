@@ -6,6 +6,7 @@ catalogue right. Watches and instances are limited in a user namespace of the da
 import contextlib
 import os
 import random
+import shutil
 import signal
 import sqlite3
 import subprocess
@@ -156,6 +157,44 @@ def test_no_watch_from_the_start(arena):
     daemon.rewalk()
     volume.create("/m/3/3/later.mp3")
     wait_for(lambda: "/m/3/3/later.mp3" in volume.catalogue.live(), "the new file in a folder that is watched now")
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+#: Runs a command as a user who may pass the root folder, but not read it. That folder is the sandbox's own, and the log is
+#: opened to him.
+AS_NOBODY = ["/bin/sh", "-c", 'chmod 711 / "$(dirname "$(readlink /dev/log)")" && chmod 666 /dev/log'
+             ' && exec /usr/bin/setpriv --reuid 65534 --regid 65534 --clear-groups "$@"', "sh"]
+
+
+def lose_every_watch(arena, **settings):
+    """A daemon that has nothing in its registry but folders that are gone, and whose watcher thread waits for events."""
+    volume = arena.volume("Lost", crawl=["/m"])
+    for path in (volume.folder, volume.path("/m")):
+        os.chmod(path, 0o777)
+    daemon = arena.start([volume], **settings)
+    daemon.wait_walks()
+    assert daemon.kernel_watches() == 1
+    os.rmdir(volume.path("/m"))
+    wait_for(lambda: daemon.kernel_watches() == 0, "the end of the watch")
+    daemon.wait_bursts(1)
+    return daemon
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root may become another user")
+@pytest.mark.skipif(not os.access("/usr/bin/setpriv", os.X_OK), reason="setpriv is not there")
+def test_a_stop_of_an_ordinary_user_who_may_watch_nothing(arena):
+    """There is no folder left to leave the mark of the stop in, and none that the kernel would say anything about."""
+    os.chmod(arena.folder, 0o711)
+    daemon = lose_every_watch(arena, wrapper=AS_NOBODY)
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+@in_a_user_namespace
+def test_a_stop_when_the_last_watch_has_gone_and_there_is_no_other(arena):
+    daemon = lose_every_watch(arena, environment=CLOCK, user_limits={"max_inotify_watches": 1})
+    set_user_limit(daemon, "max_inotify_watches", 0)
     daemon.stop()
     assert daemon.errors() == []
 
@@ -436,3 +475,110 @@ def test_a_start_with_little_memory(arena):
         again.stop()
         assert again.errors() == [], f"limit {limit} KiB"
     assert outcomes == {"lived", "ended"}
+
+
+# Sizes of files
+
+def start_with_small_files(arena, volumes, limit):
+    """A daemon whose files may not grow beyond that many bytes, when each of its volumes has been walked or refused."""
+    daemon = arena.start(volumes, environment=CLOCK, limits={"FSIZE": limit})
+    daemon.wait_line(info("Going to sleep.\n"))
+    wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+    return daemon
+
+
+@pytest.mark.parametrize("limit", [16 << 10, 64 << 10, 200 << 10, 1 << 20])
+def test_files_that_may_not_grow(arena, limit):
+    """The kernel then refuses to write, and sends a signal that would end the daemon. A catalogue or a folder that does not fit
+    is left out as a whole, as on a full volume; one volume's size is no other's fault."""
+    volume, small = many_folders(arena, "A", 100, 20, long_names=True), many_folders(arena, "B", 1)
+    daemon = start_with_small_files(arena, [volume, small], limit)
+    refused = limit < 50_000  # an empty catalogue has that many bytes
+    if refused:
+        assert [os.listdir(each.path("/.quarrow")) for each in (volume, small)] == [[], []]
+        assert sum(text.startswith("Could not initialize") for text in daemon.errors()) == 2
+    else:
+        assert "Got an exception during the walking of volumeManager A\n" in daemon.errors()
+        tree = volume.tree()
+        for folder in offered(volume) & {row.path for row in tree.folders}:
+            assert offered(volume) >= {row.path for row in tree.files if row.folder == folder}
+    if limit >= 200 << 10:
+        assert_same(small.rows(), small.tree())
+        small.create("/m/0/0/late.mp3")
+        wait_for(lambda: "/m/0/0/late.mp3" in small.catalogue.live(), "a live change")
+        assert not any(text.endswith("B\n") for text in daemon.errors())
+    daemon.stop()
+
+    # The next one may write what it wants, the one after that may not: its catalogue is larger than that already.
+    for each in (volume, small):
+        each.create("/m/late.mp3")
+    daemon = arena.start([volume, small])
+    daemon.wait_walks(2)
+    assert_converged(volume)
+    assert_converged(small)
+    daemon.stop()
+    assert daemon.errors() == []
+    before = volume.rows()
+    for number in range(100):
+        os.unlink(volume.path(f"/m/{number % 7}/{number}/0{' and so on' * 20}.mp3"))
+    small.create("/m/later.mp3")
+    daemon = start_with_small_files(arena, [volume, small], limit)
+    daemon.stop()
+    assert "Got an exception during the walking of volumeManager A\n" in daemon.errors()
+    assert {row.path for row in before.folders} <= offered(volume) <= {row.path for kind in before for row in kind}
+    assert refused or "/m/later.mp3" in small.catalogue.live()
+    daemon = arena.start([volume, small])
+    daemon.wait_walks(2)
+    assert_converged(volume)
+    assert_converged(small)
+    daemon.stop()
+    assert daemon.errors() == []
+
+
+# Standard output and error
+
+#: Runs a command with a standard output and error that take nothing more, and that nobody reads: its arguments are the kind
+#: of both and the command.
+UNREAD = """
+import os, socket, sys
+if sys.argv[1] == "pipe":
+    reader, writer = os.pipe()
+else:
+    reader, writer = (end.detach() for end in socket.socketpair())
+os.set_inheritable(reader, True)  # or writing would fail, and not wait
+os.set_blocking(writer, False)
+try:
+    while True:
+        os.write(writer, bytes(4096))
+except BlockingIOError:
+    os.set_blocking(writer, True)
+for number in (1, 2):
+    os.dup2(writer, number)
+os.close(writer)
+os.execv(sys.argv[2], sys.argv[2:])
+"""
+
+
+@pytest.mark.parametrize("kind", ["pipe", "socket"])
+def test_an_output_that_nobody_reads(arena, kind):
+    """What is printed is lost, and nothing else is. Much is printed while rows are marked deleted, in the middle of a
+    transaction; errors by the parser of the state files, and by the program that leaves the mark of the stop."""
+    volume, refused = many_folders(arena, "A", 70, 100), many_folders(arena, "B", 1)
+    first = arena.start([volume])
+    first.wait_walks()
+    first.stop()
+    os.unlink(volume.path("/m/.tickle"))
+    os.makedirs(refused.path("/.quarrow"))
+    with open(refused.state_file, "wb") as file:
+        file.write(b"<Quarrow>" + b"<no end>" * 1000)
+    for row in volume.tree().files[::2]:
+        os.unlink(volume.path(row.path))
+    daemon = arena.start([refused, volume], environment=CLOCK,
+                         wrapper=[sys.executable, "-S", "-E", "-B", "-c", UNREAD, kind])
+    daemon.wait_walks()
+    assert_converged(volume)
+    assert sum(row.deleted for row in volume.rows().files) > 3000
+    shutil.rmtree(volume.path("/m"))
+    wait_for(lambda: daemon.kernel_watches() == 0, "the end of the watches")
+    daemon.stop()
+    assert "Could not initialize the manager for the volume B\n" in daemon.errors()

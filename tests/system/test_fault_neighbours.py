@@ -18,6 +18,7 @@ from recovery import RUNS, assert_converged, good_volume, is_converged
 
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
 CLOCK = fast_clock(300)
+STRACE = "/usr/bin/strace"
 READER_SECONDS = float(os.environ.get("QUARROW_READER_SECONDS", "30"))
 
 
@@ -239,6 +240,47 @@ def test_readers_in_a_loop_from_before_the_start(arena):
     assert daemon.errors() == []
 
 
+class Hold:
+    """A reader with an open transaction, while inside; it tells how many folders it was offered that had new files."""
+
+    def __init__(self, volume):
+        self.volume = volume
+
+    def __enter__(self):
+        self.connection = self.volume.catalogue.open()
+        self.connection.execute("begin")
+        return self.connection.execute("select count(*) from Files where name = 'b0.mp3'").fetchone()[0]
+
+    def __exit__(self, *_):
+        self.connection.close()
+
+
+def test_a_reader_that_goes_again_during_the_first_walk(arena):
+    """While it reads, the catalogue cannot get its write-ahead log. The walk tries that anew with each folder: without a log it
+    would wait for every reader that comes until its end, and each reader for its commits."""
+    folders = 1500
+    volume = volume_of_files(arena, "A", folders, 1)
+    first = arena.start([volume])
+    first.wait_walks()
+    first.stop()
+    for folder in range(folders):
+        volume.create(f"/m/{folder}/b0.mp3")
+    log = volume.catalogue.path + "-wal"
+    with Hold(volume):
+        daemon = arena.start([volume])
+        wait_for(lambda: os.path.exists(volume.catalogue.path + "-journal"), "the first folder's transaction")
+        assert not os.path.exists(log)
+    with daemon.log.changed:  # nothing is taken from the log's socket, so that the walk stays somewhere among its folders
+        wait_for(lambda: os.path.exists(log), "the write-ahead log, with most of the walk still to come")
+    with Hold(volume) as count:
+        assert count < folders
+        daemon.wait_walks()
+        assert_converged(volume)
+    daemon.stop()
+    assert not os.path.exists(log)
+    assert daemon.errors() == []
+
+
 # Writers
 
 def test_a_writer_takes_the_lock_in_mid_walk(arena):
@@ -261,6 +303,72 @@ def test_a_writer_takes_the_lock_in_mid_walk(arena):
         writer.close()
         daemon.wait_walks_of(volume, 1)
         wait_for(lambda: is_converged(volume), "the whole tree in the catalogue")
+        assert_converged(volume)
+        daemon.stop()
+        assert daemon.errors() == []
+
+
+class SlowThread:
+    """A thread that takes its time, while inside: a tracer holds it up in each of its system calls."""
+
+    def __init__(self, thread):
+        self.command = [STRACE, "-e", "trace=futex", "-o", "/dev/null", "-p", str(thread)]
+
+    def __enter__(self):
+        self.tracer = subprocess.Popen(self.command, stderr=subprocess.PIPE)
+        message = self.tracer.stderr.readline()
+        if b"attached" not in message:
+            self.__exit__()
+            raise PermissionError(message)
+
+    def __exit__(self, *_):
+        self.tracer.terminate()  # which lets the thread go
+        self.tracer.communicate()
+
+
+def may_trace():
+    with subprocess.Popen(["/bin/sleep", "60"]) as process:
+        try:
+            with SlowThread(process.pid):
+                return True
+        except OSError:
+            return False
+        finally:
+            process.kill()
+
+
+@pytest.mark.skipif(not may_trace(), reason="strace is not there, or tracing is not allowed")
+def test_a_live_walk_takes_turns_with_a_full_walk(arena):
+    """Of the same volume: both want its lock for each folder. Who waits for it gets it next, however long he takes to wake up,
+    or a change would wait for the end of the full walk. Seen for folders that are new, and for such that are known."""
+    folders, live, files = 1500, 50, 30
+    volume = volume_of_files(arena, "A", folders, files)
+    volume.crawl.insert(0, "/live")
+    for number in range(live - 1):
+        for file in range(files):
+            volume.make_file(f"/live/{number}/{file}.mp3")
+    begun = info(f"Going to walk {volume.path('/live')} in handleChangeFolder and found is 1\n")
+    finished = info(f"Finished walk. Walk started at {volume.path('/live')}\n")
+    for run in ("new", "known"):
+        daemon = arena.start([volume], environment=CLOCK)
+        with daemon.log.changed:  # nothing is taken from the log's socket, so the walk does not get far beyond this line
+            assert daemon.log.changed.wait_for(lambda: info("Processed 1000 folders\n") in daemon.log.lines, BOUND)
+            writer = sqlite3.connect(volume.catalogue.path, isolation_level=None, timeout=BOUND)
+            writer.execute("begin immediate")
+        volume.create(f"/live/{run}.mp3")
+        daemon.wait_line(begun)
+        watcher = os.listdir(f"/proc/{daemon.pid}/task")[-3]  # in order of their making; then come the walk and the purge
+        with SlowThread(watcher):
+            writer.execute("rollback")  # from here on both walks go on
+            writer.close()
+            wait_for(lambda: daemon.count(finished) == 2, "the end of the live walk")
+        daemon.wait_walks(3)
+        lines = daemon.lines[daemon.lines.index(begun):]
+        lines = lines[:lines.index(finished)]
+        summaries = lambda start: sum(line.text.startswith(f"For folder {volume.path(start)}") for line in lines)
+        print(f"{run}: {summaries('/m')} folders of the full walk during {summaries('/live')} of the live one")
+        assert summaries("/live") == live
+        assert summaries("/m") < 5 * live
         assert_converged(volume)
         daemon.stop()
         assert daemon.errors() == []

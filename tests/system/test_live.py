@@ -11,9 +11,10 @@ import time
 
 import pytest
 
-from catalogue import assert_same, same, without
-from harness import info, inotify_limit, wait_for
+from catalogue import assert_same, edit, same, without
+from harness import fast_clock, info, inotify_limit, wait_for
 from model import after_walk
+from recovery import assert_converged, live_rows
 
 
 def handled(lines):
@@ -305,4 +306,112 @@ def test_a_burst_wakes_the_purge_thread(arena, clock):
     daemon.wait_line(info(f"Done with the purge {clock.now}\n"))
     daemon.wait_bursts(1)
     assert daemon.count(info(f"Purging the DB at {clock.now}\n")) == 1
+    daemon.stop()
+
+
+# Folders that hang on nothing
+
+#: Without a crawl path, and without the catalogue's own folder.
+WHOLE = {"exclude": ["/.quarrow"]}
+
+
+def parents(volume):
+    """Of each live folder, the folder that its row hangs on."""
+    return {row.path: row.parent for row in volume.rows().folders if not row.deleted}
+
+
+def ids(volume):
+    """The id of each path, which a row keeps for as long as it is there."""
+    return {("folder", *each) for each in volume.catalogue.folder_ids().items()} | {
+        ("file", *each) for each in volume.catalogue.file_ids().items()}
+
+
+def test_a_folder_that_is_looked_at_before_the_folder_above_it_is_back(arena):
+    """Its row then finds no live parent. The next full walk sees to that, or the row would outlive the folder for ever."""
+    volume = arena.volume(**WHOLE)
+    volume.make_file("/x/y/1.mp3", b"x")
+    daemon = idle_daemon(arena, [volume], environment=fast_clock(300))  # the order matters here, and how long nothing does
+    before = ids(volume)
+    os.rename(volume.path("/x"), arena.path("x"))
+    wait_for(lambda: volume.catalogue.live() == {""}, "all of it marked deleted")
+    daemon.wait_bursts(2)  # the second has only the end of the folder's watch, which would hide what else it has
+
+    # /x/y is watched wherever it is. Of the two folders of the read, the last one is not seen.
+    with daemon.frozen():
+        os.mknod(arena.path("x/y/2.mp3"))
+        os.rename(arena.path("x"), volume.path("/x"))
+    daemon.wait_bursts(3)
+    assert handled(daemon.lines)[-1] == going(volume.path("/x/y"))
+    assert parents(volume) == {"": None, "/x/y": None}
+
+    daemon.rewalk()
+    assert_converged(volume)
+    assert parents(volume) == {"": None, "/x": "", "/x/y": "/x"}
+    assert before <= ids(volume)
+
+    os.rename(volume.path("/x"), arena.path("x"))
+    wait_for(lambda: "/x" not in volume.catalogue.live(), "the folder marked deleted")
+    assert volume.catalogue.live() == {""}
+    daemon.stop()
+
+
+def hang_on_nothing(volume, *paths):
+    for path in paths:
+        edit(volume.catalogue.path, "update Folders set parent_id = -1 where path = ?", path)
+
+
+def test_rows_that_hang_on_nothing_since_long_ago(arena):
+    """Of folders that are there, their rows get their parents back; of folders that are gone, also those of which nothing
+    else would ever tell, they are marked deleted with all below."""
+    volume = arena.volume(**WHOLE)
+    for path in ("/there/stray/below", "/there/chain/of/strays", "/gone/stray/below", "/gone/chain/of/strays", "/link/stray",
+                 "/file/stray"):
+        volume.make_file(f"{path}/1.mp3", b"x")
+        volume.make_file(f"{os.path.dirname(path)}/1.mp3", b"x")
+    daemon = idle_daemon(arena, [volume])
+    daemon.stop()
+    before = ids(volume)
+    hang_on_nothing(volume, "/there/stray", "/there/chain/of", "/there/chain/of/strays", "/gone/stray", "/gone/chain/of",
+                    "/gone/chain/of/strays", "/link/stray", "/file/stray")
+    for top in ("/gone", "/gone/chain", "/link", "/file"):
+        edit(volume.catalogue.path, "update Folders set is_deleted = 1 where path = ?", top)
+        edit(volume.catalogue.path, "update Files set is_deleted = 1 where path = ?", f"{top}/1.mp3")
+        if os.path.exists(volume.path(top)):
+            shutil.rmtree(volume.path(top))
+    os.symlink("there", volume.path("/link"))  # what is behind a link is none of the volume's
+    volume.make_file("/file", b"x")
+
+    daemon = idle_daemon(arena, [volume])
+    assert_converged(volume)
+    daemon.stop()
+    assert before <= ids(volume)
+    assert daemon.errors() == []
+
+
+def test_what_cannot_be_seen_is_not_gone(arena, clock):
+    """Rows that hang on nothing, once more: of folders that no walk comes by though they are there, and of a volume whose
+    folder is away for a while, they stay as they are."""
+    away, excluded, seen = arena.volume("Away", **WHOLE), arena.volume("Excluded", **WHOLE), arena.volume("Seen", **WHOLE)
+    volumes = [away, excluded, seen]
+    for volume in volumes:
+        volume.make_file("/x/stray/below/1.mp3", b"x")
+    daemon = idle_daemon(arena, volumes)
+    daemon.stop()
+    for volume in volumes:
+        hang_on_nothing(volume, "/x/stray")
+    excluded.exclude.append("/x/s")
+    shutil.rmtree(seen.path("/x/stray"))
+    before = {volume: live_rows(volume.rows()) for volume in volumes}
+
+    daemon = arena.start(volumes, clock=clock, standby=True)
+    daemon.wait_line(info("Volume in standby, ignoring purge"), 3)
+    daemon.set_standby(False)
+    os.rename(away.folder, arena.path("elsewhere"))
+    daemon.rewalk(clock)
+    os.rename(arena.path("elsewhere"), away.folder)
+    assert_same(live_rows(away.rows()), before[away])
+    assert_same(without(live_rows(excluded.rows()), "/x"), without(live_rows(excluded.tree()), "/x"))
+    assert seen.catalogue.live() - {"/.tickle"} == {"", "/x"}
+    in_x = lambda rows: [row for kind in rows for row in kind if row.path.startswith("/x")]
+    assert in_x(live_rows(excluded.rows())) == in_x(before[excluded])
     daemon.stop()

@@ -21,7 +21,7 @@
 namespace {
 
 constexpr mode_t readableByAll = 0644;
-constexpr mode_t permissionBits = 07777;
+constexpr mode_t permissionBits = 0777; // a program that is set-uid must not become root's
 constexpr mode_t writableByOthers = 0022;
 /// On a regular file this bit does nothing. It marks what is root's already and not yet looked into: also a log, which
 /// could be put beside another catalogue.
@@ -109,8 +109,11 @@ public:
     {
         const std::string self = "/proc/self/fd/" + std::to_string(file.number);
         const mode_t mode = (status.st_mode & permissionBits & ~(writableByOthers | notLookedInto)) | mark;
+        // Marked before and after: a kill in between must not leave it root's without the mark, which a change of the
+        // owner may take away.
         return absent
-            || (fchownat(file.number, "", 0, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0
+            || (chmod(self.c_str(), mode) == 0
+                && fchownat(file.number, "", 0, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0
                 && chmod(self.c_str(), mode) == 0);
     }
 
@@ -195,6 +198,7 @@ Admission admitCatalogue(const std::string& path)
     const CatalogueName sides[]
         = { CatalogueName(real + "-wal"), CatalogueName(real + "-shm"), CatalogueName(real + "-journal") };
     const CatalogueName& index = sides[1];
+    const CatalogueName& journal = sides[2];
     bool foreign = main.isForeign();
     bool marked = main.isMarked();
     bool fit = main.isFit();
@@ -203,7 +207,8 @@ Admission admitCatalogue(const std::string& path)
         marked = marked || side.isMarked();
         fit = fit && side.isFit();
     }
-    if (!fit || (foreign && geteuid() != 0))
+    // A journal of somebody else could name any file, for SQLite to remove it.
+    if (!fit || (foreign && geteuid() != 0) || journal.isForeign())
         return Admission::refused;
     if (!foreign)
         return marked ? Admission::untrusted : Admission::trusted;
@@ -222,7 +227,7 @@ void trustCatalogue(const std::string& path)
     const std::string real = withoutLinks(path);
     for (const char* suffix : { "", "-wal", "-shm", "-journal" }) {
         const CatalogueName name(real + suffix);
-        if (name.isMarked())
+        if (name.isMarked() && name.isFit() && !name.isForeign())
             name.giveToRoot();
     }
 }
@@ -231,10 +236,10 @@ void keepCatalogue(const std::string& path)
 {
     if (geteuid() != 0)
         return;
-    for (const char* suffix : { "", "-wal", "-shm", "-journal" }) {
+    for (const char* suffix : { "", "-wal", "-shm" }) {
         const CatalogueName name(path + suffix);
         if (name.isForeign() && name.isFit())
-            name.giveToRoot();
+            name.giveToRoot(notLookedInto); // the next start looks into it: it may have been changed meanwhile
     }
 }
 

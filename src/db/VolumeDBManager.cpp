@@ -22,6 +22,7 @@
 #include <memory>
 #include <new>
 #include <queue>
+#include <string_view>
 #include <thread>
 #include <unordered_set>
 #include <utility>
@@ -69,7 +70,8 @@ std::string folderOf(const std::string& path) { return path.substr(0, path.rfind
 /// nowhere.
 bool isFilePath(const std::string& path)
 {
-    return !path.empty() && path != ":memory:" && path.compare(0, 5, "file:") != 0;
+    constexpr std::string::size_type longestForSqlite = 512 - std::string_view("-journal").length();
+    return !path.empty() && path != ":memory:" && path.compare(0, 5, "file:") != 0 && path.length() <= longestForSqlite;
 }
 
 /// A link that neither root nor the daemon's own user made. An administrator may keep catalogues elsewhere; a user of
@@ -354,8 +356,10 @@ void VolumeDBManager::takeBackWriteAheadLog()
 {
     const std::string path = sqlite3_db_filename(handle, "main");
     sqlite3_close(std::exchange(handle, nullptr));
-    if (sqlite3_open(path.c_str(), &handle) != SQLITE_OK)
-        return; // without memory; operations fail as before open()
+    if (sqlite3_open(path.c_str(), &handle) != SQLITE_OK) {
+        sqlite3_close(std::exchange(handle, nullptr)); // operations fail as before open()
+        return;
+    }
     sqlite3_exec(handle, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr);
     logIsUnusable = journalModeAfter("PRAGMA journal_mode=DELETE") == "delete";
     if (logIsUnusable)

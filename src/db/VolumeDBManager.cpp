@@ -45,6 +45,7 @@ const char* const schemaStatements[] = {
     "create index Folders_name on Folders(name)",
 };
 
+constexpr std::string::size_type longestForSqlite = 512 - std::string_view("-journal").length();
 constexpr int checkpointPages = 4000;              // few syncs in a long walk, and a log of at most some 16 MiB
 constexpr unsigned long roomForLogBytes = 1048576; // its index, 32 KiB at the least, and some transactions
 constexpr unsigned long logFiles = 2;              // the log and its index
@@ -70,8 +71,7 @@ std::string folderOf(const std::string& path) { return path.substr(0, path.rfind
 /// nowhere.
 bool isFilePath(const std::string& path)
 {
-    constexpr std::string::size_type longestForSqlite = 512 - std::string_view("-journal").length();
-    return !path.empty() && path != ":memory:" && path.compare(0, 5, "file:") != 0 && path.length() <= longestForSqlite;
+    return !path.empty() && path != ":memory:" && path.compare(0, 5, "file:") != 0;
 }
 
 /// A link that neither root nor the daemon's own user made. An administrator may keep catalogues elsewhere; a user of
@@ -159,6 +159,8 @@ int VolumeDBManager::openAdmitted(const std::string& path)
     if (!isFilePath(path) || isForeignLink(path) || isForeignLink(folderOf(path)))
         return SQLITE_CANTOPEN;
     const bool existed = checkIfDBExists(path.c_str());
+    if (path.length() > longestForSqlite)
+        return SQLITE_CANTOPEN;
     const bool isMarked = avoidCopyOnWrite(path);
     int rc = existed ? SQLITE_OK : make(path);
     if (rc != SQLITE_OK)

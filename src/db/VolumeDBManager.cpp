@@ -309,7 +309,9 @@ void VolumeDBManager::useWriteAheadLog()
         return; // the log is found by name: it would be that of the other catalogue
     // The first look: it brings back, with full syncs, what a kill has left half done. No answer: somebody is in the
     // way.
-    const std::string mode = journalModeAfter("PRAGMA journal_mode");
+    std::string mode = journalModeAfter("PRAGMA journal_mode");
+    if (mode == "memory" || mode == "off") // left by a try that failed half-way: a kill could damage the catalogue
+        mode = journalModeAfter("PRAGMA journal_mode=DELETE");
     bool inUse
         = mode == "wal" || (mode == "delete" && hasRoomForLog() && hasDescriptorsForLog() && enterWriteAheadLog());
     // This one, for whatever value, makes the log and its index.

@@ -273,6 +273,8 @@ static int moveToItsPlace(const std::string& temporaryPath, const std::string& p
         unlink(temporaryPath.c_str());
         return SQLITE_OK;
     }
+    if (errno != ENOENT)
+        return SQLITE_CANTOPEN; // what cannot be looked at may be a good catalogue
     // What is left of a catalogue that somebody removed would be taken for the new one's log, and replayed into it.
     for (const char* leftOver : { "-wal", "-shm", "-journal" })
         unlink((path + leftOver).c_str());

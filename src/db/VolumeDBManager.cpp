@@ -182,8 +182,8 @@ int VolumeDBManager::openAdmitted(const std::string& path)
     return rc;
 }
 
-/// SQLITE_AUTH when the schema holds anything that would run with the daemon's statements. By the texts, which SQLite
-/// parses, and not by the types beside them, which it does not look at.
+/// SQLITE_AUTH when the schema holds triggers, views or virtual tables, which would run with the daemon's statements.
+/// By the texts, since these are what SQLite parses.
 int VolumeDBManager::lookForForeignSql()
 {
     bool found = false;

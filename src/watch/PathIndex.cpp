@@ -1,5 +1,6 @@
 #include "watch/PathIndex.h"
 
+#include <algorithm>
 #include <functional>
 
 PathIndex::PathIndex(const std::map<int, std::string>& indexedPaths)
@@ -14,6 +15,11 @@ std::size_t PathIndex::slotOf(const std::string& path) const
 
 int PathIndex::first(const std::string& path) const
 {
+    if (path.empty()) {
+        const auto entry
+            = std::find_if(paths.begin(), paths.end(), [](const auto& each) { return each.second.empty(); });
+        return entry != paths.end() ? entry->first : none;
+    }
     int lowest = none;
     if (slots.empty())
         return lowest;
@@ -28,6 +34,8 @@ int PathIndex::first(const std::string& path) const
 
 void PathIndex::add(int descriptor)
 {
+    if (paths.at(descriptor).empty())
+        return;
     if ((occupied + 1) * 2 > slots.size())
         rebuild(); // with the new one
     else
@@ -50,13 +58,15 @@ void PathIndex::rebuild()
         size *= 2;
     std::vector<int>(size, none).swap(slots);
     occupied = 0;
-    for (const auto& entry : paths)
-        put(entry.first, entry.second);
+    for (const auto& entry : paths) {
+        if (!entry.second.empty())
+            put(entry.first, entry.second);
+    }
 }
 
 void PathIndex::remove(int descriptor)
 {
-    if (slots.empty())
+    if (slots.empty() || paths.at(descriptor).empty())
         return;
     std::size_t slot = slotOf(paths.at(descriptor));
     while (slots[slot] != none && slots[slot] != descriptor)

@@ -7,6 +7,7 @@
 
 /// Finds the watches of a path without a look at all others: a hash table of the descriptors that a map of paths has.
 /// It takes some ten bytes a watch, where a second map would take as much again as the first. The map's owner locks.
+/// Empty paths are not in it: late events of ended watches can make very many of those, all of one hash.
 class PathIndex {
 public:
     static constexpr int none = std::numeric_limits<int>::min(); ///< below every descriptor

@@ -103,8 +103,11 @@ int VolumeWatcher::addDirectoryToWatch(std::string& volumeName, std::string& pat
     const int descriptor = inotify_add_watch(inotifyFd, path.c_str(), watchMask);
     if (descriptor < 1)
         return descriptor;
-    forget(descriptor); // a folder that was moved: its old path stands for nothing any more
-    label(descriptor, path);
+    const auto known = watchPaths.find(descriptor);
+    if (known == watchPaths.end() || known->second != path) { // most folders of a walk keep theirs
+        forget(descriptor);
+        label(descriptor, path);
+    }
     watchVolumes[descriptor] = volumeName;
     return descriptor;
 }

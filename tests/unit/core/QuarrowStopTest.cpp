@@ -130,7 +130,10 @@ TEST_F(QuarrowStop, endsAWalkOnTheWatcherThreadThatSomebodyElseHoldsUp)
 
 TEST_F(QuarrowStop, endsAPurgeOfTheLoopThatSomebodyElseHoldsUp)
 {
-    configure(volume("a"), 200);
+    // Excluded, so that the walk that comes with the purge has nothing to write and does not stand in its way.
+    configure("<Volume><Name>a</Name><Root>" + folder.makeFolder("a")
+            + "</Root><CrawlPaths><Path>/m</Path></CrawlPaths><ExcludePaths><Path>/m</Path></ExcludePaths></Volume>",
+        200);
     start(1);
     VolumeContentManager::getInstance()->stop(); // what is purged now is purged by the loop
     run([&] {
@@ -139,7 +142,7 @@ TEST_F(QuarrowStop, endsAPurgeOfTheLoopThatSomebodyElseHoldsUp)
         advanceTime(300);
         wakeUntilLogged({ LOG_INFO, "Purging the DB at " + std::to_string(aMoment + 300) + "\n" });
         kill(getpid(), SIGTERM);
-        EXPECT_TRUE(waitUntilLogged(LOG_INFO, "sqlite3 handle closed\n")) << "although the catalogue is still locked";
+        EXPECT_TRUE(waitUntilLogged(LOG_INFO, closed)) << "although the catalogue is still locked";
     });
 }
 

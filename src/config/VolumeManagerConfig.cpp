@@ -125,8 +125,7 @@ std::string dump(const XmlDocument& document, const char* encoding)
 bool isReadable(const std::string& text)
 {
     constexpr int silent = XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-    const std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> document(
-        xmlReadMemory(text.data(), static_cast<int>(text.length()), "", nullptr, silent), xmlFreeDoc);
+    const std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> document(parseUntrusted(text, "", silent), xmlFreeDoc);
     return document != nullptr;
 }
 

@@ -1,11 +1,13 @@
 #include "config/XmlDocument.h"
 
 #include <fcntl.h>
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 
 static std::mutex libxmlMutex;
 
@@ -38,14 +40,33 @@ static std::string readRegularFile(const std::string& path)
     return text;
 }
 
-static xmlDocPtr parse(const std::string& text, const std::string& path)
+/// The parser bounds what entities of the content multiply to, but not what those of declarations do: a kilobyte keeps
+/// it busy for hours. No state file has any.
+static void refuseEntitiesOfDeclarations(
+    void* context, const xmlChar* name, int type, const xmlChar* publicId, const xmlChar* systemId, xmlChar* content)
 {
-    return xmlReadMemory(text.data(), static_cast<int>(text.length()), path.c_str(), nullptr, 0);
+    if (type != XML_INTERNAL_PARAMETER_ENTITY && type != XML_EXTERNAL_PARAMETER_ENTITY) {
+        xmlSAX2EntityDecl(context, name, type, publicId, systemId, content);
+        return;
+    }
+    const auto parser = static_cast<xmlParserCtxtPtr>(context);
+    parser->wellFormed = 0;
+    xmlStopParser(parser);
+}
+
+xmlDocPtr parseUntrusted(const std::string& text, const std::string& path, int options)
+{
+    const std::unique_ptr<xmlParserCtxt, void (*)(xmlParserCtxtPtr)> parser(xmlNewParserCtxt(), xmlFreeParserCtxt);
+    if (parser == nullptr)
+        return nullptr;
+    parser->sax->entityDecl = refuseEntitiesOfDeclarations;
+    return xmlCtxtReadMemory(
+        parser.get(), text.data(), static_cast<int>(text.length()), path.c_str(), nullptr, options);
 }
 
 XmlDocument::XmlDocument(const std::string& path, Origin origin)
     : untrustedText(origin == untrusted ? readRegularFile(path) : std::string())
-    , document(origin == trusted ? xmlReadFile(path.c_str(), nullptr, 0) : parse(untrustedText, path))
+    , document(origin == trusted ? xmlReadFile(path.c_str(), nullptr, 0) : parseUntrusted(untrustedText, path, 0))
 {
 }
 

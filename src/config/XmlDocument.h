@@ -22,7 +22,8 @@ private:
 class XmlDocument {
 public:
     /// `trusted`: read whatever the path leads to, as an administrator's file is. `untrusted`: a regular file alone,
-    /// under its own name and of a sensible size; users of a volume can put links, pipes and any content there.
+    /// under its own name and of a sensible size, by parseUntrusted(); users of a volume can put links, pipes and any
+    /// content there.
     enum Origin { trusted, untrusted };
     /// Bytes. A state file has a few hundred. The parser takes time and memory that grow faster than a document of many
     /// attributes or declarations, and it is every volume's turn that such a document takes.
@@ -42,6 +43,11 @@ private:
     XmlTurn turn;
     xmlDocPtr document;
 };
+
+/// A document of text that a user may have written, with libxml2's parser options; nullptr when it is none, or declares
+/// entities for its declarations. `path` is what messages call it. In a turn at libxml2 only; to be freed by
+/// xmlFreeDoc().
+xmlDocPtr parseUntrusted(const std::string& text, const std::string& path, int options);
 
 bool isElement(const xmlNode* node, const char* name);
 

@@ -27,7 +27,7 @@ struct ExpectedState {
     explicit ExpectedState(const std::string& content)
     {
         const XmlReference reference = XmlReference::ofText(content);
-        isParsed = reference.isParsed();
+        isParsed = reference.isParsed() && !reference.hasEntitiesOfDeclarations();
         for (const XmlReference::Element& element : reference.elements()) {
             hasPurgeTime = hasPurgeTime || isPurgeTime(element);
             if (isPurgeTime(element) && element.text)

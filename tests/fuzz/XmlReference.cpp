@@ -77,6 +77,12 @@ std::string XmlReference::Element::nameBeside(int level) const
     return "";
 }
 
+bool XmlReference::hasEntitiesOfDeclarations() const
+{
+    const xmlDtd* type = document != nullptr ? document->intSubset : nullptr;
+    return type != nullptr && type->pentities != nullptr;
+}
+
 std::vector<XmlReference::Element> XmlReference::elements() const
 {
     std::vector<Element> found;

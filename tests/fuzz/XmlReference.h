@@ -27,6 +27,8 @@ public:
     };
 
     bool isParsed() const { return document != nullptr; }
+    /// Whether the document type declares entities for use in declarations, which a state file may not.
+    bool hasEntitiesOfDeclarations() const;
     /// Every element, parents before children, in document order; none below anything that is no element.
     std::vector<Element> elements() const;
     /// The document as text once the chosen elements, none inside another, have this text as their only content.

@@ -188,11 +188,14 @@ def test_a_volume_with_an_unusable_state_file_is_skipped(arena):
 
 
 def test_a_state_file_that_takes_minutes_to_parse_holds_nobody_up(arena):
-    """The parser looks at every earlier attribute and declaration for each new one, and only one thread may be inside it."""
+    """The parser looks at every earlier attribute and declaration for each new one, lets entities of declarations multiply,
+    and only one thread may be inside it."""
     body = "<Version>1.0</Version><Volume><last_updated_time>0</last_updated_time><last_purge_time>0</last_purge_time></Volume>"
     attributes = "".join(f' a{number}=""' for number in range(100_000))
     declarations = "".join(f'<!ATTLIST Quarrow a{number} CDATA "">' for number in range(1_500))
-    documents = [f"<Quarrow{attributes}>{body}</Quarrow>", f"<!DOCTYPE Quarrow [{declarations}]><Quarrow>{body}</Quarrow>"]
+    multiplying = '<!ENTITY % e0 " ">' + "".join(f"<!ENTITY % e{n} '{f'&#37;e{n - 1};' * 10}'>" for n in range(1, 12)) + "%e11;"
+    documents = [f"<Quarrow{attributes}>{body}</Quarrow>", *(
+        f"<!DOCTYPE Quarrow [{dtd}]><Quarrow>{body}</Quarrow>" for dtd in (declarations, multiplying))]
     slow = [arena.volume(f"Slow{number}", crawl=["/m"]) for number in range(len(documents))]
     for volume, document in zip(slow, documents):
         os.makedirs(volume.path("/.quarrow"))

@@ -99,6 +99,19 @@ TEST_F(PlantedStateFile, doesNotPullOtherFilesIn)
     EXPECT_EQ(std::string::npos, folder.readFile("state.xml").find("1234567890"));
 }
 
+TEST_F(PlantedStateFile, withEntitiesForItsDeclarationsIsRefused)
+{
+    const std::string rest = "]><Quarrow><Volume><last_purge_time>5</last_purge_time></Volume></Quarrow>";
+    writeState("<!DOCTYPE Quarrow [<!ENTITY e 'x'>" + rest);
+    EXPECT_EQ("5", start());
+    for (const std::string value : { "' '", "SYSTEM 'elsewhere'" }) {
+        writeState("<!DOCTYPE Quarrow [<!ENTITY % e " + value + ">" + rest);
+        EXPECT_EQ(thrownText, start()) << value;
+        EXPECT_EQ(parseFailure(), loggedLines());
+        clearLog();
+    }
+}
+
 TEST_F(PlantedStateFile, thatIsAPipeIsNotWaitedFor)
 {
     ASSERT_EQ(0, mkfifo(statePath.c_str(), 0600));

@@ -1,6 +1,8 @@
 #include "db/CatalogueFile.h"
 
 #include "core/DurableFile.h"
+#include "core/FileDescriptor.h"
+#include "db/WithoutLinks.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -8,14 +10,17 @@
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -29,37 +34,46 @@ constexpr mode_t notLookedInto = S_ISVTX;
 /// Whoever has the shared index open holds a lock on this byte of it: SQLite's "deadman switch".
 constexpr off_t indexInUseByte = 128;
 
-/// A descriptor for the length of a scope.
-class OpenFile {
-public:
-    OpenFile(const std::string& path, int flags, mode_t mode = 0)
-        : number(open(path.c_str(), flags | O_CLOEXEC, mode))
-    {
-    }
-    ~OpenFile()
-    {
-        if (number >= 0)
-            close(number);
-    }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    const int number; ///< -1 when it could not be opened
-};
-
 std::string folderOf(const std::string& path)
 {
     const std::string::size_type slash = path.rfind('/');
     return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
-/// Where SQLite looks for the side files: beside the file that a link leads to.
-std::string withoutLinks(const std::string& path)
+std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+/// The folder of a catalogue, held by a descriptor: what is done to a name in it is done there, whatever is at its
+/// path.
+class CatalogueFolder : public FileDescriptor {
+public:
+    explicit CatalogueFolder(const std::string& cataloguePath, int flags = O_PATH)
+        : FileDescriptor(openWithoutLinks(folderOf(cataloguePath).c_str(), flags | O_DIRECTORY | O_CLOEXEC))
+    {
+    }
+
+    int open(const std::string& name, int flags, mode_t mode = 0) const
+    {
+        return openat(get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
+    }
+    /// As stat(), links followed.
+    bool find(const std::string& name, struct stat64& status) const
+    {
+        return fstatat64(get(), name.c_str(), &status, 0) == 0;
+    }
+    bool rename(const std::string& from, const std::string& to) const
+    {
+        return renameat(get(), from.c_str(), get(), to.c_str()) == 0;
+    }
+    void remove(const std::string& name) const { unlinkat(get(), name.c_str(), 0); }
+};
+
+/// The path of an open file, without links.
+std::string pathOf(const FileDescriptor& file)
 {
-    char* real = realpath(path.c_str(), nullptr);
-    std::string result = real != nullptr ? real : path;
-    std::free(real);
-    return result;
+    char path[PATH_MAX];
+    const std::string self = "/proc/self/fd/" + std::to_string(file.get());
+    const ssize_t length = readlink(self.c_str(), path, sizeof path);
+    return length > 0 ? std::string(path, static_cast<std::string::size_type>(length)) : std::string();
 }
 
 bool isTrusted(uid_t owner) { return owner == 0 || owner == geteuid(); }
@@ -85,40 +99,73 @@ bool hasItsName(int descriptor)
     return n < static_cast<ssize_t>(length) || std::memcmp(target + n - length, gone, length) != 0;
 }
 
+/// Follows links of root and of the daemon's own user at the end of the path. The path as it is when it leads nowhere,
+/// empty at a link of somebody else.
+std::string followLinks(const std::string& from)
+{
+    constexpr int mostLinks = 8;
+    std::string path = from;
+    for (int links = 0; links < mostLinks; ++links) {
+        const FileDescriptor entry(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        if (!entry.isOpen() && errno == ENOENT)
+            return from;
+        struct stat64 status;
+        if (!entry.isOpen() || fstat64(entry.get(), &status) != 0)
+            return {};
+        if (!S_ISLNK(status.st_mode))
+            return pathOf(entry);
+        char target[PATH_MAX];
+        const ssize_t length = isTrusted(status.st_uid) ? readlinkat(entry.get(), "", target, sizeof target) : -1;
+        if (length <= 0)
+            return {};
+        path = (target[0] == '/' ? "" : folderOf(path)) + std::string(target, static_cast<std::size_t>(length));
+    }
+    return {};
+}
+
 /// One of the files of a catalogue. Only looks, with O_PATH: to open and close a file would take away the locks that
 /// the process has on it.
 class CatalogueName {
 public:
-    explicit CatalogueName(const std::string& path)
-        : file(path, O_PATH | O_NOFOLLOW)
-        , absent(file.number < 0 && errno == ENOENT)
+    CatalogueName(const CatalogueFolder& folder, const std::string& name)
+        : file(folder.open(name, O_PATH))
+        , absent(!file.isOpen() && errno == ENOENT)
     {
-        if (file.number < 0 || fstat64(file.number, &status) != 0)
+        if (!file.isOpen() || fstat64(file.get(), &status) != 0)
             status = {};
-        if (S_ISREG(status.st_mode) && !hasItsName(file.number))
+        if (S_ISREG(status.st_mode) && !hasItsName(file.get()))
             status = {};
     }
 
     /// Nothing, or something that SQLite may open once it is root's or the daemon's own.
     bool isFit() const { return absent || (S_ISREG(status.st_mode) && status.st_nlink == 1); }
+    bool isAbsent() const { return absent; }
     bool isForeign() const { return !absent && !isTrusted(status.st_uid); }
-    bool isMarked() const { return (status.st_mode & notLookedInto) != 0; }
+    bool isMarked() const { return isMarked(status); }
+    static bool isMarked(const struct stat64& status) { return (status.st_mode & notLookedInto) != 0; }
+
+    /// Whether an open file is this one. When there was none it is one that has come since, which nobody else may have
+    /// had a hand in.
+    bool covers(const struct stat64& opened) const
+    {
+        return absent ? !isMarked(opened) : opened.st_dev == status.st_dev && opened.st_ino == status.st_ino;
+    }
 
     /// Makes root the owner, through the descriptor, so that it is the file that was looked at.
     bool giveToRoot(mode_t mark = 0) const
     {
-        const std::string self = "/proc/self/fd/" + std::to_string(file.number);
+        const std::string self = "/proc/self/fd/" + std::to_string(file.get());
         const mode_t mode = (status.st_mode & permissionBits & ~(writableByOthers | notLookedInto)) | mark;
         // Marked before and after: a kill in between must not leave it root's without the mark, which a change of the
         // owner may take away.
         return absent
             || (chmod(self.c_str(), mode) == 0
-                && fchownat(file.number, "", 0, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0
+                && fchownat(file.get(), "", 0, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0
                 && chmod(self.c_str(), mode) == 0);
     }
 
 private:
-    const OpenFile file;
+    const FileDescriptor file;
     const bool absent;
     struct stat64 status;
 };
@@ -137,42 +184,37 @@ bool addFlag(int descriptor, int flag)
 /// Only an empty file can be marked. An index that nobody uses is as good as none: SQLite makes it anew from the log.
 void markLeftIndex(const std::string& path)
 {
-    const OpenFile index(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
-    if (index.number < 0 || !isFitToOpen(index.number))
+    const FileDescriptor index(openWithoutLinks(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    if (!index.isOpen() || !isFitToOpen(index.get()))
         return;
     struct flock inUse = {};
     inUse.l_type = F_WRLCK;
     inUse.l_start = indexInUseByte;
     inUse.l_len = 1;
     int flags = 0;
-    if (ioctl(index.number, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_NOCOW_FL) == 0
-        && fcntl(index.number, F_SETLK, &inUse) == 0 && ftruncate(index.number, 0) == 0)
-        addFlag(index.number, FS_NOCOW_FL);
+    if (ioctl(index.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_NOCOW_FL) == 0
+        && fcntl(index.get(), F_SETLK, &inUse) == 0 && ftruncate(index.get(), 0) == 0)
+        addFlag(index.get(), FS_NOCOW_FL);
 }
 
 bool isLockedByAnother(int descriptor) { return flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
 
 /// The temporary file, locked and empty; -1 when another daemon is at work in it, or when none can be made.
-int openTemporary(const std::string& path)
+int openTemporary(const CatalogueFolder& folder, const std::string& name)
 {
-    const OpenFile left(CatalogueName(path).isFit() ? path : "", O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
-    if (left.number >= 0 && isLockedByAnother(left.number))
-        return -1;
-    unlink(path.c_str()); // left by a start that was cut short, or planted
-    const int made = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, readableByAll);
+    if (CatalogueName(folder, name).isFit()) {
+        const FileDescriptor left(folder.open(name, O_RDONLY | O_NONBLOCK));
+        if (left.isOpen() && isLockedByAnother(left.get()))
+            return -1;
+    }
+    folder.remove(name); // left by a start that was cut short, or planted
+    const int made = folder.open(name, O_WRONLY | O_CREAT | O_EXCL, readableByAll);
     struct stat64 status;
     // Another daemon may have taken it for a left-over before it was locked.
     if (made < 0 || (!isLockedByAnother(made) && fstat64(made, &status) == 0 && status.st_nlink == 1))
         return made;
     close(made);
     return -1;
-}
-
-void syncFolderOf(const std::string& path)
-{
-    const OpenFile folder(folderOf(path), O_RDONLY | O_DIRECTORY);
-    if (folder.number >= 0)
-        fsync(folder.number);
 }
 
 int statusOf(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG ? SQLITE_FULL : SQLITE_IOERR; }
@@ -191,53 +233,120 @@ bool isFitToOpen(int descriptor)
     return fstat64(descriptor, &status) == 0 && isFit(status) && (!S_ISREG(status.st_mode) || hasItsName(descriptor));
 }
 
-Admission admitCatalogue(const std::string& path)
+std::string findCatalogue(const std::string& path)
 {
-    const std::string real = withoutLinks(path);
-    const CatalogueName main(real);
-    const CatalogueName sides[]
-        = { CatalogueName(real + "-wal"), CatalogueName(real + "-shm"), CatalogueName(real + "-journal") };
-    const CatalogueName& index = sides[1];
-    const CatalogueName& journal = sides[2];
-    bool foreign = main.isForeign();
-    bool marked = main.isMarked();
-    bool fit = main.isFit();
-    for (const CatalogueName& side : sides) {
-        foreign = foreign || side.isForeign();
-        marked = marked || side.isMarked();
-        fit = fit && side.isFit();
-    }
-    // A journal of somebody else could name any file, for SQLite to remove it.
-    if (!fit || (foreign && geteuid() != 0) || journal.isForeign())
-        return Admission::refused;
-    if (!foreign)
-        return marked ? Admission::untrusted : Admission::trusted;
-
-    // The former owner may still have the index open, and could cut it off under the daemon, which maps it.
-    if (index.isForeign())
-        unlink((real + "-shm").c_str());
-    bool taken = main.giveToRoot(notLookedInto);
-    for (const CatalogueName& side : sides)
-        taken = taken && (!side.isForeign() || side.giveToRoot(notLookedInto));
-    return taken ? Admission::untrusted : Admission::refused;
+    std::string folder = folderOf(path);
+    if (folder.length() > 1)
+        folder.pop_back(); // with the slash a link would be followed unseen
+    folder = followLinks(folder);
+    if (folder.empty())
+        return {};
+    return followLinks((folder == "/" ? "" : folder) + "/" + nameOf(path));
 }
 
-void trustCatalogue(const std::string& path)
-{
-    const std::string real = withoutLinks(path);
-    for (const char* suffix : { "", "-wal", "-shm", "-journal" }) {
-        const CatalogueName name(real + suffix);
-        if (name.isMarked() && name.isFit() && !name.isForeign())
-            name.giveToRoot();
+/// The files under the names of a catalogue, held as they were found.
+class CatalogueAdmission::Files {
+public:
+    explicit Files(const std::string& cataloguePath)
+        : path(cataloguePath)
+        , folder(path)
+        , verdict(judge())
+    {
     }
+
+    enum Verdict { refused, untrusted, trusted };
+    Verdict getVerdict() const { return verdict; }
+
+    void trust() const
+    {
+        for (const auto& file : files) {
+            if (file->isMarked() || file->isForeign())
+                file->giveToRoot();
+        }
+    }
+
+    bool covers(const char* opened, int descriptor) const
+    {
+        if (std::strncmp(opened, path.c_str(), path.length()) != 0)
+            return true;
+        struct stat64 status;
+        for (std::size_t name = 0; name < files.size(); ++name) {
+            if (std::strcmp(opened + path.length(), suffixes[name]) == 0)
+                return fstat64(descriptor, &status) == 0 && files[name]->covers(status);
+        }
+        return true;
+    }
+
+private:
+    enum Name { main, log, index, journal };
+    static constexpr const char* suffixes[] = { "", "-wal", "-shm", "-journal" };
+
+    std::string nameFor(std::size_t name) const { return nameOf(path) + suffixes[name]; }
+
+    Verdict judge()
+    {
+        bool foreign = false;
+        bool marked = false;
+        bool fit = true;
+        for (std::size_t name = 0; name < files.size(); ++name) {
+            const CatalogueName& file = files[name].emplace(folder, nameFor(name));
+            foreign = foreign || file.isForeign();
+            marked = marked || file.isMarked();
+            fit = fit && file.isFit();
+        }
+        // A journal of somebody else could name any file, for SQLite to remove it.
+        if (!fit || files[journal]->isForeign() || (foreign && !takeOver()))
+            return refused;
+        return foreign || marked ? untrusted : trusted;
+    }
+
+    bool takeOver()
+    {
+        if (geteuid() != 0)
+            return false;
+        // The former owner may still have the index open, and could cut it off under the daemon, which maps it.
+        if (files[index]->isForeign()) {
+            folder.remove(nameFor(index));
+            if (!files[index].emplace(folder, nameFor(index)).isAbsent())
+                return false;
+        }
+        return files[main]->giveToRoot(notLookedInto)
+            && (!files[log]->isForeign() || files[log]->giveToRoot(notLookedInto));
+    }
+
+    const std::string path;
+    const CatalogueFolder folder;
+    std::array<std::optional<CatalogueName>, std::size(suffixes)> files;
+    const Verdict verdict;
+};
+
+static thread_local const CatalogueAdmission* currentAdmission = nullptr;
+
+CatalogueAdmission::CatalogueAdmission(const std::string& path)
+    : files(std::make_unique<const Files>(path))
+{
+    currentAdmission = this;
 }
+
+CatalogueAdmission::~CatalogueAdmission() { currentAdmission = nullptr; }
+
+const CatalogueAdmission* CatalogueAdmission::current() { return currentAdmission; }
+
+bool CatalogueAdmission::isRefused() const { return files->getVerdict() == Files::refused; }
+
+bool CatalogueAdmission::isTrusted() const { return files->getVerdict() == Files::trusted; }
+
+void CatalogueAdmission::trust() const { files->trust(); }
+
+bool CatalogueAdmission::covers(const char* path, int descriptor) const { return files->covers(path, descriptor); }
 
 void keepCatalogue(const std::string& path)
 {
     if (geteuid() != 0)
         return;
+    const CatalogueFolder folder(path);
     for (const char* suffix : { "", "-wal", "-shm" }) {
-        const CatalogueName name(path + suffix);
+        const CatalogueName name(folder, nameOf(path) + suffix);
         if (name.isForeign() && name.isFit())
             name.giveToRoot(notLookedInto); // the next start looks into it: it may have been changed meanwhile
     }
@@ -245,14 +354,13 @@ void keepCatalogue(const std::string& path)
 
 bool avoidCopyOnWrite(const std::string& path)
 {
-    const std::string real = withoutLinks(path);
-    const OpenFile folder(folderOf(real), O_RDONLY | O_DIRECTORY);
-    return folder.number >= 0 && addFlag(folder.number, FS_NOCOW_FL);
+    const CatalogueFolder folder(path, O_RDONLY);
+    return folder.isOpen() && addFlag(folder.get(), FS_NOCOW_FL);
 }
 
 void avoidCopyOnWriteOfIndex(const std::string& path)
 {
-    const std::string index = withoutLinks(path) + "-shm";
+    const std::string index = path + "-shm";
     struct stat64 status;
     if (lstat64(index.c_str(), &status) != 0)
         return;
@@ -264,35 +372,49 @@ void avoidCopyOnWriteOfIndex(const std::string& path)
     }).join();
 }
 
+bool canMapIndex(const std::string& path)
+{
+    const FileDescriptor index(openWithoutLinks((path + "-shm").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    if (!index.isOpen())
+        return true;
+    constexpr std::size_t length = 1;
+    void* const mapped = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, index.get(), 0);
+    if (mapped == MAP_FAILED)
+        return errno == ENOMEM || errno == EAGAIN; // a passing want
+    munmap(mapped, length);
+    return true;
+}
+
 /// Moves the complete file to its place, where still nothing is.
-static int moveToItsPlace(const std::string& temporaryPath, const std::string& path)
+static int moveToItsPlace(const CatalogueFolder& folder, const std::string& temporaryName, const std::string& name)
 {
     // Asked again, now that the file is locked: whoever had the lock before may be at work in a catalogue that it made.
     struct stat64 status;
-    if (stat64(path.c_str(), &status) == 0) {
-        unlink(temporaryPath.c_str());
+    if (folder.find(name, status)) {
+        folder.remove(temporaryName);
         return SQLITE_OK;
     }
     if (errno != ENOENT)
         return SQLITE_CANTOPEN; // what cannot be looked at may be a good catalogue
     // What is left of a catalogue that somebody removed would be taken for the new one's log, and replayed into it.
     for (const char* leftOver : { "-wal", "-shm", "-journal" })
-        unlink((path + leftOver).c_str());
-    if (std::rename(temporaryPath.c_str(), path.c_str()) != 0)
+        folder.remove(name + leftOver);
+    if (!folder.rename(temporaryName, name))
         return SQLITE_IOERR;
-    syncFolderOf(path);
+    fsync(folder.get());
     return SQLITE_OK;
 }
 
 int createCatalogueFile(const std::string& path, const std::string& content)
 {
-    const std::string temporaryPath = path + ".tmp";
-    const int descriptor = openTemporary(temporaryPath);
-    if (descriptor < 0)
+    const CatalogueFolder folder(path, O_RDONLY);
+    const std::string name = nameOf(path);
+    const std::string temporaryName = name + ".tmp";
+    const FileDescriptor made(folder.isOpen() ? openTemporary(folder, temporaryName) : -1);
+    if (!made.isOpen())
         return SQLITE_CANTOPEN;
-    const int rc = writeDurably(descriptor, content) ? moveToItsPlace(temporaryPath, path) : statusOf(errno);
+    const int rc = writeDurably(made.get(), content) ? moveToItsPlace(folder, temporaryName, name) : statusOf(errno);
     if (rc != SQLITE_OK)
-        unlink(temporaryPath.c_str());
-    close(descriptor);
+        folder.remove(temporaryName);
     return rc;
 }

@@ -1,29 +1,50 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 /// What lies on the disk under the names of a catalogue: the main file and the side files that SQLite opens beside it.
-/// `.quarrow` may belong to a user of the volume, who can put anything there.
+/// `.quarrow` may belong to a user of the volume, who can put anything there, and exchange it at any moment. All paths
+/// but that of findCatalogue() are those that it has returned: what has become a link since is not followed.
 
-/// Whether the catalogue at a path may be opened.
-enum class Admission {
-    refused,   ///< something under its names is no regular file, has a second name, or belongs to somebody else
-    untrusted, ///< yes, but somebody else could write it until now: what SQL it holds is that user's
-    trusted
+/// Where the catalogue is, or would be, without links. An administrator may keep catalogues elsewhere, so links of root
+/// and of the daemon's own user are followed. Empty with one of somebody else, who would have the daemon write into
+/// files that are none of the volume's, and when the folder cannot be looked at.
+std::string findCatalogue(const std::string& path);
+
+/// The leave to open a catalogue. While it lasts, SQLite, set up for the daemon, opens in this thread under the names
+/// of the catalogue nothing else than what was looked at.
+class CatalogueAdmission {
+public:
+    /// Looks at everything under the names of the catalogue, and makes root, when the daemon runs as that, the owner of
+    /// what belongs to others.
+    explicit CatalogueAdmission(const std::string& path);
+    ~CatalogueAdmission();
+    CatalogueAdmission(const CatalogueAdmission&) = delete;
+    CatalogueAdmission& operator=(const CatalogueAdmission&) = delete;
+
+    /// Whether something under the names is no regular file, has a second name, or stays somebody else's.
+    bool isRefused() const;
+    /// Whether nobody else could write it until now. Otherwise, what SQL it holds is somebody else's.
+    bool isTrusted() const;
+    /// The content was found harmless: from now on, and after a kill as well, it is trusted.
+    void trust() const;
+    /// Whether the open file is what was looked at under that path, or the path none of the catalogue's. A file that
+    /// has come since must not be one that still has to be looked into.
+    bool covers(const char* path, int descriptor) const;
+    /// The one that lasts in this thread; nullptr without one.
+    static const CatalogueAdmission* current();
+
+private:
+    class Files;
+    const std::unique_ptr<const Files> files;
 };
-
-/// Looks at everything under the names of the catalogue, and makes root, when the daemon runs as that, the owner of
-/// what belongs to others. Once the content was found harmless, trustCatalogue() says so.
-Admission admitCatalogue(const std::string& path);
-
-/// The content of an untrusted catalogue was found harmless: from now on, and after a kill as well, it is trusted.
-void trustCatalogue(const std::string& path);
 
 /// Makes root, when the daemon runs as that, the owner of the open catalogue's files again: `chown -R` of a volume
 /// gives them away.
 void keepCatalogue(const std::string& path);
 
-/// Whether SQLite may open what is at the path, or work on what it has just opened: see Admission::refused. Folders and
+/// Whether SQLite may open what is at the path, or work on what it has just opened: see isRefused(). Folders and
 /// devices are no files.
 /// Neither allocates: SQLite calls them, and no exception may pass through it.
 bool isFitToOpen(const char* path);
@@ -36,6 +57,9 @@ bool avoidCopyOnWrite(const std::string& path);
 
 /// The same for an index that a kill has left, when nobody uses it. The catalogue must have been admitted.
 void avoidCopyOnWriteOfIndex(const std::string& path);
+
+/// Whether files beside the catalogue can be mapped for sharing, as far as its index, which nobody uses, shows.
+bool canMapIndex(const std::string& path);
 
 /// Puts a file with that content at `path`, where there is none yet: complete or not at all, also when two daemons are
 /// at it. Nothing else is left behind. An SQLite status: SQLITE_OK also when somebody else was faster, SQLITE_FULL

@@ -5,15 +5,18 @@
 #include "db/CatalogueFile.h"
 #include "db/DBOperationException.h"
 #include "db/Statement.h"
+#include "db/WithoutLinks.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -22,6 +25,7 @@
 #include <memory>
 #include <new>
 #include <queue>
+#include <set>
 #include <string_view>
 #include <thread>
 #include <unordered_set>
@@ -46,10 +50,12 @@ const char* const schemaStatements[] = {
 };
 
 constexpr std::string::size_type longestForSqlite = 512 - std::string_view("-journal").length();
-constexpr int checkpointPages = 4000;              // few syncs in a long walk, and a log of at most some 16 MiB
-constexpr unsigned long roomForLogBytes = 1048576; // its index, 32 KiB at the least, and some transactions
+constexpr int checkpointPages = 4000; // few syncs in a long walk, and a log of at most some 16 MiB
+constexpr unsigned long smallestIndexBytes = 32768;
+constexpr unsigned long roomForLogBytes = 1048576; // its index and some transactions
 constexpr unsigned long logFiles = 2;              // the log and its index
 constexpr int stepsBetweenStopChecks = 100000;     // virtual machine steps, well under a second of work
+constexpr int stepsToReadSchema = 2000;            // ten times what that of a catalogue takes
 
 /// What a catalogue needs, with room for an administrator's triggers: a file that somebody has prepared is not to make
 /// the daemon build values of gigabytes.
@@ -74,13 +80,20 @@ bool isFilePath(const std::string& path)
     return !path.empty() && path != ":memory:" && path.compare(0, 5, "file:") != 0;
 }
 
-/// A link that neither root nor the daemon's own user made. An administrator may keep catalogues elsewhere; a user of
-/// the volume would have the daemon write into files that are none of the volume's.
-bool isForeignLink(const std::string& path)
+/// The texts in a schema, as SQLite keeps them. An SQLite status.
+int readSchemaTexts(sqlite3* schema, std::set<std::string>& texts)
 {
-    struct stat64 status;
-    return lstat64(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid != 0
-        && status.st_uid != geteuid();
+    return sqlite3_exec(
+        schema, "select sql from sqlite_master where sql is not null",
+        [](void* result, int, char** text, char**) {
+            try {
+                static_cast<std::set<std::string>*>(result)->insert(text[0]);
+                return 0;
+            } catch (const std::bad_alloc&) {
+                return 1;
+            }
+        },
+        &texts, nullptr);
 }
 
 int isHidden(const std::string& path) { return path.find("/.") != std::string::npos ? 1 : 0; }
@@ -128,12 +141,13 @@ bool VolumeDBManager::open(const char* path)
 {
     syslog(LOG_LOCAL5 | LOG_INFO, "sqlite version: %s\n", sqlite3_libversion());
     closeCatalogue();
-    const int rc = openAdmitted(path);
+    const int rc = openOrMake(path);
     if (!succeeded(rc)) {
         sqlite3_close(std::exchange(handle, nullptr)); // SQLite hands out a handle also when it fails
         syslog(LOG_LOCAL5 | LOG_ERR, "open() failed, handleStatus: %d\n", rc);
         throw DBOperationException();
     }
+    configure();
     catalogue = identityOf(sqlite3_db_filename(handle, "main"));
     logIsUnusable = false;
     useWriteAheadLog();
@@ -145,7 +159,7 @@ void VolumeDBManager::closeCatalogue()
     try {
         if (handle != nullptr)
             leaveWriteAheadLog();
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         // SQLite puts its log into the file all the same; at the worst the next start does.
     }
     sqlite3_close(std::exchange(handle, nullptr));
@@ -153,50 +167,62 @@ void VolumeDBManager::closeCatalogue()
     log = FileIdentity();
 }
 
-/// Opens the catalogue if it is one that may be opened. An SQLite status.
-int VolumeDBManager::openAdmitted(const std::string& path)
+/// An SQLite status.
+int VolumeDBManager::openOrMake(const std::string& path)
 {
-    if (!isFilePath(path) || isForeignLink(path) || isForeignLink(folderOf(path)))
+    if (!isFilePath(path))
         return SQLITE_CANTOPEN;
     const bool existed = checkIfDBExists(path.c_str());
-    if (path.length() > longestForSqlite)
+    const std::string found = findCatalogue(path);
+    if (found.empty() || found.length() > longestForSqlite || path.length() > longestForSqlite)
         return SQLITE_CANTOPEN;
-    const bool isMarked = avoidCopyOnWrite(path);
-    int rc = existed ? SQLITE_OK : make(path);
-    if (rc != SQLITE_OK)
-        return rc;
-    const Admission admission = admitCatalogue(path);
-    if (admission == Admission::refused)
+    const bool isMarked = avoidCopyOnWrite(found);
+    const int rc = existed ? SQLITE_OK : make(found);
+    return rc == SQLITE_OK ? openAdmitted(found, isMarked) : rc;
+}
+
+/// Opens the catalogue if it is one that may be opened. An SQLite status.
+int VolumeDBManager::openAdmitted(const std::string& path, bool isMarked)
+{
+    const CatalogueAdmission admission(path);
+    if (admission.isRefused())
         return SQLITE_CANTOPEN;
     if (isMarked)
         avoidCopyOnWriteOfIndex(path);
-    rc = sqlite3_open(path.c_str(), &handle);
+    const int rc = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
     if (rc != SQLITE_OK)
         return rc;
-    configure();
-    if (admission == Admission::trusted)
+    for (const auto& limit : sqlLimits)
+        sqlite3_limit(handle, limit.category, limit.value);
+    if (admission.isTrusted())
         return SQLITE_OK;
-    rc = lookForForeignSql();
-    if (rc == SQLITE_OK)
-        trustCatalogue(path);
-    return rc;
+    const int harmless = lookForForeignSql();
+    if (harmless == SQLITE_OK)
+        admission.trust();
+    return harmless;
 }
 
-/// SQLITE_AUTH when the schema holds triggers, views or virtual tables, which would run with the daemon's statements.
-/// By the texts, since these are what SQLite parses.
+/// SQLITE_AUTH when the schema holds anything that is not made here: triggers and views run with the daemon's
+/// statements, so do the checks, defaults and indexes of a table, and plans follow what a user says of the rows.
+/// By the texts alone, since these are what SQLite parses.
 int VolumeDBManager::lookForForeignSql()
 {
-    bool found = false;
-    const int rc = sqlite3_exec(
-        handle,
-        "select 1 from sqlite_master where not (sql is null or sql like 'create table %' or sql like 'create index %'"
-        " or sql like 'create unique index %') limit 1",
-        [](void* result, int, char**, char**) {
-            *static_cast<bool*>(result) = true;
-            return 0;
-        },
-        &found, nullptr);
-    return found ? SQLITE_AUTH : rc;
+    // A schema may have any size, and is read as a whole.
+    sqlite3_progress_handler(
+        handle, stepsToReadSchema, [](void*) { return 1; }, nullptr);
+    std::set<std::string> texts;
+    const int rc = readSchemaTexts(handle, texts);
+    if (rc != SQLITE_OK)
+        return rc == SQLITE_INTERRUPT ? SQLITE_AUTH : rc;
+
+    sqlite3* made = nullptr;
+    std::set<std::string> ours;
+    sqlite3_open(":memory:", &made);
+    for (const char* statement : schemaStatements)
+        sqlite3_exec(made, statement, nullptr, nullptr, nullptr);
+    readSchemaTexts(made, ours);
+    sqlite3_close(made);
+    return std::includes(ours.begin(), ours.end(), texts.begin(), texts.end()) ? SQLITE_OK : SQLITE_AUTH;
 }
 
 /// Makes a new catalogue, complete or absent: a schema is only ever made for a new file, so half of one would never be
@@ -287,8 +313,6 @@ bool VolumeDBManager::isStopping() const { return stopRequested || isStopSignalP
 
 void VolumeDBManager::configure()
 {
-    for (const auto& limit : sqlLimits)
-        sqlite3_limit(handle, limit.category, limit.value);
     // A file can ask for a page cache of any size.
     sqlite3_exec(handle, "PRAGMA cache_size=-2000", nullptr, nullptr, nullptr);
     sqlite3_wal_autocheckpoint(handle, checkpointPages);
@@ -317,7 +341,8 @@ void VolumeDBManager::useWriteAheadLog()
     // This one, for whatever value, makes the log and its index.
     if (inUse)
         sqlite3_exec(handle, "PRAGMA schema_version", nullptr, nullptr, nullptr);
-    if (sqlite3_extended_errcode(handle) == SQLITE_IOERR_SHMMAP) {
+    const int status = sqlite3_extended_errcode(handle);
+    if (status == SQLITE_IOERR_SHMMAP || status == SQLITE_IOERR_SHMSIZE) {
         takeBackWriteAheadLog();
         inUse = false;
     }
@@ -360,14 +385,15 @@ void VolumeDBManager::takeBackWriteAheadLog()
 {
     const std::string path = sqlite3_db_filename(handle, "main");
     sqlite3_close(std::exchange(handle, nullptr));
-    if (sqlite3_open(path.c_str(), &handle) != SQLITE_OK) {
+    if (openAdmitted(path, false) != SQLITE_OK || hasMoved()) {
         sqlite3_close(std::exchange(handle, nullptr)); // operations fail as before open()
         return;
     }
     sqlite3_exec(handle, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr);
-    logIsUnusable = journalModeAfter("PRAGMA journal_mode=DELETE") == "delete";
-    if (logIsUnusable)
-        unlink((path + "-shm").c_str());
+    if (journalModeAfter("PRAGMA journal_mode=DELETE") == "delete") {
+        logIsUnusable = !canMapIndex(path);
+        unlinkWithoutLinks((path + "-shm").c_str());
+    }
     // The look ends the exclusive lock.
     sqlite3_exec(handle, "PRAGMA locking_mode=NORMAL; PRAGMA schema_version", nullptr, nullptr, nullptr);
     configure();
@@ -376,6 +402,9 @@ void VolumeDBManager::takeBackWriteAheadLog()
 /// A file that has been switched to a log which then finds no room for its index cannot even be read.
 bool VolumeDBManager::hasRoomForLog() const
 {
+    struct rlimit64 fileSize;
+    if (getrlimit64(RLIMIT_FSIZE, &fileSize) == 0 && fileSize.rlim_cur < smallestIndexBytes)
+        return false;
     struct statvfs64 volume;
     const char* path = sqlite3_db_filename(handle, "main");
     if (path == nullptr || statvfs64(path, &volume) != 0)
@@ -422,8 +451,8 @@ void VolumeDBManager::removeOwnLog() const
 {
     if (log.inode == 0 || !isAt(log, logPath()))
         return;
-    unlink(logPath().c_str());
-    unlink((std::string(sqlite3_db_filename(handle, "main")) + "-shm").c_str());
+    unlinkWithoutLinks(logPath().c_str());
+    unlinkWithoutLinks((std::string(sqlite3_db_filename(handle, "main")) + "-shm").c_str());
 }
 
 VolumeDBManager::FileIdentity VolumeDBManager::identityOf(const std::string& path)

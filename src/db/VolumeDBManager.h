@@ -167,7 +167,8 @@ private:
     void moveContent(DBFolder& from, DBFolder& src, DBFolder& dst);
     bool waitForNeighbour() const;
     bool isStopping() const;
-    int openAdmitted(const std::string& path);
+    int openOrMake(const std::string& path);
+    int openAdmitted(const std::string& path, bool isMarked);
     int make(const std::string& path);
     std::string emptyCatalogue();
     int lookForForeignSql();

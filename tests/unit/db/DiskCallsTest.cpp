@@ -72,10 +72,16 @@ extern "C" int unlink(const char* path) noexcept
     return static_cast<int>(syscall(SYS_unlink, path));
 }
 
-extern "C" int rename(const char* from, const char* to) noexcept
+extern "C" int renameat(int fromFolder, const char* from, int toFolder, const char* to) noexcept
 {
     calls.push_back("rename " + nameOf(from) + " " + nameOf(to));
-    return refuses(Refused::renaming) ? -1 : static_cast<int>(syscall(SYS_rename, from, to));
+    return refuses(Refused::renaming) ? -1 : static_cast<int>(syscall(SYS_renameat, fromFolder, from, toFolder, to));
+}
+
+extern "C" int unlinkat(int folder, const char* name, int flags) noexcept
+{
+    calls.push_back("unlink " + nameOf(name));
+    return static_cast<int>(syscall(SYS_unlinkat, folder, name, flags));
 }
 
 extern "C" int stat64(const char* path, struct stat64* status) noexcept

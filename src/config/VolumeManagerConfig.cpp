@@ -2,6 +2,8 @@
 
 #include "config/XmlDocument.h"
 #include "core/DurableFile.h"
+#include "core/HeldFolder.h"
+#include "core/WithoutLinks.h"
 
 #include <fcntl.h>
 #include <libxml/parser.h>
@@ -51,61 +53,47 @@ std::string defaultDocument()
     return reinterpret_cast<const char*>(xmlBufferContent(buffer.get()));
 }
 
-/// A new file under its final name, never through a link; -1 when something has the name already.
-int createExclusively(const std::string& path)
-{
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, readableByAll);
-}
-
-std::string directoryOf(const std::string& path)
-{
-    const std::string::size_type slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
 /// Writes a file that has no name yet and names it once it is complete, so that a power cut never leaves half of it.
 /// False when nothing was made: not every file system has nameless files.
-bool createNameless(const std::string& path, const std::string& text)
+bool createNameless(const HeldFolder& folder, const std::string& name, const std::string& text)
 {
-    const int descriptor = open(directoryOf(path).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, readableByAll);
-    if (descriptor < 0)
+    const FileDescriptor made(folder.open(".", O_TMPFILE | O_WRONLY, readableByAll));
+    if (!made.isOpen())
         return false;
-    const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
-    const bool created = writeDurably(descriptor, text)
-        && linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
-    close(descriptor); // all of it is on the disk already
-    return created;
+    const std::string self = "/proc/self/fd/" + std::to_string(made.get());
+    return writeDurably(made.get(), text)
+        && linkat(AT_FDCWD, self.c_str(), folder.get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
-std::string temporaryPathOf(const std::string& path) { return path + ".tmp"; }
+std::string temporaryNameOf(const std::string& name) { return name + ".tmp"; }
 
 enum class Outcome { notOpened, incomplete, complete };
 
 /// Writes the text beside its place. Nothing is left of what came out incomplete: half a file would be taken for a
 /// broken one at the next start.
-Outcome writeTemporary(const std::string& path, const std::string& text)
+Outcome writeTemporary(const HeldFolder& folder, const std::string& name, const std::string& text)
 {
-    const std::string temporaryPath = temporaryPathOf(path);
-    unlink(temporaryPath.c_str()); // left by a crash, or planted by a user of the volume
-    const int descriptor = createExclusively(temporaryPath);
+    const std::string temporaryName = temporaryNameOf(name);
+    folder.remove(temporaryName); // left by a crash, or planted by a user of the volume
+    const int descriptor = folder.open(temporaryName, O_WRONLY | O_CREAT | O_EXCL, readableByAll);
     if (descriptor < 0)
         return Outcome::notOpened;
     const bool written = writeDurably(descriptor, text);
     if (close(descriptor) == 0 && written)
         return Outcome::complete;
-    unlink(temporaryPath.c_str());
+    folder.remove(temporaryName);
     return Outcome::incomplete;
 }
 
 /// For a new file. False when none could be opened for it.
-bool createBeside(const std::string& path, const std::string& text)
+bool createBeside(const HeldFolder& folder, const std::string& name, const std::string& text)
 {
     struct stat64 status;
-    if (lstat64(path.c_str(), &status) == 0)
+    if (fstatat64(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         return false; // a folder, or a link that leads nowhere
-    const Outcome outcome = writeTemporary(path, text);
-    if (outcome == Outcome::complete && std::rename(temporaryPathOf(path).c_str(), path.c_str()) != 0)
-        unlink(temporaryPathOf(path).c_str());
+    const Outcome outcome = writeTemporary(folder, name, text);
+    if (outcome == Outcome::complete && !folder.rename(temporaryNameOf(name), name))
+        folder.remove(temporaryNameOf(name));
     return outcome != Outcome::notOpened;
 }
 
@@ -129,11 +117,19 @@ bool isReadable(const std::string& text)
     return document != nullptr;
 }
 
+[[noreturn]] void refuse()
+{
+    syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
+    throw "Could not parse the config xml";
+}
+
 } // namespace
 
 VolumeManagerConfig::VolumeManagerConfig(const std::string& path)
-    : filePath(path)
+    : filePath(resolveOwnLinks(path, LinkedFile::kept))
 {
+    if (filePath.empty() && isExistingFile(path))
+        refuse();
     if (isExistingFile(filePath))
         load();
     else
@@ -153,10 +149,8 @@ void VolumeManagerConfig::setLastPurgeTime(int t)
 void VolumeManagerConfig::load()
 {
     const XmlDocument document(filePath, XmlDocument::untrusted);
-    if (!document.isParsed()) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
-        throw "Could not parse the config xml";
-    }
+    if (!document.isParsed())
+        refuse();
     if (!isElement(document.root(), "Quarrow")) {
         std::puts("Badly formed xml ");
         return;
@@ -179,7 +173,9 @@ void VolumeManagerConfig::load()
 void VolumeManagerConfig::create() const
 {
     const std::string text = defaultDocument();
-    if (!createNameless(filePath, text) && !createBeside(filePath, text))
+    const HeldFolder folder(filePath);
+    const std::string name = nameOf(filePath);
+    if (name.empty() || (!createNameless(folder, name, text) && !createBeside(folder, name, text)))
         std::puts("testXmlwriterMemory: Error at fopen");
 }
 
@@ -189,10 +185,8 @@ std::string VolumeManagerConfig::updatedDocument(int t)
 {
     const int now = static_cast<int>(std::time(nullptr));
     const XmlDocument document(filePath, XmlDocument::untrusted);
-    if (!document.isParsed()) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Could not parse the config xml\n");
-        throw "Could not parse the config xml";
-    }
+    if (!document.isParsed())
+        refuse();
     const auto setNumber = [](xmlNodePtr field, std::atomic<int>& held, int number) {
         xmlNodeSetContent(field, reinterpret_cast<const xmlChar*>(std::to_string(number).c_str()));
         held = number;
@@ -219,8 +213,10 @@ void VolumeManagerConfig::rewrite(int t)
     const std::string text = updatedDocument(t);
     const bool isUsable
         = !text.empty() && text.length() <= XmlDocument::largestUntrusted; // else no start could read it
-    if (!isUsable || writeTemporary(filePath, text) != Outcome::complete)
+    const HeldFolder folder(filePath);
+    const std::string name = nameOf(filePath);
+    if (!isUsable || writeTemporary(folder, name, text) != Outcome::complete)
         return; // the old file stays the good one
-    if (std::rename(temporaryPathOf(filePath).c_str(), filePath.c_str()) != 0)
+    if (!folder.rename(temporaryNameOf(name), name))
         syslog(LOG_LOCAL5 | LOG_ERR, "Could not rename the file\n");
 }

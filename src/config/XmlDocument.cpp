@@ -1,5 +1,7 @@
 #include "config/XmlDocument.h"
 
+#include "core/WithoutLinks.h"
+
 #include <fcntl.h>
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
@@ -23,7 +25,7 @@ XmlTurn::~XmlTurn() { xmlCleanupParser(); }
 /// The content of a regular file; empty, which is no document, when it is none, too large or cannot be read.
 static std::string readRegularFile(const std::string& path)
 {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int descriptor = openWithoutLinks(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         return {};
     std::string text;

@@ -1,8 +1,8 @@
 #include "db/CatalogueFile.h"
 
 #include "core/DurableFile.h"
-#include "core/FileDescriptor.h"
-#include "db/WithoutLinks.h"
+#include "core/HeldFolder.h"
+#include "core/WithoutLinks.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -34,55 +34,11 @@ constexpr mode_t notLookedInto = S_ISVTX;
 /// Whoever has the shared index open holds a lock on this byte of it: SQLite's "deadman switch".
 constexpr off_t indexInUseByte = 128;
 
-std::string folderOf(const std::string& path)
-{
-    const std::string::size_type slash = path.rfind('/');
-    return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
-}
-
-std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-/// The folder of a catalogue, held by a descriptor: what is done to a name in it is done there, whatever is at its
-/// path.
-class CatalogueFolder : public FileDescriptor {
-public:
-    explicit CatalogueFolder(const std::string& cataloguePath, int flags = O_PATH)
-        : FileDescriptor(openWithoutLinks(folderOf(cataloguePath).c_str(), flags | O_DIRECTORY | O_CLOEXEC))
-    {
-    }
-
-    int open(const std::string& name, int flags, mode_t mode = 0) const
-    {
-        return openat(get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
-    }
-    /// As stat(), links followed.
-    bool find(const std::string& name, struct stat64& status) const
-    {
-        return fstatat64(get(), name.c_str(), &status, 0) == 0;
-    }
-    bool rename(const std::string& from, const std::string& to) const
-    {
-        return renameat(get(), from.c_str(), get(), to.c_str()) == 0;
-    }
-    void remove(const std::string& name) const { unlinkat(get(), name.c_str(), 0); }
-};
-
-/// The path of an open file, without links.
-std::string pathOf(const FileDescriptor& file)
-{
-    char path[PATH_MAX];
-    const std::string self = "/proc/self/fd/" + std::to_string(file.get());
-    const ssize_t length = readlink(self.c_str(), path, sizeof path);
-    return length > 0 ? std::string(path, static_cast<std::string::size_type>(length)) : std::string();
-}
-
-bool isTrusted(uid_t owner) { return owner == 0 || owner == geteuid(); }
-
 bool isFit(const struct stat64& status)
 {
     if (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))
         return false;
-    return !S_ISREG(status.st_mode) || (status.st_nlink <= 1 && isTrusted(status.st_uid));
+    return !S_ISREG(status.st_mode) || (status.st_nlink <= 1 && isOwnUser(status.st_uid));
 }
 
 /// Whether the name under which the file was opened is there. One that was taken away is not counted in the file's
@@ -99,35 +55,11 @@ bool hasItsName(int descriptor)
     return n < static_cast<ssize_t>(length) || std::memcmp(target + n - length, gone, length) != 0;
 }
 
-/// Follows links of root and of the daemon's own user at the end of the path. The path as it is when it leads nowhere,
-/// empty at a link of somebody else.
-std::string followLinks(const std::string& from)
-{
-    constexpr int mostLinks = 8;
-    std::string path = from;
-    for (int links = 0; links < mostLinks; ++links) {
-        const FileDescriptor entry(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-        if (!entry.isOpen() && errno == ENOENT)
-            return from;
-        struct stat64 status;
-        if (!entry.isOpen() || fstat64(entry.get(), &status) != 0)
-            return {};
-        if (!S_ISLNK(status.st_mode))
-            return pathOf(entry);
-        char target[PATH_MAX];
-        const ssize_t length = isTrusted(status.st_uid) ? readlinkat(entry.get(), "", target, sizeof target) : -1;
-        if (length <= 0)
-            return {};
-        path = (target[0] == '/' ? "" : folderOf(path)) + std::string(target, static_cast<std::size_t>(length));
-    }
-    return {};
-}
-
 /// One of the files of a catalogue. Only looks, with O_PATH: to open and close a file would take away the locks that
 /// the process has on it.
 class CatalogueName {
 public:
-    CatalogueName(const CatalogueFolder& folder, const std::string& name)
+    CatalogueName(const HeldFolder& folder, const std::string& name)
         : file(folder.open(name, O_PATH))
         , absent(!file.isOpen() && errno == ENOENT)
     {
@@ -140,7 +72,7 @@ public:
     /// Nothing, or something that SQLite may open once it is root's or the daemon's own.
     bool isFit() const { return absent || (S_ISREG(status.st_mode) && status.st_nlink == 1); }
     bool isAbsent() const { return absent; }
-    bool isForeign() const { return !absent && !isTrusted(status.st_uid); }
+    bool isForeign() const { return !absent && !isOwnUser(status.st_uid); }
     bool isMarked() const { return isMarked(status); }
     static bool isMarked(const struct stat64& status) { return (status.st_mode & notLookedInto) != 0; }
 
@@ -200,7 +132,7 @@ void markLeftIndex(const std::string& path)
 bool isLockedByAnother(int descriptor) { return flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
 
 /// The temporary file, locked and empty; -1 when another daemon is at work in it, or when none can be made.
-int openTemporary(const CatalogueFolder& folder, const std::string& name)
+int openTemporary(const HeldFolder& folder, const std::string& name)
 {
     if (CatalogueName(folder, name).isFit()) {
         const FileDescriptor left(folder.open(name, O_RDONLY | O_NONBLOCK));
@@ -231,17 +163,6 @@ bool isFitToOpen(int descriptor)
 {
     struct stat64 status;
     return fstat64(descriptor, &status) == 0 && isFit(status) && (!S_ISREG(status.st_mode) || hasItsName(descriptor));
-}
-
-std::string findCatalogue(const std::string& path)
-{
-    std::string folder = folderOf(path);
-    if (folder.length() > 1)
-        folder.pop_back(); // with the slash a link would be followed unseen
-    folder = followLinks(folder);
-    if (folder.empty())
-        return {};
-    return followLinks((folder == "/" ? "" : folder) + "/" + nameOf(path));
 }
 
 /// The files under the names of a catalogue, held as they were found.
@@ -315,7 +236,7 @@ private:
     }
 
     const std::string path;
-    const CatalogueFolder folder;
+    const HeldFolder folder;
     std::array<std::optional<CatalogueName>, std::size(suffixes)> files;
     const Verdict verdict;
 };
@@ -344,7 +265,7 @@ void keepCatalogue(const std::string& path)
 {
     if (geteuid() != 0)
         return;
-    const CatalogueFolder folder(path);
+    const HeldFolder folder(path);
     for (const char* suffix : { "", "-wal", "-shm" }) {
         const CatalogueName name(folder, nameOf(path) + suffix);
         if (name.isForeign() && name.isFit())
@@ -354,7 +275,7 @@ void keepCatalogue(const std::string& path)
 
 bool avoidCopyOnWrite(const std::string& path)
 {
-    const CatalogueFolder folder(path, O_RDONLY);
+    const HeldFolder folder(path, O_RDONLY);
     return folder.isOpen() && addFlag(folder.get(), FS_NOCOW_FL);
 }
 
@@ -386,7 +307,7 @@ bool canMapIndex(const std::string& path)
 }
 
 /// Moves the complete file to its place, where still nothing is.
-static int moveToItsPlace(const CatalogueFolder& folder, const std::string& temporaryName, const std::string& name)
+static int moveToItsPlace(const HeldFolder& folder, const std::string& temporaryName, const std::string& name)
 {
     // Asked again, now that the file is locked: whoever had the lock before may be at work in a catalogue that it made.
     struct stat64 status;
@@ -407,7 +328,7 @@ static int moveToItsPlace(const CatalogueFolder& folder, const std::string& temp
 
 int createCatalogueFile(const std::string& path, const std::string& content)
 {
-    const CatalogueFolder folder(path, O_RDONLY);
+    const HeldFolder folder(path, O_RDONLY);
     const std::string name = nameOf(path);
     const std::string temporaryName = name + ".tmp";
     const FileDescriptor made(folder.isOpen() ? openTemporary(folder, temporaryName) : -1);

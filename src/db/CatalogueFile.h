@@ -5,12 +5,7 @@
 
 /// What lies on the disk under the names of a catalogue: the main file and the side files that SQLite opens beside it.
 /// `.quarrow` may belong to a user of the volume, who can put anything there, and exchange it at any moment. All paths
-/// but that of findCatalogue() are those that it has returned: what has become a link since is not followed.
-
-/// Where the catalogue is, or would be, without links. An administrator may keep catalogues elsewhere, so links of root
-/// and of the daemon's own user are followed. Empty with one of somebody else, who would have the daemon write into
-/// files that are none of the volume's, and when the folder cannot be looked at.
-std::string findCatalogue(const std::string& path);
+/// are those that resolveOwnLinks() has returned: what has become a link since is not followed.
 
 /// The leave to open a catalogue. While it lasts, SQLite, set up for the daemon, opens in this thread under the names
 /// of the catalogue nothing else than what was looked at.

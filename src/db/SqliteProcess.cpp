@@ -1,7 +1,7 @@
 #include "db/SqliteProcess.h"
 
+#include "core/WithoutLinks.h"
 #include "db/CatalogueFile.h"
-#include "db/WithoutLinks.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>

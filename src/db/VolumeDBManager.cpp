@@ -2,10 +2,10 @@
 
 #include "classify/Tokenizer.h"
 #include "core/SignalMask.h"
+#include "core/WithoutLinks.h"
 #include "db/CatalogueFile.h"
 #include "db/DBOperationException.h"
 #include "db/Statement.h"
-#include "db/WithoutLinks.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -173,7 +173,7 @@ int VolumeDBManager::openOrMake(const std::string& path)
     if (!isFilePath(path))
         return SQLITE_CANTOPEN;
     const bool existed = checkIfDBExists(path.c_str());
-    const std::string found = findCatalogue(path);
+    const std::string found = resolveOwnLinks(path, LinkedFile::followed);
     if (found.empty() || found.length() > longestForSqlite || path.length() > longestForSqlite)
         return SQLITE_CANTOPEN;
     const bool isMarked = avoidCopyOnWrite(found);

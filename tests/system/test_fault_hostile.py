@@ -282,6 +282,40 @@ def test_second_names_come_and_go_while_the_daemon_starts(arena, owner):
     print(f"{walked} of 32 starts found no link in their way")
 
 
+def test_the_folder_becomes_a_link_to_another_volumes_while_the_daemon_starts(arena):
+    """What was looked at by its path would then be the other catalogue, a good one that is root's."""
+    made = plain_catalogue(arena)
+    victim = arena.path("Made/.quarrow")
+    before = {name: state_of(os.path.join(victim, name)) for name in os.listdir(victim)}
+    volume, good = volume_of_user(arena, "A"), good_volume(arena)
+    walked = 0
+    for number in range(40):
+        shutil.rmtree(quarrow_path(volume))
+        os.mkdir(quarrow_path(volume))
+        if number % 2:
+            shutil.copyfile(made, volume.catalogue.path)
+        hand_over(quarrow_path(volume), USER)
+        os.symlink(victim, volume.path("/link"))
+        os.lchown(volume.path("/link"), USER, USER)
+        with repeated("os.rename('.quarrow', 'aside')\n"
+                      "os.rename('link', '.quarrow')\n"
+                      "os.rename('.quarrow', 'link')\n"
+                      "os.rename('aside', '.quarrow')", folder=volume.folder):
+            daemon = arena.start([volume, good])
+            daemon.wait_walks_of(good, 1)
+            assert_converged(good)
+            daemon.stop()
+        walked += daemon.walks_of(volume)
+        for name in ("link", ".quarrow"):
+            if os.path.islink(volume.path("/" + name)):
+                os.unlink(volume.path("/" + name))
+        if os.path.exists(volume.path("/aside")):
+            shutil.rmtree(volume.path("/.quarrow"), ignore_errors=True)
+            os.rename(volume.path("/aside"), volume.path("/.quarrow"))
+        assert {name: state_of(os.path.join(victim, name)) for name in os.listdir(victim)} == before, number
+    print(f"{walked} of 40 starts found no link in their way")
+
+
 # Pipes
 
 @pytest.mark.parametrize("name", CATALOGUE_NAMES)
@@ -329,6 +363,8 @@ FOREIGN_SQL = {
     "view": "alter table Files rename to Kept; create view Files as select * from Kept",
     "endless view": f"drop table Files; create view Files as {ENDLESS}",
     "virtual table": "create virtual table Texts using fts5(text)",
+    "check": "create index Slow on Files(path like '%a%a%a%a%a%a%a%a%a%a%b')",
+    "huge schema": "begin;" + "".join(f"create table Table{number}(x);" for number in range(2000)) + "commit",
 }
 
 

@@ -58,6 +58,33 @@ TEST_F(PlantedStateFile, thatBecomesALinkDoesNotBringTheTargetOntoTheVolume)
     EXPECT_EQ("<secrets>42</secrets>", elsewhere.readFile("secret"));
 }
 
+TEST_F(PlantedStateFile, thatIsInAFolderThatIsALinkIsUsedIfThatIsOfTheDaemonsUser)
+{
+    elsewhere.writeFile("state.xml", stateText("1", "77"));
+    link(elsewhere.path(), "linked");
+    EXPECT_EQ("77", startWith(folder.path("linked/state.xml")));
+    if (geteuid() != 0)
+        return; // only root can give the link to somebody else
+    constexpr uid_t nobody = 65534;
+    ASSERT_EQ(0, lchown(folder.path("linked").c_str(), nobody, nobody));
+    EXPECT_EQ(thrownText, startWith(folder.path("linked/state.xml")));
+    EXPECT_EQ(parseFailure(), loggedLines());
+    EXPECT_EQ(stateText("1", "77"), elsewhere.readFile("state.xml"));
+}
+
+TEST_F(PlantedStateFile, whoseFolderBecomesALinkIsLeftAlone)
+{
+    folder.makeFolder("kept");
+    folder.writeFile("kept/state.xml", stateText("1", "2"));
+    VolumeManagerConfig config(folder.path("kept/state.xml"));
+    std::filesystem::rename(folder.path("kept"), folder.path("aside"));
+    elsewhere.writeFile("state.xml", stateText("1", "77"));
+    link(elsewhere.path(), "kept");
+    EXPECT_EQ(thrownText, record(config, 9));
+    EXPECT_EQ(stateText("1", "77"), elsewhere.readFile("state.xml"));
+    EXPECT_EQ(stateText("1", "2"), folder.readFile("aside/state.xml"));
+}
+
 TEST_F(PlantedStateFile, thatIsALinkUnderTheTemporaryNameIsNotWrittenThrough)
 {
     writeState(stateText("1", "2"));

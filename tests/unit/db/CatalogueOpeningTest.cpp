@@ -7,10 +7,12 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 
@@ -20,6 +22,7 @@ namespace {
 
 constexpr uid_t nobody = 65534;
 const LogLine refused { LOG_ERR, "open() failed, handleStatus: 14\n" };
+const LogLine notAuthorized { LOG_ERR, "open() failed, handleStatus: 23\n" };
 
 /// What stands under the names of a catalogue when it is opened, and whom it belongs to.
 class CatalogueOpening : public CatalogueTest {
@@ -200,7 +203,7 @@ TEST_F(CatalogueOpening, rootBecomesTheOwnerOfWhatWasGivenAway)
         EXPECT_EQ("0 1644", ownerAndMode(dbPath + suffix)) << "to be looked into at the next start";
     change("create view v as select 1");
     close();
-    expectRefused({ LOG_ERR, "open() failed, handleStatus: 23\n" });
+    expectRefused(notAuthorized);
 }
 
 TEST_F(CatalogueOpening, aSetUidProgramDoesNotBecomeRoots)
@@ -256,35 +259,67 @@ TEST_F(CatalogueOpening, anIndexThatWasGivenAwayIsNotUsed)
     ::close(held);
 }
 
-TEST_F(CatalogueOpening, triggersAndViewsOfSomebodyElseAreRefusedEachTime)
+TEST_F(CatalogueOpening, whatSomebodyElseHasPutIntoTheSchemaIsRefusedEachTime)
 {
     if (!isRoot())
         GTEST_SKIP() << "changing owners is not permitted";
-    for (const std::string sql : { "create trigger t after insert on Folders begin select 1; end",
-             "create view v as select 1", "create virtual table f using fts5(x)" }) {
+    for (const std::string sql : {
+             "create trigger t after insert on Folders begin select 1; end",
+             "create view v as select 1",
+             "create virtual table f using fts5(x)",
+             "create table t(x)",
+             "create index i on Files(size)",
+             "create index i on Files(path like name)",
+             "analyze",
+             "alter table Files add column x default(1)",
+             "alter table Folders rename column is_system to x",
+             "drop index Files_name; create index Files_name on Files(name) where size > 0",
+             "drop table Files; create table Files(path text check(path not like '%a%a%a%'))",
+         }) {
         SCOPED_TRACE(sql);
         makeClosed();
         change(sql);
         giveAway(dbPath);
-        expectRefused({ LOG_ERR, "open() failed, handleStatus: 23\n" });
-        expectRefused({ LOG_ERR, "open() failed, handleStatus: 23\n" });
+        expectRefused(notAuthorized);
+        expectRefused(notAuthorized);
         fs::remove(dbPath);
     }
 }
 
-TEST_F(CatalogueOpening, triggersThatPassForSomethingElseAreRefused)
+TEST_F(CatalogueOpening, whatPassesForSomethingElseInTheSchemaIsRefused)
 {
     if (!isRoot())
         GTEST_SKIP() << "changing owners is not permitted";
-    for (const std::string row : { "'table', 't', 'Folders', 5, 'CREATE TRIGGER t after insert on Folders begin",
-             "'index', 't', 'Folders', 0, 'CREATE/**/TRIGGER t after insert on Folders begin" }) {
-        SCOPED_TRACE(row);
+    const std::string trigger = "CREATE TRIGGER t after insert on Folders begin select 1; end";
+    for (const std::string set :
+        { "type='table'", "type='index'", "tbl_name='sqlite_sequence'", "name='Files_name'" }) {
+        SCOPED_TRACE(set);
         makeClosed();
-        change("pragma writable_schema=1; insert into sqlite_master values(" + row + " select 1; end')");
+        change(trigger + ";pragma writable_schema=1; update sqlite_master set " + set + " where type='trigger'");
         giveAway(dbPath);
-        expectRefused({ LOG_ERR, "open() failed, handleStatus: 11\n" }); // for SQLite the schema is damaged
+        clearLog();
+        EXPECT_THROW(open(), DBOperationException);
+        const LogLine damaged { LOG_ERR, "open() failed, handleStatus: 11\n" }; // by SQLite's own look
+        EXPECT_TRUE(loggedLines().back() == damaged || loggedLines().back() == notAuthorized);
+        db.reset();
         fs::remove(dbPath);
     }
+}
+
+TEST_F(CatalogueOpening, aSchemaOfSomebodyElseIsNotReadToItsEnd)
+{
+    if (!isRoot())
+        GTEST_SKIP() << "changing owners is not permitted";
+    makeClosed();
+    std::string tables = "begin;";
+    for (int table = 0; table < 4000; ++table)
+        tables += "create table t" + std::to_string(table) + "(x);";
+    change(tables + "commit");
+    giveAway(dbPath);
+    const auto before = sqlite3_memory_used();
+    sqlite3_memory_highwater(1);
+    expectRefused(notAuthorized);
+    EXPECT_GT(500000, sqlite3_memory_highwater(0) - before);
 }
 
 TEST_F(CatalogueOpening, triggersOfAnAdministratorWork)
@@ -320,6 +355,31 @@ TEST_F(CatalogueOpening, aCacheOfAnySizeThatTheFileAsksForIsNotGiven)
     const ConnectionProbe probe;
     open();
     EXPECT_EQ(-2000, probe.pragma("cache_size"));
+}
+
+TEST_F(CatalogueOpening, whatTriggersMayAskForHasLimits)
+{
+    const ConnectionProbe probe;
+    openNew();
+    EXPECT_EQ(100000, probe.limit(SQLITE_LIMIT_SQL_LENGTH));
+    EXPECT_EQ(0, probe.limit(SQLITE_LIMIT_ATTACHED));
+    EXPECT_EQ(10, probe.limit(SQLITE_LIMIT_TRIGGER_DEPTH));
+}
+
+TEST_F(CatalogueOpening, aLogThatCannotBeMappedForOnceIsTriedAgain)
+{
+    makeClosed();
+    sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
+    void* (*const refusing)(void*, size_t, int, int, int, off_t) = [](void*, size_t, int, int, int, off_t) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    };
+    ASSERT_EQ(SQLITE_OK, files->xSetSystemCall(files, "mmap", reinterpret_cast<sqlite3_syscall_ptr>(refusing)));
+    open();
+    files->xSetSystemCall(files, "mmap", nullptr);
+    EXPECT_EQ("delete\n", query("pragma journal_mode"));
+    db->useWriteAheadLog();
+    EXPECT_EQ("wal\n", query("pragma journal_mode"));
 }
 
 TEST_F(CatalogueOpening, valuesHaveALimit)

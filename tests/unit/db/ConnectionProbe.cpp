@@ -124,6 +124,8 @@ int ConnectionProbe::pragma(const std::string& text) const
     return value;
 }
 
+int ConnectionProbe::limit(int category) const { return sqlite3_limit(latest, category, -1); }
+
 void ConnectionProbe::refuseTextsOver(int bytes, int fromAction)
 {
     const std::lock_guard<std::mutex> held(mutex);

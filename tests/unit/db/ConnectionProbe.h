@@ -31,6 +31,9 @@ public:
     /// must still be open: what SQLite says of a connection to nobody else.
     int pragma(const std::string& text) const;
 
+    /// One of the limits (SQLITE_LIMIT_LENGTH, ...) of that connection.
+    int limit(int category) const;
+
     /// Once a statement with this action (SQLITE_INSERT, ...) is prepared, its connection takes no longer texts:
     /// binding one fails.
     void refuseTextsOver(int bytes, int fromAction);

@@ -1,0 +1,95 @@
+#include "core/WithoutLinks.h"
+
+#include "core/HeldFolder.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+bool isOwnUser(uid_t user) { return user == 0 || user == geteuid(); }
+
+/// The path of an open file, without links. Where the process file system is missing, that of what is at `path` now.
+static std::string pathOf(const FileDescriptor& file, const std::string& path)
+{
+    char buffer[PATH_MAX];
+    const std::string self = "/proc/self/fd/" + std::to_string(file.get());
+    const ssize_t length = readlink(self.c_str(), buffer, sizeof buffer);
+    if (length > 0)
+        return std::string(buffer, static_cast<std::string::size_type>(length));
+    return realpath(path.c_str(), buffer) != nullptr ? buffer : std::string();
+}
+
+/// What is at a path below an open folder, for looking at it only, as open() returns it. Links of the daemon's own
+/// users at the path's end are followed.
+static int findFollowingOwnLinks(int folder, std::string path)
+{
+    constexpr int mostLinks = 8;
+    for (int links = 0; links < mostLinks; ++links) {
+        const int entry = openat(folder, path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+        struct stat64 status;
+        if (entry < 0 || (fstat64(entry, &status) == 0 && !S_ISLNK(status.st_mode)))
+            return entry;
+        const FileDescriptor link(entry);
+        char target[PATH_MAX];
+        const ssize_t length = isOwnUser(status.st_uid) ? readlinkat(link.get(), "", target, sizeof target) : -1;
+        if (length <= 0)
+            break;
+        path = (target[0] == '/' ? "" : folderOf(path)) + std::string(target, static_cast<std::size_t>(length));
+    }
+    errno = EACCES;
+    return -1;
+}
+
+std::string resolveOwnLinks(const std::string& path, LinkedFile linked)
+{
+    std::string folderPath = folderOf(path);
+    if (folderPath.length() > 1)
+        folderPath.pop_back(); // with the slash a link would be followed unseen
+    const FileDescriptor folder(findFollowingOwnLinks(AT_FDCWD, folderPath));
+    if (!folder.isOpen())
+        return {};
+    const std::string kept = pathOf(folder, folderPath) + "/" + nameOf(path);
+    if (linked == LinkedFile::kept)
+        return kept;
+    const FileDescriptor file(findFollowingOwnLinks(folder.get(), nameOf(path)));
+    if (file.isOpen())
+        return pathOf(file, kept);
+    return errno == ENOENT ? kept : std::string();
+}
+
+int openWithoutLinks(const char* path, int flags, mode_t mode)
+{
+    struct open_how how = {};
+    how.flags = static_cast<unsigned>(flags);
+    how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    const int descriptor = static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how));
+    // A kernel that does not know the call, or a sandbox that does not.
+    if (descriptor < 0 && (errno == ENOSYS || errno == EPERM))
+        return open(path, flags | O_NOFOLLOW, mode);
+    return descriptor;
+}
+
+int unlinkWithoutLinks(const char* path)
+{
+    const char* slash = std::strrchr(path, '/');
+    const std::size_t length = slash == nullptr ? 0 : static_cast<std::size_t>(slash + 1 - path);
+    char folderPath[PATH_MAX] = "./";
+    if (length >= sizeof folderPath) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    if (length > 0) {
+        std::memcpy(folderPath, path, length);
+        folderPath[length] = '\0';
+    }
+    const FileDescriptor folder(openWithoutLinks(folderPath, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return folder.isOpen() ? unlinkat(folder.get(), path + length, 0) : -1;
+}

@@ -1,0 +1,192 @@
+#include "db/SqliteProcess.h"
+
+#include "core/WithoutLinks.h"
+#include "db/CatalogueFile.h"
+#include "db/CatalogueTest.h"
+#include "db/DBOperationException.h"
+#include "support/SyslogCapture.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uid_t nobody = 65534;
+
+/// SQLite as the daemon sets it up, with catalogues that a user of the volume exchanges while they are being opened.
+class DaemonsSqlite : public CatalogueTest {
+protected:
+    static void SetUpTestSuite() { setUpSqliteForDaemon(); }
+    static void TearDownTestSuite()
+    {
+        sqlite3_vfs* files = sqlite3_vfs_find(nullptr);
+        for (const char* call : { "open", "unlink" })
+            files->xSetSystemCall(files, call, nullptr);
+    }
+
+    /// A catalogue with that folder alone, of root's, closed. Returns its path.
+    std::string makeWith(const std::string& folder)
+    {
+        openNew();
+        DBFolder row = folderAt(folder);
+        EXPECT_TRUE(db->insertFolder(row, true));
+        close();
+        return dbPath;
+    }
+    /// Whether SQLite can read what is at the path.
+    static bool isReadable(const std::string& path)
+    {
+        sqlite3* handle = nullptr;
+        sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr);
+        const int rc = sqlite3_exec(handle, "select * from Folders", nullptr, nullptr, nullptr);
+        sqlite3_close(handle);
+        return rc == SQLITE_OK;
+    }
+    static bool isMarked(const std::string& path)
+    {
+        struct stat64 status = {};
+        EXPECT_EQ(0, lstat64(path.c_str(), &status)) << path;
+        return (status.st_mode & S_ISVTX) != 0;
+    }
+};
+
+constexpr unsigned pageBytes = 4096;
+
+/// Four bytes, the highest first.
+std::string bytesOf(std::size_t number)
+{
+    std::string bytes;
+    for (const unsigned shift : { 24U, 16U, 8U, 0U })
+        bytes += static_cast<char>(number >> shift);
+    return bytes;
+}
+
+/// The journal of a transaction over several files that changed nothing. It ends with the name of a file that lists
+/// all their journals, and that goes when none of them is left.
+std::string journalThatNames(const std::string& path, std::size_t pages)
+{
+    const std::string magic = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
+    constexpr std::size_t sectorBytes = 512;
+    constexpr std::size_t lockedByte = 0x40000000; // its page holds no content
+    std::string journal = magic + bytesOf(0) + bytesOf(0) + bytesOf(pages) + bytesOf(sectorBytes) + bytesOf(pageBytes);
+    journal.resize(sectorBytes);
+    std::size_t sum = 0;
+    for (const char c : path)
+        sum += static_cast<unsigned char>(c);
+    return journal + bytesOf(lockedByte / pageBytes + 1) + path + bytesOf(path.length()) + bytesOf(sum) + magic;
+}
+
+} // namespace
+
+TEST_F(DaemonsSqlite, readsWhatWasAdmitted)
+{
+    const std::string path = makeWith("/Music");
+    const CatalogueAdmission admission(path);
+    EXPECT_TRUE(admission.isTrusted());
+    EXPECT_TRUE(isReadable(path));
+}
+
+TEST_F(DaemonsSqlite, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
+{
+    const std::string path = makeWith("/Music");
+    const std::string other = volume.path("other.db");
+    fs::copy_file(path, other);
+    {
+        const CatalogueAdmission admission(path);
+        fs::rename(other, path);
+        EXPECT_FALSE(isReadable(path));
+    }
+    EXPECT_TRUE(isReadable(path)) << "the next admission is one of its own";
+}
+
+TEST_F(DaemonsSqlite, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted)
+{
+    const std::string path = makeWith("/Music");
+    change("pragma journal_mode=wal");
+    volume.writeFile(".quarrow/quarrow.db-wal", "admitted");
+    const std::string other = volume.writeFile("other", "another");
+    const CatalogueAdmission admission(path);
+    EXPECT_TRUE(isReadable(path));
+    volume.writeFile(".quarrow/quarrow.db-wal", "admitted");
+    const CatalogueAdmission again(path);
+    fs::rename(other, path + "-wal");
+    EXPECT_FALSE(isReadable(path));
+}
+
+TEST_F(DaemonsSqlite, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
+{
+    const std::string path = makeWith("/Music");
+    change("pragma journal_mode=wal");
+    const CatalogueAdmission admission(path);
+    const std::string planted = volume.writeFile(".quarrow/quarrow.db-wal", "planted");
+    ASSERT_EQ(0, chmod(planted.c_str(), 0644 | S_ISVTX));
+    EXPECT_FALSE(isReadable(path));
+    ASSERT_EQ(0, chmod(planted.c_str(), 0644));
+    EXPECT_TRUE(isReadable(path));
+}
+
+TEST_F(DaemonsSqlite, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "changing owners is not permitted";
+    const std::string path = makeWith("/Music");
+    const std::string other = volume.path("other.db");
+    const std::string kept = volume.path("kept.db");
+    fs::copy_file(path, other);
+    ASSERT_EQ(0, chmod(other.c_str(), 0644 | S_ISVTX));
+    ASSERT_EQ(0, chown(path.c_str(), nobody, nobody));
+    const CatalogueAdmission admission(path);
+    EXPECT_FALSE(admission.isTrusted());
+    EXPECT_FALSE(admission.isRefused());
+    EXPECT_TRUE(isMarked(path));
+    fs::rename(path, kept);
+    fs::rename(other, path);
+    admission.trust();
+    EXPECT_TRUE(isMarked(path));
+    EXPECT_FALSE(isMarked(kept));
+}
+
+TEST_F(DaemonsSqlite, followsNoLinkInAPathThatWasResolved)
+{
+    const std::string path = makeWith("/Music");
+    const std::string found = resolveOwnLinks(path, LinkedFile::followed);
+    EXPECT_TRUE(isReadable(found));
+    fs::rename(catalogueFolder, volume.path("elsewhere"));
+    fs::create_directory_symlink(volume.path("elsewhere"), catalogueFolder);
+    EXPECT_TRUE(CatalogueAdmission(found).isRefused());
+    EXPECT_EQ(SQLITE_CANTOPEN, createCatalogueFile(found, "new"));
+    EXPECT_FALSE(avoidCopyOnWrite(found));
+    EXPECT_EQ(volume.path("elsewhere/quarrow.db"), resolveOwnLinks(path, LinkedFile::followed));
+
+    // The link comes while the catalogue is open: whatever is opened or taken away later is not to be found.
+    fs::remove(catalogueFolder);
+    fs::rename(volume.path("elsewhere"), catalogueFolder);
+    sqlite3* handle = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(found.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr));
+    fs::rename(catalogueFolder, volume.path("elsewhere"));
+    fs::create_directory_symlink(volume.path("elsewhere"), catalogueFolder);
+    EXPECT_EQ(SQLITE_CANTOPEN, sqlite3_exec(handle, "delete from Folders", nullptr, nullptr, nullptr));
+    sqlite3_close(handle);
+}
+
+TEST_F(DaemonsSqlite, takesAwayNothingThatAJournalNames)
+{
+    const std::string path = makeWith("/Music");
+    const std::string victim = volume.writeFile("victim", "precious");
+    const std::string journal = journalThatNames(victim, fs::file_size(path) / pageBytes);
+    volume.writeFile(".quarrow/quarrow.db-journal", journal);
+    EXPECT_FALSE(isReadable(path));
+    EXPECT_EQ("precious", volume.readFile("victim"));
+
+    TearDownTestSuite();
+    volume.writeFile(".quarrow/quarrow.db-journal", journal);
+    EXPECT_TRUE(isReadable(path));
+    EXPECT_FALSE(volume.exists("victim")) << "the journal is one that SQLite acts on";
+    SetUpTestSuite();
+}

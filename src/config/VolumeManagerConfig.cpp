@@ -174,7 +174,7 @@ void VolumeManagerConfig::create() const
 {
     const std::string text = defaultDocument();
     const HeldFolder folder(filePath);
-    const std::string name = nameOf(filePath);
+    const std::string name = HeldFolder::nameOf(filePath);
     if (name.empty() || (!createNameless(folder, name, text) && !createBeside(folder, name, text)))
         std::puts("testXmlwriterMemory: Error at fopen");
 }
@@ -214,7 +214,7 @@ void VolumeManagerConfig::rewrite(int t)
     const bool isUsable
         = !text.empty() && text.length() <= XmlDocument::largestUntrusted; // else no start could read it
     const HeldFolder folder(filePath);
-    const std::string name = nameOf(filePath);
+    const std::string name = HeldFolder::nameOf(filePath);
     if (!isUsable || writeTemporary(folder, name, text) != Outcome::complete)
         return; // the old file stays the good one
     if (!folder.rename(temporaryNameOf(name), name))

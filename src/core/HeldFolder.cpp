@@ -4,13 +4,13 @@
 
 #include <cstdio>
 
-std::string folderOf(const std::string& path)
+std::string HeldFolder::folderOf(const std::string& path)
 {
     const std::string::size_type slash = path.rfind('/');
     return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
-std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+std::string HeldFolder::nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 HeldFolder::HeldFolder(const std::string& filePath, int flags)
     : FileDescriptor(openWithoutLinks(folderOf(filePath).c_str(), flags | O_DIRECTORY | O_CLOEXEC))

@@ -7,10 +7,6 @@
 
 #include <string>
 
-/// "./" or all up to the last slash.
-std::string folderOf(const std::string& path);
-std::string nameOf(const std::string& path);
-
 /// The folder of a file, held by a descriptor: what is done to a name in it is done there, whatever has come to its
 /// path since. No operation but find() follows a link.
 class HeldFolder : public FileDescriptor {
@@ -24,4 +20,9 @@ public:
     bool find(const std::string& name, struct stat64& status) const;
     bool rename(const std::string& from, const std::string& to) const;
     void remove(const std::string& name) const;
+
+    /// "./", or all up to the last slash.
+    static std::string folderOf(const std::string& path);
+    /// All after the last slash.
+    static std::string nameOf(const std::string& path);
 };

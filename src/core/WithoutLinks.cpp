@@ -41,7 +41,8 @@ static int findFollowingOwnLinks(int folder, std::string path)
         const ssize_t length = isOwnUser(status.st_uid) ? readlinkat(link.get(), "", target, sizeof target) : -1;
         if (length <= 0)
             break;
-        path = (target[0] == '/' ? "" : folderOf(path)) + std::string(target, static_cast<std::size_t>(length));
+        path = (target[0] == '/' ? "" : HeldFolder::folderOf(path))
+            + std::string(target, static_cast<std::size_t>(length));
     }
     errno = EACCES;
     return -1;
@@ -49,16 +50,16 @@ static int findFollowingOwnLinks(int folder, std::string path)
 
 std::string resolveOwnLinks(const std::string& path, LinkedFile linked)
 {
-    std::string folderPath = folderOf(path);
+    std::string folderPath = HeldFolder::folderOf(path);
     if (folderPath.length() > 1)
         folderPath.pop_back(); // with the slash a link would be followed unseen
     const FileDescriptor folder(findFollowingOwnLinks(AT_FDCWD, folderPath));
     if (!folder.isOpen())
         return {};
-    const std::string kept = pathOf(folder, folderPath) + "/" + nameOf(path);
+    const std::string kept = pathOf(folder, folderPath) + "/" + HeldFolder::nameOf(path);
     if (linked == LinkedFile::kept)
         return kept;
-    const FileDescriptor file(findFollowingOwnLinks(folder.get(), nameOf(path)));
+    const FileDescriptor file(findFollowingOwnLinks(folder.get(), HeldFolder::nameOf(path)));
     if (file.isOpen())
         return pathOf(file, kept);
     return errno == ENOENT ? kept : std::string();

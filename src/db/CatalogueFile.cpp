@@ -202,7 +202,7 @@ private:
     enum Name { main, log, index, journal };
     static constexpr const char* suffixes[] = { "", "-wal", "-shm", "-journal" };
 
-    std::string nameFor(std::size_t name) const { return nameOf(path) + suffixes[name]; }
+    std::string nameFor(std::size_t name) const { return HeldFolder::nameOf(path) + suffixes[name]; }
 
     Verdict judge()
     {
@@ -267,7 +267,7 @@ void keepCatalogue(const std::string& path)
         return;
     const HeldFolder folder(path);
     for (const char* suffix : { "", "-wal", "-shm" }) {
-        const CatalogueName name(folder, nameOf(path) + suffix);
+        const CatalogueName name(folder, HeldFolder::nameOf(path) + suffix);
         if (name.isForeign() && name.isFit())
             name.giveToRoot(notLookedInto); // the next start looks into it: it may have been changed meanwhile
     }
@@ -329,7 +329,7 @@ static int moveToItsPlace(const HeldFolder& folder, const std::string& temporary
 int createCatalogueFile(const std::string& path, const std::string& content)
 {
     const HeldFolder folder(path, O_RDONLY);
-    const std::string name = nameOf(path);
+    const std::string name = HeldFolder::nameOf(path);
     const std::string temporaryName = name + ".tmp";
     const FileDescriptor made(folder.isOpen() ? openTemporary(folder, temporaryName) : -1);
     if (!made.isOpen())

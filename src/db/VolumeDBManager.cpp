@@ -6,6 +6,7 @@
 #include "db/CatalogueFile.h"
 #include "db/DBOperationException.h"
 #include "db/Statement.h"
+#include "db/Transaction.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -811,6 +812,35 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
     deleteFolderRecord(f.getFolder_id());
     deleteFilesFromFolder(f.getFolder_id());
     return true;
+}
+
+bool VolumeDBManager::releaseOrphans()
+{
+    const std::string orphanedFolders
+        = " where is_deleted=0 and parent_id<>-1 and not exists (select 1 from folders a where a.folder_id=folders.parent_id and a.is_deleted=0)";
+    const std::string orphanedFiles
+        = " where is_deleted=0 and folder_id in (select folder_id from files where folder_id<>0 except select folder_id from folders where is_deleted=0)";
+    const auto run = [this](const std::string& text, bool* hasRow) {
+        const auto noteRow = [](void* noted, int, char**, char**) { return *static_cast<bool*>(noted) = true, 0; };
+        return sqlite3_exec(handle, text.c_str(), hasRow != nullptr ? +noteRow : nullptr, hasRow, nullptr) == SQLITE_OK;
+    };
+    bool found = false;
+    if (!run("select 1 where exists (select 1 from folders" + orphanedFolders + ") or exists (select 1 from files"
+                + orphanedFiles + ")",
+            &found))
+        return false;
+    if (!found)
+        return true;
+    try {
+        Transaction transaction(*this);
+        if (!run("update folders set parent_id=-1, last_updated_time=strftime('%s','now')" + orphanedFolders, nullptr)
+            || !run("update files set is_deleted=1, last_updated_time=strftime('%s','now')" + orphanedFiles, nullptr))
+            return false;
+        transaction.commit();
+        return true;
+    } catch (const DBOperationException&) {
+        return false;
+    }
 }
 
 void VolumeDBManager::updateDeletedFlagForFolders(int folderId)

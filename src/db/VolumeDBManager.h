@@ -107,6 +107,11 @@ public:
     /// Marks the folder at the path of `f`, everything below it and all their files deleted; false when not live. The
     /// caller's transaction makes that one piece; a stop may end it half-way with a DBOperationException.
     bool deleteFolder(DBFolder& f);
+    /// Hangs live folders whose parent is not live on nothing, where the walk of a whole volume finds them, and marks
+    /// live files of no live folder deleted, but for those filed under 0, which their folder's walk finds. A kill of an
+    /// earlier release could leave such rows, and nothing else would ever look at them again. In a transaction of its
+    /// own. False, with nothing done and nothing said, when that fails.
+    bool releaseOrphans();
     /// Marks everything below the folder deleted: for each child its files, itself, then its own children.
     void updateDeletedFlagForFolders(int folderId);
 

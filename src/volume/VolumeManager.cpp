@@ -451,6 +451,7 @@ void VolumeManager::walk()
     blockAllSignals();
     walking = true;
     {
+        releaseOrphans();
         const std::list<std::string> crawlPaths = crawlPathsOf(name);
         if (!crawlPaths.empty()) {
             removeForeignTopLevelFolders(crawlPaths);
@@ -466,6 +467,15 @@ void VolumeManager::walk()
     }
     walking = false;
     pthread_exit(nullptr);
+}
+
+/// Once: this release leaves none.
+void VolumeManager::releaseOrphans()
+{
+    if (orphansReleased)
+        return;
+    const FairLock held(door, &lock);
+    orphansReleased = dbManager->releaseOrphans();
 }
 
 void VolumeManager::removeForeignTopLevelFolders(const std::list<std::string>& crawlPaths)

@@ -100,6 +100,7 @@ private:
 
     static void* start_thread_once(void* manager);
     void reapWalkThread();
+    void releaseOrphans();
     void removeForeignTopLevelFolders(const std::list<std::string>& crawlPaths);
     void removeStrayFolders();
     std::list<DBFolder> topLevelFolders();
@@ -140,6 +141,7 @@ private:
     int volumePathLength = 0;                ///< bytes to cut off an absolute path for the catalogue
     std::atomic<bool> walking = false;       ///< set by the walk thread, polled by the main and the purge thread
     std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever walks
+    bool orphansReleased = false;            ///< walk thread only
     bool suspended = false; ///< nothing reads this one and the next: room for a volume that is taken offline
     bool online = false;
     bool initialized = false;                    ///< the semaphore exists

@@ -388,6 +388,32 @@ def test_rows_that_hang_on_nothing_since_long_ago(arena):
     assert daemon.errors() == []
 
 
+@pytest.mark.parametrize("purged", [False, True])
+@pytest.mark.parametrize("crawl", [[], ["/crawled"]])
+def test_live_rows_below_rows_that_are_not(arena, crawl, purged):
+    """A kill of an earlier release could leave them, in the removal of a former crawl path. What is there gets its place
+    back, whatever became of the row above it; the rest is marked deleted."""
+    volume = arena.volume(**WHOLE)
+    for path in ("/crawled/there/below", "/crawled/gone/below", "/former/gone"):
+        volume.make_file(f"{path}/1.mp3", b"x")
+        volume.make_file(f"{os.path.dirname(path)}/1.mp3", b"x")
+    daemon = idle_daemon(arena, [volume])
+    daemon.stop()
+    volume.crawl = crawl
+    for path in ("/former", "/crawled/gone"):
+        shutil.rmtree(volume.path(path))
+    for top in ("", "/crawled/there", "/crawled/gone", "/former"):
+        edit(volume.catalogue.path, "update Folders set is_deleted = 1 where path = ?", top)
+    edit(volume.catalogue.path, "update Files set is_deleted = 1 where path = '/crawled/there/1.mp3'")
+    if purged:
+        edit(volume.catalogue.path, "delete from Folders where is_deleted")
+    for _ in range(2):
+        daemon = idle_daemon(arena, [volume])
+        assert_converged(volume)
+        daemon.stop()
+        assert daemon.errors() == []
+
+
 def test_what_cannot_be_seen_is_not_gone(arena, clock):
     """Rows that hang on nothing, once more: of folders that no walk comes by though they are there, and of a volume whose
     folder is away for a while, they stay as they are."""

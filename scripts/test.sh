@@ -41,11 +41,9 @@ fi
 # One after the other, the plain build last: each prints its summary, and a failure stops here.
 for preset in $test_presets; do
     echo "== Tests: $preset"
-    # Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away. Those of the
-    # second line come at moments that no test can choose exactly, hence one more try; a hang of the first must show.
+    # Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away.
     if [ "$preset$full" = releaseyes ]; then
-        ctest --preset "$preset" --parallel "$(nproc)" -R '^fault\.(kill|signals)$'
-        ctest --preset "$preset" --parallel "$(nproc)" -L '^fault$' -E 'kill|signals' --repeat until-pass:2
+        ctest --preset "$preset" --parallel "$(nproc)" --label-regex '^fault$'
     fi
     ctest --preset "$preset" --parallel "$(nproc)" --label-exclude '^fault$'
 done

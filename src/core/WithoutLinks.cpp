@@ -56,7 +56,7 @@ std::string resolveOwnLinks(const std::string& path, LinkedFile linked)
     const FileDescriptor folder(findFollowingOwnLinks(AT_FDCWD, folderPath));
     if (!folder.isOpen())
         return {};
-    const std::string kept = pathOf(folder, folderPath) + "/" + HeldFolder::nameOf(path);
+    std::string kept = pathOf(folder, folderPath) + "/" + HeldFolder::nameOf(path);
     if (linked == LinkedFile::kept)
         return kept;
     const FileDescriptor file(findFollowingOwnLinks(folder.get(), HeldFolder::nameOf(path)));

@@ -67,7 +67,7 @@ void Quarrow::addVolume(std::string name, std::string path)
 void Quarrow::run()
 {
     time_t lastWalkTime = std::time(nullptr);
-    while (!stopFlag) {
+    while (!stopRequest.isMade()) {
         syslog(LOG_LOCAL5 | LOG_INFO, "Going to sleep.\n");
         int waited;
         {
@@ -92,7 +92,7 @@ void Quarrow::run()
 void Quarrow::walkIdleVolumes(time_t& lastWalkTime)
 {
     for (const auto& entry : managers) {
-        if (stopFlag)
+        if (stopRequest.isMade())
             return;
         VolumeManager* manager = entry.second;
         if (manager == nullptr || manager->isWalking())
@@ -120,7 +120,7 @@ void Quarrow::stop()
     VolumeWatcher::getInstance()->stop();
     VolumeContentManager::getInstance()->stop();
     started = false;
-    stopFlag = true;
+    stopRequest.make();
     for (auto entry = managers.begin(); entry != managers.end();) {
         const auto current = entry++;
         if (current->second != nullptr) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "config/QuarrowConfig.h"
+#include "core/StopRequest.h"
 
 #include <semaphore.h>
 
@@ -42,7 +43,7 @@ private:
 
     sem_t semaphore;
     bool started = false;
-    bool stopFlag = false;
+    StopRequest stopRequest;
     std::map<std::string, VolumeManager*> managers; ///< owned
     QuarrowConfig* config;
 };

@@ -20,14 +20,14 @@ void VolumeContentManager::addVolumeManager(std::string& name, VolumeManager* ma
 
 void VolumeContentManager::start()
 {
-    if (!stopFlag)
+    if (!stopRequest.isMade())
         threadStarted = pthread_create(&thread, nullptr, start_thread, this) == 0;
-    stopFlag = false;
+    stopRequest.takeBack();
 }
 
 void VolumeContentManager::stop()
 {
-    stopFlag = true;
+    stopRequest.make();
     SignalObject::getInstance()->notify();
     if (threadStarted) { // a second stop, or one before the thread exists, has nothing to join
         threadStarted = false;
@@ -37,7 +37,7 @@ void VolumeContentManager::stop()
     managers.clear();
 }
 
-bool VolumeContentManager::isRunning() { return !stopFlag; }
+bool VolumeContentManager::isRunning() { return !stopRequest.isMade(); }
 
 void* VolumeContentManager::start_thread(void* self)
 {
@@ -48,9 +48,9 @@ void* VolumeContentManager::start_thread(void* self)
 void VolumeContentManager::run()
 {
     blockAllSignals();
-    while (!stopFlag) {
+    while (!stopRequest.isMade()) {
         SignalObject::getInstance()->wait(); // a count, not an event: a notify() during a pass is not lost
-        if (!stopFlag)
+        if (!stopRequest.isMade())
             purgeIdleVolumes();
     }
     pthread_exit(nullptr); // unwinds by force: a catch (...) above it would abort the daemon
@@ -59,7 +59,7 @@ void VolumeContentManager::run()
 void VolumeContentManager::purgeIdleVolumes()
 {
     for (const auto& entry : managers) {
-        if (stopFlag)
+        if (stopRequest.isMade())
             return;
         VolumeManager* manager = entry.second;
         if (manager == nullptr || manager->isWalking())

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "core/Runnable.h"
+#include "core/StopRequest.h"
 
 #include <pthread.h>
 
-#include <atomic>
 #include <map>
 #include <string>
 
@@ -33,7 +33,7 @@ private:
     static VolumeContentManager* instance;
 
     pthread_t thread = {};
-    bool threadStarted = false;                     ///< main thread only: there is something to join
-    std::atomic<bool> stopFlag = false;             ///< set by the main thread, polled by the purge thread
+    bool threadStarted = false; ///< main thread only: there is something to join
+    StopRequest stopRequest;
     std::map<std::string, VolumeManager*> managers; ///< filled before the thread starts, cleared after it ended
 };

@@ -199,7 +199,7 @@ public:
     }
 
 private:
-    enum Name { main, log, index, journal };
+    enum Name { mainFile, logFile, indexFile, journalFile };
     static constexpr const char* suffixes[] = { "", "-wal", "-shm", "-journal" };
 
     std::string nameFor(std::size_t name) const { return HeldFolder::nameOf(path) + suffixes[name]; }
@@ -216,7 +216,7 @@ private:
             fit = fit && file.isFit();
         }
         // A journal of somebody else could name any file, for SQLite to remove it.
-        if (!fit || files[journal]->isForeign() || (foreign && !takeOver()))
+        if (!fit || files[journalFile]->isForeign() || (foreign && !takeOver()))
             return refused;
         return foreign || marked ? untrusted : trusted;
     }
@@ -226,13 +226,13 @@ private:
         if (geteuid() != 0)
             return false;
         // The former owner may still have the index open, and could cut it off under the daemon, which maps it.
-        if (files[index]->isForeign()) {
-            folder.remove(nameFor(index));
-            if (!files[index].emplace(folder, nameFor(index)).isAbsent())
+        if (files[indexFile]->isForeign()) {
+            folder.remove(nameFor(indexFile));
+            if (!files[indexFile].emplace(folder, nameFor(indexFile)).isAbsent())
                 return false;
         }
-        return files[main]->giveToRoot(notLookedInto)
-            && (!files[log]->isForeign() || files[log]->giveToRoot(notLookedInto));
+        return files[mainFile]->giveToRoot(notLookedInto)
+            && (!files[logFile]->isForeign() || files[logFile]->giveToRoot(notLookedInto));
     }
 
     const std::string path;

@@ -295,7 +295,8 @@ TEST_F(CatalogueOpening, whatPassesForSomethingElseInTheSchemaIsRefused)
         { "type='table'", "type='index'", "tbl_name='sqlite_sequence'", "name='Files_name'" }) {
         SCOPED_TRACE(set);
         makeClosed();
-        change(trigger + ";pragma writable_schema=1; update sqlite_master set " + set + " where type='trigger'");
+        change(trigger);
+        change("pragma writable_schema=1; update sqlite_master set " + set + " where type='trigger'");
         giveAway(dbPath);
         clearLog();
         EXPECT_THROW(open(), DBOperationException);

@@ -1,0 +1,36 @@
+#include "core/StopRequest.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <csignal>
+
+TEST(StopRequest, isMadeUntilItIsTakenBack)
+{
+    StopRequest request;
+    EXPECT_FALSE(request.isMade());
+    EXPECT_FALSE(request.isMadeOrPending());
+    request.make();
+    EXPECT_TRUE(request.isMade());
+    EXPECT_TRUE(request.isMadeOrPending());
+    request.takeBack();
+    EXPECT_FALSE(request.isMade());
+}
+
+TEST(StopRequest, aSignalThatWaitsToBeServedCountsForWhoAsksForIt)
+{
+    sigset_t stop;
+    sigset_t before;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop, &before);
+    const StopRequest request;
+    kill(getpid(), SIGTERM);
+    EXPECT_TRUE(request.isMadeOrPending());
+    EXPECT_FALSE(request.isMade());
+    int taken = 0;
+    sigwait(&stop, &taken);
+    EXPECT_FALSE(request.isMadeOrPending());
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}

@@ -65,17 +65,53 @@ std::string resolveOwnLinks(const std::string& path, LinkedFile linked)
     return errno == ENOENT ? kept : std::string();
 }
 
+/// Folder by folder, for a kernel or a sandbox that does not know openat2().
+static int openStepByStep(int start, const char* path, int flags, mode_t mode)
+{
+    int folder = openat(start, *path == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    while (folder >= 0) {
+        path += std::strspn(path, "/");
+        const std::size_t length = std::strcspn(path, "/");
+        const char* const next = path + length + std::strspn(path + length, "/");
+        const bool isLast = *next == '\0';
+        char name[NAME_MAX + 1] = ".";
+        if (length >= sizeof name) {
+            close(folder);
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        if (length > 0) {
+            std::memcpy(name, path, length);
+            name[length] = '\0';
+        }
+        const int found = isLast ? openat(folder, name, flags | O_NOFOLLOW, mode)
+                                 : openat(folder, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int reason = errno;
+        close(folder);
+        errno = reason;
+        if (isLast)
+            return found;
+        folder = found;
+        path = next;
+    }
+    return -1;
+}
+
 int openWithoutLinks(const char* path, int flags, mode_t mode)
+{
+    return openWithoutLinksBelow(AT_FDCWD, path, flags, mode);
+}
+
+int openWithoutLinksBelow(int folder, const char* path, int flags, mode_t mode)
 {
     struct open_how how = {};
     how.flags = static_cast<unsigned>(flags);
     how.mode = (flags & O_CREAT) != 0 ? mode : 0;
     how.resolve = RESOLVE_NO_SYMLINKS;
-    const int descriptor = static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how));
-    // A kernel that does not know the call, or a sandbox that does not.
-    if (descriptor < 0 && (errno == ENOSYS || errno == EPERM))
-        return open(path, flags | O_NOFOLLOW, mode);
-    return descriptor;
+    const int descriptor = static_cast<int>(syscall(SYS_openat2, folder, path, &how, sizeof how));
+    // A sandbox may refuse the call with either: systemd does so to keep set-uid files from being made.
+    return descriptor < 0 && (errno == ENOSYS || errno == EPERM) ? openStepByStep(folder, path, flags, mode)
+                                                                 : descriptor;
 }
 
 int unlinkWithoutLinks(const char* path)

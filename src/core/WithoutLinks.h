@@ -19,8 +19,8 @@ enum class LinkedFile { followed, kept };
 std::string resolveOwnLinks(const std::string& path, LinkedFile file);
 
 /// Like open() and unlink(), of a path that has no link in it, neither among its folders nor at its end: otherwise they
-/// fail with ELOOP. A path that was resolved leads to the same place then, or nowhere. On kernels before 5.6 the
-/// folders are not looked at. None of them allocates.
+/// fail, with ELOOP or ENOTDIR. A path that was resolved leads to the same place then, or nowhere. None of them
+/// allocates.
 int openWithoutLinks(const char* path, int flags, mode_t mode = 0);
 /// The same of a path below an open folder.
 int openWithoutLinksBelow(int folder, const char* path, int flags, mode_t mode = 0);

@@ -24,9 +24,10 @@ public:
 
     VolumeWatcher();
 
-    // Registry: any thread
+    // Registry: any thread, but for initialize()
 
     /// Opens the inotify instance and returns its descriptor. Throws a bare `const char*` when there is none to have.
+    /// Not to be called while the thread runs.
     int initialize();
     /// From now on `listener`, which stays its owner's, receives the changes of the volume; replaces an earlier one.
     void addVolumeWatchListener(std::string& volumeName, VolumeWatchListener* listener);
@@ -50,8 +51,8 @@ public:
     void run() override;
     /// Touches ".tickle" in the folder, which makes an event on its watch.
     void tickle(std::string& path);
-    /// Waits up to 5 seconds for further events. False when none came, when the stop came instead, and always when
-    /// select() cannot take the descriptor.
+    /// Watcher thread. Waits up to 5 seconds for further events. False when none came, when the stop came instead, and
+    /// always when select() cannot take the descriptor.
     bool isReadyForRead();
 
     // Routing of one kernel event to the listener of its volume: watcher thread. An event whose listener or folder is

@@ -4,6 +4,7 @@
 #include <sys/inotify.h>
 
 #include <map>
+#include <new>
 #include <vector>
 
 namespace {
@@ -157,6 +158,22 @@ TEST_F(BurstReductionTest, theStopEndsTheWalkOfTheRecords)
     EXPECT_EQ("[/v/a][/v/b]", folders());
     EXPECT_EQ(3, burst.eventCount) << "the record at hand is finished";
     EXPECT_EQ(48, burst.position);
+}
+
+TEST_F(BurstReductionTest, aLookUpThatThrowsLeavesTheEventsOfTheReadUncounted)
+{
+    burst.eventCount = 5;
+    burst.position = 77; // of the read before
+    add(1);
+    add(2);
+    add(3);
+    const auto pathOf = [this](int watchDescriptor) {
+        return watchDescriptor == 2 ? throw std::bad_alloc() : paths.at(watchDescriptor);
+    };
+    EXPECT_THROW(reduceBurst(bytes.data(), bytes.size(), pathOf, stop, burst), std::bad_alloc);
+    EXPECT_EQ("[/v/a]", folders());
+    EXPECT_EQ(5, burst.eventCount);
+    EXPECT_EQ(0, burst.position);
 }
 
 TEST_F(BurstReductionTest, aTruncatedRecordAtTheEndIsNotRead)

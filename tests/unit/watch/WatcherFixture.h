@@ -47,6 +47,17 @@ protected:
     {
         EXPECT_EQ(0, mknod((path + "/f" + std::to_string(++files)).c_str(), S_IFREG | 0644, 0)) << path;
     }
+    /// Everything below the folder, one relative path a line.
+    std::string tree() const
+    {
+        std::set<std::string> paths;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path()))
+            paths.insert(entry.path().string().substr(folder.path().length()));
+        std::string text;
+        for (const std::string& path : paths)
+            text += path + "\n";
+        return text;
+    }
     /// What select() is asked in a quiet time: for the inotify descriptor and for the eventfd of the stop.
     std::string quietTimeWait() const
     {
@@ -105,8 +116,6 @@ public:
         const std::size_t length = records.size() * sizeof(inotify_event);
         EXPECT_EQ(static_cast<ssize_t>(length), ::send(feeder, records.data(), length, 0));
     }
-    /// Every further read returns 0 at once. Needed before stop(), whose own wake-up goes through the kernel.
-    void end() const { shutdown(feeder, SHUT_WR); }
 
 private:
     int kept; ///< inotify's, so that its watches stay

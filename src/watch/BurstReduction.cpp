@@ -6,7 +6,7 @@
 
 namespace {
 
-/// The fixed part of the record at `position`; copied, since nothing aligns a record in somebody else's buffer.
+/// The fixed part of the record at `position`. It is copied because nothing says that the caller's buffer is aligned.
 inotify_event recordAt(const char* buffer, std::size_t position)
 {
     inotify_event record;
@@ -16,27 +16,27 @@ inotify_event recordAt(const char* buffer, std::size_t position)
 
 } // namespace
 
-BurstReduction reduceBurst(const char* buffer, std::size_t length,
-    const std::function<std::string(int descriptor)>& pathOf, const std::atomic<bool>& stopFlag,
-    std::set<std::string>& changedDirs)
+void reduceBurst(const char* buffer, std::size_t length, const std::function<std::string(int descriptor)>& pathOf,
+    const StopRequest& stop, Burst& burst)
 {
-    BurstReduction reduction;
-    std::size_t position = 0;
+    burst.position = 0;
     if (length < sizeof(inotify_event))
-        return reduction; // the kernel hands out whole records
+        return; // the kernel hands out whole records
+    int events = 0;
+    std::size_t position = 0;
     int current = recordAt(buffer, 0).wd;
-    changedDirs.insert(pathOf(current));
-    while (!stopFlag && position < length && length - position >= sizeof(inotify_event)) {
+    burst.changedDirs.insert(pathOf(current));
+    while (!stop.isMade() && position < length && length - position >= sizeof(inotify_event)) {
         const inotify_event record = recordAt(buffer, position);
         if (record.wd != current) {
-            // The previous descriptor's folder, on purpose: inserting the new one would walk folders twice in the
-            // usual run of records that alternate between a folder and its parent.
-            changedDirs.insert(pathOf(current));
+            // The folder that the records leave, on purpose. To add the folder of record.wd instead, or that of the
+            // last run as well, would change which folders a burst handles.
+            burst.changedDirs.insert(pathOf(current));
             current = record.wd;
         }
         position += sizeof(inotify_event) + record.len;
-        ++reduction.events;
+        ++events;
     }
-    reduction.position = static_cast<int>(position);
-    return reduction;
+    burst.eventCount += events;
+    burst.position = static_cast<int>(position);
 }

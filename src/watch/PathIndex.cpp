@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <functional>
 
-PathIndex::PathIndex(const std::map<int, std::string>& indexedPaths)
-    : paths(indexedPaths)
+PathIndex::PathIndex(const std::map<int, WatchEntry>& indexedEntries)
+    : entries(indexedEntries)
 {
 }
 
@@ -17,8 +17,8 @@ int PathIndex::first(const std::string& path) const
 {
     if (path.empty()) {
         const auto entry
-            = std::find_if(paths.begin(), paths.end(), [](const auto& each) { return each.second.empty(); });
-        return entry != paths.end() ? entry->first : none;
+            = std::find_if(entries.begin(), entries.end(), [](const auto& each) { return each.second.path.empty(); });
+        return entry != entries.end() ? entry->first : none;
     }
     int lowest = none;
     if (slots.empty())
@@ -26,7 +26,7 @@ int PathIndex::first(const std::string& path) const
     // At least half of the slots are free, so this ends.
     for (std::size_t slot = slotOf(path); slots[slot] != none; slot = (slot + 1) & (slots.size() - 1)) {
         const int descriptor = slots[slot];
-        if (descriptor != removed && (lowest == none || descriptor < lowest) && paths.at(descriptor) == path)
+        if (descriptor != removed && (lowest == none || descriptor < lowest) && entries.at(descriptor).path == path)
             lowest = descriptor;
     }
     return lowest;
@@ -34,12 +34,12 @@ int PathIndex::first(const std::string& path) const
 
 void PathIndex::add(int descriptor)
 {
-    if (paths.at(descriptor).empty())
+    if (entries.at(descriptor).path.empty())
         return;
     if ((occupied + 1) * 2 > slots.size())
         rebuild(); // with the new one
     else
-        put(descriptor, paths.at(descriptor));
+        put(descriptor, entries.at(descriptor).path);
 }
 
 void PathIndex::put(int descriptor, const std::string& path)
@@ -54,21 +54,21 @@ void PathIndex::put(int descriptor, const std::string& path)
 void PathIndex::rebuild()
 {
     std::size_t size = 16;
-    while (size < paths.size() * 3)
+    while (size < entries.size() * 3)
         size *= 2;
     std::vector<int>(size, none).swap(slots);
     occupied = 0;
-    for (const auto& entry : paths) {
-        if (!entry.second.empty())
-            put(entry.first, entry.second);
+    for (const auto& entry : entries) {
+        if (!entry.second.path.empty())
+            put(entry.first, entry.second.path);
     }
 }
 
 void PathIndex::remove(int descriptor)
 {
-    if (slots.empty() || paths.at(descriptor).empty())
+    if (slots.empty() || entries.at(descriptor).path.empty())
         return;
-    std::size_t slot = slotOf(paths.at(descriptor));
+    std::size_t slot = slotOf(entries.at(descriptor).path);
     while (slots[slot] != none && slots[slot] != descriptor)
         slot = (slot + 1) & (slots.size() - 1);
     if (slots[slot] == descriptor)

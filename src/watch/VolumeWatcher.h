@@ -1,22 +1,21 @@
 #pragma once
 
 #include "core/Runnable.h"
-#include "watch/PathIndex.h"
+#include "core/StopRequest.h"
+#include "watch/EventRouting.h"
+#include "watch/WatchRegistry.h"
 
 #include <pthread.h>
+#include <sys/types.h>
 
-#include <atomic>
-#include <cstdint>
-#include <map>
-#include <mutex>
-#include <set>
 #include <string>
 
+struct Burst;
 struct inotify_event;
 class VolumeWatchListener;
 
-/// Follows every volume through one inotify instance: a registry of watched folders and of the volumes' listeners,
-/// and a thread that collects events in bursts and has each changed folder looked at again.
+/// Follows every volume through one inotify instance: a thread collects events in bursts and has each changed folder
+/// looked at again by the listener of its volume.
 class VolumeWatcher : public Runnable {
 public:
     /// The watcher of the process. First called on the main thread before other threads exist; may throw as
@@ -25,9 +24,10 @@ public:
 
     VolumeWatcher();
 
-    // Registry: any thread
+    // Registry: any thread, but for initialize()
 
     /// Opens the inotify instance and returns its descriptor. Throws a bare `const char*` when there is none to have.
+    /// Not to be called while the thread runs.
     int initialize();
     /// From now on `listener`, which stays its owner's, receives the changes of the volume; replaces an earlier one.
     void addVolumeWatchListener(std::string& volumeName, VolumeWatchListener* listener);
@@ -51,7 +51,8 @@ public:
     void run() override;
     /// Touches ".tickle" in the folder, which makes an event on its watch.
     void tickle(std::string& path);
-    /// Waits up to 5 seconds for further events.
+    /// Watcher thread. Waits up to 5 seconds for further events. False when none came, when the stop came instead, and
+    /// always when select() cannot take the descriptor.
     bool isReadyForRead();
 
     // Routing of one kernel event to the listener of its volume: watcher thread. An event whose listener or folder is
@@ -70,47 +71,20 @@ public:
     void handleMoveFolder(inotify_event* from, inotify_event* to);
 
 private:
-    /// Whom an event goes to.
-    struct Target {
-        std::string volume;
-        std::string dir;
-        VolumeWatchListener* listener = nullptr;
-
-        bool isComplete() const { return listener != nullptr && !dir.empty(); }
-    };
-
     static void* start_thread(void* self);
-    void collectBurst(std::set<std::string>& changedDirs, int& eventCount, int& readMillis, int& position);
-    void handleChangedDirs(const std::set<std::string>& changedDirs);
-    void handleChangedDir(const std::string& path);
-    void tickleFirstFolder();
-    void interruptRead();
+    void collectBurst(Burst& burst);
     ssize_t readEvents();
-    const std::string& label(int descriptor, const std::string& path);
-    void forget(int descriptor);
-    const std::string& entryOf(int descriptor);
-    std::string pathOf(int descriptor);
-    Target targetOf(int descriptor);
-    using EntryOperation = void (VolumeWatchListener::*)(std::string& dir, const char* name);
-    using MoveOperation
-        = void (VolumeWatchListener::*)(std::string&, const char* fromName, std::string& toDir, const char* toName);
-    void deliver(EntryOperation operation, const inotify_event* event);
-    void deliverMove(MoveOperation operation, const inotify_event* from, const inotify_event* to);
+    bool waitForMore(Burst& burst);
+    void tickleFirstFolder();
+    void wakeThread();
 
     static VolumeWatcher* instance;
 
+    WatchRegistry registry; ///< opened before the thread starts, closed after it ended
+    EventRouting routing { registry };
     pthread_t thread = {};
-    bool threadStarted = false;         ///< main thread only: there is something to join
-    std::atomic<bool> stopFlag = false; ///< set by the main thread, polled by the watcher thread
-    int inotifyFd = -1;                 ///< set before the thread starts, closed after it ended
-    int stopEvent = -1; ///< likewise; an eventfd that ends the thread's wait, -1 when none was to be had
-    /// Guards the maps below, across the kernel call that goes with a change of them: an event must never meet an
-    /// unknown descriptor. Never held across a listener call, since a listener walks and a walk adds watches. Taken
-    /// after a volume's lock, never before it.
-    std::mutex registryMutex;
-    std::map<int, std::string> watchVolumes;               ///< watch descriptor -> volume name
-    std::map<int, std::string> watchPaths;                 ///< watch descriptor -> absolute folder path
-    PathIndex watchesByPath { watchPaths };                ///< of the paths above
-    std::map<std::string, VolumeWatchListener*> listeners; ///< volume name -> listener, borrowed
-    char eventBuffer[262144] = {};                         ///< watcher thread only
+    bool threadStarted = false; ///< main thread only: there is something to join
+    StopRequest stopRequest;    ///< made by the main thread, asked by the watcher thread
+    int stopEvent = -1; ///< an eventfd that is readable from the stop on, -1 when none was to be had; as `registry`
+    char eventBuffer[262144] = {}; ///< watcher thread only
 };

@@ -33,7 +33,7 @@ std::vector<Record> recordsOf(const std::string& bytes)
 /// Some descriptors are not known, and some are the same folder under two numbers.
 std::string pathOf(int descriptor) { return descriptor % 5 == 0 ? "" : "/v/" + std::to_string(descriptor & ~1); }
 
-/// Reduces the read with the stop flag set by the `stopAt`th look-up (0: before the first; more than there are:
+/// Reduces the read with the stop made by the `stopAt`th look-up (0: before the first; more than there are:
 /// never), and compares folders, look-ups, events and position with what the list of records says.
 void check(const std::string& bytes, std::size_t shift, std::size_t stopAt)
 {
@@ -41,16 +41,22 @@ void check(const std::string& bytes, std::size_t shift, std::size_t stopAt)
     const std::unique_ptr<char[]> block(new char[shift + bytes.length()]);
     std::copy(bytes.begin(), bytes.end(), block.get() + shift);
 
+    constexpr int earlierEvents = 5;
     std::vector<int> lookedUp;
-    std::atomic<bool> stopFlag = stopAt == 0;
+    StopRequest stop;
+    if (stopAt == 0)
+        stop.make();
     const auto lookUp = [&](int descriptor) {
         lookedUp.push_back(descriptor);
         if (lookedUp.size() == stopAt)
-            stopFlag = true;
+            stop.make();
         return pathOf(descriptor);
     };
-    std::set<std::string> changedDirs = { "/from/an/earlier/read" };
-    const BurstReduction reduction = reduceBurst(block.get() + shift, bytes.length(), lookUp, stopFlag, changedDirs);
+    Burst burst;
+    burst.changedDirs = { "/from/an/earlier/read" };
+    burst.eventCount = earlierEvents;
+    burst.position = 77; // of the read before
+    reduceBurst(block.get() + shift, bytes.length(), lookUp, stop, burst);
 
     // The first record's descriptor, then at each change the one that is left.
     const std::vector<Record> records = recordsOf(bytes);
@@ -69,9 +75,9 @@ void check(const std::string& bytes, std::size_t shift, std::size_t stopAt)
         expectedDirs.insert(pathOf(descriptor));
 
     REQUIRE(lookedUp == expectedLookUps);
-    REQUIRE(changedDirs == expectedDirs);
-    REQUIRE(reduction.events == static_cast<int>(walked));
-    REQUIRE(reduction.position == static_cast<int>(walked == 0 ? 0 : records[walked - 1].end));
+    REQUIRE(burst.changedDirs == expectedDirs);
+    REQUIRE(burst.eventCount == earlierEvents + static_cast<int>(walked));
+    REQUIRE(burst.position == static_cast<int>(walked == 0 ? 0 : records[walked - 1].end));
 }
 
 /// What the kernel could have handed out: whole records with padded names.
@@ -92,7 +98,7 @@ std::string readOfTheKernel(const std::string& choices)
 
 } // namespace
 
-/// The first byte says when the stop flag is set, 255 for never, the second how the block is aligned. The rest is a
+/// The first byte says when the stop is made, 255 for never, the second how the block is aligned. The rest is a
 /// read, once as it is and once as choices of whole records.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -10,9 +10,9 @@ namespace {
 constexpr time_t aMoment = 1000000000;
 
 /// The reads of a burst. The time stands still and the quiet time is over at once, unless a test says otherwise.
-class BurstCollection : public WatcherFixture {
+class BurstCollectionTest : public WatcherFixture {
 protected:
-    BurstCollection()
+    BurstCollectionTest()
     {
         setTime(aMoment);
         setQuietTime(std::chrono::milliseconds(0));
@@ -40,16 +40,9 @@ protected:
         }
         return log;
     }
-
-    /// Ends the thread that reads from `fed`.
-    void stop(const FedDescriptor& fed)
-    {
-        fed.end();
-        watcher->stop();
-    }
 };
 
-TEST_F(BurstCollection, goesOnWhileEventsCome)
+TEST_F(BurstCollectionTest, aBurstGoesOnWhileEventsCome)
 {
     const std::string path = watchNew("a");
     change(path);
@@ -63,7 +56,7 @@ TEST_F(BurstCollection, goesOnWhileEventsCome)
     EXPECT_EQ(1 + 1, takeWakeUps()) << "one for the burst, however many reads it had";
 }
 
-TEST_F(BurstCollection, endsAfterFiveQuietSeconds)
+TEST_F(BurstCollectionTest, aBurstEndsAfterFiveQuietSeconds)
 {
     setQuietTime(std::chrono::milliseconds(5000));
     setTime(0);
@@ -72,12 +65,12 @@ TEST_F(BurstCollection, endsAfterFiveQuietSeconds)
     ASSERT_TRUE(waitUntilAsked(1));
     change(path);
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, "======\n"));
-    EXPECT_EQ("1024 [" + std::to_string(descriptor) + "] 5s 0us", latestSelect());
+    EXPECT_EQ(quietTimeWait(), latestSelect());
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Processed 1 events\n"));
     EXPECT_EQ("change " + path + "\n", listener.calls());
 }
 
-TEST_F(BurstCollection, isCutAfterMoreThan299Seconds)
+TEST_F(BurstCollectionTest, aBurstIsCutAfterMoreThan299Seconds)
 {
     watchNew("a");
     const FedDescriptor fed(descriptor);
@@ -85,10 +78,10 @@ TEST_F(BurstCollection, isCutAfterMoreThan299Seconds)
         fed.send({ 1 });
     onSelect([](int before) { advanceTime(before == 0 ? 299 : 1); });
     EXPECT_EQ(burstLog({ 2, 3 }), run(2)) << "at 299 seconds it goes on, at 300 it ends with more to be read";
-    stop(fed);
+    watcher->stop();
 }
 
-TEST_F(BurstCollection, endsAfterItsFirstReadWhenThatWaitedForLong)
+TEST_F(BurstCollectionTest, aBurstEndsAfterItsFirstReadWhenThatWaitedForLong)
 {
     watchNew("a");
     const FedDescriptor fed(descriptor);
@@ -104,10 +97,10 @@ TEST_F(BurstCollection, endsAfterItsFirstReadWhenThatWaitedForLong)
     std::vector<LogLine> log = loggedLines();
     log.erase(log.begin());
     EXPECT_EQ(burstLog({ 1, 2 }), log);
-    stop(fed);
+    watcher->stop();
 }
 
-TEST_F(BurstCollection, everyReadStartsAnewWithItsFirstFolder)
+TEST_F(BurstCollectionTest, everyReadStartsAnewWithItsFirstFolder)
 {
     const std::string a = watchNew("a");
     const std::string b = watchNew("b");
@@ -116,10 +109,10 @@ TEST_F(BurstCollection, everyReadStartsAnewWithItsFirstFolder)
     fed.send({ 2, 1 });
     EXPECT_EQ(burstLog({ 4 }), run());
     EXPECT_EQ("change " + a + "\nchange " + b + "\n", listener.calls());
-    stop(fed);
+    watcher->stop();
 }
 
-TEST_F(BurstCollection, anOverflowShadowsTheBurst)
+TEST_F(BurstCollectionTest, anOverflowShadowsTheBurst)
 {
     const std::string a = watchNew("a");
     const FedDescriptor fed(descriptor);
@@ -130,10 +123,10 @@ TEST_F(BurstCollection, anOverflowShadowsTheBurst)
     EXPECT_EQ(expected, run());
     EXPECT_EQ("", listener.calls());
     EXPECT_EQ(1 + 1, watcher->numWatches());
-    stop(fed);
+    watcher->stop();
 }
 
-TEST_F(BurstCollection, anEmptyLastReadWakesNobody)
+TEST_F(BurstCollectionTest, anEmptyLastReadWakesNobody)
 {
     const std::string path = watchNew("a");
     const FedDescriptor fed(descriptor);
@@ -141,22 +134,22 @@ TEST_F(BurstCollection, anEmptyLastReadWakesNobody)
     fed.send({}); // read() returns 0
     EXPECT_EQ(burstLog({ 1 }), run());
     EXPECT_EQ("change " + path + "\n", listener.calls()) << "the folders of the burst are handled all the same";
-    stop(fed);
+    watcher->stop();
     EXPECT_EQ(1, takeWakeUps()) << "the initial one";
 }
 
-TEST_F(BurstCollection, anEmptyReadBeforeTheLastDoesNotMatter)
+TEST_F(BurstCollectionTest, anEmptyReadBeforeTheLastDoesNotMatter)
 {
     watchNew("a");
     const FedDescriptor fed(descriptor);
     fed.send({});
     fed.send({ 1 });
     EXPECT_EQ(burstLog({ 1 }), run());
-    stop(fed);
+    watcher->stop();
     EXPECT_EQ(1 + 1, takeWakeUps());
 }
 
-TEST_F(BurstCollection, aBurstWithoutRecordsHandlesNothing)
+TEST_F(BurstCollectionTest, aBurstWithoutRecordsHandlesNothing)
 {
     watchNew("a");
     const FedDescriptor fed(descriptor);
@@ -164,11 +157,11 @@ TEST_F(BurstCollection, aBurstWithoutRecordsHandlesNothing)
     EXPECT_EQ(burstLog({ 0 }), run());
     EXPECT_EQ("", listener.calls());
     EXPECT_EQ(1, watcher->numWatches());
-    stop(fed);
+    watcher->stop();
     EXPECT_EQ(1, takeWakeUps());
 }
 
-TEST_F(BurstCollection, aFailingReadGivesABurstWithoutRecords)
+TEST_F(BurstCollectionTest, aFailingReadGivesABurstWithoutRecords)
 {
     watchNew("a");
     const int unreadable = open(folder.path().c_str(), O_RDONLY | O_DIRECTORY); // always ready, and read() returns -1
@@ -188,7 +181,7 @@ TEST_F(BurstCollection, aFailingReadGivesABurstWithoutRecords)
     EXPECT_EQ(1, takeWakeUps());
 }
 
-TEST_F(BurstCollection, theRateIsTheTimeOfAllReadsButTheFirstByEvents)
+TEST_F(BurstCollectionTest, theRateIsTheTimeOfAllReadsButTheFirstByEvents)
 {
     watchNew("a");
     setClockStep(250900); // each read takes 250.9 ms
@@ -199,10 +192,10 @@ TEST_F(BurstCollection, theRateIsTheTimeOfAllReadsButTheFirstByEvents)
     run();
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Processed 4 events\n"));
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Rate of inotify event 125\n")) << "2 * 250 / 4";
-    stop(fed);
+    watcher->stop();
 }
 
-TEST_F(BurstCollection, theFirstReadOfEachBurstIsNotTimed)
+TEST_F(BurstCollectionTest, theFirstReadOfEachBurstIsNotTimed)
 {
     watchNew("a");
     setClockStep(5000000);
@@ -212,19 +205,32 @@ TEST_F(BurstCollection, theFirstReadOfEachBurstIsNotTimed)
     fed.send({ 1 });
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, "======\n", 2));
     EXPECT_EQ(2, timesLogged(LOG_INFO, "Rate of inotify event 0\n"));
-    stop(fed);
+    watcher->stop();
 }
 
-TEST_F(BurstCollection, isReadyForReadSaysWhetherEventsWait)
+TEST_F(BurstCollectionTest, aRateBelowNothingIsRoundedUp)
+{
+    watchNew("a");
+    setClockStep(-1000000); // the clock is set back all the time
+    const FedDescriptor fed(descriptor);
+    fed.send({ 1 });
+    fed.send({ 1 });
+    run();
+    EXPECT_EQ(1, timesLogged(LOG_INFO, "Rate of inotify event -499\n"))
+        << "(-1000 + 0.5) / 2, each cut to a whole number";
+    watcher->stop();
+}
+
+TEST_F(BurstCollectionTest, isReadyForReadSaysWhetherEventsWait)
 {
     const std::string path = watchNew("a");
     EXPECT_FALSE(watcher->isReadyForRead());
-    EXPECT_EQ("1024 [" + std::to_string(descriptor) + "] 5s 0us", latestSelect());
+    EXPECT_EQ(quietTimeWait(), latestSelect());
     change(path);
     EXPECT_TRUE(watcher->isReadyForRead());
 }
 
-TEST_F(BurstCollection, isReadyForReadWantsExactlyOneReadyDescriptor)
+TEST_F(BurstCollectionTest, isReadyForReadWantsExactlyOneReadyDescriptor)
 {
     for (const int result : { -1, 0, 2 }) {
         setSelectResult(result);
@@ -234,7 +240,14 @@ TEST_F(BurstCollection, isReadyForReadWantsExactlyOneReadyDescriptor)
     EXPECT_TRUE(watcher->isReadyForRead());
 }
 
-TEST_F(BurstCollection, aFailingSelectEndsTheBurst)
+TEST_F(BurstCollectionTest, isReadyForReadIsFalseOnceTheStopCame)
+{
+    setSelectResult(1);
+    onSelect([this](int) { watcher->stop(); });
+    EXPECT_FALSE(watcher->isReadyForRead());
+}
+
+TEST_F(BurstCollectionTest, aFailingSelectEndsTheBurst)
 {
     watchNew("a");
     const FedDescriptor fed(descriptor);
@@ -242,18 +255,36 @@ TEST_F(BurstCollection, aFailingSelectEndsTheBurst)
     fed.send({ 1 });
     setSelectResult(-1);
     EXPECT_EQ(burstLog({ 1, 1 }), run(2));
-    stop(fed);
+    watcher->stop();
 }
 
-TEST_F(BurstCollection, aDescriptorThatSelectCannotTakeIsNeverReady)
+/// Takes every number of a descriptor up to `last`.
+class TakenDescriptors {
+public:
+    explicit TakenDescriptors(int last)
+    {
+        rlimit limit;
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = FD_SETSIZE + 64;
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        while (taken.empty() || taken.back() < last)
+            taken.push_back(open("/dev/null", O_RDONLY));
+    }
+    ~TakenDescriptors()
+    {
+        for (const int descriptor : taken)
+            close(descriptor);
+    }
+    TakenDescriptors(const TakenDescriptors&) = delete;
+    TakenDescriptors& operator=(const TakenDescriptors&) = delete;
+
+private:
+    std::vector<int> taken;
+};
+
+TEST_F(BurstCollectionTest, aDescriptorThatSelectCannotTakeIsNeverReady)
 {
-    rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = FD_SETSIZE + 64;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
-    std::vector<int> others;
-    while (others.empty() || others.back() < FD_SETSIZE)
-        others.push_back(open("/dev/null", O_RDONLY));
+    const TakenDescriptors others(FD_SETSIZE);
     VolumeWatcher far;
     EXPECT_GE(far.initialize(), FD_SETSIZE);
     std::string path = folder.path();
@@ -262,8 +293,19 @@ TEST_F(BurstCollection, aDescriptorThatSelectCannotTakeIsNeverReady)
     EXPECT_FALSE(far.isReadyForRead());
     EXPECT_EQ("", latestSelect());
     far.stop();
-    for (const int other : others)
-        close(other);
+}
+
+TEST_F(BurstCollectionTest, anEventfdThatSelectCannotTakeIsLeftOut)
+{
+    const TakenDescriptors others(FD_SETSIZE - 2);
+    VolumeWatcher far;
+    EXPECT_EQ(FD_SETSIZE - 1, far.initialize());
+    std::string path = folder.path();
+    far.addDirectoryToWatch(music, path);
+    change(path);
+    EXPECT_TRUE(far.isReadyForRead());
+    EXPECT_EQ("1024 [1023] 5s 0us", latestSelect());
+    far.stop();
 }
 
 } // namespace

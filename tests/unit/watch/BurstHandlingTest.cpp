@@ -15,9 +15,9 @@ constexpr time_t aMoment = 1000000000;
 
 /// Bursts of real events that are all in the kernel's queue before the thread starts: they come in one read, and the
 /// quiet time is over at once. The time stands still.
-class BurstHandling : public WatcherFixture {
+class BurstHandlingTest : public WatcherFixture {
 protected:
-    BurstHandling()
+    BurstHandlingTest()
     {
         setTime(aMoment);
         setQuietTime(std::chrono::milliseconds(0));
@@ -44,7 +44,7 @@ protected:
     }
 };
 
-TEST_F(BurstHandling, oneNewFileIsOneEventOneCallAndOneWakeUp)
+TEST_F(BurstHandlingTest, oneNewFileIsOneEventOneCallAndOneWakeUp)
 {
     const std::string path = watchNew("a");
     change(path);
@@ -54,7 +54,7 @@ TEST_F(BurstHandling, oneNewFileIsOneEventOneCallAndOneWakeUp)
     EXPECT_EQ(1 + 1, takeWakeUps()) << "the initial one and the burst's";
 }
 
-TEST_F(BurstHandling, aFileThatIsWrittenCountsEveryRecordOfTheKernel)
+TEST_F(BurstHandlingTest, aFileThatIsWrittenCountsEveryRecordOfTheKernel)
 {
     const std::string path = watchNew("a");
     std::ofstream(path + "/song.mp3") << "music"; // created, closed after writing
@@ -62,7 +62,7 @@ TEST_F(BurstHandling, aFileThatIsWrittenCountsEveryRecordOfTheKernel)
     EXPECT_EQ("change " + path + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, whatTheThreadIsToldIsTheFolderNotTheEntry)
+TEST_F(BurstHandlingTest, whatTheThreadIsToldIsTheFolderNotTheEntry)
 {
     const std::string path = watchNew("a");
     folder.makeFolder("a/new folder");
@@ -72,7 +72,7 @@ TEST_F(BurstHandling, whatTheThreadIsToldIsTheFolderNotTheEntry)
     EXPECT_EQ("change " + path + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, theFolderThatOnlyTheLastEventTellsOfIsDropped)
+TEST_F(BurstHandlingTest, theFolderThatOnlyTheLastEventTellsOfIsDropped)
 {
     const std::string a = watchNew("a");
     const std::string b = watchNew("b");
@@ -83,7 +83,7 @@ TEST_F(BurstHandling, theFolderThatOnlyTheLastEventTellsOfIsDropped)
     EXPECT_EQ("change " + a + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, siblingsAreBothHandledInByteOrder)
+TEST_F(BurstHandlingTest, siblingsAreBothHandledInByteOrder)
 {
     const std::string b = watchNew("b");
     const std::string a = watchNew("a");
@@ -94,7 +94,7 @@ TEST_F(BurstHandling, siblingsAreBothHandledInByteOrder)
     EXPECT_EQ("change " + a + "\nchange " + b + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, whatContainsTheSmallestPathIsSkipped)
+TEST_F(BurstHandlingTest, whatContainsTheSmallestPathIsSkipped)
 {
     folder.makeFolder("a/b");
     const std::string a = watchNew("a");
@@ -112,7 +112,7 @@ TEST_F(BurstHandling, whatContainsTheSmallestPathIsSkipped)
     EXPECT_EQ("change " + a + "\nchange " + other + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, onlyTheSmallestPathShadowsOthers)
+TEST_F(BurstHandlingTest, onlyTheSmallestPathShadowsOthers)
 {
     folder.makeFolder("b/c");
     const std::string a = watchNew("a");
@@ -124,7 +124,7 @@ TEST_F(BurstHandling, onlyTheSmallestPathShadowsOthers)
     EXPECT_EQ("change " + a + "\nchange " + b + "\nchange " + belowB + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, aLateEventOfARemovedWatchShadowsTheBurst)
+TEST_F(BurstHandlingTest, aLateEventOfARemovedWatchShadowsTheBurst)
 {
     const std::string a = watchNew("a");
     const std::string gone = watchNew("gone");
@@ -141,7 +141,7 @@ TEST_F(BurstHandling, aLateEventOfARemovedWatchShadowsTheBurst)
     EXPECT_EQ(1 + 1, takeWakeUps());
 }
 
-TEST_F(BurstHandling, anOverflowOfTheKernelsQueueShadowsTheBurst)
+TEST_F(BurstHandlingTest, anOverflowOfTheKernelsQueueShadowsTheBurst)
 {
     const std::string a = watchNew("a");
     int queueLength = 0;
@@ -163,7 +163,7 @@ TEST_F(BurstHandling, anOverflowOfTheKernelsQueueShadowsTheBurst)
     EXPECT_EQ(ownRead ? "" : "change " + a + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, aFolderGoesToTheLowestWatchWithItsPath)
+TEST_F(BurstHandlingTest, aFolderGoesToTheLowestWatchWithItsPath)
 {
     RecordingListener photos;
     std::string photosName = "photos";
@@ -177,7 +177,7 @@ TEST_F(BurstHandling, aFolderGoesToTheLowestWatchWithItsPath)
     EXPECT_EQ("", photos.calls());
 }
 
-TEST_F(BurstHandling, aFolderThatWasRelabelledMeanwhileIsSilentlyNotHandled)
+TEST_F(BurstHandlingTest, aFolderThatWasRelabelledMeanwhileIsSilentlyNotHandled)
 {
     const std::string a = watchNew("a");
     const std::string b = watchNew("b");
@@ -191,7 +191,7 @@ TEST_F(BurstHandling, aFolderThatWasRelabelledMeanwhileIsSilentlyNotHandled)
     EXPECT_EQ("change " + a + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, theSmallestPathShadowsOthersAlsoWhenItWasRelabelledMeanwhile)
+TEST_F(BurstHandlingTest, theSmallestPathShadowsOthersAlsoWhenItWasRelabelledMeanwhile)
 {
     folder.makeFolder("a/b");
     const std::string a = watchNew("a");
@@ -206,7 +206,7 @@ TEST_F(BurstHandling, theSmallestPathShadowsOthersAlsoWhenItWasRelabelledMeanwhi
     EXPECT_EQ("", listener.calls());
 }
 
-TEST_F(BurstHandling, eachFolderGoesToTheListenerOfItsVolume)
+TEST_F(BurstHandlingTest, eachFolderGoesToTheListenerOfItsVolume)
 {
     RecordingListener photos;
     std::string photosName = "photos";
@@ -221,7 +221,7 @@ TEST_F(BurstHandling, eachFolderGoesToTheListenerOfItsVolume)
     EXPECT_EQ("change " + b + "\n", photos.calls());
 }
 
-TEST_F(BurstHandling, whatAListenerThrowsEndsOnlyItsFolder)
+TEST_F(BurstHandlingTest, whatAListenerThrowsEndsOnlyItsFolder)
 {
     const std::string a = watchNew("a");
     const std::string b = watchNew("b");
@@ -246,7 +246,7 @@ TEST_F(BurstHandling, whatAListenerThrowsEndsOnlyItsFolder)
     EXPECT_EQ("change " + a + "\nchange " + b + "\nchange " + c + "\nchange " + a + "\n", listener.calls());
 }
 
-TEST_F(BurstHandling, theTimeOfHandlingIsLogged)
+TEST_F(BurstHandlingTest, theTimeOfHandlingIsLogged)
 {
     change(watchNew("a"));
     onSelect([](int) { advanceTime(100); }); // collecting is not handling
@@ -255,7 +255,7 @@ TEST_F(BurstHandling, theTimeOfHandlingIsLogged)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Handled 1 events in 7 seconds "));
 }
 
-TEST_F(BurstHandling, eachBurstStartsWithNoFolders)
+TEST_F(BurstHandlingTest, eachBurstStartsWithNoFolders)
 {
     folder.makeFolder("a/b");
     const std::string a = watchNew("a");

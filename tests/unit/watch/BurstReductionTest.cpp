@@ -4,12 +4,13 @@
 #include <sys/inotify.h>
 
 #include <map>
+#include <new>
 #include <vector>
 
 namespace {
 
 /// Bytes in, folders out: watch descriptors 1, 2, 3 stand for /v/a, /v/b, /v/c.
-class BurstReductionOfBytes : public ::testing::Test {
+class BurstReductionTest : public ::testing::Test {
 protected:
     void add(int watchDescriptor, const std::string& name = "", std::uint32_t nameBytes = 0, std::uint32_t mask = 0)
     {
@@ -29,11 +30,11 @@ protected:
         const auto pathOf = [this](int watchDescriptor) {
             asked += std::to_string(watchDescriptor) + " ";
             if (watchDescriptor == stopAt)
-                stopFlag = true;
+                stop.make();
             const auto known = paths.find(watchDescriptor);
             return known == paths.end() ? std::string() : known->second;
         };
-        reduction = reduceBurst(bytes.data(), bytes.size(), pathOf, stopFlag, changedDirs);
+        reduceBurst(bytes.data(), bytes.size(), pathOf, stop, burst);
     }
 
     /// The folders that records of these watch descriptors, all in one read, come down to.
@@ -41,94 +42,88 @@ protected:
     {
         for (const int watchDescriptor : watchDescriptors)
             add(watchDescriptor);
+        const int earlierEvents = burst.eventCount;
         reduce();
-        EXPECT_EQ(static_cast<int>(watchDescriptors.size()), reduction.events);
-        EXPECT_EQ(static_cast<int>(bytes.size()), reduction.position);
+        EXPECT_EQ(static_cast<int>(watchDescriptors.size()), burst.eventCount - earlierEvents);
+        EXPECT_EQ(static_cast<int>(bytes.size()), burst.position);
         return folders();
     }
 
     std::string folders() const
     {
         std::string text;
-        for (const std::string& path : changedDirs)
+        for (const std::string& path : burst.changedDirs)
             text += "[" + path + "]";
         return text;
     }
 
     const std::map<int, std::string> paths = { { 1, "/v/a" }, { 2, "/v/b" }, { 3, "/v/c" } };
     std::vector<char> bytes;
-    std::atomic<bool> stopFlag = false;
-    int stopAt = 0; ///< asking for this descriptor sets the stop flag
-    std::set<std::string> changedDirs;
+    StopRequest stop;
+    int stopAt = 0;    ///< asking for this descriptor makes the stop
     std::string asked; ///< the descriptors whose folders were looked up, in order
-    BurstReduction reduction;
+    Burst burst;
 };
 
-TEST_F(BurstReductionOfBytes, oneRecordGivesItsFolder) { EXPECT_EQ("[/v/a]", foldersOf({ 1 })); }
+TEST_F(BurstReductionTest, oneRecordGivesItsFolder) { EXPECT_EQ("[/v/a]", foldersOf({ 1 })); }
 
-TEST_F(BurstReductionOfBytes, manyRecordsOfOneFolderGiveItOnce)
+TEST_F(BurstReductionTest, manyRecordsOfOneFolderGiveItOnce)
 {
     EXPECT_EQ("[/v/a]", foldersOf({ 1, 1, 1, 1 }));
     EXPECT_EQ("1 ", asked);
 }
 
-TEST_F(BurstReductionOfBytes, theFolderOfTheLastRunIsNotAdded)
+TEST_F(BurstReductionTest, theFolderOfTheLastRunIsNotAdded)
 {
     EXPECT_EQ("[/v/a]", foldersOf({ 1, 1, 2 }));
     EXPECT_EQ("1 1 ", asked) << "the folder that is entered is not even looked up";
 }
 
-TEST_F(BurstReductionOfBytes, aThirdFolderAddsTheSecond) { EXPECT_EQ("[/v/a][/v/b]", foldersOf({ 1, 2, 3 })); }
+TEST_F(BurstReductionTest, aThirdFolderAddsTheSecond) { EXPECT_EQ("[/v/a][/v/b]", foldersOf({ 1, 2, 3 })); }
 
-TEST_F(BurstReductionOfBytes, theReturnToTheFirstAddsTheSecond)
+TEST_F(BurstReductionTest, theReturnToTheFirstAddsTheSecond)
 {
     EXPECT_EQ("[/v/a][/v/b]", foldersOf({ 1, 2, 1 }));
     EXPECT_EQ("1 1 2 ", asked);
 }
 
-TEST_F(BurstReductionOfBytes, theLastRunIsDroppedHoweverLongItIs)
-{
-    EXPECT_EQ("[/v/b]", foldersOf({ 2, 1, 1, 1, 1, 1 }));
-}
+TEST_F(BurstReductionTest, theLastRunIsDroppedHoweverLongItIs) { EXPECT_EQ("[/v/b]", foldersOf({ 2, 1, 1, 1, 1, 1 })); }
 
-TEST_F(BurstReductionOfBytes, theFoldersComeOutInByteOrder)
-{
-    EXPECT_EQ("[/v/a][/v/b][/v/c]", foldersOf({ 3, 2, 1, 2 }));
-}
+TEST_F(BurstReductionTest, theFoldersComeOutInByteOrder) { EXPECT_EQ("[/v/a][/v/b][/v/c]", foldersOf({ 3, 2, 1, 2 })); }
 
-TEST_F(BurstReductionOfBytes, whatEarlierReadsFoundStays)
+TEST_F(BurstReductionTest, whatEarlierReadsFoundStays)
 {
-    changedDirs = { "/v/b" };
+    burst.changedDirs = { "/v/b" };
     EXPECT_EQ("[/v/a][/v/b]", foldersOf({ 1, 2 }));
 }
 
-TEST_F(BurstReductionOfBytes, everyReadStartsAnew)
+TEST_F(BurstReductionTest, everyReadStartsAnew)
 {
     EXPECT_EQ("[/v/a]", foldersOf({ 1, 2 }));
     bytes.clear();
     EXPECT_EQ("[/v/a][/v/b]", foldersOf({ 2 })) << "the first record of a read adds its folder";
 }
 
-TEST_F(BurstReductionOfBytes, anUnknownDescriptorGivesTheEmptyPath) { EXPECT_EQ("[][/v/a]", foldersOf({ 1, -1, 2 })); }
+TEST_F(BurstReductionTest, anUnknownDescriptorGivesTheEmptyPath) { EXPECT_EQ("[][/v/a]", foldersOf({ 1, -1, 2 })); }
 
-TEST_F(BurstReductionOfBytes, anUnknownDescriptorAtTheEndIsNotLookedUp)
+TEST_F(BurstReductionTest, anUnknownDescriptorAtTheEndIsNotLookedUp)
 {
     EXPECT_EQ("[/v/a]", foldersOf({ 1, -1 }));
     EXPECT_EQ("1 1 ", asked);
 }
 
-TEST_F(BurstReductionOfBytes, anOverflowAloneGivesTheEmptyPath) { EXPECT_EQ("[]", foldersOf({ -1 })); }
+TEST_F(BurstReductionTest, anOverflowAloneGivesTheEmptyPath) { EXPECT_EQ("[]", foldersOf({ -1 })); }
 
-TEST_F(BurstReductionOfBytes, whatHappenedDoesNotMatter)
+TEST_F(BurstReductionTest, whatHappenedDoesNotMatter)
 {
     for (const unsigned mask : { IN_CREATE, IN_DELETE, IN_IGNORED, IN_Q_OVERFLOW, IN_MOVED_FROM | IN_ISDIR })
         add(1, "name", 16, mask);
     reduce();
     EXPECT_EQ("[/v/a]", folders());
-    EXPECT_EQ(5, reduction.events);
+    EXPECT_EQ(5, burst.eventCount);
 }
 
-TEST_F(BurstReductionOfBytes, namesAreSteppedOver)
+TEST_F(BurstReductionTest, namesAreSteppedOver)
 {
     add(1, "short", 16);
     add(2, std::string(255, 'x'), 256);
@@ -136,23 +131,23 @@ TEST_F(BurstReductionOfBytes, namesAreSteppedOver)
     add(1, "a", 16);
     reduce();
     EXPECT_EQ("[/v/a][/v/b][/v/c]", folders());
-    EXPECT_EQ(4, reduction.events);
-    EXPECT_EQ(4 * 16 + 16 + 256 + 16, reduction.position);
+    EXPECT_EQ(4, burst.eventCount);
+    EXPECT_EQ(4 * 16 + 16 + 256 + 16, burst.position);
 }
 
-TEST_F(BurstReductionOfBytes, aSetStopFlagLeavesTheFirstFolderAndWalksNoRecord)
+TEST_F(BurstReductionTest, aStopThatIsMadeLeavesTheFirstFolderAndWalksNoRecord)
 {
-    stopFlag = true;
+    stop.make();
     add(1);
     add(2);
     add(3);
     reduce();
     EXPECT_EQ("[/v/a]", folders());
-    EXPECT_EQ(0, reduction.events);
-    EXPECT_EQ(0, reduction.position);
+    EXPECT_EQ(0, burst.eventCount);
+    EXPECT_EQ(0, burst.position);
 }
 
-TEST_F(BurstReductionOfBytes, theStopFlagEndsTheWalkOfTheRecords)
+TEST_F(BurstReductionTest, theStopEndsTheWalkOfTheRecords)
 {
     stopAt = 2;
     add(1);
@@ -161,11 +156,27 @@ TEST_F(BurstReductionOfBytes, theStopFlagEndsTheWalkOfTheRecords)
     add(1);
     reduce();
     EXPECT_EQ("[/v/a][/v/b]", folders());
-    EXPECT_EQ(3, reduction.events) << "the record at hand is finished";
-    EXPECT_EQ(48, reduction.position);
+    EXPECT_EQ(3, burst.eventCount) << "the record at hand is finished";
+    EXPECT_EQ(48, burst.position);
 }
 
-TEST_F(BurstReductionOfBytes, aTruncatedRecordAtTheEndIsNotRead)
+TEST_F(BurstReductionTest, aLookUpThatThrowsLeavesTheEventsOfTheReadUncounted)
+{
+    burst.eventCount = 5;
+    burst.position = 77; // of the read before
+    add(1);
+    add(2);
+    add(3);
+    const auto pathOf = [this](int watchDescriptor) {
+        return watchDescriptor == 2 ? throw std::bad_alloc() : paths.at(watchDescriptor);
+    };
+    EXPECT_THROW(reduceBurst(bytes.data(), bytes.size(), pathOf, stop, burst), std::bad_alloc);
+    EXPECT_EQ("[/v/a]", folders());
+    EXPECT_EQ(5, burst.eventCount);
+    EXPECT_EQ(0, burst.position);
+}
+
+TEST_F(BurstReductionTest, aTruncatedRecordAtTheEndIsNotRead)
 {
     add(1);
     add(2);
@@ -174,11 +185,11 @@ TEST_F(BurstReductionOfBytes, aTruncatedRecordAtTheEndIsNotRead)
     bytes.shrink_to_fit(); // one byte further is a fault under the address sanitizer
     reduce();
     EXPECT_EQ("[/v/a]", folders());
-    EXPECT_EQ(2, reduction.events);
-    EXPECT_EQ(32, reduction.position);
+    EXPECT_EQ(2, burst.eventCount);
+    EXPECT_EQ(32, burst.position);
 }
 
-TEST_F(BurstReductionOfBytes, lessThanOneRecordGivesNothing)
+TEST_F(BurstReductionTest, lessThanOneRecordGivesNothing)
 {
     add(1);
     bytes.resize(15);
@@ -186,11 +197,11 @@ TEST_F(BurstReductionOfBytes, lessThanOneRecordGivesNothing)
     reduce();
     EXPECT_EQ("", folders());
     EXPECT_EQ("", asked);
-    EXPECT_EQ(0, reduction.events);
-    EXPECT_EQ(0, reduction.position);
+    EXPECT_EQ(0, burst.eventCount);
+    EXPECT_EQ(0, burst.position);
 }
 
-TEST_F(BurstReductionOfBytes, aNameThatReachesBeyondTheEndEndsTheWalk)
+TEST_F(BurstReductionTest, aNameThatReachesBeyondTheEndEndsTheWalk)
 {
     add(1);
     add(2, "", 0xfff0);
@@ -198,10 +209,10 @@ TEST_F(BurstReductionOfBytes, aNameThatReachesBeyondTheEndEndsTheWalk)
     bytes.shrink_to_fit();
     reduce();
     EXPECT_EQ("[/v/a]", folders());
-    EXPECT_EQ(2, reduction.events);
+    EXPECT_EQ(2, burst.eventCount);
 }
 
-TEST_F(BurstReductionOfBytes, recordsNeedNoAlignment)
+TEST_F(BurstReductionTest, recordsNeedNoAlignment)
 {
     add(1);
     add(2);
@@ -209,7 +220,8 @@ TEST_F(BurstReductionOfBytes, recordsNeedNoAlignment)
     std::vector<char> shifted(bytes.size() + 1);
     std::copy(bytes.begin(), bytes.end(), shifted.begin() + 1);
     const auto pathOf = [this](int watchDescriptor) { return paths.at(watchDescriptor); };
-    EXPECT_EQ(3, reduceBurst(shifted.data() + 1, bytes.size(), pathOf, stopFlag, changedDirs).events);
+    reduceBurst(shifted.data() + 1, bytes.size(), pathOf, stop, burst);
+    EXPECT_EQ(3, burst.eventCount);
     EXPECT_EQ("[/v/a][/v/b]", folders());
 }
 

@@ -1,8 +1,5 @@
 #include "watch/WatcherFixture.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
-
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -12,7 +9,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class WatchRegistry : public WatcherFixture {
+class WatchRegistryTest : public WatcherFixture {
 protected:
     /// The masks of the kernel's watches, one line each.
     std::string kernelWatches() const
@@ -27,27 +24,27 @@ protected:
     }
 };
 
-TEST_F(WatchRegistry, initializeReturnsAnInotifyDescriptor)
+TEST_F(WatchRegistryTest, initializeReturnsAnInotifyDescriptor)
 {
     EXPECT_EQ("anon_inode:inotify", fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor)).string());
     EXPECT_EQ(0, watcher->numWatches());
     EXPECT_TRUE(watcher->isRunning());
 }
 
-TEST_F(WatchRegistry, aWatchHasExactlyTheSixKindsOfEvents)
+TEST_F(WatchRegistryTest, aWatchHasExactlyTheSixKindsOfEvents)
 {
     watchNew("a");
     EXPECT_EQ("3cc\n", kernelWatches()) << "972: attributes, closed after writing, moved from and to, created, deleted";
 }
 
-TEST_F(WatchRegistry, addReturnsTheDescriptorAndCounts)
+TEST_F(WatchRegistryTest, addReturnsTheDescriptorAndCounts)
 {
     EXPECT_EQ(1, watch(folder.makeFolder("a")));
     EXPECT_EQ(2, watch(folder.makeFolder("b")));
     EXPECT_EQ(2, watcher->numWatches());
 }
 
-TEST_F(WatchRegistry, aFolderAddedTwiceIsOneEntryWithTheLatestPathAndVolume)
+TEST_F(WatchRegistryTest, aFolderAddedTwiceIsOneEntryWithTheLatestPathAndVolume)
 {
     const std::string path = folder.makeFolder("a");
     fs::create_directory_symlink(path, folder.path("alias"));
@@ -63,7 +60,7 @@ TEST_F(WatchRegistry, aFolderAddedTwiceIsOneEntryWithTheLatestPathAndVolume)
     EXPECT_EQ("change " + folder.path("alias") + "\n", photos.calls());
 }
 
-TEST_F(WatchRegistry, aMovedFolderIsRelabelled)
+TEST_F(WatchRegistryTest, aMovedFolderIsRelabelled)
 {
     const std::string before = watchNew("before");
     const std::string after = folder.path("after");
@@ -79,14 +76,14 @@ TEST_F(WatchRegistry, aMovedFolderIsRelabelled)
     EXPECT_EQ(0, watcher->numWatches());
 }
 
-TEST_F(WatchRegistry, aFolderThatCannotBeWatchedIsNotRecorded)
+TEST_F(WatchRegistryTest, aFolderThatCannotBeWatchedIsNotRecorded)
 {
     EXPECT_LT(watch(folder.path("missing")), 0);
     EXPECT_EQ(0, watcher->numWatches());
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(WatchRegistry, aFailedAddLeavesTheEntryOfThatPath)
+TEST_F(WatchRegistryTest, aFailedAddLeavesTheEntryOfThatPath)
 {
     const std::string path = watchNew("a");
     fs::remove(path);
@@ -96,7 +93,7 @@ TEST_F(WatchRegistry, aFailedAddLeavesTheEntryOfThatPath)
     EXPECT_EQ("change " + path + "\n", listener.calls());
 }
 
-TEST_F(WatchRegistry, removeEndsTheKernelsWatch)
+TEST_F(WatchRegistryTest, removeEndsTheKernelsWatch)
 {
     const std::string a = watchNew("a");
     watchNew("b");
@@ -105,7 +102,7 @@ TEST_F(WatchRegistry, removeEndsTheKernelsWatch)
     EXPECT_EQ(1, watcher->numWatches());
 }
 
-TEST_F(WatchRegistry, removeOfAParentLeavesItsSubfolders)
+TEST_F(WatchRegistryTest, removeOfAParentLeavesItsSubfolders)
 {
     const std::string parent = watchNew("parent");
     const std::string child = watchNew("parent/child");
@@ -116,7 +113,7 @@ TEST_F(WatchRegistry, removeOfAParentLeavesItsSubfolders)
     EXPECT_EQ("change " + child + "\n", listener.calls());
 }
 
-TEST_F(WatchRegistry, removeWantsTheExactPath)
+TEST_F(WatchRegistryTest, removeWantsTheExactPath)
 {
     const std::string path = watchNew("a");
     EXPECT_EQ(0, unwatch(path + "/"));
@@ -124,7 +121,7 @@ TEST_F(WatchRegistry, removeWantsTheExactPath)
     EXPECT_EQ(1, watcher->numWatches());
 }
 
-TEST_F(WatchRegistry, removeTakesTheLowestDescriptorOfAPath)
+TEST_F(WatchRegistryTest, removeTakesTheLowestDescriptorOfAPath)
 {
     const std::string path = watchNew("a");
     fs::rename(path, folder.path("moved away"));
@@ -135,7 +132,7 @@ TEST_F(WatchRegistry, removeTakesTheLowestDescriptorOfAPath)
     EXPECT_EQ(0, unwatch(path));
 }
 
-TEST_F(WatchRegistry, removeIsNotDearerForTheWatchesThatStay)
+TEST_F(WatchRegistryTest, removeIsNotDearerForTheWatchesThatStay)
 {
     constexpr int folders = 200;
     const auto watchMany = [this](const std::string& below, int count) {
@@ -158,7 +155,7 @@ TEST_F(WatchRegistry, removeIsNotDearerForTheWatchesThatStay)
     EXPECT_LT(secondsToRemove("many"), 10 * amongFew) << "by a look at each watch it takes some eighty times as long";
 }
 
-TEST_F(WatchRegistry, removeOfAnUnknownPathErasesKeyZero)
+TEST_F(WatchRegistryTest, removeOfAnUnknownPathErasesKeyZero)
 {
     watchNew("a");
     route(0);
@@ -168,7 +165,7 @@ TEST_F(WatchRegistry, removeOfAnUnknownPathErasesKeyZero)
     EXPECT_EQ("3cc\n", kernelWatches());
 }
 
-TEST_F(WatchRegistry, anUnknownDescriptorIsLoggedAndCounted)
+TEST_F(WatchRegistryTest, anUnknownDescriptorIsLoggedAndCounted)
 {
     route(17);
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "No listener/directory found for \n" } }), loggedLines());
@@ -177,7 +174,7 @@ TEST_F(WatchRegistry, anUnknownDescriptorIsLoggedAndCounted)
     EXPECT_EQ(1, watcher->numWatches());
 }
 
-TEST_F(WatchRegistry, anEventAfterItsWatchWasRemovedIsLoggedWithoutAName)
+TEST_F(WatchRegistryTest, anEventAfterItsWatchWasRemovedIsLoggedWithoutAName)
 {
     const std::string path = watchNew("a");
     unwatch(path);
@@ -187,7 +184,7 @@ TEST_F(WatchRegistry, anEventAfterItsWatchWasRemovedIsLoggedWithoutAName)
     EXPECT_EQ(1, watcher->numWatches());
 }
 
-TEST_F(WatchRegistry, aVolumeWithoutListenerKeepsItsWatchesAndItsEventsAreLogged)
+TEST_F(WatchRegistryTest, aVolumeWithoutListenerKeepsItsWatchesAndItsEventsAreLogged)
 {
     watchNew("a");
     watcher->removeVolumeWatchListener(music);
@@ -198,7 +195,7 @@ TEST_F(WatchRegistry, aVolumeWithoutListenerKeepsItsWatchesAndItsEventsAreLogged
     EXPECT_EQ("3cc\n", kernelWatches());
 }
 
-TEST_F(WatchRegistry, removingAnAbsentListenerDoesNothing)
+TEST_F(WatchRegistryTest, removingAnAbsentListenerDoesNothing)
 {
     watchNew("a");
     std::string nobody = "nobody";
@@ -207,7 +204,7 @@ TEST_F(WatchRegistry, removingAnAbsentListenerDoesNothing)
     EXPECT_EQ("change " + folder.path("a") + "\n", listener.calls());
 }
 
-TEST_F(WatchRegistry, aSecondListenerOfAVolumeReplacesTheFirst)
+TEST_F(WatchRegistryTest, aSecondListenerOfAVolumeReplacesTheFirst)
 {
     RecordingListener second;
     watcher->addVolumeWatchListener(music, &second);
@@ -217,7 +214,7 @@ TEST_F(WatchRegistry, aSecondListenerOfAVolumeReplacesTheFirst)
     EXPECT_EQ("change " + folder.path("a") + "\n", second.calls());
 }
 
-TEST_F(WatchRegistry, aListenerMayChangeTheRegistryAndItsString)
+TEST_F(WatchRegistryTest, aListenerMayChangeTheRegistryAndItsString)
 {
     const std::string path = watchNew("a");
     listener.onChange = [this](std::string& changed) {
@@ -230,7 +227,7 @@ TEST_F(WatchRegistry, aListenerMayChangeTheRegistryAndItsString)
     EXPECT_EQ(2, unwatch(folder.path("b")));
 }
 
-TEST_F(WatchRegistry, whatAListenerDoesToItsStringDoesNotReachTheRegistry)
+TEST_F(WatchRegistryTest, whatAListenerDoesToItsStringDoesNotReachTheRegistry)
 {
     const std::string path = watchNew("a");
     listener.onChange = [](std::string& changed) { changed = "/elsewhere"; };
@@ -239,7 +236,7 @@ TEST_F(WatchRegistry, whatAListenerDoesToItsStringDoesNotReachTheRegistry)
     EXPECT_EQ("change " + path + "\nchange " + path + "\n", listener.calls());
 }
 
-TEST_F(WatchRegistry, threadsMayChangeItAtTheSameTime)
+TEST_F(WatchRegistryTest, threadsMayChangeItAtTheSameTime)
 {
     constexpr int threads = 4;
     std::vector<std::thread> walkers;
@@ -261,66 +258,6 @@ TEST_F(WatchRegistry, threadsMayChangeItAtTheSameTime)
     EXPECT_EQ(threads, watcher->numWatches());
     EXPECT_EQ("3cc\n3cc\n3cc\n3cc\n", kernelWatches());
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
-}
-
-/// The process may not open anything for the length of the scope.
-class NoMoreDescriptors {
-public:
-    NoMoreDescriptors()
-    {
-        getrlimit(RLIMIT_NOFILE, &before);
-        const rlimit none = { 0, before.rlim_max };
-        setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
-    NoMoreDescriptors(const NoMoreDescriptors&) = delete;
-    NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
-
-private:
-    rlimit before;
-};
-
-template <typename Action>
-std::string textThrownBy(Action action)
-{
-    try {
-        action();
-    } catch (const char* text) {
-        return text;
-    }
-    return "nothing";
-}
-
-TEST(WatchRegistryWithoutInotify, initializeThrowsABareText)
-{
-    const auto watcher = std::make_unique<VolumeWatcher>();
-    const NoMoreDescriptors limit;
-    EXPECT_EQ("*** error inot_handle", textThrownBy([&] { watcher->initialize(); }));
-}
-
-TEST(WatchRegistryWithoutInotify, theFirstGetInstanceThrowsAndLaterOnesReturnTheObject)
-{
-    std::make_unique<VolumeWatcher>(); // the sanitizer looks at the first object of a class by means of descriptors
-    {
-        const NoMoreDescriptors limit;
-        EXPECT_EQ("*** error inot_handle", textThrownBy([] { VolumeWatcher::getInstance(); }));
-        EXPECT_EQ("nothing", textThrownBy([] { VolumeWatcher::getInstance(); }))
-            << "it was kept, and is not tried again";
-    }
-    VolumeWatcher* instance = VolumeWatcher::getInstance();
-    EXPECT_NE(nullptr, instance);
-    EXPECT_EQ(instance, VolumeWatcher::getInstance());
-}
-
-TEST(WatchRegistrySingleton, theFirstGetInstanceOpensInotify)
-{
-    VolumeWatcher* instance = VolumeWatcher::getInstance();
-    EXPECT_EQ(instance, VolumeWatcher::getInstance());
-    TemporaryFolder folder;
-    std::string volume = "music";
-    std::string path = folder.path();
-    EXPECT_EQ(1, instance->addDirectoryToWatch(volume, path));
-    instance->stop();
 }
 
 } // namespace

@@ -13,8 +13,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
+#include <set>
 #include <string>
+#include <system_error>
 #include <vector>
 
 /// A watcher of its own with an open inotify descriptor, and the listener of the volume "music".
@@ -43,6 +46,29 @@ protected:
     void change(const std::string& path)
     {
         EXPECT_EQ(0, mknod((path + "/f" + std::to_string(++files)).c_str(), S_IFREG | 0644, 0)) << path;
+    }
+    /// Everything below the folder, one relative path a line.
+    std::string tree() const
+    {
+        std::set<std::string> paths;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path()))
+            paths.insert(entry.path().string().substr(folder.path().length()));
+        std::string text;
+        for (const std::string& path : paths)
+            text += path + "\n";
+        return text;
+    }
+    /// What select() is asked in a quiet time: for the inotify descriptor and for the eventfd of the stop.
+    std::string quietTimeWait() const
+    {
+        std::set<int> awaited = { descriptor };
+        for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone; // the descriptor of the listing itself
+            if (std::filesystem::read_symlink(open.path(), gone) == "anon_inode:[eventfd]")
+                awaited.insert(std::stoi(open.path().filename().string()));
+        }
+        EXPECT_EQ(2U, awaited.size());
+        return "1024 [" + std::to_string(*awaited.begin()) + " " + std::to_string(*awaited.rbegin()) + "] 5s 0us";
     }
     /// Has the event routed as the thread does it.
     void route(int watchDescriptor)
@@ -90,8 +116,6 @@ public:
         const std::size_t length = records.size() * sizeof(inotify_event);
         EXPECT_EQ(static_cast<ssize_t>(length), ::send(feeder, records.data(), length, 0));
     }
-    /// Every further read returns 0 at once. Needed before stop(), whose own wake-up goes through the kernel.
-    void end() const { shutdown(feeder, SHUT_WR); }
 
 private:
     int kept; ///< inotify's, so that its watches stay

@@ -41,9 +41,9 @@ private:
 };
 
 /// Two volumes with a listener each: "music" with the folder a, "photos" with the folder p.
-class Routing : public WatcherFixture {
+class EventRoutingTest : public WatcherFixture {
 protected:
-    Routing()
+    EventRoutingTest()
         : a(watchNew("a"))
         , p(watchNew("p", photos))
     {
@@ -138,7 +138,7 @@ struct Routine {
 
 void PrintTo(const Routine& routine, std::ostream* out) { *out << routine.name; }
 
-class OneEvent : public Routing, public testing::WithParamInterface<Routine> {
+class OneEventRoutingTest : public EventRoutingTest, public testing::WithParamInterface<Routine> {
 protected:
     void route(inotify_event* event) { (*watcher.*GetParam().route)(event); }
     void route(int wd, const std::string& name)
@@ -153,7 +153,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Routing, OneEvent,
+INSTANTIATE_TEST_SUITE_P(Watcher, OneEventRoutingTest,
     testing::Values(Routine { "changeFolder", &VolumeWatcher::handleChangeFolder, "change" },
         Routine { "newFolder", &VolumeWatcher::handleNewFolder, "new folder" },
         Routine { "newFile", &VolumeWatcher::handleNewFile, "new file" },
@@ -162,7 +162,7 @@ INSTANTIATE_TEST_SUITE_P(Routing, OneEvent,
         Routine { "deleteFolder", &VolumeWatcher::handleDeleteFolder, "delete folder" }),
     [](const testing::TestParamInfo<Routine>& routine) { return std::string(routine.param.name); });
 
-TEST_P(OneEvent, goesToTheListenerOfItsVolumeAlone)
+TEST_P(OneEventRoutingTest, anEventGoesToTheListenerOfItsVolumeAlone)
 {
     route(1, "x");
     EXPECT_EQ(call(a, "x"), calls());
@@ -172,7 +172,7 @@ TEST_P(OneEvent, goesToTheListenerOfItsVolumeAlone)
     EXPECT_EQ(2, watcher->numWatches());
 }
 
-TEST_P(OneEvent, withoutAListenerIsLoggedWithTheVolume)
+TEST_P(OneEventRoutingTest, anEventWithoutAListenerIsLoggedWithTheVolume)
 {
     watcher->removeVolumeWatchListener(music);
     route(1, "x");
@@ -184,7 +184,7 @@ TEST_P(OneEvent, withoutAListenerIsLoggedWithTheVolume)
     EXPECT_EQ(2, watcher->numWatches());
 }
 
-TEST_P(OneEvent, ofAnUnknownWatchIsLoggedWithoutAVolumeAndCounted)
+TEST_P(OneEventRoutingTest, anEventOfAnUnknownWatchIsLoggedWithoutAVolumeAndCounted)
 {
     for (const int wd : { unknown, -1, unknown })
         route(wd, "x");
@@ -193,7 +193,7 @@ TEST_P(OneEvent, ofAnUnknownWatchIsLoggedWithoutAVolumeAndCounted)
     EXPECT_EQ(4, watcher->numWatches());
 }
 
-TEST_P(OneEvent, ofAnUnknownWatchFindsNoListenerEvenIfAVolumeHasNoName)
+TEST_P(OneEventRoutingTest, anEventOfAnUnknownWatchFindsNoListenerEvenIfAVolumeHasNoName)
 {
     std::string noName;
     watcher->addVolumeWatchListener(noName, &onlooker);
@@ -202,7 +202,7 @@ TEST_P(OneEvent, ofAnUnknownWatchFindsNoListenerEvenIfAVolumeHasNoName)
     EXPECT_EQ("", calls());
 }
 
-TEST_P(OneEvent, hasTheNameThatTheKernelReports)
+TEST_P(OneEventRoutingTest, anEventHasTheNameThatTheKernelReports)
 {
     ASSERT_EQ(0U, (oddName.length() + 1) % sizeof(inotify_event));
     const std::string names[] = { oddName, "x" + oddName, std::string(255, '\xfe') };
@@ -218,7 +218,7 @@ TEST_P(OneEvent, hasTheNameThatTheKernelReports)
     EXPECT_EQ(expected, calls());
 }
 
-TEST_P(OneEvent, aboutTheFolderItselfHasNoName)
+TEST_P(OneEventRoutingTest, anEventAboutTheFolderItselfHasNoName)
 {
     inotify_event event[2] = {};
     event[0].wd = 1;
@@ -230,7 +230,7 @@ TEST_P(OneEvent, aboutTheFolderItselfHasNoName)
 
 // Deleted folders
 
-TEST_F(Routing, deletedFolderLosesItsWatchAfterTheListenerWasTold)
+TEST_F(EventRoutingTest, aDeletedFolderLosesItsWatchAfterTheListenerWasTold)
 {
     watchNew("a/gone");
     watchNew("a/gone/below");
@@ -243,7 +243,7 @@ TEST_F(Routing, deletedFolderLosesItsWatchAfterTheListenerWasTold)
     EXPECT_EQ(6, watch(a + "/gone")) << "the kernel's watch was ended as well";
 }
 
-TEST_F(Routing, deletedFolderLosesItsWatchAlsoWithoutAListener)
+TEST_F(EventRoutingTest, aDeletedFolderLosesItsWatchAlsoWithoutAListener)
 {
     const std::string gone = watchNew("a/gone");
     watcher->removeVolumeWatchListener(music);
@@ -253,7 +253,7 @@ TEST_F(Routing, deletedFolderLosesItsWatchAlsoWithoutAListener)
     EXPECT_EQ(2, watcher->numWatches());
 }
 
-TEST_F(Routing, deletedFolderIsSoughtAtThePathThatItsParentHasAfterTheCall)
+TEST_F(EventRoutingTest, aDeletedFolderIsSoughtAtThePathThatItsParentHasAfterTheCall)
 {
     watchNew("a/gone");
     const std::string renamed = folder.path("renamed");
@@ -266,7 +266,7 @@ TEST_F(Routing, deletedFolderIsSoughtAtThePathThatItsParentHasAfterTheCall)
     EXPECT_EQ("1 renamed music\n2 p photos\n", watches());
 }
 
-TEST_F(Routing, deletedFolderOfAnUnknownWatchIsSoughtAtTheTop)
+TEST_F(EventRoutingTest, aDeletedFolderOfAnUnknownWatchIsSoughtAtTheTop)
 {
     ASSERT_EQ(3, watch("/tmp"));
     deleteFolder(unknown, "tmp");
@@ -274,7 +274,7 @@ TEST_F(Routing, deletedFolderOfAnUnknownWatchIsSoughtAtTheTop)
     EXPECT_EQ(0, unwatch("/tmp"));
 }
 
-TEST_F(Routing, deletedFolderWithoutAWatchChangesNoOther)
+TEST_F(EventRoutingTest, aDeletedFolderWithoutAWatchChangesNoOther)
 {
     deleteFolder(1, "never watched");
     EXPECT_EQ("delete folder " + a + " never watched\n", calls());
@@ -290,7 +290,7 @@ struct MoveRoutine {
 
 void PrintTo(const MoveRoutine& routine, std::ostream* out) { *out << routine.name; }
 
-class Move : public Routing, public testing::WithParamInterface<MoveRoutine> {
+class MoveRoutingTest : public EventRoutingTest, public testing::WithParamInterface<MoveRoutine> {
 protected:
     void move(int fromWd, int toWd)
     {
@@ -301,12 +301,12 @@ protected:
     std::string call() const { return std::string("move ") + GetParam().name; }
 };
 
-INSTANTIATE_TEST_SUITE_P(Routing, Move,
+INSTANTIATE_TEST_SUITE_P(Watcher, MoveRoutingTest,
     testing::Values(MoveRoutine { "file", &VolumeWatcher::handleMoveFile },
         MoveRoutine { "folder", &VolumeWatcher::handleMoveFolder }),
     [](const testing::TestParamInfo<MoveRoutine>& routine) { return std::string(routine.param.name); });
 
-TEST_P(Move, withinAVolumeGoesToItsListenerAlone)
+TEST_P(MoveRoutingTest, aMoveWithinAVolumeGoesToItsListenerAlone)
 {
     const std::string b = watchNew("b");
     move(1, 1);
@@ -315,7 +315,7 @@ TEST_P(Move, withinAVolumeGoesToItsListenerAlone)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_P(Move, betweenVolumesIsLoggedAndNotDelivered)
+TEST_P(MoveRoutingTest, aMoveBetweenVolumesIsLoggedAndNotDelivered)
 {
     move(1, 2);
     move(2, 1);
@@ -323,7 +323,7 @@ TEST_P(Move, betweenVolumesIsLoggedAndNotDelivered)
     EXPECT_EQ((std::vector<LogLine> { crossing("music", "photos"), crossing("photos", "music") }), loggedLines());
 }
 
-TEST_P(Move, betweenVolumesWithoutListenersIsStillACrossing)
+TEST_P(MoveRoutingTest, aMoveBetweenVolumesWithoutListenersIsStillACrossing)
 {
     watcher->removeVolumeWatchListener(music);
     watcher->removeVolumeWatchListener(photos);
@@ -331,7 +331,7 @@ TEST_P(Move, betweenVolumesWithoutListenersIsStillACrossing)
     EXPECT_EQ(std::vector<LogLine> { crossing("music", "photos") }, loggedLines());
 }
 
-TEST_P(Move, fromOrToAnUnknownWatchIsACrossing)
+TEST_P(MoveRoutingTest, aMoveFromOrToAnUnknownWatchIsACrossing)
 {
     move(unknown, 1);
     move(1, unknown);
@@ -343,7 +343,7 @@ TEST_P(Move, fromOrToAnUnknownWatchIsACrossing)
         loggedLines());
 }
 
-TEST_P(Move, withoutAListenerIsLoggedWithTheVolumeItLeft)
+TEST_P(MoveRoutingTest, aMoveWithoutAListenerIsLoggedWithTheVolumeItLeft)
 {
     watchNew("b");
     watcher->removeVolumeWatchListener(music);
@@ -352,7 +352,7 @@ TEST_P(Move, withoutAListenerIsLoggedWithTheVolumeItLeft)
     EXPECT_EQ("", calls());
 }
 
-TEST_P(Move, hasTheNamesThatTheKernelReports)
+TEST_P(MoveRoutingTest, aMoveHasTheNamesThatTheKernelReports)
 {
     const std::string b = watchNew("b");
     const std::string moved = "moved" + oddName;
@@ -370,14 +370,14 @@ TEST_P(Move, hasTheNamesThatTheKernelReports)
 
 // The watches of what was moved
 
-TEST_F(Routing, movedFileLeavesTheWatches)
+TEST_F(EventRoutingTest, aMovedFileLeavesTheWatches)
 {
     watchNew("a/old");
     moveFile(1, "old", 1, "new");
     EXPECT_EQ("1 a music\n2 p photos\n3 old music\n", watches());
 }
 
-TEST_F(Routing, movesWithoutANameLeaveTheWatches)
+TEST_F(EventRoutingTest, aMoveWithoutANameLeavesTheWatches)
 {
     inotify_event event[2] = {};
     event[0].wd = 1;
@@ -393,7 +393,7 @@ TEST_F(Routing, movesWithoutANameLeaveTheWatches)
     EXPECT_EQ("1 a music\n2 p photos\n", watches());
 }
 
-TEST_F(Routing, movedFolderGetsAWatchOfItsOwnAtTheNewPlaceAfterTheListenerWasTold)
+TEST_F(EventRoutingTest, aMovedFolderGetsAWatchOfItsOwnAtTheNewPlaceAfterTheListenerWasTold)
 {
     const std::string below = watchNew("a/old/below");
     watchNew("a/old");
@@ -406,7 +406,7 @@ TEST_F(Routing, movedFolderGetsAWatchOfItsOwnAtTheNewPlaceAfterTheListenerWasTol
     EXPECT_EQ(3, unwatch(below)) << "those below are left to the listener's walk";
 }
 
-TEST_F(Routing, movedFolderKeepsTheWatchThatTheListenersWalkToldItsNewPath)
+TEST_F(EventRoutingTest, aMovedFolderKeepsTheWatchThatTheListenersWalkToldItsNewPath)
 {
     watchNew("a/old");
     fs::rename(a + "/old", a + "/new");
@@ -415,7 +415,7 @@ TEST_F(Routing, movedFolderKeepsTheWatchThatTheListenersWalkToldItsNewPath)
     EXPECT_EQ("1 a music\n2 p photos\n3 new music\n", watches());
 }
 
-TEST_F(Routing, folderThatCrossedIsWatchedForTheVolumeThatItCameTo)
+TEST_F(EventRoutingTest, aFolderThatCrossedIsWatchedForTheVolumeThatItCameTo)
 {
     watchNew("a/old");
     fs::rename(a + "/old", p + "/new");
@@ -425,7 +425,7 @@ TEST_F(Routing, folderThatCrossedIsWatchedForTheVolumeThatItCameTo)
     EXPECT_EQ("1 a music\n2 p photos\n4 new photos\n", watches());
 }
 
-TEST_F(Routing, watchMovesAlsoWithoutAListener)
+TEST_F(EventRoutingTest, theWatchMovesAlsoWithoutAListener)
 {
     watchNew("a/old");
     fs::rename(a + "/old", a + "/new");
@@ -436,21 +436,21 @@ TEST_F(Routing, watchMovesAlsoWithoutAListener)
     EXPECT_EQ(4, unwatch(a + "/new"));
 }
 
-TEST_F(Routing, folderThatCameFromAnUnknownWatchIsWatched)
+TEST_F(EventRoutingTest, aFolderThatCameFromAnUnknownWatchIsWatched)
 {
     fs::create_directory(a + "/new");
     moveFolder(unknown, "old", 1, "new");
     EXPECT_EQ("1 a music\n2 p photos\n3 new music\n", watches());
 }
 
-TEST_F(Routing, folderThatWentToAnUnknownWatchOnlyLosesItsOwn)
+TEST_F(EventRoutingTest, aFolderThatWentToAnUnknownWatchOnlyLosesItsOwn)
 {
     watchNew("a/old");
     moveFolder(1, "old", unknown, "nowhere to be found");
     EXPECT_EQ("1 a music\n2 p photos\n", watches());
 }
 
-TEST_F(Routing, folderThatIsGoneFromItsNewPlaceIsNotWatched)
+TEST_F(EventRoutingTest, aFolderThatIsGoneFromItsNewPlaceIsNotWatched)
 {
     watchNew("a/old");
     moveFolder(1, "old", 1, "gone");

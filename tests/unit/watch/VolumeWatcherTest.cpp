@@ -1,5 +1,6 @@
 #include "core/Threads.h"
 #include "core/WakeUps.h"
+#include "watch/KernelCalls.h"
 #include "watch/TestClock.h"
 #include "watch/WatcherFixture.h"
 
@@ -12,9 +13,9 @@
 namespace {
 
 /// Starting and stopping. stop() has to end in every case: a test that hangs is a test that failed.
-class WatcherThread : public WatcherFixture {
+class VolumeWatcherTest : public WatcherFixture {
 protected:
-    WatcherThread()
+    VolumeWatcherTest()
     {
         setTime(1000000000);
         setQuietTime(std::chrono::milliseconds(0));
@@ -46,13 +47,13 @@ protected:
               { LOG_INFO, "Handled 0 events in 0 seconds " }, { LOG_INFO, "======\n" } };
 };
 
-TEST_F(WatcherThread, blocksEverySignal)
+TEST_F(VolumeWatcherTest, theThreadBlocksEverySignal)
 {
     startAndWait();
     EXPECT_EQ(allSignals, signalsBlockedByNewThreads(threadsBefore));
 }
 
-TEST_F(WatcherThread, isRunningUntilStop)
+TEST_F(VolumeWatcherTest, aWatcherIsRunningUntilStop)
 {
     EXPECT_TRUE(watcher->isRunning()) << "before start() as well";
     startAndWait();
@@ -61,7 +62,7 @@ TEST_F(WatcherThread, isRunningUntilStop)
     EXPECT_FALSE(watcher->isRunning());
 }
 
-TEST_F(WatcherThread, stopAtRestTouchesTheTickleFileAndHandlesNothing)
+TEST_F(VolumeWatcherTest, stopAtRestTouchesTheTickleFileAndHandlesNothing)
 {
     const std::string first = watchNew("z");
     const std::string second = watchNew("a");
@@ -76,7 +77,7 @@ TEST_F(WatcherThread, stopAtRestTouchesTheTickleFileAndHandlesNothing)
     EXPECT_EQ(1, takeWakeUps());
 }
 
-TEST_F(WatcherThread, stopClosesTheDescriptorAndForgetsEverything)
+TEST_F(VolumeWatcherTest, stopClosesTheDescriptorAndForgetsEverything)
 {
     const std::string path = watchNew("a");
     startAndWait();
@@ -89,7 +90,7 @@ TEST_F(WatcherThread, stopClosesTheDescriptorAndForgetsEverything)
     EXPECT_EQ("", listener.calls());
 }
 
-TEST_F(WatcherThread, stopWithNothingWatchedNeedsNoTickle)
+TEST_F(VolumeWatcherTest, stopWithNothingWatchedNeedsNoTickle)
 {
     startAndWait();
     watcher->stop();
@@ -97,7 +98,7 @@ TEST_F(WatcherThread, stopWithNothingWatchedNeedsNoTickle)
     EXPECT_EQ(stoppedAtRest, loggedLines());
 }
 
-TEST_F(WatcherThread, stopSkipsTheEmptyEntryOfAnUnknownDescriptor)
+TEST_F(VolumeWatcherTest, stopSkipsTheEmptyEntryOfAnUnknownDescriptor)
 {
     watchNew("a");
     route(-1);
@@ -108,7 +109,7 @@ TEST_F(WatcherThread, stopSkipsTheEmptyEntryOfAnUnknownDescriptor)
     EXPECT_EQ(stoppedAtRest, loggedLines());
 }
 
-TEST_F(WatcherThread, aSecondStopJoinsAndClosesNothing)
+TEST_F(VolumeWatcherTest, aSecondStopJoinsAndClosesNothing)
 {
     watchNew("a");
     startAndWait();
@@ -122,7 +123,7 @@ TEST_F(WatcherThread, aSecondStopJoinsAndClosesNothing)
     close(reused);
 }
 
-TEST_F(WatcherThread, stopBeforeStartEndsTheWatches)
+TEST_F(VolumeWatcherTest, stopBeforeStartEndsTheWatches)
 {
     watchNew("a");
     watcher->stop();
@@ -134,7 +135,7 @@ TEST_F(WatcherThread, stopBeforeStartEndsTheWatches)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(WatcherThread, aStoppedWatcherIsNotStartedAgain)
+TEST_F(VolumeWatcherTest, aStoppedWatcherIsNotStartedAgain)
 {
     startAndWait();
     watcher->stop();
@@ -144,7 +145,7 @@ TEST_F(WatcherThread, aStoppedWatcherIsNotStartedAgain)
     EXPECT_EQ(stoppedAtRest, loggedLines());
 }
 
-TEST_F(WatcherThread, stopDuringTheHandlingEndsItBeforeTheNextFolder)
+TEST_F(VolumeWatcherTest, stopDuringTheHandlingEndsItBeforeTheNextFolder)
 {
     const std::string a = watchNew("a");
     const std::string b = watchNew("b");
@@ -167,7 +168,7 @@ TEST_F(WatcherThread, stopDuringTheHandlingEndsItBeforeTheNextFolder)
     EXPECT_EQ(1 + 1, takeWakeUps());
 }
 
-TEST_F(WatcherThread, stopDuringTheQuietTimeEndsTheBurst)
+TEST_F(VolumeWatcherTest, stopDuringTheQuietTimeEndsTheBurst)
 {
     const std::string path = watchNew("a");
     change(path);
@@ -190,7 +191,7 @@ TEST_F(WatcherThread, stopDuringTheQuietTimeEndsTheBurst)
     EXPECT_EQ(1, takeWakeUps()) << "no record of the last read was walked";
 }
 
-TEST_F(WatcherThread, runsThroughItsInterface)
+TEST_F(VolumeWatcherTest, aWatcherRunsThroughItsInterface)
 {
     Runnable& runnable = *watcher;
     runnable.start();
@@ -200,7 +201,7 @@ TEST_F(WatcherThread, runsThroughItsInterface)
     EXPECT_EQ(threadsBefore, threadIds());
 }
 
-TEST_F(WatcherThread, stopEndsTheKernelsWatches)
+TEST_F(VolumeWatcherTest, stopEndsTheKernelsWatches)
 {
     watchNew("a");
     watchNew("b");
@@ -212,7 +213,7 @@ TEST_F(WatcherThread, stopEndsTheKernelsWatches)
     close(shared);
 }
 
-TEST_F(WatcherThread, stopForgetsVolumesAndListeners)
+TEST_F(VolumeWatcherTest, stopForgetsVolumesAndListeners)
 {
     const std::string path = watchNew("a");
     startAndWait();
@@ -226,6 +227,22 @@ TEST_F(WatcherThread, stopForgetsVolumesAndListeners)
     route(1);
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "No listener/directory found for music\n" } }), loggedLines());
     EXPECT_EQ("", listener.calls());
+}
+
+TEST_F(VolumeWatcherTest, anEventNeverMeetsAFolderThatIsNotInTheRegistryYet)
+{
+    const std::string path = folder.makeFolder("a");
+    startAndWait();
+    onWatchAdded([&] {
+        change(path); // the thread may read it at once, but not look its folder up before the registry knows it
+        for (int i = 0; i < 100 && timesLogged(LOG_INFO, "Processed 1 events\n") == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    });
+    watch(path);
+    onWatchAdded(nullptr);
+    EXPECT_TRUE(waitUntilLogged(LOG_INFO, "======\n"));
+    EXPECT_EQ("change " + path + "\n", listener.calls());
+    EXPECT_EQ(0, timesLogged(LOG_ERR, "No listener/directory found for \n"));
 }
 
 } // namespace

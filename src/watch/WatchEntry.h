@@ -1,0 +1,9 @@
+#pragma once
+
+#include <string>
+
+/// The folder that a watch descriptor stands for. Both are empty for a descriptor that nobody has added.
+struct WatchEntry {
+    std::string path;   ///< absolute
+    std::string volume; ///< name
+};

@@ -3,6 +3,7 @@
 #include "classify/Tokenizer.h"
 #include "core/SignalMask.h"
 #include "core/WithoutLinks.h"
+#include "db/CatalogueAdmission.h"
 #include "db/CatalogueFile.h"
 #include "db/DBOperationException.h"
 #include "db/Statement.h"

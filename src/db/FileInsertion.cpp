@@ -19,7 +19,7 @@ bool VolumeDBManager::insertFile(DBFile& f)
     const std::string path = f.getPath();
     if (!fileRowExists(f)) {
         const std::string name = f.getName();
-        Statement stmt(*this,
+        Statement stmt(*connection,
             "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time , created_time , category , is_hidden) values(?,?,?,?,strftime('%s','now'), 0, ?,?,?,?)",
             Statement::lastDecides);
         stmt.bind(folder.getFolder_id()).bind(name).bind(path).bind(f.getSize());
@@ -30,7 +30,7 @@ bool VolumeDBManager::insertFile(DBFile& f)
     }
 
     syslog(LOG_LOCAL5 | LOG_INFO, "Row for file %s exists in the DB so updating it\n", path.c_str());
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "update files set folder_id=?, size=?, last_updated_time=strftime('%s', 'now'), is_deleted=0, modified_time=?, created_time=?, category=? where file_id=?");
     // The low 32 bits of the size on purpose: a revived row of a large file is put right by the next walk.
     stmt.bind(folder.getFolder_id()).bind(static_cast<int>(f.getSize())).bind(f.getModified_time());

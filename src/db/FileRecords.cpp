@@ -8,7 +8,7 @@ bool VolumeDBManager::fileExists(DBFile& f)
 {
     const std::string path = f.getPath();
     const std::string name = f.getName();
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time from  files  where  path=?  and name=? and is_deleted=0");
     stmt.bind(path).bind(name);
     bool found = false;
@@ -32,7 +32,7 @@ bool VolumeDBManager::fileRowExists(DBFile& f)
 {
     const std::string path = f.getPath();
     const std::string name = f.getName();
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time , created_time from  files  where  path=?  and name=?");
     stmt.bind(path).bind(name);
     bool found = false;
@@ -50,7 +50,7 @@ bool VolumeDBManager::fileRowExists(DBFile& f)
 bool VolumeDBManager::updateFile(DBFile& f)
 {
     const std::string name = f.getName();
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "update files set name=?, category=?, size=?, last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where file_id = ?");
     stmt.bind(name).bind(f.getCategory()).bind(f.getSize()).bind(f.getModified_time()).bind(f.getCreated_time());
     stmt.bind(f.getFile_id());
@@ -61,7 +61,8 @@ bool VolumeDBManager::updateFile(DBFile& f)
 bool VolumeDBManager::deleteFile(DBFile& f)
 {
     std::printf("Deleting file %d\n", f.getFile_id());
-    Statement stmt(*this, "update files set is_deleted=1, last_updated_time=strftime('%s','now') where file_id = ?");
+    Statement stmt(
+        *connection, "update files set is_deleted=1, last_updated_time=strftime('%s','now') where file_id = ?");
     stmt.bind(f.getFile_id());
     stmt.run("deleteFile() failed, handleStatus: %d\n");
     return true;
@@ -69,7 +70,8 @@ bool VolumeDBManager::deleteFile(DBFile& f)
 
 bool VolumeDBManager::deleteFilesFromFolder(int folderId)
 {
-    Statement stmt(*this, "update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id = ?");
+    Statement stmt(
+        *connection, "update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id = ?");
     stmt.bind(folderId);
     stmt.run("deleteFilesFromFolder() failed, handleStatus: %d\n");
     return true;
@@ -77,7 +79,7 @@ bool VolumeDBManager::deleteFilesFromFolder(int folderId)
 
 std::list<DBFile> VolumeDBManager::getFileListByFolder(DBFolder& d)
 {
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "select path , name , category  , size  , modified_time , created_time from  files  where  folder_id=?  and is_deleted=0 ");
     stmt.bind(d.getFolder_id());
     std::list<DBFile> files;
@@ -97,8 +99,8 @@ std::list<DBFile> VolumeDBManager::getFileListByFolder(DBFolder& d)
 
 std::list<SimpleDBFile> VolumeDBManager::getSimpleFileListByFolder(DBFolder& d)
 {
-    Statement stmt(
-        *this, "select path , name , modified_time , created_time from  files  where  folder_id=?  and is_deleted=0 ");
+    Statement stmt(*connection,
+        "select path , name , modified_time , created_time from  files  where  folder_id=?  and is_deleted=0 ");
     stmt.bind(d.getFolder_id());
     std::list<SimpleDBFile> files;
     while (stmt.nextRow())

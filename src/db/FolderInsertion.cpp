@@ -1,6 +1,7 @@
 #include "db/VolumeDBManager.h"
 
 #include "classify/Tokenizer.h"
+#include "db/CatalogueConnection.h"
 #include "db/CataloguePaths.h"
 #include "db/Statement.h"
 
@@ -27,20 +28,20 @@ int VolumeDBManager::insertIndividualFolder(DBFolder& f)
     if (!folderRowExists(row)) {
         const std::string path = f.getPath();
         const std::string name = getLastElementOfPathFromFullPath(path);
-        Statement stmt(*this,
+        Statement stmt(*connection,
             "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  , created_time  , is_hidden ) values(?,?,?,?,?,strftime('%s','now'),?,?)",
             Statement::lastDecides);
         stmt.bind(f.getParent_id()).bind(path).bind(name).bind(0).bind(f.getModified_time()).bind(f.getCreated_time());
         stmt.bind(isHiddenPath(path));
         stmt.run("insertIndividualFolder() failed, handleStatus: %d\n");
-        return static_cast<int>(sqlite3_last_insert_rowid(handle));
+        return static_cast<int>(sqlite3_last_insert_rowid(connection->get()));
     }
 
     f.setFolder_id(row.getFolder_id());
     f.setName(row.getName());
     f.setIs_deleted(false);
     syslog(LOG_LOCAL5 | LOG_INFO, "Row for folder %s exists in the DB so updating it\n", f.getPath().c_str());
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "update folders   set is_deleted = 0, modified_time=?, last_updated_time=strftime('%s', 'now') , created_time=?, parent_id=?  where folder_id=?");
     stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getParent_id()).bind(f.getFolder_id());
     stmt.run("updateFolder() failed, handleStatus: %d\n"); // the text of updateFolder(): log readers know no other

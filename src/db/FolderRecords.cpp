@@ -22,7 +22,7 @@ void readFolderRow(const Statement& row, DBFolder& f)
 bool VolumeDBManager::folderExists(DBFolder& f)
 {
     const std::string path = f.getPath();
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where path=? and is_deleted=0");
     stmt.bind(path);
     bool found = false;
@@ -38,7 +38,7 @@ bool VolumeDBManager::folderExists(DBFolder& f)
 bool VolumeDBManager::folderRowExists(DBFolder& f)
 {
     const std::string path = f.getPath();
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where path=?");
     stmt.bind(path);
     bool found = false;
@@ -56,7 +56,7 @@ bool VolumeDBManager::folderRowExists(DBFolder& f)
 
 std::string VolumeDBManager::findRootFolder(std::string path)
 {
-    Statement stmt(*this, "select path from  folders  where  path=?  and parent_id=-1  and is_deleted=0");
+    Statement stmt(*connection, "select path from  folders  where  path=?  and parent_id=-1  and is_deleted=0");
     stmt.bind(path);
     std::string root;
     while (stmt.nextRow())
@@ -67,7 +67,7 @@ std::string VolumeDBManager::findRootFolder(std::string path)
 
 bool VolumeDBManager::findFolderByFolderId(DBFolder& f)
 {
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where folder_id=? and is_deleted=0");
     stmt.bind(f.getFolder_id());
     bool found = false;
@@ -81,7 +81,7 @@ bool VolumeDBManager::findFolderByFolderId(DBFolder& f)
 
 std::list<DBFolder> VolumeDBManager::getFolderListByFolder(DBFolder& f)
 {
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from folders where parent_id=? and is_deleted=0");
     stmt.bind(f.getFolder_id());
     std::list<DBFolder> children;
@@ -93,7 +93,7 @@ std::list<DBFolder> VolumeDBManager::getFolderListByFolder(DBFolder& f)
 
 std::vector<int> VolumeDBManager::getListOfFolders(int parentId)
 {
-    Statement stmt(*this, "select a.folder_id from folders a where a.parent_id = ? and a.is_deleted = 0");
+    Statement stmt(*connection, "select a.folder_id from folders a where a.parent_id = ? and a.is_deleted = 0");
     stmt.bind(parentId);
     std::vector<int> ids;
     while (stmt.nextRow())
@@ -104,7 +104,7 @@ std::vector<int> VolumeDBManager::getListOfFolders(int parentId)
 
 bool VolumeDBManager::updateFolder(DBFolder& f)
 {
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "update folders set last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where folder_id = ?");
     stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getFolder_id());
     stmt.run("updateFolder() failed, handleStatus: %d\n");
@@ -114,7 +114,7 @@ bool VolumeDBManager::updateFolder(DBFolder& f)
 bool VolumeDBManager::deleteFolderRecord(int folderId)
 {
     Statement stmt(
-        *this, "update folders set is_deleted = 1, last_updated_time=strftime('%s','now')  where folder_id = ?");
+        *connection, "update folders set is_deleted = 1, last_updated_time=strftime('%s','now')  where folder_id = ?");
     stmt.bind(folderId);
     stmt.run("deleteFolderRecord() failed, handleStatus: %d\n");
     return true;

@@ -1,5 +1,6 @@
 #include "db/VolumeDBManager.h"
 
+#include "db/CatalogueConnection.h"
 #include "db/DBOperationException.h"
 #include "db/Transaction.h"
 
@@ -20,7 +21,7 @@ bool VolumeDBManager::deleteFolder(DBFolder& f)
 void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
 {
     forEachFolderBelow(folderId, [this](int child) {
-        if (isStopping())
+        if (connection->isStopping())
             throw DBOperationException();
         deleteFilesFromFolder(child);
         deleteFolderRecord(child);
@@ -61,7 +62,8 @@ bool VolumeDBManager::releaseOrphans()
         = " where is_deleted=0 and folder_id in (select folder_id from files where folder_id<>0 except select folder_id from folders where is_deleted=0)";
     const auto run = [this](const std::string& text, bool* hasRow) {
         const auto noteRow = [](void* noted, int, char**, char**) { return *static_cast<bool*>(noted) = true, 0; };
-        return sqlite3_exec(handle, text.c_str(), hasRow != nullptr ? +noteRow : nullptr, hasRow, nullptr) == SQLITE_OK;
+        return sqlite3_exec(connection->get(), text.c_str(), hasRow != nullptr ? +noteRow : nullptr, hasRow, nullptr)
+            == SQLITE_OK;
     };
     bool found = false;
     if (!run("select 1 where exists (select 1 from folders" + orphanedFolders + ") or exists (select 1 from files"
@@ -71,7 +73,7 @@ bool VolumeDBManager::releaseOrphans()
     if (!found)
         return true;
     try {
-        Transaction transaction(*this);
+        Transaction transaction(*connection);
         if (!run("update folders set parent_id=-1, last_updated_time=strftime('%s','now')" + orphanedFolders, nullptr)
             || !run("update files set is_deleted=1, last_updated_time=strftime('%s','now')" + orphanedFiles, nullptr))
             return false;

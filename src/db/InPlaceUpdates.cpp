@@ -7,7 +7,7 @@ bool VolumeDBManager::updateFilePath(DBFile& f)
 {
     const std::string path = f.getPath();
     const std::string name = f.getName();
-    Statement stmt(*this,
+    Statement stmt(*connection,
         "update files set path=?, name=?, folder_id=?, last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where file_id = ?");
     stmt.bind(path).bind(name).bind(f.getFolder_id()).bind(f.getModified_time()).bind(f.getCreated_time());
     stmt.bind(f.getFile_id());
@@ -17,7 +17,8 @@ bool VolumeDBManager::updateFilePath(DBFile& f)
 
 bool VolumeDBManager::updateFolderName(int folderId, std::string name)
 {
-    Statement stmt(*this, "update folders set name=?, last_updated_time=strftime('%s','now') where folder_id = ?");
+    Statement stmt(
+        *connection, "update folders set name=?, last_updated_time=strftime('%s','now') where folder_id = ?");
     stmt.bind(name).bind(folderId);
     stmt.run("updateFolderName() failed, handleStatus: %d\n");
     return true;
@@ -25,7 +26,8 @@ bool VolumeDBManager::updateFolderName(int folderId, std::string name)
 
 bool VolumeDBManager::updatePathAndNameForFolderByFolderById(std::string path, int folderId)
 {
-    Statement stmt(*this, "update folders set path=?, last_updated_time=strftime('%s','now')  where folder_id = ?");
+    Statement stmt(
+        *connection, "update folders set path=?, last_updated_time=strftime('%s','now')  where folder_id = ?");
     stmt.bind(path).bind(folderId);
     stmt.run("updatePathAndNameForFolderByIdFolderById() failed, handleStatus: %d\n"); // log readers know it doubled
     return true;
@@ -34,7 +36,7 @@ bool VolumeDBManager::updatePathAndNameForFolderByFolderById(std::string path, i
 bool VolumeDBManager::updateFilesInFolderPath(int folderId, std::string path)
 {
     // The folder's path for every file, not their own: embedding programs rely on it and set the rest themselves.
-    Statement stmt(*this, "update files set path=?, last_updated_time=strftime('%s','now')  where folder_id = ?");
+    Statement stmt(*connection, "update files set path=?, last_updated_time=strftime('%s','now')  where folder_id = ?");
     stmt.bind(path).bind(folderId);
     stmt.run("updateFilesInFolderPath() failed, handleStatus: \n"); // without the number: log readers know no other
     return true;

@@ -1,5 +1,6 @@
 #include "db/VolumeDBManager.h"
 
+#include "db/CatalogueConnection.h"
 #include "db/CataloguePaths.h"
 #include "db/DBOperationException.h"
 
@@ -56,7 +57,7 @@ bool VolumeDBManager::moveFolder(DBFolder& src, DBFolder& dst)
     folders.push(src);
     std::unordered_set<int> seen { src.getFolder_id() }; // see forEachFolderBelow()
     while (!folders.empty()) {
-        if (isStopping())
+        if (connection->isStopping())
             throw DBOperationException();
         DBFolder current = folders.front();
         folders.pop();

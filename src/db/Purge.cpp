@@ -16,7 +16,7 @@ int purgeCutoff(int threshold)
 
 int VolumeDBManager::purgeDeletedFolders(int threshold)
 {
-    Statement stmt(*this, "delete from folders where is_deleted=1 and last_updated_time < ?");
+    Statement stmt(*connection, "delete from folders where is_deleted=1 and last_updated_time < ?");
     stmt.bind(purgeCutoff(threshold));
     stmt.run("purgeDeletedFolders() failed, handleStatus: %d\n");
     return stmt.finalize();
@@ -24,7 +24,7 @@ int VolumeDBManager::purgeDeletedFolders(int threshold)
 
 int VolumeDBManager::purgeDeletedFiles(int threshold)
 {
-    Statement stmt(*this, "delete from files where is_deleted = 1 and last_updated_time < ?");
+    Statement stmt(*connection, "delete from files where is_deleted = 1 and last_updated_time < ?");
     stmt.bind(purgeCutoff(threshold));
     stmt.run("purgeDeletedFiles() failed, handleStatus: %d\n");
     return stmt.finalize();

@@ -1,49 +1,14 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
-/// What lies on the disk under the names of a catalogue: the main file and the side files that SQLite opens beside it.
-/// `.quarrow` may belong to a user of the volume, who can put anything there, and exchange it at any moment. All paths
-/// are those that resolveOwnLinks() has returned: what has become a link since is not followed.
-
-/// The leave to open a catalogue. While it lasts, SQLite, set up for the daemon, opens in this thread under the names
-/// of the catalogue nothing else than what was looked at.
-class CatalogueAdmission {
-public:
-    /// Looks at everything under the names of the catalogue, and makes root, when the daemon runs as that, the owner of
-    /// what belongs to others.
-    explicit CatalogueAdmission(const std::string& path);
-    ~CatalogueAdmission();
-    CatalogueAdmission(const CatalogueAdmission&) = delete;
-    CatalogueAdmission& operator=(const CatalogueAdmission&) = delete;
-
-    /// Whether something under the names is no regular file, has a second name, or stays somebody else's.
-    bool isRefused() const;
-    /// Whether nobody else could write it until now. Otherwise, what SQL it holds is somebody else's.
-    bool isTrusted() const;
-    /// The content was found harmless: from now on, and after a kill as well, it is trusted.
-    void trust() const;
-    /// Whether the open file is what was looked at under that path, or the path none of the catalogue's. A file that
-    /// has come since must not be one that still has to be looked into.
-    bool covers(const char* path, int descriptor) const;
-    /// The one that lasts in this thread; nullptr without one.
-    static const CatalogueAdmission* current();
-
-private:
-    class Files;
-    const std::unique_ptr<const Files> files;
-};
+// The files of a catalogue on the disk: made, kept as the daemon's own, and marked not to be copied on write.
+// `.quarrow` may belong to a user of the volume, who can put anything there, and exchange it at any moment. All paths
+// are those that resolveOwnLinks() has returned: what has become a link since is not followed.
 
 /// Makes root, when the daemon runs as that, the owner of the open catalogue's files again: `chown -R` of a volume
 /// gives them away.
 void keepCatalogue(const std::string& path);
-
-/// Whether SQLite may open what is at the path, or work on what it has just opened: see isRefused(). Folders and
-/// devices are no files.
-/// Neither allocates: SQLite calls them, and no exception may pass through it.
-bool isFitToOpen(const char* path);
-bool isFitToOpen(int descriptor);
 
 /// Keeps what is in the catalogue's folder, as far as the file system knows of such a thing, from being copied on each
 /// write: on a full volume there would be no room for the copy of a page of the mapped index, which ends the process.

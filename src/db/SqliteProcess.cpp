@@ -1,7 +1,8 @@
 #include "db/SqliteProcess.h"
 
 #include "core/WithoutLinks.h"
-#include "db/CatalogueFile.h"
+#include "db/CatalogueAdmission.h"
+#include "db/FitToOpen.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>

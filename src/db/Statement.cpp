@@ -1,13 +1,13 @@
 #include "db/Statement.h"
 
+#include "db/CatalogueConnection.h"
 #include "db/DBOperationException.h"
-#include "db/VolumeDBManager.h"
 
 #include <sqlite3.h>
 #include <syslog.h>
 
-Statement::Statement(VolumeDBManager& catalogue, const char* text, Binds counting)
-    : db(catalogue)
+Statement::Statement(CatalogueConnection& catalogue, const char* text, Binds counting)
+    : connection(catalogue)
     , statement(catalogue.prepare(text))
     , binds(counting)
     , status(SQLITE_OK)
@@ -46,7 +46,7 @@ bool Statement::nextRow()
 {
     if (status != SQLITE_OK && status != SQLITE_ROW)
         return false;
-    status = db.executeSQLStmt(statement);
+    status = connection.step(statement);
     return status == SQLITE_ROW;
 }
 
@@ -69,9 +69,9 @@ void Statement::check(const char* failureText) const
 /// the reset tells it.
 bool Statement::wasGivenUpForStop() const
 {
-    if (!db.isStopping())
+    if (!connection.isStopping())
         return false;
-    const int reason = statement != nullptr ? sqlite3_reset(statement) : sqlite3_errcode(db.handle);
+    const int reason = statement != nullptr ? sqlite3_reset(statement) : sqlite3_errcode(connection.get());
     return reason == SQLITE_INTERRUPT || reason == SQLITE_BUSY || reason == SQLITE_LOCKED;
 }
 

@@ -3,7 +3,7 @@
 #include <string>
 
 struct sqlite3_stmt;
-class VolumeDBManager;
+class CatalogueConnection;
 
 /// One SQL statement, prepare to finalize, on the stack of the operation that runs it. A failed prepare shows up as a
 /// failed bind, and a statement whose binds or steps failed is not stepped any further.
@@ -12,7 +12,7 @@ public:
     /// Which of several binds count: the first failure, after which no more are made, or only what became of the last.
     enum Binds { firstFailureStops, lastDecides };
 
-    Statement(VolumeDBManager& catalogue, const char* text, Binds counting = firstFailureStops);
+    Statement(CatalogueConnection& catalogue, const char* text, Binds counting = firstFailureStops);
     ~Statement(); ///< finalizes, also while an exception passes
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
@@ -21,7 +21,7 @@ public:
     Statement& bind(long long value);
     Statement& bind(const std::string& value); ///< borrows the string until the statement ends
 
-    /// Steps through executeSQLStmt(), which waits out a busy or locked database. False at the end and after a failure.
+    /// Steps, waiting while the database is busy or locked. False at the end and after a failure.
     bool nextRow();
     /// Steps to the end, then as check().
     void run(const char* failureText);
@@ -39,7 +39,7 @@ private:
     bool mayBind() const;
     bool wasGivenUpForStop() const;
 
-    VolumeDBManager& db;
+    CatalogueConnection& connection;
     sqlite3_stmt* statement;
     Binds binds;
     int status;

@@ -1,25 +1,31 @@
 #include "db/Transaction.h"
 
+#include "db/CatalogueConnection.h"
 #include "db/DBOperationException.h"
 #include "db/VolumeDBManager.h"
 
 Transaction::Transaction(VolumeDBManager& catalogue)
-    : db(catalogue)
+    : Transaction(*catalogue.connection)
 {
-    db.beginTransaction();
+}
+
+Transaction::Transaction(CatalogueConnection& catalogueConnection)
+    : connection(catalogueConnection)
+{
+    connection.beginTransaction();
     requireOpen(); // without memory or room for the write lock it may be over before anything was done
 }
 
-Transaction::~Transaction() { db.abandonTransaction(); }
+Transaction::~Transaction() { connection.abandonTransaction(); }
 
 void Transaction::requireOpen() const
 {
-    if (!db.isInTransaction())
+    if (!connection.isInTransaction())
         throw DBOperationException();
 }
 
 void Transaction::commit()
 {
     requireOpen();
-    db.commitTransaction();
+    connection.commitTransaction();
 }

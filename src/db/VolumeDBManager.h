@@ -4,20 +4,18 @@
 #include "db/DBFolder.h"
 #include "db/SimpleDBFile.h"
 
-#include <sys/types.h>
-
-#include <atomic>
 #include <functional>
 #include <list>
+#include <memory>
 #include <stack>
 #include <string>
 #include <vector>
 
-struct sqlite3;
 struct sqlite3_stmt;
+class CatalogueConnection;
+class WriteAheadLog;
 
-/// The catalogue of one volume: an SQLite file with a table of folders and one of files. Every statement that is run
-/// against a catalogue stands here.
+/// The catalogue of one volume: an SQLite file with a table of folders and one of files.
 ///
 /// The object takes no lock: its caller, who holds the volume's, makes one call at a time. Every operation on rows
 /// logs and throws DBOperationException when SQLite fails, and waits, a second at a time, while another program keeps
@@ -162,44 +160,12 @@ public:
     void updatePathAndNameForFolders(int folderId, int level, std::string element);
 
 private:
-    friend class Statement;
+    friend class Transaction; // works on the connection
 
-    sqlite3_stmt* prepare(const char* text);
-    bool endAbandonedTransaction();
-    bool runTransactionStatement(const char* text);
-    void takeWriteLock();
+    void closeCatalogue();
     void forEachFolderBelow(int folderId, const std::function<void(int)>& visit);
     void moveContent(DBFolder& from, DBFolder& src, DBFolder& dst);
-    bool waitForNeighbour() const;
-    bool isStopping() const;
-    int openOrMake(const std::string& path);
-    int openAdmitted(const std::string& path, bool isMarked);
-    int make(const std::string& path);
-    std::string emptyCatalogue();
-    int lookForForeignSql();
-    void closeCatalogue();
-    void configure();
-    std::string journalModeAfter(const char* pragma);
-    bool enterWriteAheadLog();
-    void takeBackWriteAheadLog();
-    bool hasRoomForLog() const;
-    static bool hasDescriptorsForLog();
-    struct FileIdentity {
-        dev_t device = 0;
-        ino_t inode = 0;
-    };
-    static FileIdentity identityOf(const std::string& path);
-    static bool isAt(const FileIdentity& file, const std::string& path);
-    bool hasMoved() const;
-    std::string logPath() const;
-    void rememberLog();
-    void removeOwnLog() const;
-    void leaveWriteAheadLog();
 
-    FileIdentity catalogue; ///< the file that is open
-    FileIdentity log;       ///< the write-ahead log that is in use
-    sqlite3* handle = nullptr;
-    bool abandoned = false;                  ///< a transaction is open that could not be rolled back yet
-    bool logIsUnusable = false;              ///< it was tried: files cannot be mapped for sharing here
-    std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever works on the catalogue
+    const std::unique_ptr<CatalogueConnection> connection;
+    const std::unique_ptr<WriteAheadLog> writeAheadLog; ///< of that connection
 };

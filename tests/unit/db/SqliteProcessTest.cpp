@@ -1,6 +1,7 @@
 #include "db/SqliteProcess.h"
 
 #include "core/WithoutLinks.h"
+#include "db/CatalogueAdmission.h"
 #include "db/CatalogueFile.h"
 #include "db/CatalogueTest.h"
 #include "db/DBOperationException.h"

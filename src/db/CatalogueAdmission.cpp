@@ -3,6 +3,7 @@
 #include "core/HeldFolder.h"
 #include "db/CatalogueName.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,24 +25,24 @@ public:
     enum Verdict { refused, untrusted, trusted };
     Verdict getVerdict() const { return verdict; }
 
-    void trust() const
+    void trust()
     {
-        for (const auto& file : files) {
-            if (file->isMarked() || file->isForeign())
-                file->giveToRoot(CatalogueName::unmarked);
-        }
+        files[mainFile]->giveToRoot(CatalogueName::unmarked);
+        if (logWasOpened)
+            files[logFile]->giveToRoot(CatalogueName::unmarked);
     }
 
-    bool covers(const char* opened, int descriptor) const
+    bool allows(const char* opened, const struct stat64& status)
     {
-        if (std::strncmp(opened, path.c_str(), path.length()) != 0)
-            return true;
-        struct stat64 status;
         for (std::size_t name = 0; name < files.size(); ++name) {
-            if (std::strcmp(opened + path.length(), suffixes[name]) == 0)
-                return fstat64(descriptor, &status) == 0 && files[name]->covers(status);
+            if (std::strncmp(opened, path.c_str(), path.length()) != 0
+                || std::strcmp(opened + path.length(), suffixes[name]) != 0)
+                continue;
+            const bool isExpected = files[name]->covers(status);
+            logWasOpened = logWasOpened || (name == logFile && isExpected);
+            return isExpected;
         }
-        return true;
+        return !CatalogueName::isMarked(status);
     }
 
 private:
@@ -61,22 +62,43 @@ private:
             marked = marked || file.isMarked();
             fit = fit && file.isFit();
         }
-        // A journal of somebody else could name any file, for SQLite to remove it.
-        if (!fit || files[journalFile]->isForeign() || (foreign && !takeOver()))
+        if (!fit || !isJournalFit() || (foreign && geteuid() != 0) || !renewIndex() || (foreign && !takeOver()))
             return refused;
         return foreign || marked ? untrusted : trusted;
     }
 
+    /// Not one that was somebody else's. And not one of a transaction over several files, which no catalogue has: it
+    /// names another file, for SQLite to remove it.
+    bool isJournalFit() const
+    {
+        const CatalogueName& journal = *files[journalFile];
+        if (journal.isAbsent())
+            return true;
+        if (journal.isForeign() || journal.isMarked())
+            return false;
+        static constexpr char endOfName[] = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
+        constexpr std::size_t length = sizeof endOfName - 1;
+        const FileDescriptor file(folder.open(nameFor(journalFile), O_RDONLY | O_NONBLOCK));
+        struct stat64 status;
+        if (!file.isOpen() || fstat64(file.get(), &status) != 0 || !journal.covers(status))
+            return false;
+        char end[length];
+        return pread64(file.get(), end, length, status.st_size - static_cast<off64_t>(length))
+            != static_cast<ssize_t>(length)
+            || std::memcmp(end, endOfName, length) != 0;
+    }
+
+    /// The former owner of an index may still have it open, and could cut it off under the daemon, which maps it.
+    bool renewIndex()
+    {
+        if (!files[indexFile]->isForeign() && !files[indexFile]->isMarked())
+            return true;
+        folder.remove(nameFor(indexFile));
+        return files[indexFile].emplace(folder, nameFor(indexFile)).isAbsent();
+    }
+
     bool takeOver()
     {
-        if (geteuid() != 0)
-            return false;
-        // The former owner may still have the index open, and could cut it off under the daemon, which maps it.
-        if (files[indexFile]->isForeign()) {
-            folder.remove(nameFor(indexFile));
-            if (!files[indexFile].emplace(folder, nameFor(indexFile)).isAbsent())
-                return false;
-        }
         return files[mainFile]->giveToRoot(CatalogueName::marked)
             && (!files[logFile]->isForeign() || files[logFile]->giveToRoot(CatalogueName::marked));
     }
@@ -85,24 +107,26 @@ private:
     const HeldFolder folder;
     std::array<std::optional<CatalogueName>, std::size(suffixes)> files;
     const Verdict verdict;
+    bool logWasOpened = false;
 };
 
-static thread_local const CatalogueAdmission* currentAdmission = nullptr;
+thread_local CatalogueAdmission::Files* CatalogueAdmission::current = nullptr;
 
 CatalogueAdmission::CatalogueAdmission(const std::string& path)
-    : files(std::make_unique<const Files>(path))
+    : files(std::make_unique<Files>(path))
 {
-    currentAdmission = this;
+    current = files.get();
 }
 
-CatalogueAdmission::~CatalogueAdmission() { currentAdmission = nullptr; }
-
-const CatalogueAdmission* CatalogueAdmission::current() { return currentAdmission; }
+CatalogueAdmission::~CatalogueAdmission() { current = nullptr; }
 
 bool CatalogueAdmission::isRefused() const { return files->getVerdict() == Files::refused; }
 
 bool CatalogueAdmission::isTrusted() const { return files->getVerdict() == Files::trusted; }
 
-void CatalogueAdmission::trust() const { files->trust(); }
+void CatalogueAdmission::trust() { files->trust(); }
 
-bool CatalogueAdmission::covers(const char* path, int descriptor) const { return files->covers(path, descriptor); }
+bool CatalogueAdmission::allows(const char* path, const struct stat64& status)
+{
+    return current != nullptr ? current->allows(path, status) : !CatalogueName::isMarked(status);
+}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <string>
 
@@ -16,19 +18,21 @@ public:
     CatalogueAdmission(const CatalogueAdmission&) = delete;
     CatalogueAdmission& operator=(const CatalogueAdmission&) = delete;
 
-    /// Whether something under the names is no regular file, has a second name, or stays somebody else's.
+    /// Whether something under the names is no regular file, has a second name, or stays somebody else's, or the
+    /// journal is one that no catalogue has.
     bool isRefused() const;
     /// Whether nobody else could write it until now. Otherwise, what SQL it holds is somebody else's.
     bool isTrusted() const;
-    /// The content was found harmless: from now on, and after a kill as well, it is trusted.
-    void trust() const;
-    /// Whether the open file is what was looked at under that path, or the path none of the catalogue's. A file that
-    /// has come since must not be one that still has to be looked into. Does not allocate.
-    bool covers(const char* path, int descriptor) const;
-    /// The one that lasts in this thread; nullptr without one.
-    static const CatalogueAdmission* current();
+    /// The content was found harmless: from now on, and after a kill as well, the catalogue is trusted, and the log if
+    /// it was opened.
+    void trust();
+    /// Whether SQLite may open, in this thread, a file of that kind under the path. Under the names of an admission
+    /// that lasts it has to be what was looked at. What has come since, and every file elsewhere, must not be one that
+    /// still has to be looked into. Does not allocate.
+    static bool allows(const char* path, const struct stat64& status);
 
 private:
     class Files;
-    const std::unique_ptr<const Files> files;
+    const std::unique_ptr<Files> files;
+    static thread_local Files* current; ///< of the one that lasts in this thread
 };

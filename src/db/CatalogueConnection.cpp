@@ -1,5 +1,6 @@
 #include "db/CatalogueConnection.h"
 
+#include "db/CatalogueFile.h"
 #include "db/DBOperationException.h"
 
 #include <sqlite3.h>
@@ -19,7 +20,7 @@ constexpr struct {
     int category;
     int value;
 } sqlLimits[] = {
-    { SQLITE_LIMIT_LENGTH, 1000000 }, // of a row, too: its two paths have 8 KiB at the most
+    { SQLITE_LIMIT_LENGTH, 20000 }, // of a row, too, whose path and name have 4,351 bytes at the most
     { SQLITE_LIMIT_SQL_LENGTH, 100000 },
     { SQLITE_LIMIT_ATTACHED, 0 },
     { SQLITE_LIMIT_TRIGGER_DEPTH, 10 },
@@ -57,6 +58,8 @@ void CatalogueConnection::configure()
 const char* CatalogueConnection::path() const { return sqlite3_db_filename(handle, "main"); }
 
 void CatalogueConnection::rememberFile() { file = FileIdentity::of(path()); }
+
+void CatalogueConnection::keepFile() const { keepOwnFile(path(), file); }
 
 bool CatalogueConnection::hasMoved() const { return file.isKnown() && !file.isAt(path()); }
 

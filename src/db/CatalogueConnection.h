@@ -37,6 +37,8 @@ public:
     void rememberFile();
     /// Something else, or nothing, is in the place of the remembered file: another volume, a catalogue from a backup.
     bool hasMoved() const;
+    /// Keeps that file the daemon's own.
+    void keepFile() const;
 
     // The stop
 

@@ -96,16 +96,13 @@ int moveToItsPlace(const HeldFolder& folder, const std::string& temporaryName, c
 
 } // namespace
 
-void keepCatalogue(const std::string& path)
+void keepOwnFile(const std::string& path, const FileIdentity& inUse)
 {
     if (geteuid() != 0)
         return;
-    const HeldFolder folder(path);
-    for (const char* suffix : { "", "-wal", "-shm" }) {
-        const CatalogueName name(folder, HeldFolder::nameOf(path) + suffix);
-        if (name.isForeign() && name.isFit())
-            name.giveToRoot(CatalogueName::marked); // the next start looks into it: it may have been changed meanwhile
-    }
+    const CatalogueName file(HeldFolder(path), HeldFolder::nameOf(path));
+    if (file.is(inUse) && file.isForeign() && file.isFit())
+        file.giveToRoot(CatalogueName::marked); // the next start looks into it: it may have been changed meanwhile
 }
 
 bool avoidCopyOnWrite(const std::string& path)

@@ -1,14 +1,16 @@
 #pragma once
 
+#include "db/FileIdentity.h"
+
 #include <string>
 
 // The files of a catalogue on the disk: made, kept as the daemon's own, and marked not to be copied on write.
 // `.quarrow` may belong to a user of the volume, who can put anything there, and exchange it at any moment. All paths
 // are those that resolveOwnLinks() has returned: what has become a link since is not followed.
 
-/// Makes root, when the daemon runs as that, the owner of the open catalogue's files again: `chown -R` of a volume
-/// gives them away.
-void keepCatalogue(const std::string& path);
+/// Makes root, when the daemon runs as that, the owner of one of the open catalogue's files again: `chown -R` of a
+/// volume gives them away. Nothing is done to another file that is at the path.
+void keepOwnFile(const std::string& path, const FileIdentity& inUse);
 
 /// Keeps what is in the catalogue's folder, as far as the file system knows of such a thing, from being copied on each
 /// write: on a full volume there would be no room for the copy of a page of the mapped index, which ends the process.

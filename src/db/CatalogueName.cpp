@@ -32,7 +32,10 @@ bool CatalogueName::isFit() const { return absent || (S_ISREG(status.st_mode) &&
 
 bool CatalogueName::isForeign() const { return !absent && !isOwnUser(status.st_uid); }
 
-bool CatalogueName::isMarked(const struct stat64& status) { return (status.st_mode & notLookedInto) != 0; }
+bool CatalogueName::isMarked(const struct stat64& status)
+{
+    return S_ISREG(status.st_mode) && (status.st_mode & notLookedInto) != 0;
+}
 
 bool CatalogueName::covers(const struct stat64& opened) const
 {

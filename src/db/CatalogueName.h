@@ -2,6 +2,7 @@
 
 #include "core/FileDescriptor.h"
 #include "core/HeldFolder.h"
+#include "db/FileIdentity.h"
 
 #include <sys/stat.h>
 
@@ -20,6 +21,8 @@ public:
     bool isForeign() const;
     /// Whether it was taken over from another user and not yet looked into.
     bool isMarked() const { return isMarked(status); }
+    static bool isMarked(const struct stat64& status);
+    bool is(const FileIdentity& other) const { return other.isOf(status); }
 
     /// Whether an open file is this one. When there was none it is one that has come since, which nobody else may have
     /// had a hand in.
@@ -30,8 +33,6 @@ public:
     bool giveToRoot(Mark mark) const;
 
 private:
-    static bool isMarked(const struct stat64& status);
-
     const FileDescriptor file;
     const bool absent;
     struct stat64 status;

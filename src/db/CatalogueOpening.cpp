@@ -67,7 +67,7 @@ int openOrMakeCatalogue(CatalogueConnection& connection, const std::string& path
 
 int openAdmittedCatalogue(CatalogueConnection& connection, const std::string& path, bool isMarked)
 {
-    const CatalogueAdmission admission(path);
+    CatalogueAdmission admission(path);
     if (admission.isRefused())
         return SQLITE_CANTOPEN;
     if (isMarked)

@@ -13,6 +13,11 @@ FileIdentity FileIdentity::of(const std::string& path)
     return identity;
 }
 
+bool FileIdentity::isOf(const struct stat64& status) const
+{
+    return isKnown() && status.st_dev == device && status.st_ino == inode;
+}
+
 bool FileIdentity::isAt(const std::string& path) const
 {
     const FileIdentity there = of(path);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
@@ -15,6 +16,8 @@ public:
     bool isKnown() const { return inode != 0; }
     /// Whether this very file is at `path`.
     bool isAt(const std::string& path) const;
+    /// Whether that is what was found out about this very file.
+    bool isOf(const struct stat64& status) const;
 
 private:
     dev_t device = 0;

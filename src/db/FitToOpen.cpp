@@ -5,27 +5,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
-static bool isFit(const struct stat64& status)
+bool isFitToOpen(const struct stat64& status)
 {
     if (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))
         return false;
     return !S_ISREG(status.st_mode) || (status.st_nlink <= 1 && isOwnUser(status.st_uid));
 }
 
-bool isFitToOpen(const char* path)
-{
-    struct stat64 status;
-    return lstat64(path, &status) != 0 || isFit(status);
-}
-
 bool isFitToOpen(int descriptor)
 {
     struct stat64 status;
-    return fstat64(descriptor, &status) == 0 && isFit(status) && (!S_ISREG(status.st_mode) || hasItsName(descriptor));
+    return fstat64(descriptor, &status) == 0 && isFitToOpen(status)
+        && (!S_ISREG(status.st_mode) || hasItsName(descriptor));
 }
 
 bool hasItsName(int descriptor)
@@ -36,5 +32,7 @@ bool hasItsName(int descriptor)
     char target[PATH_MAX + sizeof gone];
     std::snprintf(self, sizeof self, "/proc/self/fd/%d", descriptor);
     const ssize_t n = readlink(self, target, sizeof target);
+    if (n < 0)
+        return errno == ENOENT; // no process file system; a path that is too long hides the answer
     return n < static_cast<ssize_t>(length) || std::memcmp(target + n - length, gone, length) != 0;
 }

@@ -1,11 +1,13 @@
 #pragma once
 
-// Whether SQLite may open what is at a path, or work on what it has just opened: a regular file of the daemon's own
-// user that has one name. Folders and devices pass, since they are no files. Neither function allocates: SQLite calls
-// them, and no exception may pass through it.
+#include <sys/stat.h>
 
-/// True also when there is nothing at the path.
-bool isFitToOpen(const char* path);
+// Whether SQLite may open a file, or work on what it has just opened: a regular file of the daemon's own user that has
+// one name. Folders and devices pass, since they are no files. None of these allocates: SQLite calls them, and no
+// exception may pass through it.
+
+bool isFitToOpen(const struct stat64& status);
+/// Also looks whether the open file still has its name.
 bool isFitToOpen(int descriptor);
 
 /// Whether the file still has the name under which it was opened. The kernel no longer counts a removed name among the

@@ -68,8 +68,10 @@ void VolumeDBManager::useWriteAheadLog() { writeAheadLog->use(); }
 
 void VolumeDBManager::keepFiles()
 {
-    if (connection->isOpen() && !connection->hasMoved())
-        keepCatalogue(connection->path());
+    if (!connection->isOpen())
+        return;
+    connection->keepFile();
+    writeAheadLog->keepFiles();
 }
 
 void VolumeDBManager::checkpoint() { writeAheadLog->checkpoint(); }

@@ -27,6 +27,7 @@ WriteAheadLog::WriteAheadLog(CatalogueConnection& connection)
 void WriteAheadLog::forget()
 {
     log = FileIdentity();
+    index = FileIdentity();
     isUnusable = false;
 }
 
@@ -51,8 +52,16 @@ void WriteAheadLog::use()
     }
     // Without a log, full syncs are what a catalogue needs to survive a power cut.
     execute(inUse ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=FULL");
-    if (inUse && !catalogue.hasMoved())
+    if (inUse && !catalogue.hasMoved()) {
         log = FileIdentity::of(logPath());
+        index = FileIdentity::of(indexPath());
+    }
+}
+
+void WriteAheadLog::keepFiles() const
+{
+    keepOwnFile(logPath(), log);
+    keepOwnFile(indexPath(), index);
 }
 
 /// Whether the main file is one with a log, either already or from now on.

@@ -21,6 +21,8 @@ public:
     /// Leaves one plain file that anybody can read from anywhere, unless a reader is in the way. Before the connection
     /// is closed; the catalogue must be open.
     void leave();
+    /// Keeps the files of the log that is in use its own.
+    void keepFiles() const;
     /// Copies what the log holds into the main file, as far as readers allow.
     void checkpoint();
 
@@ -40,5 +42,6 @@ private:
 
     CatalogueConnection& catalogue;
     FileIdentity log;        ///< the one that is in use
+    FileIdentity index;      ///< of that log
     bool isUnusable = false; ///< it was tried: files cannot be mapped for sharing here
 };

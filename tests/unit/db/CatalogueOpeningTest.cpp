@@ -206,6 +206,21 @@ TEST_F(CatalogueOpening, rootBecomesTheOwnerOfWhatWasGivenAway)
     expectRefused(notAuthorized);
 }
 
+TEST_F(CatalogueOpening, rootDoesNotBecomeTheOwnerOfWhatHasTakenThePlaceOfAFileInUse)
+{
+    if (!isRoot())
+        GTEST_SKIP() << "changing owners is not permitted";
+    openNew();
+    for (const std::string suffix : { "", "-wal", "-shm", "-journal" }) {
+        if (fs::exists(dbPath + suffix))
+            fs::rename(dbPath + suffix, dbPath + ".aside" + suffix);
+        giveAway(volume.writeFile(".quarrow/quarrow.db" + suffix, "somebody's"));
+    }
+    db->keepFiles();
+    for (const std::string suffix : { "", "-wal", "-shm", "-journal" })
+        EXPECT_EQ(std::to_string(nobody) + " 666", ownerAndMode(dbPath + suffix)) << suffix;
+}
+
 TEST_F(CatalogueOpening, aSetUidProgramDoesNotBecomeRoots)
 {
     if (!isRoot())
@@ -318,6 +333,7 @@ TEST_F(CatalogueOpening, aSchemaOfSomebodyElseIsNotReadToItsEnd)
     change(tables + "commit");
     giveAway(dbPath);
     const auto before = sqlite3_memory_used();
+    ASSERT_LT(0, before) << "it is not counted";
     sqlite3_memory_highwater(1);
     expectRefused(notAuthorized);
     EXPECT_GT(500000, sqlite3_memory_highwater(0) - before);

@@ -27,7 +27,7 @@ protected:
     static void TearDownTestSuite()
     {
         sqlite3_vfs* files = sqlite3_vfs_find(nullptr);
-        for (const char* call : { "open", "unlink" })
+        for (const char* call : { "open", "unlink", "fchown", "fchmod" })
             files->xSetSystemCall(files, call, nullptr);
     }
 
@@ -49,6 +49,7 @@ protected:
         sqlite3_close(handle);
         return rc == SQLITE_OK;
     }
+    static void giveToSomebody(const std::string& path) { EXPECT_EQ(0, chown(path.c_str(), nobody, nobody)) << path; }
     static bool isMarked(const std::string& path)
     {
         struct stat64 status = {};
@@ -142,7 +143,7 @@ TEST_F(DaemonsSqlite, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
     fs::copy_file(path, other);
     ASSERT_EQ(0, chmod(other.c_str(), 0644 | S_ISVTX));
     ASSERT_EQ(0, chown(path.c_str(), nobody, nobody));
-    const CatalogueAdmission admission(path);
+    CatalogueAdmission admission(path);
     EXPECT_FALSE(admission.isTrusted());
     EXPECT_FALSE(admission.isRefused());
     EXPECT_TRUE(isMarked(path));
@@ -174,16 +175,117 @@ TEST_F(DaemonsSqlite, followsNoLinkInAPathThatWasResolved)
     fs::create_directory_symlink(volume.path("elsewhere"), catalogueFolder);
     EXPECT_EQ(SQLITE_CANTOPEN, sqlite3_exec(handle, "delete from Folders", nullptr, nullptr, nullptr));
     sqlite3_close(handle);
+
+    // A log that is open is taken away by its name when the catalogue is closed.
+    fs::remove(catalogueFolder);
+    fs::rename(volume.path("elsewhere"), catalogueFolder);
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(found.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr));
+    EXPECT_EQ(
+        SQLITE_OK, sqlite3_exec(handle, "pragma journal_mode=wal; delete from Folders", nullptr, nullptr, nullptr));
+    fs::rename(catalogueFolder, volume.path("elsewhere"));
+    fs::create_directory_symlink(volume.path("elsewhere"), catalogueFolder);
+    sqlite3_close(handle);
+    EXPECT_TRUE(volume.exists("elsewhere/quarrow.db-wal"));
+}
+
+TEST_F(DaemonsSqlite, doesNotReadAnywhereWhatStillHasToBeLookedInto)
+{
+    const std::string path = makeWith("/Music");
+    ASSERT_EQ(0, chmod(path.c_str(), 0644 | S_ISVTX));
+    EXPECT_FALSE(isReadable(path));
+    ASSERT_EQ(0, chmod(path.c_str(), 0644));
+    EXPECT_TRUE(isReadable(path));
+    const std::string journal
+        = volume.writeFile(".quarrow/quarrow.db-journal", journalThatNames("", fs::file_size(path) / pageBytes));
+    ASSERT_EQ(0, chmod(journal.c_str(), 0644 | S_ISVTX));
+    EXPECT_FALSE(isReadable(path));
+}
+
+TEST_F(DaemonsSqlite, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "changing owners is not permitted";
+    const std::string path = makeWith("/Music");
+    change("pragma journal_mode=wal");
+    giveToSomebody(volume.writeFile(".quarrow/quarrow.db-wal"));
+    CatalogueAdmission admission(path);
+    EXPECT_TRUE(isMarked(path));
+    admission.trust();
+    EXPECT_FALSE(isMarked(path));
+    EXPECT_TRUE(isMarked(path + "-wal")) << "which nobody has opened, and so nobody looked into";
+}
+
+TEST_F(DaemonsSqlite, trustsTheLogThatWasOpened)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "changing owners is not permitted";
+    const std::string path = makeWith("/Music");
+    change("pragma journal_mode=wal");
+    giveToSomebody(volume.writeFile(".quarrow/quarrow.db-wal"));
+    CatalogueAdmission admission(path);
+    sqlite3* handle = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr));
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(handle, "select * from Folders", nullptr, nullptr, nullptr));
+    admission.trust();
+    EXPECT_FALSE(isMarked(path + "-wal"));
+    sqlite3_close(handle);
+}
+
+TEST_F(DaemonsSqlite, usesNoIndexThatWasSomebodyElses)
+{
+    const std::string path = makeWith("/Music");
+    const std::string index = volume.writeFile(".quarrow/quarrow.db-shm", "held open by somebody");
+    ASSERT_EQ(0, chmod(index.c_str(), 0644 | S_ISVTX));
+    EXPECT_FALSE(CatalogueAdmission(path).isRefused());
+    EXPECT_FALSE(fs::exists(index));
+}
+
+TEST_F(DaemonsSqlite, givesNothingToWhoOwnsWhatIsAtThePath)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "changing owners is not permitted";
+    const std::string path = makeWith("/Music");
+    change("pragma journal_mode=wal");
+    sqlite3* handle = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr));
+    fs::rename(path, volume.path("aside"));
+    const std::string other = volume.writeFile(".quarrow/quarrow.db", "somebody's");
+    ASSERT_EQ(0, chmod(other.c_str(), 0666));
+    giveToSomebody(other);
+    sqlite3_exec(handle, "select * from Folders", nullptr, nullptr, nullptr);
+    for (const char* side : { "-wal", "-shm" }) {
+        struct stat64 status = {};
+        ASSERT_EQ(0, stat64((path + side).c_str(), &status));
+        EXPECT_EQ(0U, status.st_uid);
+        EXPECT_EQ(0U, status.st_mode & S_IWOTH);
+    }
+    sqlite3_close(handle);
+}
+
+TEST_F(DaemonsSqlite, refusesAJournalThatNamesAnotherFile)
+{
+    const std::string path = makeWith("/Music");
+    const std::string victim = volume.writeFile("victim-wal", "precious");
+    const std::size_t pages = fs::file_size(path) / pageBytes;
+    volume.writeFile(".quarrow/quarrow.db-journal", journalThatNames(victim, pages));
+    EXPECT_TRUE(CatalogueAdmission(path).isRefused());
+    const std::string whole = journalThatNames(victim, pages);
+    volume.writeFile(".quarrow/quarrow.db-journal", whole.substr(0, whole.length() - victim.length() - 20));
+    EXPECT_FALSE(CatalogueAdmission(path).isRefused()) << "one like the daemon's own";
 }
 
 TEST_F(DaemonsSqlite, takesAwayNothingThatAJournalNames)
 {
     const std::string path = makeWith("/Music");
+    const std::size_t pages = fs::file_size(path) / pageBytes;
     const std::string victim = volume.writeFile("victim", "precious");
-    const std::string journal = journalThatNames(victim, fs::file_size(path) / pageBytes);
-    volume.writeFile(".quarrow/quarrow.db-journal", journal);
-    EXPECT_FALSE(isReadable(path));
-    EXPECT_EQ("precious", volume.readFile("victim"));
+    const std::string journal = journalThatNames(victim, pages);
+    volume.makeFolder("etilqs_x");
+    for (const std::string& named : { victim, volume.path("etilqs_x/../victim") }) {
+        volume.writeFile(".quarrow/quarrow.db-journal", journalThatNames(named, pages));
+        EXPECT_FALSE(isReadable(path));
+        EXPECT_EQ("precious", volume.readFile("victim"));
+    }
 
     TearDownTestSuite();
     volume.writeFile(".quarrow/quarrow.db-journal", journal);

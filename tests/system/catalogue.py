@@ -1,7 +1,8 @@
 """A catalogue as a reader sees it: through a connection of its own that can write nothing."""
 import collections
 import sqlite3
-import urllib.parse
+
+from quarrow_driver.reading import open_for_reading
 
 Folder = collections.namedtuple("Folder", "path name parent category created modified deleted backup hidden system")
 File = collections.namedtuple("File", "path name folder category size created modified deleted backup hidden system")
@@ -15,11 +16,7 @@ class Catalogue:
         self.path = path
 
     def open(self):
-        # Without readonly_shm, closing would look like a change in the catalogue's folder to the daemon's watch.
-        uri = f"file:{urllib.parse.quote_from_bytes(self.path.encode('utf-8', 'surrogateescape'))}?mode=ro&readonly_shm=1"
-        connection = sqlite3.connect(uri, uri=True, timeout=60)
-        connection.text_factory = lambda text: text.decode("utf-8", "surrogateescape")  # names are bytes
-        return connection
+        return open_for_reading(self.path)
 
     def query(self, statement, *values):
         connection = self.open()

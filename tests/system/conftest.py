@@ -7,8 +7,10 @@ import pytest
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from harness import Arena, Clock  # noqa: E402  (the path comes first)
-from mounts import disks, mounts  # noqa: E402,F401  (fixtures)
+from harness import Arena  # which adds where the driver is to the path
+from quarrow_driver.clock import Clock
+
+pytest_plugins = ("mounts", "powercut")  # which bring fixtures of their own
 
 
 @pytest.fixture
@@ -23,7 +25,7 @@ def arena():
 @pytest.fixture
 def clock(arena):
     """A clock that stands still, at a round moment that is long past for every file."""
-    return Clock(arena, 1_700_000_000)
+    return Clock(arena.path("clock"), 1_700_000_000)
 
 
 @pytest.hookimpl(hookwrapper=True)

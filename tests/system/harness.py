@@ -1,37 +1,29 @@
 """What the system tests stand on: an arena of volumes, the daemon run in a sandbox, and what it logs."""
-import collections
-import ctypes
+import json
 import os
 import re
 import resource
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import time
-from xml.sax.saxutils import escape
-
-import json
-
-from catalogue import Catalogue
-from model import MimeTable, tree_rows
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "../../scripts"))
+
+from catalogue import Catalogue  # (the path comes first)
+from model import MimeTable, tree_rows
+from quarrow_driver.configuration import host_configuration, volume_element
+from quarrow_driver.log import LogLine, LogReceiver, parse
+from quarrow_driver.process import DaemonProcess
+from quarrow_driver.waiting import BOUND, wait_for
+
 BINARY = os.environ.get("QUARROW_BINARY", "")
 MIME_TABLE = os.environ.get("QUARROW_MIME_TABLE", os.path.normpath(os.path.join(HERE, "../../data/mime_types.txt")))
-FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
 
-#: Generous: a condition that holds is seen within milliseconds, this only ends a test that fails.
-BOUND = 60
 #: A purge threshold whose double lies in the future as seen from the epoch: no purge is ever due.
 NEVER_PURGE = 1073741823
-LOCAL5 = 21
-PRIORITIES = ("EMERG", "ALERT", "CRIT", "ERR", "WARNING", "NOTICE", "INFO", "DEBUG")
-DATAGRAM = re.compile(rb"<(\d{1,3})>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d ([^:\[]+): (.*)", re.DOTALL)
-
-LogLine = collections.namedtuple("LogLine", "priority text")
 
 
 def info(text):
@@ -42,99 +34,22 @@ def err(text):
     return LogLine("ERR", text)
 
 
-def wait_for(condition, what, bound=BOUND):
-    """Returns the first true value of `condition()`; fails, naming `what`, when there is none in time."""
-    deadline = time.monotonic() + bound
-    while True:
-        value = condition()
-        if value:
-            return value
-        assert time.monotonic() < deadline, f"not within {bound} s: {what}"
-        time.sleep(0.02)
-
-
-class LogSink:
-    """The receiving end of /dev/log: a thread that reads datagrams into a list of LogLine."""
+class LogSink(LogReceiver):
+    """Keeps what the program of the given name logs as a list of LogLine."""
 
     def __init__(self, folder, ident):
-        self.path = os.path.join(folder, "log")
-        self.ident = os.fsencode(ident)
+        super().__init__(folder)
+        self.ident = ident
         self.lines = []
         self.damaged = []  # datagrams that are no message of the daemon's
-        self.changed = threading.Condition(threading.RLock())
-        self.settled = 0
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        # Through the folder's descriptor: a socket's address has room for 107 bytes, a temporary folder may be longer.
-        self.folder = os.open(folder, os.O_PATH)
-        self.address = f"/proc/self/fd/{self.folder}/log"
-        self.socket.bind(self.address)
-        self.thread = threading.Thread(target=self.receive, daemon=True)
-        self.thread.start()
-
-    def receive(self):
-        while True:
-            datagram = self.socket.recv(1 << 17)
-            with self.changed:
-                if datagram == b"settle":
-                    self.settled += 1
-                elif datagram == b"end":
-                    return
-                else:
-                    self.take(datagram)
-                self.changed.notify_all()
+        self.start()
 
     def take(self, datagram):
-        match = DATAGRAM.fullmatch(datagram)
-        if match is None or match[2] != self.ident or int(match[1]) >> 3 != LOCAL5:
+        line = parse(datagram, self.ident)
+        if line is None:
             self.damaged.append(datagram)
-            return
-        self.lines.append(LogLine(PRIORITIES[int(match[1]) & 7], match[3].decode("utf-8", "surrogateescape")))
-
-    def send(self, datagram):
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-            sender.connect(self.address)
-            sender.send(datagram)
-
-    def settle(self):
-        """Returns when everything sent before this call is in `lines`."""
-        with self.changed:
-            aim = self.settled + 1
-        self.send(b"settle")
-        with self.changed:
-            assert self.changed.wait_for(lambda: self.settled >= aim, BOUND)
-
-    def close(self):
-        self.send(b"end")
-        self.thread.join()
-        self.socket.close()
-        os.close(self.folder)
-
-
-class Clock:
-    """A clock that stands still for the daemons that are given it, until it is set."""
-
-    def __init__(self, arena, now):
-        self.path = os.path.join(arena.folder, "clock")
-        self.set(now)
-
-    def set(self, now):
-        self.now = int(now)
-        # Replaced in one step: the daemon reads the file whenever it asks for the time.
-        with open(self.path + ".new", "w", encoding="ascii") as file:
-            file.write(f"{self.now}\n")
-        os.rename(self.path + ".new", self.path)
-
-    def advance(self, seconds):
-        self.set(self.now + seconds)
-
-    def environment(self):
-        return {"LD_PRELOAD": FAKETIME, "FAKETIME_TIMESTAMP_FILE": self.path, "FAKETIME_FMT": "%s", "TZ": "UTC",
-                "FAKETIME_NO_CACHE": "1", "NO_FAKE_STAT": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
-
-
-def fast_clock(factor):
-    """Environment in which time, sleeps and timeouts run `factor` times as fast."""
-    return {"LD_PRELOAD": FAKETIME, "FAKETIME": f"+0 x{factor}", "NO_FAKE_STAT": "1"}
+        else:
+            self.lines.append(line)
 
 
 def has_thread_sanitizer():
@@ -217,9 +132,7 @@ class Volume:
             file.write(state_document(last_updated_time, last_purge_time))
 
     def element(self):
-        paths = lambda kind, items: f"<{kind}>{''.join(f'<Path>{escape(item)}</Path>' for item in items)}</{kind}>"
-        return (f"<Volume><Name>{escape(self.name)}</Name><Root>{escape(self.root)}</Root>"
-                f"{paths('CrawlPaths', self.crawl)}{paths('ExcludePaths', self.exclude)}</Volume>")
+        return volume_element(self.name, self.root, self.crawl, self.exclude)
 
 
 def state_document(last_updated_time, last_purge_time):
@@ -231,10 +144,7 @@ def state_document(last_updated_time, last_purge_time):
 
 def configuration(volumes, purge_threshold=NEVER_PURGE):
     """A host configuration of the given volumes."""
-    return ('<?xml version="1.0" encoding="UTF-8"?>\n<QuarrowHost><Version>1.0</Version>'
-            "<last_updated_time>1262304000</last_updated_time><quarrow_enabled>true</quarrow_enabled>"
-            f"<purge_threshold>{purge_threshold}</purge_threshold><rewalk_threshold>14400</rewalk_threshold>"
-            f"<Volumes>{''.join(volume.element() for volume in volumes)}</Volumes></QuarrowHost>\n")
+    return host_configuration([volume.element() for volume in volumes], purge_threshold=purge_threshold, rewalk_threshold=14400)
 
 
 class Arena:
@@ -310,7 +220,7 @@ def sandbox_command(arena, folder, argv, log, mime_table=MIME_TABLE, binds=(), c
     return [sys.executable, "-S", "-E", "-s", "-B", os.path.join(HERE, "sandbox.py"), json.dumps(settings)]
 
 
-class Daemon:
+class Daemon(DaemonProcess):
     """One run of the daemon. `pid` is the daemon itself: it is signalled and waited for directly."""
 
     def __init__(self, arena, arguments=(), environment=None, mime_table=MIME_TABLE, binds=(), closed=(), standby=False,
@@ -328,8 +238,7 @@ class Daemon:
         if standby:
             self.set_standby(True)
         with open(self.output_path("stdout"), "wb") as stdout, open(self.output_path("stderr"), "wb") as stderr:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr)
-        self.pid = self.process.pid
+            super().__init__(command, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr)
         arena.daemons.append(self)
 
     # What it writes
@@ -365,9 +274,9 @@ class Daemon:
         """Returns the first true value of `condition(lines)`, asked anew whenever a line comes in."""
         deadline = time.monotonic() + bound
         while True:
-            ended = self.process.poll() is not None
+            ended = self.has_ended()
             if ended:
-                self.log.settle()
+                self.log.settle(BOUND)
             with self.log.changed:
                 value = condition(self.log.lines)
                 if value:
@@ -399,7 +308,7 @@ class Daemon:
         return self.count(info("======\n"))
 
     def thread_count(self):
-        return len(os.listdir(f"/proc/{self.pid}/task"))
+        return len(self.threads())
 
     @staticmethod
     def steady_threads():
@@ -412,7 +321,7 @@ class Daemon:
     # Acting on it
 
     def signal(self, number):
-        assert self.process.poll() is None, f"the daemon has ended with {self.process.returncode}"
+        assert not self.has_ended(), f"the daemon has ended with {self.process.returncode}"
         os.kill(self.pid, number)
 
     def wait_exit(self):
@@ -421,7 +330,7 @@ class Daemon:
             status = self.process.wait(BOUND)
         except subprocess.TimeoutExpired as expired:
             raise AssertionError(f"the daemon still runs after {BOUND} s\n{self.tail()}") from expired
-        self.log.settle()
+        self.log.settle(BOUND)
         return status
 
     def stop(self):
@@ -465,11 +374,6 @@ class Daemon:
         hard = resource.prlimit(self.pid, number)[1]
         resource.prlimit(self.pid, number, (hard if limit is None else limit, hard))
 
-    def status(self, field):
-        """A figure of /proc/PID/status, as in status("VmSize"), which is in KiB."""
-        with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
-            return next(int(line.split()[1]) for line in file if line.startswith(field + ":"))
-
     def descriptors(self):
         """What the daemon has open: descriptor to the file it leads to."""
         folder, found = f"/proc/{self.pid}/fd", {}
@@ -512,7 +416,7 @@ class Daemon:
         return self.Frozen(self)
 
     def close(self):
-        if self.process.poll() is None:
+        if not self.has_ended():
             self.process.kill()
             self.process.wait()
         if self.log is not None and self.log.thread.is_alive():
@@ -541,7 +445,3 @@ def inotify_limit(name):
 
 def last_element(path):
     return path[path.rfind("/") + 1:]
-
-
-def as_32_bit(number):
-    return ctypes.c_int32(number & 0xFFFFFFFF).value

@@ -3,7 +3,8 @@ import os
 import signal
 
 from catalogue import Rows, assert_same
-from harness import info, is_walk_end, wait_for
+from harness import info, is_walk_end
+from quarrow_driver.waiting import wait_for
 
 #: How many times as many runs as in everyday use, for a long watch by hand.
 RUNS = int(os.environ.get("QUARROW_FAULT_RUNS", "1"))

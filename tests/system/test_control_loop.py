@@ -6,7 +6,9 @@ import sqlite3
 import time
 
 from catalogue import assert_same
-from harness import fast_clock, info, wait_for
+from harness import info
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import wait_for
 
 SLEEP = info("Going to sleep.\n")
 AWAKE = info("We received a wake up message from the signal handler\n")

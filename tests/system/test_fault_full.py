@@ -11,9 +11,10 @@ import pytest
 
 from catalogue import Rows, assert_same, edit
 from deleted_rows import without_deleted
-from harness import LogSink, err, info, state_document, wait_for
+from harness import LogSink, err, info, state_document
 from moments import seeded
 from mounts import SMALLEST, disks_work, fill
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged, good_volume, is_converged, settle, walk_again
 from trees import make_media_tree
 
@@ -469,7 +470,7 @@ def test_a_log_that_is_not_read_holds_the_daemon_up_and_loses_nothing(arena):
             return False
 
         wait_for(waits_for_the_receiver, "a full queue")
-        assert daemon.process.poll() is None
+        assert not daemon.has_ended()
         daemon.signal(signal.SIGUSR1)
     daemon.wait_walks()
     assert_converged(volume)

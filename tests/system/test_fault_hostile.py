@@ -15,8 +15,9 @@ import sys
 import pytest
 
 from catalogue import edit
-from harness import BOUND, fast_clock, wait_for
 from mounts import disks_work
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import BOUND, wait_for
 from recovery import assert_converged, good_volume, is_converged, walk_again
 
 pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="becoming another user takes root")
@@ -583,7 +584,7 @@ def test_a_daemon_of_a_user_opens_no_catalogue_of_another_user(arena):
         before = file.read()
     daemon = arena.start(volumes, wrapper=[sys.executable, "-I", "-S", "-B", "-c", AS_USER, str(USER)])
     daemon.wait_walks(2)
-    assert daemon.status("Uid") == USER
+    assert int(daemon.status()["Uid"][0]) == USER
     for volume in (own, roots):
         assert_converged(volume)
     daemon.stop()

@@ -14,9 +14,10 @@ import pytest
 
 from catalogue import Catalogue, Rows, assert_same, edit
 from deleted_rows import DUE_AFTER, THRESHOLD, copy_of, is_purge_end, last_purge_time, with_deleted_rows, without_deleted
-from harness import info, is_walk_end, sanitizer_options, wait_for
+from harness import info, is_walk_end, sanitizer_options
 from model import after_walk
-from moments import BANNER, batches, has_ended, seeded, send_at
+from moments import BANNER, batches, seeded, send_at
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS
 from trees import make_empty_folders, make_media_tree
 
@@ -129,7 +130,7 @@ def live(daemons, steps):
         for daemon in daemons:
             act(daemon)
         for daemon in daemons:
-            wait_for(lambda: has_ended(daemon) or reached(daemon.lines), "the next step of its life")
+            wait_for(lambda: daemon.has_ended() or reached(daemon.lines), "the next step of its life")
 
 
 def changes_in(trace, volume):

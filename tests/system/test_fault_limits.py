@@ -15,10 +15,12 @@ import sys
 import pytest
 
 from catalogue import assert_same
-from harness import fast_clock, has_address_sanitizer, has_thread_sanitizer, info, inotify_limit, wait_for
+from harness import has_address_sanitizer, has_thread_sanitizer, info, inotify_limit
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.mounting import CLONE_NEWUSER
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged
 
-CLONE_NEWUSER = 0x10000000
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
 CLOCK = fast_clock(300)
 
@@ -351,7 +353,7 @@ def test_a_start_with_few_descriptors(arena):
         known.make_file(f"/m/{limit}.mp3", b"x")
         daemon = arena.start([known, new], environment=CLOCK, limits={"NOFILE": limit})
         # The purge thread is the last thing that is started.
-        wait_for(lambda: daemon.process.poll() is not None or daemon.count(info("pthread_sigmask returned 0\n")) >= 2
+        wait_for(lambda: daemon.has_ended() or daemon.count(info("pthread_sigmask returned 0\n")) >= 2
                  or "Going to sleep.\n" in daemon.texts(), "an outcome")
         status = daemon.process.poll()
         if status is None:
@@ -397,7 +399,7 @@ def test_memory_runs_out_while_walks_run(arena, resource):
         top = info(f"For folder {volumes[0].path('/m')}")  # which the changes below need watched
         daemon.wait_log(lambda lines: top in lines and sum(line.text.startswith("For folder") for line in lines) >= folders
                         or daemon.thread_count() <= daemon.steady_threads(), "some folders")
-        daemon.limit(resource, (daemon.status({"AS": "VmSize", "DATA": "VmData"}[resource]) + more) * 1024)
+        daemon.limit(resource, (daemon.memory()[{"AS": "VmSize", "DATA": "VmData"}[resource]] + more) * 1024)
         wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
         for number in range(200):  # and for the watcher thread
             volumes[0].create(f"/m/{number % 7}/{number % 150 // 7 * 7 + number % 7}/late {number}.mp3" if number % 150 < 140
@@ -424,7 +426,7 @@ def test_memory_runs_out_for_the_watcher(arena):
     volume.make_folder(*folders)
     daemon = arena.start([volume], environment=CLOCK)
     daemon.wait_walks()
-    daemon.limit("DATA", daemon.status("VmData") * 1024)
+    daemon.limit("DATA", daemon.memory()["VmData"] * 1024)
     with daemon.frozen():
         for folder in folders:
             volume.create(f"{folder}/1.mp3")
@@ -448,7 +450,7 @@ def test_a_start_with_little_memory(arena):
     one_arena = {"MALLOC_ARENA_MAX": "1"}  # others reserve much and use little
     first = arena.start([known], environment=one_arena)
     first.wait_walks()
-    needed = first.status("VmPeak")
+    needed = first.memory()["VmPeak"]
     first.stop()
     outcomes = set()
     runs = 16 * RUNS
@@ -458,10 +460,10 @@ def test_a_start_with_little_memory(arena):
         known.make_file(f"/m/{run}.mp3", b"x")
         limit = needed * (40 + 70 * run // max(1, runs - 1)) // 100
         daemon = arena.start([known, new], limits={"AS": limit * 1024, "CORE": 0}, environment=one_arena)
-        wait_for(lambda: daemon.process.poll() is not None or (
+        wait_for(lambda: daemon.has_ended() or (
             any(line.text.startswith(("Purging", "Volume in", "Finished walk", "Could not init")) for line in daemon.lines)
             and daemon.thread_count() <= daemon.steady_threads()), "an outcome")
-        if daemon.process.poll() is None:
+        if not daemon.has_ended():
             daemon.stop()
             outcomes.add("lived")
         else:

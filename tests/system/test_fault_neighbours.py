@@ -13,7 +13,9 @@ import time
 import pytest
 
 from catalogue import Catalogue
-from harness import BOUND, fast_clock, info, inotify_limit, wait_for
+from harness import info, inotify_limit
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import BOUND, wait_for
 from recovery import RUNS, assert_converged, good_volume, is_converged
 
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.

@@ -11,10 +11,10 @@ import threading
 import pytest
 
 from deleted_rows import is_purge_end
-from harness import wait_for
 from moments import seeded
 from mounts import fill
-from powercut import BLOCK, cut_at, disk, is_flush, moments  # noqa: F401  (a fixture)
+from powercut import BLOCK, cut_at, is_flush, moments
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged, live_rows
 from test_fault_kill import change_something, left_behind
 from trees import make_media_tree

@@ -7,9 +7,10 @@ import subprocess
 import pytest
 
 from catalogue import Rows, assert_same, edit
-from harness import Volume, info, inotify_limit, wait_for
+from harness import Volume, info, inotify_limit
 from model import after_walk
 from moments import seeded, send_at
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged
 from trees import make_empty_folders, make_media_tree
 

@@ -10,8 +10,10 @@ import pytest
 
 from catalogue import assert_same, edit
 from deleted_rows import DUE_AFTER, THRESHOLD, copy_of, with_deleted_rows
-from harness import BINARY, fast_clock, info, is_walk_end, wait_for
-from moments import BANNER, batches, has_ended, seeded, send_at
+from harness import BINARY, info, is_walk_end
+from moments import BANNER, batches, seeded, send_at
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged
 from trees import make_media_tree
 
@@ -52,7 +54,7 @@ def small_volume(arena, name, crawl="/m"):
 def storm(daemon, numbers, times=STORM):
     """Sends the signals in turn, as fast as that goes, for as long as the daemon is there."""
     for count in range(times):
-        if has_ended(daemon):
+        if daemon.has_ended():
             return
         daemon.process.send_signal(numbers[count % len(numbers)])  # nothing, should it have been waited for meanwhile
 
@@ -251,7 +253,7 @@ def test_stops_before_there_is_a_handler_and_right_after_it(arena):
         for volume in volumes:  # one by one: this is about the first milliseconds
             daemon = arena.start([volume])
             while not is_there(daemon):
-                assert not has_ended(daemon)
+                assert not daemon.has_ended()
             time.sleep(choice.uniform(0, 0.02))
             os.kill(daemon.pid, TERM)
             status = daemon.wait_exit()

@@ -7,9 +7,10 @@ import threading
 import pytest
 
 from catalogue import Catalogue, Rows, assert_same
-from harness import err, wait_for
+from harness import err
 from moments import seeded
-from mounts import check, libc
+from quarrow_driver.mounting import check, libc
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged, good_volume, is_converged, live_rows, settle, walk_again
 from trees import make_media_tree
 

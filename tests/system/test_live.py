@@ -5,15 +5,15 @@ read matters, the daemon is stopped while they arise: it then reads them all at 
 """
 import os
 import shutil
-import signal
 import threading
-import time
 
 import pytest
 
 from catalogue import assert_same, edit, same, without
-from harness import fast_clock, info, inotify_limit, wait_for
+from harness import info, inotify_limit
 from model import after_walk
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import wait_for
 from recovery import assert_converged, live_rows
 
 

@@ -3,8 +3,8 @@ import os
 import shutil
 
 from catalogue import assert_same, edit
-from harness import as_32_bit, info
-from model import after_walk
+from harness import info
+from model import as_32_bit, after_walk
 from trees import make_media_tree, make_strangers
 
 

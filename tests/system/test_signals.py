@@ -9,8 +9,9 @@ import threading
 import pytest
 
 from catalogue import assert_same, without
-from harness import info, wait_for, walk_lines
+from harness import info, walk_lines
 from model import after_walk
+from quarrow_driver.waiting import wait_for
 from trees import make_empty_folders, make_media_tree
 
 GOT = info("Got a signal to stop\n")

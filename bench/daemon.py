@@ -5,11 +5,14 @@ import signal
 import subprocess
 import threading
 import time
-from xml.sax.saxutils import escape
+
+from quarrow_driver.configuration import host_configuration, volume_element
+from quarrow_driver.process import DaemonProcess
+from quarrow_driver.waiting import poll
 
 LOG_SOCKET = "/dev/log"
 PATIENCE = 600  # seconds; a walk of a large tree on a slow disk still ends within it
-TICK = os.sysconf("SC_CLK_TCK")
+STOP_PATIENCE = 120
 WALK_BEGINS = "Crawl paths is empty so starting at "
 WALK_ENDS = "Finished walk. Walk started at "
 
@@ -71,59 +74,39 @@ class LogSink:
                 pass
 
 
-class Daemon:
+class Daemon(DaemonProcess):
     """The daemon over one volume, from start to SIGTERM."""
 
     def __init__(self, program, volume, work, crawl_paths=(), tracer=(), environment=None):
         config = f"{work}/quarrow-host.xml"
-        paths = "".join(f"<Path>{escape(path)}</Path>" for path in crawl_paths)
         with open(config, "w", encoding="utf-8") as file:
-            file.write("<Quarrow><Version>1.0</Version><last_updated_time>1</last_updated_time>"
-                       "<quarrow_enabled>true</quarrow_enabled><Volumes><Volume><Name>bench</Name>"
-                       f"<Root>{escape(volume)}</Root><CrawlPaths>{paths}</CrawlPaths></Volume></Volumes></Quarrow>\n")
+            file.write(host_configuration([volume_element("bench", volume, crawl_paths)]))
         self.started = time.monotonic()
-        self.process = subprocess.Popen([*tracer, program], stdout=subprocess.DEVNULL, preexec_fn=end_with_parent,
-                                        env={**os.environ, "QUARROW_CONFIG_FILE": config, **(environment or {})})
-        self.pid = self.process.pid
+        super().__init__([*tracer, program], config, environment, stdout=subprocess.DEVNULL, preexec_fn=end_with_parent)
 
     def __enter__(self):
         return self
 
     def __exit__(self, kind, *_):
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            status = self.process.wait(120)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-            status = "none within 120 s after SIGTERM"
+        status = self.terminate(STOP_PATIENCE)
         if kind is None and status != 0:
-            raise RuntimeError(f"the daemon's exit status was {status}")
-
-    def processor_seconds(self):
-        """User and system time so far, of threads that ended as well; in steps of a clock tick."""
-        with open(f"/proc/{self.pid}/stat", encoding="utf-8", errors="replace") as file:
-            fields = file.read().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / TICK
-
-    def memory(self):
-        """The kB values of /proc/PID/status, by name."""
-        with open(f"/proc/{self.pid}/status", encoding="utf-8", errors="replace") as file:
-            return {line.split(":")[0]: int(line.split()[1]) for line in file if line.rstrip().endswith("kB")}
+            raise RuntimeError(f"the daemon's exit status was {status}" if status is not None
+                               else f"the daemon had not ended {STOP_PATIENCE} s after SIGTERM")
 
     def walk_thread_seconds(self):
         """How long the walk thread lived, by looking every few milliseconds: it is the only thread that ends by itself.
         For a daemon that nobody hears. Includes the tidying of the catalogue after the walk."""
-        tasks = f"/proc/{self.pid}/task"
         first_seen = {}
-        deadline = time.monotonic() + PATIENCE
-        while time.monotonic() < deadline:
+
+        def lifetime():
             now = time.monotonic()
-            present = set(os.listdir(tasks))
+            present = set(self.threads())
             for task in present:
                 first_seen.setdefault(task, now)
             ended = first_seen.keys() - present
-            if ended:
-                return now - first_seen[ended.pop()]
-            time.sleep(0.003)
-        raise RuntimeError(f"no thread ended within {PATIENCE} s")
+            return now - first_seen[ended.pop()] if ended else None
+
+        seconds = poll(lifetime, PATIENCE, pause=0.003)
+        if seconds is None:
+            raise RuntimeError(f"no thread ended within {PATIENCE} s")
+        return seconds

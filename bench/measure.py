@@ -10,8 +10,8 @@ import time
 
 import make_tree
 from daemon import Daemon, LogSink, WALK_BEGINS, WALK_ENDS
+from quarrow_driver.clock import fast_clock
 
-FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
 HURRY = 100  # how many times faster the clock runs where only the clock matters
 REWALKS = 10
 REWALK_PAUSE = 300  # seconds that the daemon lets pass between two starts of a walk
@@ -119,13 +119,12 @@ def memory(bench):
 
 def growth(bench):
     """Memory after the first walk and after each of ten more in the same process, which sees a faster clock."""
-    environment = {"LD_PRELOAD": FAKETIME, "FAKETIME": f"+0 x{HURRY}", "NO_FAKE_STAT": "1"}
     samples = []
     watched = 0
     bench.forget()
     with bench.sink() as sink:
         mark = sink.mark()
-        with bench.daemon(environment=environment) as daemon:
+        with bench.daemon(environment=fast_clock(HURRY)) as daemon:
             sink.wait_for(WALK_ENDS, since=mark)
             sink.wait_for("Woke up too soon", since=mark)  # the control loop has begun to count its pause
             _, line = sink.wait_for("Actively watching ", since=mark)

@@ -11,11 +11,13 @@ import os
 import statistics
 import sys
 
-import make_tree
-import measure
-import private_space
-
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, f"{HERE}/../scripts")
+
+import make_tree  # (the path comes first)
+import measure
+import private_run
+
 WALK_TARGET = 1.2  # times the floor
 MEMORY_TARGET = 64 << 10, 400 / 1024  # kB, and kB per watched folder
 SYNC_TARGET = 1  # per thousand pages written
@@ -203,9 +205,9 @@ def show_moves(results, table):
 
 def main():
     options = parse_options()
-    if not private_space.inside():
-        return private_space.run_again_inside(options.work)
-    work = private_space.furnish(options.mime_types)
+    if not private_run.inside():
+        return private_run.run_again_inside(options.work)
+    work = private_run.furnish(options.mime_types)
     # A move has trees of its own.
     tree = provide_tree(options, work) if set(options.measurements) - {"moves"} else None
     bench = measure.Bench(options, work, tree)

@@ -10,7 +10,8 @@ sys.dont_write_bytecode = True
 os.environ["QUARROW_BINARY"] = os.path.realpath(sys.argv[1])
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../tests/system"))
 
-from harness import Arena, wait_for  # noqa: E402  (the path comes first)
+from harness import Arena  # (the path comes first)
+from quarrow_driver.waiting import wait_for
 
 ERROR_STATUS = 99
 

@@ -1,21 +1,27 @@
 """The show of quickstart.sh: one daemon, one folder, one change.
 
   quickstart.py --make-sample FOLDER     makes the sample library
-  quickstart.py DAEMON SOCKET FOLDER     runs DAEMON on FOLDER; what it logs to SOCKET is shown
+  quickstart.py DAEMON FOLDER            runs DAEMON on FOLDER and shows what it logs
+
+The daemon runs in a mount namespace in which /tmp, /dev and /usr/local/quarrow are private. They are furnished beside DAEMON.
 """
 import os
 import queue
-import signal
-import socket
-import sqlite3
 import subprocess
 import sys
 import tempfile
-import threading
 import time
-import urllib.parse
-import xml.sax.saxutils
 
+sys.dont_write_bytecode = True
+
+from quarrow_driver.configuration import host_configuration, volume_element
+from quarrow_driver.log import LogReceiver, parse
+from quarrow_driver.private_space import lay_over_machine, lay_over_tmp, leave_the_machine
+from quarrow_driver.process import DaemonProcess
+from quarrow_driver.reading import open_for_reading
+from quarrow_driver.waiting import poll
+
+CHECKOUT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SAMPLE = ["Music/Ella & Louis/01 Can’t We Be Friends.flac", "Music/Ella & Louis/02 Isn’t This a Lovely Day.flac",
           "Music/Ella & Louis/cover.jpg", "Music/Björk/Debut/03 Venus as a Boy.mp3", "Music/playlist.m3u8",
           "Photos/2024/Summer/IMG_0001.JPG", "Photos/2024/Summer/IMG_0002.HEIC", "Photos/2024/Summer/raw/DSC_0003.NEF",
@@ -39,34 +45,34 @@ def say(text):
     sys.stdout.flush()
 
 
-class Log:
+class Log(LogReceiver):
     """Receives what the daemon logs. The three lines of each walked folder become a count; all others are shown."""
 
-    def __init__(self, path):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.socket.bind(path)
+    def __init__(self, folder, ident):
+        super().__init__(folder)
+        self.ident = ident
         self.folders = 0
         self.files = 0
         self.shown_at = 0.0
         self.texts = queue.Queue()
-        threading.Thread(target=self.receive, daemon=True).start()
+        self.start()
 
-    def receive(self):
-        while True:
-            line = self.socket.recv(1 << 20).decode(errors="surrogateescape")
-            priority, _, rest = line[1:].partition(">")
-            text = rest.split(": ", 1)[1].rstrip("\n")
-            if text.startswith("For folder "):
-                self.folders += 1
-            elif text.startswith("Add file count = "):
-                self.files += int(text.split(" = ")[1].split(",")[0])
-            elif not text.startswith("Add folder count = "):
-                self.show_count()
-                level = "ERROR" if int(priority) % 8 == 3 else "info "
-                say(f"  {time.strftime('%H:%M:%S')} {level} {text}")
-            if time.monotonic() - self.shown_at > 1:
-                self.show_count()
-            self.texts.put(text)
+    def take(self, datagram):
+        line = parse(datagram, self.ident)
+        if line is None:  # another program's
+            return
+        text = line.text.rstrip("\n")
+        if text.startswith("For folder "):
+            self.folders += 1
+        elif text.startswith("Add file count = "):
+            self.files += int(text.split(" = ")[1].split(",")[0])
+        elif not text.startswith("Add folder count = "):
+            self.show_count()
+            level = "ERROR" if line.priority == "ERR" else "info "
+            say(f"  {time.strftime('%H:%M:%S')} {level} {text}")
+        if time.monotonic() - self.shown_at > 1:
+            self.show_count()
+        self.texts.put(text)
 
     def show_count(self):
         self.shown_at = time.monotonic()
@@ -76,7 +82,7 @@ class Log:
 
     def wait_for(self, beginning, daemon):
         """Waits until a line that begins so was logged; false when the daemon ended instead."""
-        while daemon.poll() is None:
+        while not daemon.has_ended():
             try:
                 if self.texts.get(timeout=1).startswith(beginning):
                     return True
@@ -89,10 +95,7 @@ class Catalogue:
     """A reader of the catalogue."""
 
     def __init__(self, folder):
-        self.path = os.path.join(folder, ".quarrow", "quarrow.db")
-        uri = "file:" + urllib.parse.quote(os.fsencode(self.path)) + "?mode=ro"
-        self.reader = sqlite3.connect(uri, uri=True, timeout=30)
-        self.reader.text_factory = os.fsdecode
+        self.reader = open_for_reading(os.path.join(folder, ".quarrow", "quarrow.db"))
 
     def close(self):
         self.reader.close()
@@ -113,20 +116,15 @@ class Catalogue:
     def wait_for_state(self, path, deleted):
         """Waits until the file has a row with this deleted flag; the seconds that took, or None."""
         start = time.monotonic()
-        while time.monotonic() - start < PATIENCE:
-            if self.rows("select 1 from Files where path = ? and is_deleted = ?", path, deleted):
-                return time.monotonic() - start
-            time.sleep(0.1)
-        return None
+        has_it = lambda: self.rows("select 1 from Files where path = ? and is_deleted = ?", path, deleted)
+        return time.monotonic() - start if poll(has_it, PATIENCE, pause=0.1) else None
 
 
 def write_configuration(path, folder):
+    # Readers of the catalogue may change that folder; left in, they would keep the burst of the change going.
+    volume = volume_element("quickstart", folder, exclude=["/.quarrow"])
     with open(path, "w", encoding="utf-8") as file:
-        file.write('<?xml version="1.0" encoding="UTF-8"?>\n<Quarrow><Version>1.0</Version>'
-                   f"<last_updated_time>{int(time.time())}</last_updated_time><Volumes><Volume><Name>quickstart</Name>"
-                   f"<Root>{xml.sax.saxutils.escape(folder)}</Root>"
-                   # Readers of the catalogue change that folder; left in, they would keep the burst of the change going.
-                   "<ExcludePaths><Path>/.quarrow</Path></ExcludePaths></Volume></Volumes></Quarrow>\n")
+        file.write(host_configuration([volume], int(time.time())))
 
 
 def refuse_unusable(folder):
@@ -168,39 +166,54 @@ def show_change(folder, catalogue, log, daemon):
     return gone is not None
 
 
-def run(daemon_path, log_path, folder):
+def enter_private_space(daemon_path, folder):
+    """Returns a folder that goes with the process. The daemon's /dev/log leads to `log` in there."""
+    here, stage = os.getcwd(), os.path.join(os.path.dirname(daemon_path), "stage")
+    leave_the_machine()
+    lay_over_tmp(stage, [CHECKOUT, folder])
+    own = tempfile.mkdtemp(dir="/tmp")
+    lay_over_machine(stage, f"{CHECKOUT}/data/mime_types.txt", log=f"{own}/log")
+    os.chdir(here)
+    return own
+
+
+def show_daemon(daemon, log, folder):
+    """From the start to the stop; whether all went well."""
+    good = False
+    try:
+        if log.wait_for("Actively watching", daemon):
+            catalogue = Catalogue(folder)
+            catalogue.show_summary()
+            good = show_change(folder, catalogue, log, daemon)
+            catalogue.close()  # the daemon leaves one plain file behind when no reader prevents it
+    except KeyboardInterrupt:
+        say("Interrupted.")
+    finally:
+        say("\nStopping the daemon with SIGTERM:")
+        status = daemon.terminate()
+        log.settle(PATIENCE)  # its last lines are shown
+    say(f"It ended with exit status {status}.")
+    return good and status == 0
+
+
+def run(daemon_path, folder):
+    daemon_path = os.path.abspath(daemon_path)
+    own = enter_private_space(daemon_path, folder)
     reason = refuse_unusable(folder)
     if reason is not None:
         say(f"{folder} cannot be catalogued: {reason}.")
         return 1
     tickle = os.path.join(folder, ".tickle")
     had_tickle = os.path.lexists(tickle)
-    with tempfile.TemporaryDirectory() as own:
-        configuration = os.path.join(own, "quarrow-host.xml")
-        write_configuration(configuration, folder)
-        log = Log(log_path)
-        say(f"\nStarting the daemon on {folder}. It logs:")
-        daemon = subprocess.Popen([daemon_path], stdout=subprocess.DEVNULL,
-                                  env={**os.environ, "QUARROW_CONFIG_FILE": configuration})
-        good = False
-        try:
-            if log.wait_for("Actively watching", daemon):
-                catalogue = Catalogue(folder)
-                catalogue.show_summary()
-                good = show_change(folder, catalogue, log, daemon)
-                catalogue.close()  # the daemon leaves one plain file behind when no reader prevents it
-        except KeyboardInterrupt:
-            say("Interrupted.")
-        finally:
-            say("\nStopping the daemon with SIGTERM:")
-            daemon.send_signal(signal.SIGTERM)
-            status = daemon.wait()
-            time.sleep(0.2)  # for the last log lines to be shown
-        say(f"It ended with exit status {status}.")
+    configuration = os.path.join(own, "quarrow-host.xml")
+    write_configuration(configuration, folder)
+    log = Log(own, os.path.basename(daemon_path))
+    say(f"\nStarting the daemon on {folder}. It logs:")
+    good = show_daemon(DaemonProcess([daemon_path], configuration, stdout=subprocess.DEVNULL), log, folder)
     if not had_tickle and os.path.lexists(tickle):
         os.unlink(tickle)  # what the daemon wakes its watcher with
     say(f"The catalogue is {folder}/.quarrow/quarrow.db: look into it with sqlite3.")
-    return 0 if good and status == 0 else 1
+    return 0 if good else 1
 
 
 if sys.argv[1] == "--make-sample":

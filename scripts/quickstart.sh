@@ -38,5 +38,4 @@ if [ $# = 0 ]; then
     echo "Making a sample library in $folder"
     /usr/bin/python3 scripts/quickstart.py --make-sample "$folder"
 fi
-exec scripts/in-private-mounts.sh --log /tmp/quarrow-log --keep "$folder" -- \
-    /usr/bin/python3 scripts/quickstart.py build/quickstart/quarrow /tmp/quarrow-log "$folder"
+exec /usr/bin/python3 scripts/quickstart.py build/quickstart/quarrow "$folder"

@@ -1,7 +1,8 @@
 """A catalogue as a reader sees it: through a connection of its own that can write nothing."""
 import collections
 import sqlite3
-import urllib.parse
+
+from quarrow_driver.reading import open_for_reading
 
 Folder = collections.namedtuple("Folder", "path name parent category created modified deleted backup hidden system")
 File = collections.namedtuple("File", "path name folder category size created modified deleted backup hidden system")
@@ -15,11 +16,7 @@ class Catalogue:
         self.path = path
 
     def open(self):
-        # Without readonly_shm, closing would look like a change in the catalogue's folder to the daemon's watch.
-        uri = f"file:{urllib.parse.quote_from_bytes(self.path.encode('utf-8', 'surrogateescape'))}?mode=ro&readonly_shm=1"
-        connection = sqlite3.connect(uri, uri=True, timeout=60)
-        connection.text_factory = lambda text: text.decode("utf-8", "surrogateescape")  # names are bytes
-        return connection
+        return open_for_reading(self.path)
 
     def query(self, statement, *values):
         connection = self.open()
@@ -79,6 +76,19 @@ def edit(path, statement, *values):
             connection.execute(statement, values)
     finally:
         connection.close()
+
+
+def insert_chain(path, depth):
+    """Puts in the rows of so many levels /m/d/d/d..., with a file in each, as if they had been walked."""
+    edit(path, """
+        with recursive level(number, path, parent) as (
+            select 1, '/m/d', (select folder_id from Folders where path = '/m')
+            union all select number + 1, path || '/d', 1000 + number from level where number < ?)
+        insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)
+            select 1000 + number, parent, path, 'd', 1, 1, 0, 1 from level""", depth)
+    edit(path, """
+        insert into Files(folder_id, path, name, category, size, created_time, modified_time, is_deleted, last_updated_time)
+            select folder_id, path || '/f', 'f', 4, 1, 1, 1, 0, 1 from Folders where name = 'd'""")
 
 
 def without(rows, folder):

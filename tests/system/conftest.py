@@ -5,10 +5,15 @@ import sys
 import pytest
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path[:0] = [HERE, os.path.join(HERE, "../../scripts")]
 
-from harness import Arena, Clock  # noqa: E402  (the path comes first)
-from mounts import disks, mounts  # noqa: E402,F401  (fixtures)
+pytest.register_assert_rewrite("after_a_kill", "catalogue", "daemon", "harness", "recovery", "tracing")  # for failures that say why
+
+from harness import Arena  # (the path comes first)
+from quarrow_driver.clock import Clock
+
+pytest_plugins = ("mounts", "powercut")  # which bring fixtures of their own
 
 
 @pytest.fixture
@@ -23,7 +28,7 @@ def arena():
 @pytest.fixture
 def clock(arena):
     """A clock that stands still, at a round moment that is long past for every file."""
-    return Clock(arena, 1_700_000_000)
+    return Clock(arena.path("clock"), 1_700_000_000)
 
 
 @pytest.hookimpl(hookwrapper=True)

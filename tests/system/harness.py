@@ -1,158 +1,17 @@
-"""What the system tests stand on: an arena of volumes, the daemon run in a sandbox, and what it logs."""
-import collections
-import ctypes
+"""What the system tests stand on: an arena of volumes, and the daemons that are started on them."""
 import os
-import re
-import resource
-import signal
-import socket
 import subprocess
 import sys
 import tempfile
-import threading
-import time
-from xml.sax.saxutils import escape
-
-import json
 
 from catalogue import Catalogue
+from daemon import BINARY, MIME_TABLE, Daemon, sandbox_command
 from model import MimeTable, tree_rows
+from quarrow_driver.configuration import host_configuration, volume_element
+from quarrow_driver.waiting import BOUND
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-BINARY = os.environ.get("QUARROW_BINARY", "")
-MIME_TABLE = os.environ.get("QUARROW_MIME_TABLE", os.path.normpath(os.path.join(HERE, "../../data/mime_types.txt")))
-FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
-
-#: Generous: a condition that holds is seen within milliseconds, this only ends a test that fails.
-BOUND = 60
 #: A purge threshold whose double lies in the future as seen from the epoch: no purge is ever due.
 NEVER_PURGE = 1073741823
-LOCAL5 = 21
-PRIORITIES = ("EMERG", "ALERT", "CRIT", "ERR", "WARNING", "NOTICE", "INFO", "DEBUG")
-DATAGRAM = re.compile(rb"<(\d{1,3})>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d ([^:\[]+): (.*)", re.DOTALL)
-
-LogLine = collections.namedtuple("LogLine", "priority text")
-
-
-def info(text):
-    return LogLine("INFO", text)
-
-
-def err(text):
-    return LogLine("ERR", text)
-
-
-def wait_for(condition, what, bound=BOUND):
-    """Returns the first true value of `condition()`; fails, naming `what`, when there is none in time."""
-    deadline = time.monotonic() + bound
-    while True:
-        value = condition()
-        if value:
-            return value
-        assert time.monotonic() < deadline, f"not within {bound} s: {what}"
-        time.sleep(0.02)
-
-
-class LogSink:
-    """The receiving end of /dev/log: a thread that reads datagrams into a list of LogLine."""
-
-    def __init__(self, folder, ident):
-        self.path = os.path.join(folder, "log")
-        self.ident = os.fsencode(ident)
-        self.lines = []
-        self.damaged = []  # datagrams that are no message of the daemon's
-        self.changed = threading.Condition(threading.RLock())
-        self.settled = 0
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        # Through the folder's descriptor: a socket's address has room for 107 bytes, a temporary folder may be longer.
-        self.folder = os.open(folder, os.O_PATH)
-        self.address = f"/proc/self/fd/{self.folder}/log"
-        self.socket.bind(self.address)
-        self.thread = threading.Thread(target=self.receive, daemon=True)
-        self.thread.start()
-
-    def receive(self):
-        while True:
-            datagram = self.socket.recv(1 << 17)
-            with self.changed:
-                if datagram == b"settle":
-                    self.settled += 1
-                elif datagram == b"end":
-                    return
-                else:
-                    self.take(datagram)
-                self.changed.notify_all()
-
-    def take(self, datagram):
-        match = DATAGRAM.fullmatch(datagram)
-        if match is None or match[2] != self.ident or int(match[1]) >> 3 != LOCAL5:
-            self.damaged.append(datagram)
-            return
-        self.lines.append(LogLine(PRIORITIES[int(match[1]) & 7], match[3].decode("utf-8", "surrogateescape")))
-
-    def send(self, datagram):
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-            sender.connect(self.address)
-            sender.send(datagram)
-
-    def settle(self):
-        """Returns when everything sent before this call is in `lines`."""
-        with self.changed:
-            aim = self.settled + 1
-        self.send(b"settle")
-        with self.changed:
-            assert self.changed.wait_for(lambda: self.settled >= aim, BOUND)
-
-    def close(self):
-        self.send(b"end")
-        self.thread.join()
-        self.socket.close()
-        os.close(self.folder)
-
-
-class Clock:
-    """A clock that stands still for the daemons that are given it, until it is set."""
-
-    def __init__(self, arena, now):
-        self.path = os.path.join(arena.folder, "clock")
-        self.set(now)
-
-    def set(self, now):
-        self.now = int(now)
-        # Replaced in one step: the daemon reads the file whenever it asks for the time.
-        with open(self.path + ".new", "w", encoding="ascii") as file:
-            file.write(f"{self.now}\n")
-        os.rename(self.path + ".new", self.path)
-
-    def advance(self, seconds):
-        self.set(self.now + seconds)
-
-    def environment(self):
-        return {"LD_PRELOAD": FAKETIME, "FAKETIME_TIMESTAMP_FILE": self.path, "FAKETIME_FMT": "%s", "TZ": "UTC",
-                "FAKETIME_NO_CACHE": "1", "NO_FAKE_STAT": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
-
-
-def fast_clock(factor):
-    """Environment in which time, sleeps and timeouts run `factor` times as fast."""
-    return {"LD_PRELOAD": FAKETIME, "FAKETIME": f"+0 x{factor}", "NO_FAKE_STAT": "1"}
-
-
-def has_thread_sanitizer():
-    return "libtsan" in subprocess.run(["ldd", BINARY], capture_output=True, text=True, check=True).stdout
-
-
-def has_address_sanitizer():
-    return "libasan" in subprocess.run(["ldd", BINARY], capture_output=True, text=True, check=True).stdout
-
-
-def sanitizer_options():
-    """The runtimes are not preloaded before the clock, though the first one asks for it: the daemon's children, which know
-    nothing of sanitizers, do not survive that. Their allocators hold a lock while they ask for the time of a release, and
-    the clock allocates on its first call: so they release nothing. And the daemon's handlers do real work on purpose,
-    where the main thread is at rest: what may be called in a handler is no question here."""
-    options = {"ASAN_OPTIONS": "verify_asan_link_order=0:allocator_release_to_os_interval_ms=-1",
-               "TSAN_OPTIONS": "allocator_release_to_os_interval_ms=-1:report_signal_unsafe=0"}
-    return {name: ":".join(filter(None, [os.environ.get(name), value])) for name, value in options.items()}
 
 
 class Volume:
@@ -216,10 +75,12 @@ class Volume:
         with open(self.state_file, "w", encoding="ascii") as file:
             file.write(state_document(last_updated_time, last_purge_time))
 
+    def read_state(self):
+        with open(self.state_file, encoding="ascii") as file:
+            return file.read()
+
     def element(self):
-        paths = lambda kind, items: f"<{kind}>{''.join(f'<Path>{escape(item)}</Path>' for item in items)}</{kind}>"
-        return (f"<Volume><Name>{escape(self.name)}</Name><Root>{escape(self.root)}</Root>"
-                f"{paths('CrawlPaths', self.crawl)}{paths('ExcludePaths', self.exclude)}</Volume>")
+        return volume_element(self.name, self.root, self.crawl, self.exclude)
 
 
 def state_document(last_updated_time, last_purge_time):
@@ -231,10 +92,7 @@ def state_document(last_updated_time, last_purge_time):
 
 def configuration(volumes, purge_threshold=NEVER_PURGE):
     """A host configuration of the given volumes."""
-    return ('<?xml version="1.0" encoding="UTF-8"?>\n<QuarrowHost><Version>1.0</Version>'
-            "<last_updated_time>1262304000</last_updated_time><quarrow_enabled>true</quarrow_enabled>"
-            f"<purge_threshold>{purge_threshold}</purge_threshold><rewalk_threshold>14400</rewalk_threshold>"
-            f"<Volumes>{''.join(volume.element() for volume in volumes)}</Volumes></QuarrowHost>\n")
+    return host_configuration([volume.element() for volume in volumes], purge_threshold=purge_threshold, rewalk_threshold=14400)
 
 
 class Arena:
@@ -295,253 +153,6 @@ class Arena:
         return reports
 
 
-def sandbox_command(arena, folder, argv, log, mime_table=MIME_TABLE, binds=(), closed=(), user=None, environment=None,
-                    **limits):
-    """The command that runs `argv` in a sandbox whose own files lie in `folder`."""
-    for name in ("root", "tmp"):
-        os.makedirs(os.path.join(folder, name), exist_ok=True)
-    os.chmod(os.path.join(folder, "tmp"), 0o1777)
-    binary_folder = os.path.dirname(BINARY)
-    if binary_folder.startswith("/tmp/"):  # the whole build folder, for the counters of a coverage build
-        binary_folder = "/".join(binary_folder.split("/")[:3])
-    settings = {"argv": argv, "root": os.path.join(folder, "root"), "tmp": os.path.join(folder, "tmp"), "log": log,
-                "mime_table": mime_table, "keep": [arena.folder, binary_folder], "binds": list(binds),
-                "mounts": arena.mount_points, "closed": list(closed), "user": user, "environment": environment or {}, **limits}
-    return [sys.executable, "-S", "-E", "-s", "-B", os.path.join(HERE, "sandbox.py"), json.dumps(settings)]
-
-
-class Daemon:
-    """One run of the daemon. `pid` is the daemon itself: it is signalled and waited for directly."""
-
-    def __init__(self, arena, arguments=(), environment=None, mime_table=MIME_TABLE, binds=(), closed=(), standby=False,
-                 wrapper=(), **limits):
-        """`limits` and `user_limits` are what the sandbox makes of them. `wrapper` is a command, its program with an absolute
-        path, that is run in the sandbox and is to run the daemon's, which comes behind it."""
-        self.arena = arena
-        self.folder = tempfile.mkdtemp(prefix="run-", dir=arena.folder)
-        self.log = LogSink(self.folder, os.path.basename(BINARY))
-        self.exit_status = None
-        inherited = {key: value for key, value in os.environ.items()
-                     if key != "QUARROW_CONFIG_FILE" and not key.startswith("FAKETIME")}
-        command = sandbox_command(arena, self.folder, [*wrapper, BINARY, *arguments], self.log.path, mime_table, binds, closed,
-                                  environment={**inherited, **sanitizer_options(), **(environment or {})}, **limits)
-        if standby:
-            self.set_standby(True)
-        with open(self.output_path("stdout"), "wb") as stdout, open(self.output_path("stderr"), "wb") as stderr:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr)
-        self.pid = self.process.pid
-        arena.daemons.append(self)
-
-    # What it writes
-
-    def output_path(self, name):
-        return os.path.join(self.folder, name)
-
-    def output(self, name="stdout"):
-        with open(self.output_path(name), encoding="utf-8", errors="surrogateescape") as file:
-            return file.read()
-
-    def sanitizer_report(self):
-        text = self.output("stderr")
-        return text if re.search(r"(Address|Thread|Leak)Sanitizer|runtime error:", text) else ""
-
-    @property
-    def lines(self):
-        with self.log.changed:
-            return list(self.log.lines)
-
-    def texts(self, priority=None):
-        return [line.text for line in self.lines if priority in (None, line.priority)]
-
-    def errors(self):
-        return self.texts("ERR")
-
-    def count(self, line):
-        return self.lines.count(line)
-
-    # Waiting for it
-
-    def wait_log(self, condition, what, bound=BOUND):
-        """Returns the first true value of `condition(lines)`, asked anew whenever a line comes in."""
-        deadline = time.monotonic() + bound
-        while True:
-            ended = self.process.poll() is not None
-            if ended:
-                self.log.settle()
-            with self.log.changed:
-                value = condition(self.log.lines)
-                if value:
-                    return value
-                assert not ended, f"the daemon ended with {self.process.returncode} before: {what}"
-                assert time.monotonic() < deadline, f"not within {bound} s: {what}\n{self.tail()}"
-                self.log.changed.wait(0.2)
-
-    def wait_line(self, line, times=1):
-        self.wait_log(lambda lines: lines.count(line) >= times, f"{times} of {line}")
-
-    def wait_walks(self, times=1, bound=BOUND):
-        """Returns when that many walks in all have logged their end, and no walk thread is left."""
-        self.wait_log(lambda lines: sum(is_walk_end(line) for line in lines) >= times, f"the end of {times} walks", bound)
-        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
-
-    def walks_of(self, volume):
-        """How many walks of a volume with one start folder have ended."""
-        start = volume.path(volume.crawl[0].rstrip("/") if volume.crawl else "")
-        return self.count(info(f"Finished walk. Walk started at {start}\n"))
-
-    def wait_walks_of(self, volume, times):
-        self.wait_log(lambda _: self.walks_of(volume) >= times, f"{times} walks of {volume.name}")
-
-    def wait_bursts(self, times, bound=BOUND):
-        self.wait_log(lambda lines: lines.count(info("======\n")) >= times, f"the end of {times} bursts", bound)
-
-    def bursts(self):
-        return self.count(info("======\n"))
-
-    def thread_count(self):
-        return len(os.listdir(f"/proc/{self.pid}/task"))
-
-    @staticmethod
-    def steady_threads():
-        """Main, watcher and purge thread; the thread sanitizer keeps one of its own."""
-        return 3 + has_thread_sanitizer()
-
-    def tail(self, lines=30):
-        return "\n".join(f"{line.priority:4} {line.text[:250]!r}" for line in self.log.lines[-lines:])
-
-    # Acting on it
-
-    def signal(self, number):
-        assert self.process.poll() is None, f"the daemon has ended with {self.process.returncode}"
-        os.kill(self.pid, number)
-
-    def wait_exit(self):
-        """Waits for the end of the daemon; returns its exit status, negative for a signal."""
-        try:
-            status = self.process.wait(BOUND)
-        except subprocess.TimeoutExpired as expired:
-            raise AssertionError(f"the daemon still runs after {BOUND} s\n{self.tail()}") from expired
-        self.log.settle()
-        return status
-
-    def stop(self):
-        """Stops the daemon in the regular way, which always succeeds."""
-        self.signal(signal.SIGTERM)
-        status = self.wait_exit()
-        assert status == 0, f"exit status {status}\n{self.output('stderr')}\n{self.tail()}"
-
-    def kill(self):
-        self.signal(signal.SIGKILL)
-        assert self.wait_exit() == -signal.SIGKILL
-
-    def end_first_sleep(self):
-        """Cuts short the minute between start-up and the control loop; returns when the loop waits.
-
-        The loop's semaphore then counts two, the initial one and the signal's, so the loop turns twice."""
-        before = self.count(info("Going to sleep.\n"))
-        assert before == 0
-        self.signal(signal.SIGUSR1)
-        self.wait_line(info("Going to sleep.\n"), 3)
-
-    def rewalk(self, clock=None, bound=BOUND):
-        """Has the control loop walk every volume once; returns when no walk thread is left. Without the clock that it was
-        started with, the daemon needs one that runs fast: signals that come too soon are repeated."""
-        sleeps, wakes = info("Going to sleep.\n"), info("We received a wake up message from the signal handler\n")
-        rounds = lambda lines: lines.count(wakes) - sum(line.text.startswith("Woke up too soon") for line in lines)
-        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
-        before = rounds(self.lines)
-        while rounds(self.lines) == before:
-            if clock is not None:
-                clock.advance(300)
-            woken = self.count(wakes)
-            self.signal(signal.SIGUSR1)
-            self.wait_log(lambda lines: woken < lines.count(wakes) < lines.count(sleeps), "the control loop back at its wait")
-            time.sleep(0.05)
-        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads", bound)
-
-    def limit(self, name, limit=None):
-        """Sets a soft resource limit of the running daemon, as in limit("NOFILE", 20); without a value, lifts it."""
-        number = getattr(resource, f"RLIMIT_{name}")
-        hard = resource.prlimit(self.pid, number)[1]
-        resource.prlimit(self.pid, number, (hard if limit is None else limit, hard))
-
-    def status(self, field):
-        """A figure of /proc/PID/status, as in status("VmSize"), which is in KiB."""
-        with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
-            return next(int(line.split()[1]) for line in file if line.startswith(field + ":"))
-
-    def descriptors(self):
-        """What the daemon has open: descriptor to the file it leads to."""
-        folder, found = f"/proc/{self.pid}/fd", {}
-        for number in os.listdir(folder):
-            try:
-                found[int(number)] = os.readlink(f"{folder}/{number}")
-            except FileNotFoundError:  # closed meanwhile
-                pass
-        return found
-
-    def kernel_watches(self):
-        """How many watches the kernel keeps for the daemon."""
-        [number] = [number for number, target in self.descriptors().items() if target == "anon_inode:inotify"]
-        with open(f"/proc/{self.pid}/fdinfo/{number}", encoding="ascii") as file:
-            return sum(line.startswith("inotify ") for line in file)
-
-    def set_standby(self, present):
-        marker = os.path.join(self.folder, "tmp", "standby")
-        if present:
-            os.makedirs(os.path.dirname(marker), exist_ok=True)
-            open(marker, "wb").close()
-        else:
-            os.unlink(marker)
-
-    class Frozen:
-        """While inside, the daemon is stopped: all kernel records that arise are read in one piece afterwards."""
-
-        def __init__(self, daemon):
-            self.daemon = daemon
-
-        def __enter__(self):
-            os.kill(self.daemon.pid, signal.SIGSTOP)
-            _, status = os.waitpid(self.daemon.pid, os.WUNTRACED)
-            assert os.WIFSTOPPED(status)
-
-        def __exit__(self, *_):
-            os.kill(self.daemon.pid, signal.SIGCONT)
-
-    def frozen(self):
-        return self.Frozen(self)
-
-    def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
-        if self.log is not None and self.log.thread.is_alive():
-            self.log.close()
-            assert self.log.damaged == [], "datagrams without the daemon's name or facility"
-
-
-def is_walk_end(line):
-    """A walk's last line."""
-    return re.fullmatch(r"Actively watching \d+ folders\n", line.text) is not None
-
-
-def walk_lines(lines):
-    """Of a daemon's lines, those that walks write, in order."""
-    return [line for line in lines if WALK_LINE.match(line.text)]
-
-
-WALK_LINE = re.compile(r"For folder |Add f|Removing |Finished walk|Total folders|The time taken|Actively watching"
-                       r"|Crawl paths is empty|Checking if|not found |Processed \d+ folders")
-
-
 def inotify_limit(name):
     with open(f"/proc/sys/fs/inotify/{name}", encoding="ascii") as file:
         return int(file.read())
-
-
-def last_element(path):
-    return path[path.rfind("/") + 1:]
-
-
-def as_32_bit(number):
-    return ctypes.c_int32(number & 0xFFFFFFFF).value

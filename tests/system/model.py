@@ -35,9 +35,14 @@ class MimeTable:
         return self.categories.get(extension, OTHER) if dot and extension else OTHER
 
 
+def as_32_bit(number):
+    """Its low 32 bits, signed."""
+    return ctypes.c_int32(number & 0xFFFFFFFF).value
+
+
 def as_stored(seconds):
     """A time as the catalogue holds it: whole seconds, rounded down, in 32 signed bits."""
-    return ctypes.c_int32(int(seconds // 1_000_000_000) & 0xFFFFFFFF).value
+    return as_32_bit(int(seconds // 1_000_000_000))
 
 
 def is_hidden(path):
@@ -124,7 +129,7 @@ def tree_rows(volume, crawl, excludes, mime):
 
 def read_size(size):
     """A stored size as the daemon reads it back: its low 32 bits, signed."""
-    return ctypes.c_int32(size & 0xFFFFFFFF).value
+    return as_32_bit(size)
 
 
 def after_walk(before, tree, within=""):

@@ -3,7 +3,8 @@ import os
 import random
 import time
 
-from harness import BOUND, info
+from lines import info
+from quarrow_driver.waiting import BOUND
 
 BANNER = info("================\n")
 
@@ -19,10 +20,6 @@ def batches(items, size):
     return [items[start:start + size] for start in range(0, len(items), size)]
 
 
-def has_ended(daemon):
-    return daemon.process.poll() is not None
-
-
 def send_at(plan, since=BANNER):
     """Sends each daemon of the plan its signals, (seconds, number) pairs in order of time, that long after it has logged the
     given line. What has ended by then gets none."""
@@ -31,7 +28,7 @@ def send_at(plan, since=BANNER):
     while waiting:
         assert time.monotonic() < deadline, f"{len(waiting)} daemons have neither ended nor logged {since}"
         for daemon, signals in list(waiting.items()):
-            if has_ended(daemon):
+            if daemon.has_ended():
                 del waiting[daemon]
                 continue
             if daemon not in seen and since in daemon.lines:

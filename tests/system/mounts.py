@@ -4,7 +4,6 @@ The test process enters a private mount namespace, in which the arena's folder i
 follow what is mounted and unmounted there, so the test and its daemons see the same under the same paths.
 """
 import contextlib
-import ctypes
 import functools
 import os
 import subprocess
@@ -12,37 +11,14 @@ import tempfile
 
 import pytest
 
-MS_RDONLY = 0x1
-MS_REMOUNT = 0x20
-MS_BIND = 0x1000
-MS_REC = 0x4000
-MS_PRIVATE = 0x40000
-MS_SHARED = 0x100000
-MNT_DETACH = 0x2
-CLONE_NEWNS = 0x00020000
-
-libc = ctypes.CDLL(None, use_errno=True)
-
-
-def check(result, what):
-    if result != 0:
-        error = ctypes.get_errno()
-        raise OSError(error, f"{what}: {os.strerror(error)}")
-
-
-def mount(source, target, kind, flags, options=None):
-    encode = lambda text: None if text is None else os.fsencode(text)
-    check(libc.mount(encode(source), encode(target), encode(kind), ctypes.c_ulong(flags), encode(options)), f"mount on {target}")
-
-
-def unmount(path, flags=0):
-    check(libc.umount2(os.fsencode(path), flags), f"unmount {path}")
+from quarrow_driver.mounting import (CLONE_NEWNS, MNT_DETACH, MS_BIND, MS_PRIVATE, MS_RDONLY, MS_REC, MS_REMOUNT, MS_SHARED, mount,
+                                     unmount, unshare)
 
 
 @functools.lru_cache(maxsize=None)
 def enter_private_namespace():
     """For the rest of this process: nothing that is mounted from here on is seen on the machine."""
-    check(libc.unshare(CLONE_NEWNS), "unshare")
+    unshare(CLONE_NEWNS)
     mount("none", "/", None, MS_REC | MS_PRIVATE)
 
 

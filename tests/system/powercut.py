@@ -15,8 +15,8 @@ import sys
 
 import pytest
 
-from harness import wait_for
 from mounts import unmount
+from quarrow_driver.waiting import wait_for
 
 BLOCK = 4096
 SETPRIV = "/usr/bin/setpriv"
@@ -45,7 +45,8 @@ class Disk:
         os.mkdir(self.device)
         open(self.notes, "xb").close()
         self.server = subprocess.Popen([SETPRIV, "--pdeathsig", "KILL", sys.executable, "-B", os.path.abspath(__file__),
-                                        self.first, self.notes, self.device], stdin=subprocess.DEVNULL)
+                                        self.first, self.notes, self.device], stdin=subprocess.DEVNULL,
+                                       env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)})
         wait_for(lambda: self.server.poll() is not None or os.path.ismount(self.device), "the server of the disk")
         assert self.server.poll() is None, "the server of the disk has ended"
 

@@ -1,9 +1,8 @@
 """What the fault tests ask of the daemon after a fault: everything that is on disk is in the catalogue, once and right."""
 import os
-import signal
 
-from catalogue import Rows, assert_same
-from harness import info, is_walk_end, wait_for
+from catalogue import Rows, assert_same, same
+from lines import SLEEP, err, info, is_walk_end
 
 #: How many times as many runs as in everyday use, for a long watch by hand.
 RUNS = int(os.environ.get("QUARROW_FAULT_RUNS", "1"))
@@ -12,9 +11,9 @@ RUNS = int(os.environ.get("QUARROW_FAULT_RUNS", "1"))
 def settle(daemon):
     """Returns when the daemon has started and no walk is going on, however each has ended."""
     daemon.wait_line(info("================\n"))
-    if daemon.count(info("Going to sleep.\n")) == 0:
+    if daemon.count(SLEEP) == 0:
         daemon.end_first_sleep()
-    wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walks")
+    daemon.wait_idle()
 
 
 def walk_again(daemon, clock, walks):
@@ -22,10 +21,13 @@ def walk_again(daemon, clock, walks):
     settle(daemon)
     ended = sum(is_walk_end(line) for line in daemon.lines)
     clock.advance(300)
-    sleeps = daemon.count(info("Going to sleep.\n"))
-    daemon.signal(signal.SIGUSR1)
-    daemon.wait_line(info("Going to sleep.\n"), sleeps + 1)
+    daemon.wake()
     daemon.wait_walks(ended + walks)
+
+
+def failed_walks(daemon, volume):
+    """How many walks of a volume have met what they could not cope with."""
+    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
 
 
 def live_rows(rows):
@@ -35,8 +37,7 @@ def live_rows(rows):
 
 
 def is_converged(volume):
-    actual, expected = live_rows(volume.rows()), live_rows(volume.tree())
-    return sorted(actual.folders) == sorted(expected.folders) and sorted(actual.files) == sorted(expected.files)
+    return same(live_rows(volume.rows()), live_rows(volume.tree()))
 
 
 def assert_converged(volume):
@@ -47,6 +48,15 @@ def assert_converged(volume):
         paths = [row.path for row in kind]
         assert len(paths) == len(set(paths)), "a path has more than one row"
     assert volume.catalogue.is_sound()
+
+
+def assert_next_start_converges(arena, *volumes, check=assert_converged):
+    """One more start walks every volume, and each passes the check then; in all its life nothing goes wrong."""
+    daemon = arena.start(volumes)
+    daemon.wait_walks(len(volumes))
+    for volume in volumes:
+        check(volume)
+    daemon.stop_without_errors()
 
 
 def good_volume(arena, name="Good"):

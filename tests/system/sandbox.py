@@ -20,66 +20,18 @@ Settings:
   limits      {name of a resource: limit}, as in {"NOFILE": 20}; may be left out
   user_limits {name in /proc/sys/user: limit} of a user namespace of the program's own; may be left out
 """
-import ctypes
 import json
 import os
 import resource
-import shutil
 import signal
 import sys
 
-CLONE_NEWNS = 0x00020000
-CLONE_NEWUSER = 0x10000000
-MS_BIND = 0x1000
-MS_REC = 0x4000
-MS_PRIVATE = 0x40000
-MS_SLAVE = 0x80000
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../scripts"))
 
-DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
-DEVICE_LINKS = {"fd": "/proc/self/fd", "stdin": "fd/0", "stdout": "fd/1", "stderr": "fd/2"}
+from quarrow_driver.mounting import MS_BIND, bind, mount  # (the path comes first)
+from quarrow_driver.private_space import enter_user_namespace, fill_dev, leave_the_machine, mount_usr_local, write_text
+
 REPLACED = ("dev", "tmp")
-
-libc = ctypes.CDLL(None, use_errno=True)
-
-
-def check(result, what):
-    if result != 0:
-        error = ctypes.get_errno()
-        raise OSError(error, f"{what}: {os.strerror(error)}")
-
-
-def mount(source, target, kind, flags, options=None):
-    encode = lambda text: None if text is None else os.fsencode(text)
-    check(libc.mount(encode(source), encode(target), encode(kind), ctypes.c_ulong(flags), encode(options)),
-          f"mount {source} on {target}")
-
-
-def write_text(path, text):
-    with open(path, "w", encoding="ascii") as file:
-        file.write(text)
-
-
-def leave_the_machine(follow_mounts):
-    """Enters a private mount namespace; without privileges, as root of a private user namespace."""
-    user, group = os.geteuid(), os.getegid()
-    check(libc.unshare(CLONE_NEWNS if user == 0 else CLONE_NEWNS | CLONE_NEWUSER), "unshare")
-    if user != 0:
-        write_text("/proc/self/setgroups", "deny")
-        write_text("/proc/self/uid_map", f"0 {user} 1")
-        write_text("/proc/self/gid_map", f"0 {group} 1")
-    mount("none", "/", None, MS_REC | (MS_SLAVE if follow_mounts else MS_PRIVATE))
-
-
-def bind(source, target, flags=MS_BIND | MS_REC):
-    """Shows `source` at `target`. Links are made again, as links."""
-    if os.path.islink(source):
-        os.symlink(os.readlink(source), target)
-        return
-    if os.path.isdir(source):
-        os.makedirs(target, exist_ok=True)
-    else:
-        open(target, "xb").close()
-    mount(source, target, None, flags)
 
 
 def furnish(settings):
@@ -90,22 +42,10 @@ def furnish(settings):
             bind(f"/{name}", f"{root}/{name}")
 
     os.mkdir(f"{root}/dev")
-    for name in DEVICES:
-        bind(f"/dev/{name}", f"{root}/dev/{name}")
-    for name, target in DEVICE_LINKS.items():
-        os.symlink(target, f"{root}/dev/{name}")
+    fill_dev(f"{root}/dev", settings["log"])
     os.mkdir(f"{root}/dev/shm")
     os.chmod(f"{root}/dev/shm", 0o1777)
-    if settings["log"] is not None:
-        os.symlink(settings["log"], f"{root}/dev/log")
-
-    mount("tmpfs", f"{root}/usr/local", "tmpfs", 0, "mode=755")
-    for name in os.listdir("/usr/local"):
-        if name != "quarrow":
-            bind(f"/usr/local/{name}", f"{root}/usr/local/{name}")
-    os.mkdir(f"{root}/usr/local/quarrow")
-    if settings["mime_table"] is not None:
-        shutil.copyfile(settings["mime_table"], f"{root}/usr/local/quarrow/mime_types.txt")
+    mount_usr_local(f"{root}/usr/local", settings["mime_table"])
 
     os.mkdir(f"{root}/tmp")
     mount(settings["tmp"], f"{root}/tmp", None, MS_BIND)
@@ -121,11 +61,7 @@ def furnish(settings):
 
 def limit_user(limits):
     """In a user namespace of its own, root has limits of its own, which are the machine's at most."""
-    user, group = os.geteuid(), os.getegid()
-    check(libc.unshare(CLONE_NEWUSER), "unshare")
-    write_text("/proc/self/setgroups", "deny")
-    write_text("/proc/self/uid_map", f"{user} {user} 1")
-    write_text("/proc/self/gid_map", f"{group} {group} 1")
+    enter_user_namespace(0, os.geteuid(), os.getegid())
     for name, limit in limits.items():
         write_text(f"/proc/sys/user/{name}", str(limit))
 

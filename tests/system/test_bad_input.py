@@ -8,18 +8,14 @@ from xml.etree import ElementTree
 import pytest
 
 from catalogue import assert_same, edit
-from harness import Volume, configuration, err, info, state_document
+from harness import Volume, configuration, state_document
+from lines import err, info
 from model import MimeTable, after_walk, tree_rows
+from recovery import good_volume
 from trees import extensions
 
 BANNER = info("================\n")
 REJECTED = [err("Could not parse the config xml\n"), err("Failed in reading the config file\n")]
-
-
-def good_volume(arena, name):
-    volume = arena.volume(name, crawl=["/m"])
-    volume.make_file("/m/sub/1.mp3", b"x")
-    return volume
 
 
 def damaged(text, choice):
@@ -341,8 +337,7 @@ def test_a_mime_table_that_says_nothing_leaves_every_file_other(arena, content):
     rows = volume.rows()
     assert_same(rows, tree_rows(volume.folder, volume.crawl, [], MimeTable(None)))
     assert {row.category for row in rows.files} == {4}
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_a_mime_table_with_every_turn_of_the_format(arena):

@@ -15,8 +15,9 @@ import sys
 import pytest
 
 from catalogue import edit
-from harness import BOUND, fast_clock, wait_for
 from mounts import disks_work
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import BOUND, wait_for
 from recovery import assert_converged, good_volume, is_converged, walk_again
 
 pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="becoming another user takes root")
@@ -181,8 +182,7 @@ def test_the_former_owner_cuts_off_an_index_that_a_killed_daemon_left(arena, clo
         assert_converged(each)
     assert shortened == ["PermissionError"] * 3
     assert_of_root(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_a_volume_is_given_to_a_user_while_it_is_in_use(arena):
@@ -204,8 +204,7 @@ def test_a_volume_is_given_to_a_user_while_it_is_in_use(arena):
         assert_converged(each)
     assert shortened == ["PermissionError"] * 3
     assert_of_root(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 # Second names of other files
@@ -499,8 +498,7 @@ def test_a_plain_catalogue_of_a_user_becomes_roots(arena):
             assert_of_root(each)
         for each, known in zip(volumes, ids):
             assert known.items() <= each.catalogue.file_ids().items()
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
         for each in volumes:
             each.make_file(f"/m/sub/{number}.mp3", b"x")
 
@@ -583,7 +581,7 @@ def test_a_daemon_of_a_user_opens_no_catalogue_of_another_user(arena):
         before = file.read()
     daemon = arena.start(volumes, wrapper=[sys.executable, "-I", "-S", "-B", "-c", AS_USER, str(USER)])
     daemon.wait_walks(2)
-    assert daemon.status("Uid") == USER
+    assert int(daemon.status()["Uid"][0]) == USER
     for volume in (own, roots):
         assert_converged(volume)
     daemon.stop()

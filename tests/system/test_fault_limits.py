@@ -15,10 +15,14 @@ import sys
 import pytest
 
 from catalogue import assert_same
-from harness import fast_clock, has_address_sanitizer, has_thread_sanitizer, info, inotify_limit, wait_for
-from recovery import RUNS, assert_converged
+from daemon import has_address_sanitizer, has_thread_sanitizer
+from harness import inotify_limit
+from lines import SLEEP, info
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.mounting import CLONE_NEWUSER
+from quarrow_driver.waiting import wait_for
+from recovery import RUNS, assert_converged, assert_next_start_converges
 
-CLONE_NEWUSER = 0x10000000
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
 CLOCK = fast_clock(300)
 
@@ -80,6 +84,30 @@ def on_disk(volume):
     return {row.path for row in tree.folders + tree.files if row.name != ".tickle"}
 
 
+def assert_complete(volume):
+    assert offered(volume) == on_disk(volume)
+    assert volume.catalogue.is_sound()
+
+
+def assert_nothing_wrong(volume):
+    """Rows may be missing, but no row is wrong."""
+    assert offered(volume) <= on_disk(volume)
+    assert volume.catalogue.is_sound()
+
+
+def assert_recovers(daemon, volumes, resource):
+    """One walk after the limit is lifted puts every catalogue right."""
+    daemon.limit(resource)
+    daemon.rewalk()
+    for volume in volumes:
+        assert_converged(volume)
+
+
+def wait_for_threads(daemon, walks):
+    """Returns when all threads have started, of which so many walk."""
+    daemon.wait_line(info("pthread_sigmask returned 0\n"), 2 + walks)
+
+
 # Watches
 
 @in_a_user_namespace
@@ -116,39 +144,34 @@ def test_the_last_watch_is_given_away_in_mid_walk(arena):
     volume, folder = unseen[-1]
     volume.create(f"{folder}/later.mp3")
     wait_for(lambda: f"{folder}/later.mp3" in volume.catalogue.live(), "the new file in a folder that is watched now")
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     assert inotify_limit("max_user_watches") == machine
+
+
+def assert_full_walks_do(arena, volume, watches):
+    """With so few watches, full walks alone keep the catalogue right."""
+    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": watches})
+    daemon.wait_walks()
+    assert daemon.kernel_watches() == watches
+    assert_same(volume.rows(), volume.tree())
+    volume.create("/m/3/3/late.mp3")
+    daemon.rewalk()
+    assert_converged(volume)
+    daemon.stop_without_errors()
 
 
 @in_a_user_namespace
 def test_a_stop_when_there_is_no_watch_left(arena):
     """Other programs may have taken all but one. Whatever the watcher thread waits for, a stop ends it."""
     volume = many_folders(arena, "A", 20)
-    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 1})
-    daemon.wait_walks()
-    assert daemon.kernel_watches() == 1
-    assert_same(volume.rows(), volume.tree())
-    volume.create("/m/3/3/late.mp3")
-    daemon.rewalk()
-    assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    assert_full_walks_do(arena, volume, watches=1)
 
 
 @in_a_user_namespace
 def test_no_watch_from_the_start(arena):
     """Full walks keep the catalogue right, and nothing that a stop could have the kernel say is needed to end."""
     volume = many_folders(arena, "A", 20)
-    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 0})
-    daemon.wait_walks()
-    assert daemon.kernel_watches() == 0
-    assert_same(volume.rows(), volume.tree())
-    volume.create("/m/3/3/late.mp3")
-    daemon.rewalk()
-    assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    assert_full_walks_do(arena, volume, watches=0)
 
     # And when the watches come later.
     daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 0})
@@ -157,8 +180,7 @@ def test_no_watch_from_the_start(arena):
     daemon.rewalk()
     volume.create("/m/3/3/later.mp3")
     wait_for(lambda: "/m/3/3/later.mp3" in volume.catalogue.live(), "the new file in a folder that is watched now")
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 #: Runs a command as a user who may pass the root folder, but not read it. That folder is the sandbox's own, and the log is
@@ -187,16 +209,14 @@ def test_a_stop_of_an_ordinary_user_who_may_watch_nothing(arena):
     """There is no folder left to leave the mark of the stop in, and none that the kernel would say anything about."""
     os.chmod(arena.folder, 0o711)
     daemon = lose_every_watch(arena, wrapper=AS_NOBODY)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @in_a_user_namespace
 def test_a_stop_when_the_last_watch_has_gone_and_there_is_no_other(arena):
     daemon = lose_every_watch(arena, environment=CLOCK, user_limits={"max_inotify_watches": 1})
     set_user_limit(daemon, "max_inotify_watches", 0)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @in_a_user_namespace
@@ -298,10 +318,7 @@ def test_no_descriptor_left_while_running(arena):
         assert volume.catalogue.is_sound()
     assert descriptors_at_rest(daemon, volumes) == usual
 
-    daemon.limit("NOFILE")
-    daemon.rewalk()
-    for volume in volumes:
-        assert_converged(volume)
+    assert_recovers(daemon, volumes, "NOFILE")
     assert daemon.errors() == []
 
     daemon.limit("NOFILE", max(usual) + 1)
@@ -321,18 +338,14 @@ def test_descriptors_run_out_at_any_moment_of_the_first_walk(arena):
         print(f"run {run}, seed {seed}: {free} descriptors from folder {folders} on")
         volumes = [many_folders(arena, f"A{run}", 50), many_folders(arena, f"B{run}", 50)]
         daemon = arena.start(volumes, environment=CLOCK)
-        daemon.wait_log(lambda lines: sum(line.text == "pthread_sigmask returned 0\n" for line in lines) == 4, "all threads")
+        wait_for_threads(daemon, walks=2)
         daemon.wait_log(lambda lines: sum(line.text.startswith("For folder") for line in lines) >= folders, "some folders")
         daemon.limit("NOFILE", max(daemon.descriptors()) + 1 + free)
         daemon.wait_walks(2)
         for volume in volumes:
-            assert offered(volume) <= on_disk(volume)
-            assert volume.catalogue.is_sound()
+            assert_nothing_wrong(volume)
             incomplete += offered(volume) != on_disk(volume)
-        daemon.limit("NOFILE")
-        daemon.rewalk()
-        for volume in volumes:
-            assert_converged(volume)
+        assert_recovers(daemon, volumes, "NOFILE")
         daemon.stop()
     assert incomplete > 0, "no walk was short of descriptors"
 
@@ -351,11 +364,11 @@ def test_a_start_with_few_descriptors(arena):
         known.make_file(f"/m/{limit}.mp3", b"x")
         daemon = arena.start([known, new], environment=CLOCK, limits={"NOFILE": limit})
         # The purge thread is the last thing that is started.
-        wait_for(lambda: daemon.process.poll() is not None or daemon.count(info("pthread_sigmask returned 0\n")) >= 2
+        wait_for(lambda: daemon.has_ended() or daemon.count(info("pthread_sigmask returned 0\n")) >= 2
                  or "Going to sleep.\n" in daemon.texts(), "an outcome")
         status = daemon.process.poll()
         if status is None:
-            wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+            daemon.wait_idle()
             daemon.stop()
             outcomes.add("could not initialise" if any(text.startswith("Could not initialize") for text in daemon.errors())
                          else "complete" if offered(new) == on_disk(new) else "incomplete")
@@ -365,12 +378,7 @@ def test_a_start_with_few_descriptors(arena):
         after = offered(known)
         assert before <= after <= on_disk(known) and known.catalogue.is_sound(), f"limit {limit}"
 
-        again = arena.start([known, new])
-        again.wait_walks(2)
-        for volume in (known, new):
-            assert offered(volume) == on_disk(volume) and volume.catalogue.is_sound(), f"limit {limit}"
-        again.stop()
-        assert again.errors() == [], f"limit {limit}"
+        assert_next_start_converges(arena, known, new, check=assert_complete)
     assert {"complete", "could not initialise"} <= outcomes
 
 
@@ -393,24 +401,20 @@ def test_memory_runs_out_while_walks_run(arena, resource):
                 volume.make_file(f"/m/{number % 7}/large/{number}{' and so on' * 10}.mp3")
         # One arena, whose memory is the limited kind: others reserve much and use little.
         daemon = arena.start(volumes, environment={**CLOCK, "MALLOC_ARENA_MAX": "1"})
-        daemon.wait_log(lambda lines: sum(line.text == "pthread_sigmask returned 0\n" for line in lines) == 4, "all threads")
+        wait_for_threads(daemon, walks=2)
         top = info(f"For folder {volumes[0].path('/m')}")  # which the changes below need watched
         daemon.wait_log(lambda lines: top in lines and sum(line.text.startswith("For folder") for line in lines) >= folders
-                        or daemon.thread_count() <= daemon.steady_threads(), "some folders")
-        daemon.limit(resource, (daemon.status({"AS": "VmSize", "DATA": "VmData"}[resource]) + more) * 1024)
-        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+                        or daemon.is_idle(), "some folders")
+        daemon.limit(resource, (daemon.memory()[{"AS": "VmSize", "DATA": "VmData"}[resource]] + more) * 1024)
+        daemon.wait_idle()
         for number in range(200):  # and for the watcher thread
             volumes[0].create(f"/m/{number % 7}/{number % 150 // 7 * 7 + number % 7}/late {number}.mp3" if number % 150 < 140
                               else f"/m/late {number}.mp3")
         daemon.wait_bursts(1)
         failures += bool(daemon.errors())
         for volume in volumes:
-            assert offered(volume) <= on_disk(volume)
-            assert volume.catalogue.is_sound()
-        daemon.limit(resource)
-        daemon.rewalk()
-        for volume in volumes:
-            assert_converged(volume)
+            assert_nothing_wrong(volume)
+        assert_recovers(daemon, volumes, resource)
         daemon.stop()
     assert failures > 0, "no run was short of memory"
 
@@ -424,7 +428,7 @@ def test_memory_runs_out_for_the_watcher(arena):
     volume.make_folder(*folders)
     daemon = arena.start([volume], environment=CLOCK)
     daemon.wait_walks()
-    daemon.limit("DATA", daemon.status("VmData") * 1024)
+    daemon.limit("DATA", daemon.memory()["VmData"] * 1024)
     with daemon.frozen():
         for folder in folders:
             volume.create(f"{folder}/1.mp3")
@@ -448,7 +452,7 @@ def test_a_start_with_little_memory(arena):
     one_arena = {"MALLOC_ARENA_MAX": "1"}  # others reserve much and use little
     first = arena.start([known], environment=one_arena)
     first.wait_walks()
-    needed = first.status("VmPeak")
+    needed = first.memory()["VmPeak"]
     first.stop()
     outcomes = set()
     runs = 16 * RUNS
@@ -458,22 +462,17 @@ def test_a_start_with_little_memory(arena):
         known.make_file(f"/m/{run}.mp3", b"x")
         limit = needed * (40 + 70 * run // max(1, runs - 1)) // 100
         daemon = arena.start([known, new], limits={"AS": limit * 1024, "CORE": 0}, environment=one_arena)
-        wait_for(lambda: daemon.process.poll() is not None or (
+        wait_for(lambda: daemon.has_ended() or (
             any(line.text.startswith(("Purging", "Volume in", "Finished walk", "Could not init")) for line in daemon.lines)
-            and daemon.thread_count() <= daemon.steady_threads()), "an outcome")
-        if daemon.process.poll() is None:
+            and daemon.is_idle()), "an outcome")
+        if not daemon.has_ended():
             daemon.stop()
             outcomes.add("lived")
         else:
             outcomes.add("ended")
         after = offered(known)
         assert before <= after <= on_disk(known) and known.catalogue.is_sound(), f"limit {limit} KiB"
-        again = arena.start([known, new])
-        again.wait_walks(2)
-        for volume in (known, new):
-            assert offered(volume) == on_disk(volume) and volume.catalogue.is_sound(), f"limit {limit} KiB"
-        again.stop()
-        assert again.errors() == [], f"limit {limit} KiB"
+        assert_next_start_converges(arena, known, new, check=assert_complete)
     assert outcomes == {"lived", "ended"}
 
 
@@ -482,8 +481,8 @@ def test_a_start_with_little_memory(arena):
 def start_with_small_files(arena, volumes, limit):
     """A daemon whose files may not grow beyond that many bytes, when each of its volumes has been walked or refused."""
     daemon = arena.start(volumes, environment=CLOCK, limits={"FSIZE": limit})
-    daemon.wait_line(info("Going to sleep.\n"))
-    wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+    daemon.wait_line(SLEEP)
+    daemon.wait_idle()
     return daemon
 
 
@@ -512,12 +511,7 @@ def test_files_that_may_not_grow(arena, limit):
     # The next one may write what it wants, the one after that may not: its catalogue is larger than that already.
     for each in (volume, small):
         each.create("/m/late.mp3")
-    daemon = arena.start([volume, small])
-    daemon.wait_walks(2)
-    assert_converged(volume)
-    assert_converged(small)
-    daemon.stop()
-    assert daemon.errors() == []
+    assert_next_start_converges(arena, volume, small)
     before = volume.rows()
     for number in range(100):
         os.unlink(volume.path(f"/m/{number % 7}/{number}/0{' and so on' * 20}.mp3"))
@@ -527,12 +521,7 @@ def test_files_that_may_not_grow(arena, limit):
     assert "Got an exception during the walking of volumeManager A\n" in daemon.errors()
     assert {row.path for row in before.folders} <= offered(volume) <= {row.path for kind in before for row in kind}
     assert refused or "/m/later.mp3" in small.catalogue.live()
-    daemon = arena.start([volume, small])
-    daemon.wait_walks(2)
-    assert_converged(volume)
-    assert_converged(small)
-    daemon.stop()
-    assert daemon.errors() == []
+    assert_next_start_converges(arena, volume, small)
 
 
 # Standard output and error

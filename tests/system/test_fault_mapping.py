@@ -1,12 +1,9 @@
 """Volumes on which files cannot be mapped for sharing: some network file systems, and those of user space without a cache."""
 import os
 import subprocess
-import time
 
 import pytest
 
-from catalogue import assert_same
-from harness import wait_for
 from recovery import assert_converged, good_volume, walk_again
 
 

@@ -13,7 +13,10 @@ import time
 import pytest
 
 from catalogue import Catalogue
-from harness import BOUND, fast_clock, info, inotify_limit, wait_for
+from harness import inotify_limit
+from lines import info
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import BOUND, wait_for
 from recovery import RUNS, assert_converged, good_volume, is_converged
 
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
@@ -304,8 +307,7 @@ def test_a_writer_takes_the_lock_in_mid_walk(arena):
         daemon.wait_walks_of(volume, 1)
         wait_for(lambda: is_converged(volume), "the whole tree in the catalogue")
         assert_converged(volume)
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
 
 
 class SlowThread:
@@ -370,8 +372,7 @@ def test_a_live_walk_takes_turns_with_a_full_walk(arena):
         assert summaries("/live") == live
         assert summaries("/m") < 5 * live
         assert_converged(volume)
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
 
 
 class Writer:
@@ -436,8 +437,7 @@ def test_a_writer_that_commits_all_the_time(arena):
     assert_converged(other)
     assert volume.catalogue.query("select count(*), max(number) from Notes") == [(writer.commits, writer.commits - 1)]
     assert writer.commits > 20
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 # Damage
@@ -483,7 +483,7 @@ def test_one_page_of_a_catalogue_cannot_be_read_for_a_while(arena, kind):
         other.make_file("/m/new.mp3", b"x")
         daemon = arena.start([volume, other], environment=CLOCK)
         daemon.wait_walks_of(other, 1)
-        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+        daemon.wait_idle()
         assert_converged(other)
         with daemon.frozen():  # so that it reads the three at once, and sees the folder of the first and the last
             for each, path in ((other, "/m/sub/live.mp3"), (volume, "/m/3/live.mp3"), (other, "/m/sub/last.mp3")):
@@ -503,8 +503,7 @@ def test_one_page_of_a_catalogue_cannot_be_read_for_a_while(arena, kind):
         assert kept <= volume.catalogue.live()
         again = arena.start([volume, other])
         again.wait_walks(2)
-        again.stop()
-        assert again.errors() == []
+        again.stop_without_errors()
         again = arena.start([volume, other])  # the mark of that stop
         again.wait_walks(2)
         assert_converged(volume)

@@ -9,13 +9,10 @@ import subprocess
 import pytest
 
 from catalogue import assert_same
-from harness import err, wait_for
-from recovery import RUNS, assert_converged, good_volume, settle, walk_again
+from lines import err
+from quarrow_driver.waiting import wait_for
+from recovery import RUNS, assert_converged, failed_walks, good_volume, settle, walk_again
 from trees import make_media_tree
-
-def failed_walks(daemon, volume):
-    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
-
 
 def contents(folder):
     result = {}
@@ -100,8 +97,7 @@ def test_starts_on_read_only_volumes(arena, mounts, clock):
     daemon.wait_walks(5)
     for volume in (none, *old):
         assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_a_volume_that_was_read_only_at_the_start_is_served_by_the_next_one(arena, mounts, clock):
@@ -247,8 +243,7 @@ def test_a_disk_fails_under_the_daemon(arena, disks, clock, fault, moment):
     daemon = arena.start([volume, good])
     daemon.wait_walks(2)
     assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def in_use(image):

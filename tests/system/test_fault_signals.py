@@ -8,19 +8,21 @@ import time
 
 import pytest
 
+from after_a_kill import assert_part_of_a_walk
 from catalogue import assert_same, edit
+from daemon import BINARY
 from deleted_rows import DUE_AFTER, THRESHOLD, copy_of, with_deleted_rows
-from harness import BINARY, fast_clock, info, is_walk_end, wait_for
-from moments import BANNER, batches, has_ended, seeded, send_at
+from lines import AWAKE, SLEEP, info, is_walk_end
+from moments import BANNER, batches, seeded, send_at
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged
-from trees import make_media_tree
+from trees import make_media_tree, media_volumes
 
 GOT_USR1, DONE_USR1 = info("Got a usr1 signal\n"), info("Done with usr1 signal\n")
 GOT_TERM, DONE_TERM = info("Got a signal to stop\n"), info("Done with the stop\n")
 JOINED = info("The thread join has returned with a return code of 0 \n")
 CLOSED = info("sqlite3 handle closed\n")
-SLEEP = info("Going to sleep.\n")
-AWAKE = info("We received a wake up message from the signal handler\n")
 STORM = 10_000
 USR1, TERM = signal.SIGUSR1, signal.SIGTERM
 
@@ -52,7 +54,7 @@ def small_volume(arena, name, crawl="/m"):
 def storm(daemon, numbers, times=STORM):
     """Sends the signals in turn, as fast as that goes, for as long as the daemon is there."""
     for count in range(times):
-        if has_ended(daemon):
+        if daemon.has_ended():
             return
         daemon.process.send_signal(numbers[count % len(numbers)])  # nothing, should it have been waited for meanwhile
 
@@ -99,7 +101,7 @@ def test_a_storm_while_the_loop_walks_and_a_stop_in_the_middle_of_it(arena, cloc
         clock.advance(300)
         storm(daemon, [USR1], STORM // 20)
         wait_at_rest(daemon, before)
-        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+        daemon.wait_idle()
         for volume in volumes:
             os.unlink(volume.path(volume.tree().files[0].path))
     daemon.rewalk(clock)
@@ -169,8 +171,7 @@ def assert_no_worse(arena, groups):
     daemon.wait_walks(sum(len(volume.crawl) for volume in volumes))
     for volume in volumes:
         assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_stops_within_the_first_second(arena):
@@ -251,7 +252,7 @@ def test_stops_before_there_is_a_handler_and_right_after_it(arena):
         for volume in volumes:  # one by one: this is about the first milliseconds
             daemon = arena.start([volume])
             while not is_there(daemon):
-                assert not has_ended(daemon)
+                assert not daemon.has_ended()
             time.sleep(choice.uniform(0, 0.02))
             os.kill(daemon.pid, TERM)
             status = daemon.wait_exit()
@@ -270,18 +271,14 @@ def test_stops_before_there_is_a_handler_and_right_after_it(arena):
 def test_stops_in_mid_walk(arena):
     """Of the first walk, again and again: what is left of the catalogue is part of what a whole walk makes."""
     choice = seeded("walks")
-    volumes = [arena.volume(f"V{number}", crawl=["/m"]) for number in range(8)]
-    for number, volume in enumerate(volumes):
-        make_media_tree(volume, "/m", folders=100, files=600, seed=number)
+    volumes = media_volumes(arena, 8, folders=100, files=600)
     for _ in range(6 * RUNS):
         daemons = [arena.start([volume]) for volume in volumes]
         send_at({daemon: [(choice.uniform(0, 0.1), TERM)] for daemon in daemons}, info("Generating schema"))
         for daemon, volume in zip(daemons, volumes):
             assert_stopped(daemon, [volume])
             assert daemon.errors() == []
-            known = {row.path: row for kind in volume.tree() for row in kind}
-            for row in (row for kind in volume.rows() for row in kind):
-                assert row == known[row.path] or row.path in ("/m", "/m/.tickle")  # since the stop
+            assert_part_of_a_walk(volume, volume.rows(), may_differ=["/m", "/m/.tickle"])  # which the stop has changed
             shutil.rmtree(volume.path("/.quarrow"))
     assert_no_worse(arena, [volumes])
 
@@ -315,11 +312,6 @@ def is_purged(volume, template, table):
         connection.close()
 
 
-def read_state(volume):
-    with open(volume.state_file, encoding="ascii") as file:
-        return file.read()
-
-
 def test_stops_in_mid_purge(arena, clock):
     """A purge that has begun is finished, or gives up and is undone; it never stays half done. Files go before folders, in a
     statement of their own: that one may have been finished when the other gives up. Then the purge is not taken for done."""
@@ -346,7 +338,7 @@ def test_stops_in_mid_purge(arena, clock):
             files, folders = (is_purged(volume, template, table) for table in ("Files", "Folders"))
             assert files or not folders
             assert daemon.errors() == []  # what a stop interrupts has not failed
-            assert (read_state(volume) == read_state(template)) == (not folders)
+            assert (volume.read_state() == template.read_state()) == (not folders)
             outcomes[template].append((files, folders))
             shutil.rmtree(volume.folder)
     assert (True, True) in outcomes[small] and (False, False) in outcomes[large]

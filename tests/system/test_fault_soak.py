@@ -10,7 +10,9 @@ import shutil
 import signal
 import time
 
-from harness import fast_clock, has_address_sanitizer, has_thread_sanitizer, wait_for
+from daemon import has_address_sanitizer, has_thread_sanitizer
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import wait_for
 from recovery import assert_converged
 
 SECONDS = float(os.environ.get("QUARROW_SOAK_SECONDS", "75"))
@@ -161,7 +163,7 @@ def test_a_month_in_an_hour(arena):
         errors += forget_lines(daemon)
         stale = last_figure(texts, r"Actively watching (\d+) folders\n") - daemon.kernel_watches()
         assert stale >= 0
-        figures.append((daemon.status("RssAnon"), stale, daemon.descriptors()))
+        figures.append((daemon.memory()["RssAnon"], stale, daemon.descriptors()))
         print(f"round {number}: {figures[-1][0]} KiB, {len(figures[-1][2])} descriptors, {daemon.kernel_watches()} watches,"
               f" {stale} stale entries, {walks} walks, {bursts} bursts, {purges} purges, {sum(changes.counts.values())} changes")
     print(changes.counts)

@@ -7,19 +7,15 @@ import threading
 import pytest
 
 from catalogue import Catalogue, Rows, assert_same
-from harness import err, wait_for
 from moments import seeded
-from mounts import check, libc
-from recovery import RUNS, assert_converged, good_volume, is_converged, live_rows, settle, walk_again
+from quarrow_driver.mounting import check, libc
+from quarrow_driver.waiting import wait_for
+from recovery import RUNS, assert_converged, failed_walks, good_volume, is_converged, live_rows, settle, walk_again
 from trees import make_media_tree
 
 
 #: The end of a watch that a walk has given up is reported for a descriptor that nobody knows any more.
 UNKNOWN = "No listener/directory found for \n"
-
-
-def failed_walks(daemon, volume):
-    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
 
 
 def assert_media_converged(volume):
@@ -191,8 +187,7 @@ def test_the_folder_of_a_volume_is_deleted_and_made_again(arena, clock):
     daemon = arena.start([volume, good])
     daemon.wait_walks(2)
     assert_media_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @pytest.mark.parametrize("crawl", [["/m"], []], ids=["start folder", "volume"])
@@ -212,8 +207,7 @@ def test_the_folder_of_the_catalogue_is_deleted(arena, clock, crawl):
     daemon = arena.start([volume, good])
     daemon.wait_walks(2)
     assert_media_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def replaced_by_garbage(folder):

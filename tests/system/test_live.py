@@ -5,15 +5,16 @@ read matters, the daemon is stopped while they arise: it then reads them all at 
 """
 import os
 import shutil
-import signal
 import threading
-import time
 
 import pytest
 
 from catalogue import assert_same, edit, same, without
-from harness import fast_clock, info, inotify_limit, wait_for
+from harness import inotify_limit
+from lines import info
 from model import after_walk
+from quarrow_driver.clock import fast_clock
+from quarrow_driver.waiting import wait_for
 from recovery import assert_converged, live_rows
 
 
@@ -410,8 +411,7 @@ def test_live_rows_below_rows_that_are_not(arena, crawl, purged):
     for _ in range(2):
         daemon = idle_daemon(arena, [volume])
         assert_converged(volume)
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
 
 
 def test_what_cannot_be_seen_is_not_gone(arena, clock):

@@ -21,7 +21,7 @@ namespace {
 constexpr uid_t nobody = 65534;
 
 /// SQLite as the daemon sets it up, with catalogues that a user of the volume exchanges while they are being opened.
-class DaemonsSqlite : public CatalogueTest {
+class SqliteProcess : public CatalogueTest {
 protected:
     static void SetUpTestSuite() { setUpSqliteForDaemon(); }
     static void TearDownTestSuite()
@@ -85,7 +85,7 @@ std::string journalThatNames(const std::string& path, std::size_t pages)
 
 } // namespace
 
-TEST_F(DaemonsSqlite, readsWhatWasAdmitted)
+TEST_F(SqliteProcess, readsWhatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     const CatalogueAdmission admission(path);
@@ -93,7 +93,7 @@ TEST_F(DaemonsSqlite, readsWhatWasAdmitted)
     EXPECT_TRUE(isReadable(path));
 }
 
-TEST_F(DaemonsSqlite, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
+TEST_F(SqliteProcess, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     const std::string other = volume.path("other.db");
@@ -106,7 +106,7 @@ TEST_F(DaemonsSqlite, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
     EXPECT_TRUE(isReadable(path)) << "the next admission is one of its own";
 }
 
-TEST_F(DaemonsSqlite, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted)
+TEST_F(SqliteProcess, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     change("pragma journal_mode=wal");
@@ -120,7 +120,7 @@ TEST_F(DaemonsSqlite, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted
     EXPECT_FALSE(isReadable(path));
 }
 
-TEST_F(DaemonsSqlite, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
+TEST_F(SqliteProcess, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
 {
     const std::string path = makeWith("/Music");
     change("pragma journal_mode=wal");
@@ -132,7 +132,7 @@ TEST_F(DaemonsSqlite, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
     EXPECT_TRUE(isReadable(path));
 }
 
-TEST_F(DaemonsSqlite, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
+TEST_F(SqliteProcess, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -153,7 +153,7 @@ TEST_F(DaemonsSqlite, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
     EXPECT_FALSE(isMarked(kept));
 }
 
-TEST_F(DaemonsSqlite, followsNoLinkInAPathThatWasResolved)
+TEST_F(SqliteProcess, followsNoLinkInAPathThatWasResolved)
 {
     const std::string path = makeWith("/Music");
     const std::string found = resolveOwnLinks(path, LinkedFile::followed);
@@ -176,7 +176,7 @@ TEST_F(DaemonsSqlite, followsNoLinkInAPathThatWasResolved)
     sqlite3_close(handle);
 }
 
-TEST_F(DaemonsSqlite, takesAwayNothingThatAJournalNames)
+TEST_F(SqliteProcess, takesAwayNothingThatAJournalNames)
 {
     const std::string path = makeWith("/Music");
     const std::string victim = volume.writeFile("victim", "precious");

@@ -8,9 +8,9 @@
 namespace {
 
 /// /v with a (x, y) and b, a file in each, and /w beside it.
-class FolderDelete : public CatalogueTest {
+class FolderTree : public CatalogueTest {
 protected:
-    FolderDelete()
+    FolderTree()
     {
         openNew();
         insertFolderRow("/v", -1);
@@ -26,7 +26,7 @@ protected:
         insertFileRow("/v/a/y/5.mp3", 5);
         insertFileRow("/w/6.mp3", 6);
     }
-    ~FolderDelete() override { close(); }
+    ~FolderTree() override { close(); }
 
     bool deleteFolder(const std::string& path)
     {
@@ -39,7 +39,7 @@ protected:
 
 } // namespace
 
-TEST_F(FolderDelete, itMarksTheFolderItsSubtreeAndTheirFiles)
+TEST_F(FolderTree, itMarksTheFolderItsSubtreeAndTheirFiles)
 {
     EXPECT_TRUE(deleteFolder("/v/a"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' deleted\n3 in 1 '/v/b' live\n4 in 2 '/v/a/x' deleted\n"
@@ -51,7 +51,7 @@ TEST_F(FolderDelete, itMarksTheFolderItsSubtreeAndTheirFiles)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(FolderDelete, whatItMarksWasWrittenJustNow)
+TEST_F(FolderTree, whatItMarksWasWrittenJustNow)
 {
     const std::string start = std::to_string(secondsNow());
     deleteFolder("/v/a");
@@ -61,7 +61,7 @@ TEST_F(FolderDelete, whatItMarksWasWrittenJustNow)
     EXPECT_EQ("2\n4\n5\n", query("select file_id from Files" + fresh + " order by 1"));
 }
 
-TEST_F(FolderDelete, theRowsStayUntilAPurgeThatFindsThemOldEnough)
+TEST_F(FolderTree, theRowsStayUntilAPurgeThatFindsThemOldEnough)
 {
     deleteFolder("/v");
     EXPECT_EQ("6\n", query("select count(*) from Folders"));
@@ -73,7 +73,7 @@ TEST_F(FolderDelete, theRowsStayUntilAPurgeThatFindsThemOldEnough)
     EXPECT_EQ("6 in 6 '/w/6.mp3' live\n", dumpFiles());
 }
 
-TEST_F(FolderDelete, aFolderWithoutALiveRowIsNotDeletedAgain)
+TEST_F(FolderTree, aFolderWithoutALiveRowIsNotDeletedAgain)
 {
     change("update Folders set is_deleted = 1 where folder_id = 2");
     EXPECT_FALSE(deleteFolder("/v/a"));
@@ -84,7 +84,7 @@ TEST_F(FolderDelete, aFolderWithoutALiveRowIsNotDeletedAgain)
     EXPECT_EQ("0\n", query("select count(*) from Files where is_deleted = 1"));
 }
 
-TEST_F(FolderDelete, theDescentStopsAtAFolderThatIsDeletedAlready)
+TEST_F(FolderTree, theDescentStopsAtAFolderThatIsDeletedAlready)
 {
     change("update Folders set is_deleted = 1 where folder_id = 2");
     deleteFolder("/v");
@@ -93,7 +93,7 @@ TEST_F(FolderDelete, theDescentStopsAtAFolderThatIsDeletedAlready)
         dumpFolders());
 }
 
-TEST_F(FolderDelete, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
+TEST_F(FolderTree, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
 {
     open(); // from here on watched
     probe.clear();
@@ -116,7 +116,7 @@ TEST_F(FolderDelete, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast
         probe.boundStatements());
 }
 
-TEST_F(FolderDelete, theSubtreeCanBeMarkedWithoutTheFolder)
+TEST_F(FolderTree, theSubtreeCanBeMarkedWithoutTheFolder)
 {
     db->updateDeletedFlagForFolders(2);
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in 1 '/v/b' live\n4 in 2 '/v/a/x' deleted\n"
@@ -126,7 +126,7 @@ TEST_F(FolderDelete, theSubtreeCanBeMarkedWithoutTheFolder)
         query("select file_id, 'in', folder_id, quote(path), 'live' from Files where file_id=2 and is_deleted=0"));
 }
 
-TEST_F(FolderDelete, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
+TEST_F(FolderTree, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
 {
     change("with recursive level(n) as (select 7 union all select n+1 from level where n < 10000)"
            " insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
@@ -149,7 +149,7 @@ TEST_F(FolderDelete, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
         "9995 6 10000\n", query("select count(*), min(folder_id), max(folder_id) from Folders where is_deleted = 1"));
 }
 
-TEST_F(FolderDelete, aStopRequestEndsTheDescentOfATransaction)
+TEST_F(FolderTree, aStopRequestEndsTheDescentOfATransaction)
 {
     db->beginTransaction();
     db->requestStop();
@@ -158,7 +158,7 @@ TEST_F(FolderDelete, aStopRequestEndsTheDescentOfATransaction)
     EXPECT_EQ("0\n", query("select is_deleted from Folders where folder_id = 1"));
 }
 
-TEST_F(FolderDelete, aStopInTheMiddleOfATransactionLeavesNothingThatALaterDeletionMisses)
+TEST_F(FolderTree, aStopInTheMiddleOfATransactionLeavesNothingThatALaterDeletionMisses)
 {
     open();
     probe.atTheStartOf("update folders set is_deleted = 1", [this] { db->requestStop(); });

@@ -43,8 +43,7 @@ private:
     sqlite3* connection = nullptr;
 };
 
-const std::string foreignRow = "insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted,"
-                               " last_updated_time) values(-1, '/Foreign', 'Foreign', 0, 0, 0, 0)";
+const std::string foreignRow = folderRow("/Foreign", -1);
 
 class CatalogueConnectionTest : public CatalogueTest {
 protected:

@@ -72,7 +72,7 @@ TEST_F(CatalogueFile, onAVolumeOfAnySizeItIsCompleteOrAbsent)
             EXPECT_EQ("", dumpCatalogueFolder());
         } else {
             ++catalogues;
-            EXPECT_EQ("11\n", query("select count(*) from sqlite_master where name not like 'sqlite_%'"));
+            EXPECT_EQ("11\n", countSchema());
         }
     }
     EXPECT_LT(0, failures);
@@ -159,7 +159,7 @@ TEST_F(CatalogueFile, theJournalOfACatalogueThatSomebodyRemovedDoesNotReachTheNe
     ASSERT_LT(512U, fs::file_size(dbPath + "-journal"));
     volume.remove(".quarrow/quarrow.db");
     open();
-    EXPECT_EQ("11\n", query("select count(*) from sqlite_master where name not like 'sqlite_%'"));
+    EXPECT_EQ("11\n", countSchema());
     expectNewAndEmpty();
 }
 

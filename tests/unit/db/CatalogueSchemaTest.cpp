@@ -107,7 +107,7 @@ TEST_F(CatalogueSchema, aPassingFailureLeavesNoHalfSchema)
         EXPECT_EQ("", dumpCatalogueFolder());
     }
     openNew();
-    EXPECT_EQ("11\n", query("select count(*) from sqlite_master where name not like 'sqlite_%'"));
+    EXPECT_EQ("11\n", countSchema());
 }
 
 TEST_F(CatalogueSchema, whatSomebodyElseHasPutIntoTheSchemaIsRefusedEachTime)

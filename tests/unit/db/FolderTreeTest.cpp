@@ -1,9 +1,8 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
+#include "db/SqlTexts.h"
 #include "support/SyslogCapture.h"
-
-#include <pthread.h>
 
 namespace {
 
@@ -98,21 +97,10 @@ TEST_F(FolderTree, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
     open(); // from here on watched
     probe.clear();
     deleteFolder("/v");
-    const auto children = [](const std::string& id) {
-        return "select a.folder_id from folders a where a.parent_id = " + id + " and a.is_deleted = 0\n";
-    };
-    const auto files = [](const std::string& id) {
-        return "update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id = " + id + "\n";
-    };
-    const auto folder = [](const std::string& id) {
-        return "update folders set is_deleted = 1, last_updated_time=strftime('%s','now')  where folder_id = " + id
-            + "\n";
-    };
-    EXPECT_EQ("select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from"
-              " folders where path='/v' and is_deleted=0\n"
-            + children("1") + files("2") + folder("2") + children("2") + files("4") + folder("4") + children("4")
-            + files("5") + folder("5") + children("5") + files("3") + folder("3") + children("3") + folder("1")
-            + files("1"),
+    EXPECT_EQ(sql::liveFolder("'/v'") + sql::liveIdsIn("1") + sql::markFilesIn("2") + sql::markFolder("2")
+            + sql::liveIdsIn("2") + sql::markFilesIn("4") + sql::markFolder("4") + sql::liveIdsIn("4")
+            + sql::markFilesIn("5") + sql::markFolder("5") + sql::liveIdsIn("5") + sql::markFilesIn("3")
+            + sql::markFolder("3") + sql::liveIdsIn("3") + sql::markFolder("1") + sql::markFilesIn("1"),
         probe.boundStatements());
 }
 
@@ -128,22 +116,9 @@ TEST_F(FolderTree, theSubtreeCanBeMarkedWithoutTheFolder)
 
 TEST_F(FolderTree, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
 {
-    change("with recursive level(n) as (select 7 union all select n+1 from level where n < 10000)"
-           " insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
-           " last_updated_time) select n, n - 1, '/w/' || n, n, 0, 0, 0, 0 from level");
+    insertDeepTree(6, "/w/");
     db->beginTransaction();
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 524288);
-    pthread_t thread;
-    const auto run = [](void* catalogue) -> void* {
-        DBFolder folder = folderAt("/w");
-        static_cast<VolumeDBManager*>(catalogue)->deleteFolder(folder);
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&thread, &attributes, run, db.get()));
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attributes);
+    runOnTheStackOfAWalk([this] { deleteFolder("/w"); });
     db->commitTransaction();
     EXPECT_EQ(
         "9995 6 10000\n", query("select count(*), min(folder_id), max(folder_id) from Folders where is_deleted = 1"));

@@ -1,6 +1,5 @@
 #include "db/MovesTest.h"
 
-#include <pthread.h>
 #include <sqlite3.h>
 
 #include <sstream>
@@ -233,7 +232,7 @@ TEST_F(InPlaceUpdates, oneFolderTakesThreeStatements)
 {
     probe.clear();
     db->updatePathForIndividualFolder(3, 1, "x");
-    EXPECT_EQ(selectFolder("folder_id=3 and is_deleted=0")
+    EXPECT_EQ(sql::selectFolder("folder_id=3 and is_deleted=0")
             + "update folders set path='/v/x/b', last_updated_time=strftime('%s','now')  where folder_id = 3\n"
               "update files set path='/v/x/b', last_updated_time=strftime('%s','now')  where folder_id = 3\n",
         probe.boundStatements());
@@ -263,7 +262,8 @@ TEST_F(InPlaceUpdates, eachChildComesBeforeItsOwnChildren)
     const auto folder = [](const std::string& id, const std::string& path) {
         const std::string rest
             = " set path='" + path + "', last_updated_time=strftime('%s','now')  where folder_id = " + id + "\n";
-        return selectFolder("folder_id=" + id + " and is_deleted=0") + "update folders" + rest + "update files" + rest;
+        return sql::selectFolder("folder_id=" + id + " and is_deleted=0") + "update folders" + rest + "update files"
+            + rest;
     };
     probe.clear();
     db->updatePathAndNameForFolders(1, 0, "x");
@@ -319,21 +319,9 @@ TEST_F(InPlaceUpdates, failsUnderTheTextOfTheStatementThatFails)
 
 TEST_F(InPlaceUpdates, aTreeDeeperThanAWalkThreadsStackIsRewrittenWhole)
 {
-    change("with recursive level(n) as (select 6 union all select n+1 from level where n < 10000)"
-           " insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
-           " last_updated_time) select n, n - 1, '/v/' || n, n, 0, 0, 0, 0 from level");
+    insertDeepTree(5, "/v/");
     db->beginTransaction();
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 524288);
-    pthread_t thread;
-    const auto run = [](void* catalogue) -> void* {
-        static_cast<VolumeDBManager*>(catalogue)->updatePathAndNameForFolders(5, 0, "x");
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&thread, &attributes, run, db.get()));
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attributes);
+    runOnTheStackOfAWalk([this] { db->updatePathAndNameForFolders(5, 0, "x"); });
     db->commitTransaction();
     EXPECT_EQ("9995\n", query("select count(*) from Folders where path = '/x/' || folder_id and folder_id > 5"));
 }

@@ -27,10 +27,7 @@ protected:
     {
         sqlite3* foreign = nullptr;
         sqlite3_open(dbPath.c_str(), &foreign);
-        const std::string sql = "insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted,"
-                                " last_updated_time) values(-1, '"
-            + path + "', '', 0, 0, 0, 0)";
-        const int result = sqlite3_exec(foreign, sql.c_str(), nullptr, nullptr, nullptr);
+        const int result = sqlite3_exec(foreign, folderRow(path, -1).c_str(), nullptr, nullptr, nullptr);
         sqlite3_close(foreign);
         return result;
     }

@@ -56,27 +56,23 @@ void VolumeDBManager::forEachFolderBelow(int folderId, const std::function<void(
 
 bool VolumeDBManager::releaseOrphans()
 {
-    const std::string orphanedFolders
-        = " where is_deleted=0 and parent_id<>-1 and not exists (select 1 from folders a where a.folder_id=folders.parent_id and a.is_deleted=0)";
-    const std::string orphanedFiles
-        = " where is_deleted=0 and folder_id in (select folder_id from files where folder_id<>0 except select folder_id from folders where is_deleted=0)";
-    const auto run = [this](const std::string& text, bool* hasRow) {
-        const auto noteRow = [](void* noted, int, char**, char**) { return *static_cast<bool*>(noted) = true, 0; };
-        return sqlite3_exec(connection->get(), text.c_str(), hasRow != nullptr ? +noteRow : nullptr, hasRow, nullptr)
-            == SQLITE_OK;
-    };
     bool found = false;
-    if (!run("select 1 where exists (select 1 from folders" + orphanedFolders + ") or exists (select 1 from files"
-                + orphanedFiles + ")",
-            &found))
-        return false;
-    if (!found)
-        return true;
+    const int rc = sqlite3_exec(
+        connection->get(),
+        "select 1 where exists (select 1 from folders where is_deleted=0 and parent_id<>-1 and not exists (select 1 from folders a where a.folder_id=folders.parent_id and a.is_deleted=0)) or exists (select 1 from files where is_deleted=0 and folder_id in (select folder_id from files where folder_id<>0 except select folder_id from folders where is_deleted=0))",
+        [](void* noted, int, char**, char**) { return *static_cast<bool*>(noted) = true, 0; }, &found, nullptr);
+    if (rc != SQLITE_OK || !found)
+        return rc == SQLITE_OK;
     try {
         Transaction transaction(*connection);
-        if (!run("update folders set parent_id=-1, last_updated_time=strftime('%s','now')" + orphanedFolders, nullptr)
-            || !run("update files set is_deleted=1, last_updated_time=strftime('%s','now')" + orphanedFiles, nullptr))
-            return false;
+        for (const char* text :
+            {
+                "update folders set parent_id=-1, last_updated_time=strftime('%s','now') where is_deleted=0 and parent_id<>-1 and not exists (select 1 from folders a where a.folder_id=folders.parent_id and a.is_deleted=0)",
+                "update files set is_deleted=1, last_updated_time=strftime('%s','now') where is_deleted=0 and folder_id in (select folder_id from files where folder_id<>0 except select folder_id from folders where is_deleted=0)",
+            }) {
+            if (sqlite3_exec(connection->get(), text, nullptr, nullptr, nullptr) != SQLITE_OK)
+                return false;
+        }
         transaction.commit();
         return true;
     } catch (const DBOperationException&) {

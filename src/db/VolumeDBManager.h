@@ -31,9 +31,9 @@ public:
     // The catalogue file
 
     /// Opens the catalogue, or makes it, with the directories above it, when there is none; closes the one that was
-    /// open. An existing file is taken as it is, unless it is no regular file with one name or belongs to somebody
-    /// else, or did and holds triggers or views. True, or throws DBOperationException; every other operation does
-    /// before open().
+    /// open. An existing file is taken as it is, unless it is no regular file with one name, belongs to somebody else
+    /// (for root: did, and holds more than the tables and indexes made here). True, or throws DBOperationException;
+    /// every other operation does before open().
     bool open(const char* path);
     /// Whether there is something at `path`; makes the directories above it when there is not.
     bool checkIfDBExists(const char* path);

@@ -1,12 +1,15 @@
 #include "db/CatalogueTest.h"
-#include "db/ConnectionProbe.h"
-#include "db/DBOpenException.h"
 #include "db/DBOperationException.h"
+#include "db/SmallVolume.h"
+#include "support/CatalogueReader.h"
 #include "support/SyslogCapture.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
+#include <sys/file.h>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -14,221 +17,210 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class CatalogueFile : public CatalogueTest { };
+/// The first start on a volume, under bad conditions: a catalogue in the making is complete or absent.
+class CatalogueFile : public CatalogueTest {
+protected:
+    /// A process that opens the catalogue, inserts the folder and is gone without closing.
+    void insertAndDie(const std::string& path) const
+    {
+        const pid_t child = fork();
+        if (child == 0) {
+            auto* const manager = new VolumeDBManager; // never deleted
+            manager->open(dbPath.c_str());
+            DBFolder folder = folderAt(path);
+            _exit(manager->insertFolder(folder, true) ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        ASSERT_EQ(0, status);
+    }
 
-const LogLine version = { LOG_INFO, std::string("sqlite version: ") + sqlite3_libversion() + "\n" };
-const LogLine generating = { LOG_INFO, "Generating schema" };
-const LogLine closed = { LOG_INFO, "sqlite3 handle closed\n" };
-
-// As it is run. The blank after the parenthesis of the second belongs to it, "pame" and the lone "if not exists" too.
-const std::string schemaStatements
-    = "create table Folders(folder_id integer primary key AUTOINCREMENT, parent_id integer not null, path text not "
-      "null , name text not null, category int default(-1) not null, created_time int not null, modified_time int not "
-      "null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not "
-      "null, is_system boolean default(0) not null, last_updated_time int not null)\n"
-      "create table Files(file_id integer primary key AUTOINCREMENT, folder_id integer not null, path text not null, "
-      "name text not null, category int not null, size int not null, modified_time int not null, created_time int not "
-      "null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not "
-      "null, is_system boolean default(0) not null, last_updated_time int not null, FOREIGN KEY(folder_id) REFERENCES "
-      "Folders(folder_id) ON DELETE CASCADE) \n"
-      "create index Files_path on Files(path)\n"
-      "create index Files_last_updated_time on Files(last_updated_time)\n"
-      "create index Files_folder_id on Files(folder_id)\n"
-      "create index Files_name on Files(name)\n"
-      "create index if not exists Files_path_pame on Files(path, name)\n"
-      "create index Folders_path on Folders(path)\n"
-      "create index Folders_last_updated_time on Folders(last_updated_time)\n"
-      "create index Folders_parent_id on Folders(parent_id)\n"
-      "create index Folders_name on Folders(name)\n";
-
-// As SQLite keeps it.
-const std::string schema
-    = "Folders: CREATE TABLE Folders(folder_id integer primary key AUTOINCREMENT, parent_id integer not null, path "
-      "text not null , name text not null, category int default(-1) not null, created_time int not null, "
-      "modified_time int not null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden "
-      "boolean default(0) not null, is_system boolean default(0) not null, last_updated_time int not null)\n"
-      "Files: CREATE TABLE Files(file_id integer primary key AUTOINCREMENT, folder_id integer not null, path text not "
-      "null, name text not null, category int not null, size int not null, modified_time int not null, created_time "
-      "int not null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) "
-      "not null, is_system boolean default(0) not null, last_updated_time int not null, FOREIGN KEY(folder_id) "
-      "REFERENCES Folders(folder_id) ON DELETE CASCADE)\n"
-      "Files_path: CREATE INDEX Files_path on Files(path)\n"
-      "Files_last_updated_time: CREATE INDEX Files_last_updated_time on Files(last_updated_time)\n"
-      "Files_folder_id: CREATE INDEX Files_folder_id on Files(folder_id)\n"
-      "Files_name: CREATE INDEX Files_name on Files(name)\n"
-      "Files_path_pame: CREATE INDEX Files_path_pame on Files(path, name)\n"
-      "Folders_path: CREATE INDEX Folders_path on Folders(path)\n"
-      "Folders_last_updated_time: CREATE INDEX Folders_last_updated_time on Folders(last_updated_time)\n"
-      "Folders_parent_id: CREATE INDEX Folders_parent_id on Folders(parent_id)\n"
-      "Folders_name: CREATE INDEX Folders_name on Folders(name)\n";
+    void expectNewAndEmpty()
+    {
+        EXPECT_EQ("", dumpFolders());
+        EXPECT_EQ("ok\n", query("pragma integrity_check"));
+        DBFolder folder = folderAt("/New");
+        EXPECT_TRUE(db->insertFolder(folder, true));
+        EXPECT_EQ("1 in -1 '/New' live\n", dumpFolders());
+    }
+};
 
 } // namespace
 
-TEST_F(CatalogueFile, openMakesTheDirectoriesTheFileAndTheSchema)
-{
-    db = std::make_unique<VolumeDBManager>();
-    EXPECT_TRUE(db->open(dbPath.c_str()));
-    EXPECT_EQ(schema, dumpSchema());
-    EXPECT_EQ((std::vector<LogLine> { version, generating }), loggedLines());
-}
-
-TEST_F(CatalogueFile, theSchemaStatementsAreRunAsTheyAreWrittenAndInThisOrder)
-{
-    const ConnectionProbe probe;
-    open();
-    const std::string run = probe.statements();
-    const std::string::size_type start = run.find("create table");
-    ASSERT_NE(std::string::npos, start) << run;
-    EXPECT_EQ(schemaStatements, run.substr(start, schemaStatements.size()));
-}
-
-TEST_F(CatalogueFile, openingASecondTimeGeneratesNothingAndKeepsTheRows)
-{
-    open();
-    insertFolderRow("/Music", -1);
-    close();
-    clearLog();
-    open();
-    EXPECT_EQ((std::vector<LogLine> { version }), loggedLines());
-    EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
-}
-
-TEST_F(CatalogueFile, foreignKeysAreNotEnforced)
-{
-    const ConnectionProbe probe;
-    openNew();
-    EXPECT_EQ(0, probe.pragma("foreign_keys"));
-}
-
-TEST_F(CatalogueFile, closingLogs)
+TEST_F(CatalogueFile, nothingElseIsLeftOfIt)
 {
     openNew();
     close();
-    EXPECT_EQ((std::vector<LogLine> { closed }), loggedLines());
-}
-
-TEST_F(CatalogueFile, closingWhatWasNeverOpenedLogsToo)
-{
-    clearLog();
-    std::make_unique<VolumeDBManager>().reset();
-    EXPECT_EQ((std::vector<LogLine> { closed }), loggedLines());
-}
-
-TEST_F(CatalogueFile, anEmptyFileGetsNoSchemaAndTheFirstStatementFails)
-{
-    volume.writeFile(".quarrow/quarrow.db");
-    open();
-    EXPECT_EQ((std::vector<LogLine> { version }), loggedLines());
-    EXPECT_EQ("", dumpSchema());
-    DBFolder folder = folderAt("/Music");
-    EXPECT_THROW(db->folderExists(folder), DBOperationException);
-}
-
-TEST_F(CatalogueFile, aForeignDatabaseIsOpenedAndLeftAsItIs)
-{
-    volume.writeFile(".quarrow/quarrow.db");
-    change("create table Recipes(title text)");
-    change("insert into Recipes values('Soup')");
-    open();
-    DBFile file = fileAt("/a.mp3");
-    EXPECT_THROW(db->fileExists(file), DBOperationException);
-    close();
-    EXPECT_EQ("Recipes: CREATE TABLE Recipes(title text)\n", dumpSchema());
-    EXPECT_EQ("Soup\n", query("select title from Recipes"));
-}
-
-TEST_F(CatalogueFile, garbageIsOpenedFailsAtTheFirstStatementAndStaysAsItIs)
-{
-    const std::string garbage(5000, 'x');
-    volume.writeFile(".quarrow/quarrow.db", garbage);
-    open();
-    clearLog();
-    DBFolder folder = folderAt("/Music");
-    EXPECT_THROW(db->folderExists(folder), DBOperationException);
-    EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "folderExists() failed, handleStatus: 21\n" } }), loggedLines());
-    close();
-    EXPECT_EQ(garbage, volume.readFile(".quarrow/quarrow.db"));
     EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueFile, aDirectoryInItsPlaceCannotBeOpened)
+TEST_F(CatalogueFile, onAVolumeOfAnySizeItIsCompleteOrAbsent)
 {
-    volume.makeFolder(".quarrow/quarrow.db");
-    EXPECT_THROW(open(), DBOperationException);
-    EXPECT_EQ((std::vector<LogLine> { version, { LOG_ERR, "open() failed, handleStatus: 14\n" } }), loggedLines());
-    EXPECT_TRUE(fs::is_directory(dbPath));
+    const std::string mountPoint = volume.makeFolder("small");
+    catalogueFolder = mountPoint + "/.quarrow";
+    dbPath = catalogueFolder + "/quarrow.db";
+    int failures = 0;
+    int catalogues = 0;
+    for (int kibibytes = 4; kibibytes <= 128; kibibytes += 4) {
+        SCOPED_TRACE(std::to_string(kibibytes) + " KiB");
+        const SmallVolume small(mountPoint, kibibytes);
+        fs::create_directory(catalogueFolder);
+        const bool failed = throwsOperationException([this] { open(); });
+        close();
+        if (failed) {
+            ++failures;
+            EXPECT_EQ("", dumpCatalogueFolder());
+        } else {
+            ++catalogues;
+            EXPECT_EQ("11\n", countSchema());
+        }
+    }
+    EXPECT_LT(0, failures);
+    EXPECT_LT(0, catalogues);
 }
 
-TEST_F(CatalogueFile, aDirectoryThatCannotBeMadeShowsWhenTheCatalogueIsOpened)
+TEST_F(CatalogueFile, aFullVolumeIsLoggedAsTheFailureOfTheLastStatement)
 {
-    volume.writeFile(".quarrow", "a file in the way");
+    const std::string mountPoint = volume.makeFolder("small");
+    dbPath = mountPoint + "/quarrow.db";
+    const SmallVolume small(mountPoint, 8);
     EXPECT_THROW(open(), DBOperationException);
-    EXPECT_EQ((std::vector<LogLine> { version, { LOG_ERR, "open() failed, handleStatus: 14\n" } }), loggedLines());
-    EXPECT_EQ("a file in the way", volume.readFile(".quarrow"));
+    const std::vector<LogLine> log = loggedLines();
+    ASSERT_EQ(3U, log.size());
+    EXPECT_EQ((LogLine { LOG_INFO, "Generating schema" }), log[1]);
+    EXPECT_EQ(LOG_ERR, log[2].priority);
+    EXPECT_EQ(0U, log[2].text.rfind("createDBStructure() failed, handleStatus: ", 0)) << log[2];
 }
 
-TEST_F(CatalogueFile, aFailedOpenIsFollowedByAnOrderlyEnd)
+TEST_F(CatalogueFile, whatAnEarlierAttemptLeftIsReplaced)
 {
-    volume.makeFolder(".quarrow/quarrow.db");
-    auto manager = std::make_unique<VolumeDBManager>();
-    EXPECT_THROW(manager->open(dbPath.c_str()), DBOperationException);
+    volume.writeFile(".quarrow/quarrow.db.tmp", std::string(5000, 'x'));
+    open();
+    expectNewAndEmpty();
+    close();
+    EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
+}
+
+TEST_F(CatalogueFile, aLinkInThePlaceOfTheTemporaryFileIsNotFollowed)
+{
+    volume.writeFile("victim", "precious");
+    volume.makeFolder(".quarrow");
+    fs::create_symlink(volume.path("victim"), dbPath + ".tmp");
+    open();
+    expectNewAndEmpty();
+    EXPECT_EQ("precious", volume.readFile("victim"));
+}
+
+TEST_F(CatalogueFile, aLinkInThePlaceOfASideFileIsNotFollowed)
+{
+    openNew();
+    for (const std::string suffix : { "-wal", "-shm", "-journal" }) {
+        close();
+        volume.writeFile("victim", "precious");
+        fs::create_symlink(volume.path("victim"), dbPath + suffix);
+        try {
+            open();
+            DBFolder folder = folderAt("/Music" + suffix);
+            db->insertFolder(folder, true);
+        } catch (const DBOperationException&) {
+            // SQLite may refuse to work like that.
+        }
+        close();
+        EXPECT_EQ("precious", volume.readFile("victim")) << suffix;
+        fs::remove(dbPath + suffix);
+    }
+}
+
+TEST_F(CatalogueFile, theLogOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
+{
+    insertAndDie("/Old");
+    ASSERT_TRUE(volume.exists(".quarrow/quarrow.db-wal"));
+    volume.remove(".quarrow/quarrow.db");
+    open();
+    expectNewAndEmpty();
+}
+
+TEST_F(CatalogueFile, theJournalOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
+{
+    volume.writeFile(".quarrow/quarrow.db");
+    change("create table Old(content text); insert into Old values('before')");
+    const pid_t child = fork();
+    if (child == 0) { // dies in the middle of a write whose pages have reached the file
+        sqlite3* old = nullptr;
+        sqlite3_open(dbPath.c_str(), &old);
+        sqlite3_exec(old,
+            "pragma cache_size=1; begin; update Old set content='after'; create table More(content);"
+            "insert into More values(zeroblob(100000))",
+            nullptr, nullptr, nullptr);
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    ASSERT_TRUE(volume.exists(".quarrow/quarrow.db-journal"));
+    ASSERT_LT(512U, fs::file_size(dbPath + "-journal"));
+    volume.remove(".quarrow/quarrow.db");
+    open();
+    EXPECT_EQ("11\n", countSchema());
+    expectNewAndEmpty();
+}
+
+TEST_F(CatalogueFile, aCatalogueOfAKilledDaemonKeepsItsRows)
+{
+    insertAndDie("/Old");
+    open();
+    EXPECT_EQ("1 in -1 '/Old' live\n", dumpFolders());
+}
+
+TEST_F(CatalogueFile, aLinkThatLeadsNowhereIsReplacedByTheCatalogue)
+{
+    volume.makeFolder(".quarrow");
+    fs::create_symlink(volume.path("nowhere"), dbPath);
+    open();
+    expectNewAndEmpty();
+    EXPECT_FALSE(volume.exists("nowhere"));
+}
+
+TEST_F(CatalogueFile, aLinkOfTheDaemonsOwnUserIsFollowed)
+{
+    volume.makeFolder("fast");
+    fs::create_directory_symlink(volume.path("fast"), catalogueFolder);
+    open();
+    expectNewAndEmpty();
+    EXPECT_TRUE(volume.exists("fast/quarrow.db"));
+}
+
+TEST_F(CatalogueFile, aLinkOfAnotherUserIsRefused)
+{
+    const auto expectRefused = [this](const std::string& link, const std::string& target) {
+        fs::create_symlink(target, link);
+        if (lchown(link.c_str(), 65534, 65534) != 0)
+            GTEST_SKIP() << "changing owners is not permitted";
+        clearLog();
+        EXPECT_THROW(open(), DBOperationException);
+        EXPECT_EQ((LogLine { LOG_ERR, "open() failed, handleStatus: 14\n" }), loggedLines().back());
+        fs::remove(link);
+    };
+    volume.writeFile("victim");
+    volume.makeFolder("other");
+    expectRefused(catalogueFolder, volume.path("other"));
+    volume.makeFolder(".quarrow");
+    expectRefused(dbPath, volume.path("victim"));
+    EXPECT_EQ("", volume.readFile("victim"));
+    EXPECT_TRUE(fs::is_empty(volume.path("other")));
+    EXPECT_TRUE(fs::is_empty(catalogueFolder));
+}
+
+TEST_F(CatalogueFile, aCatalogueThatAnotherDaemonIsMakingIsNotTouched)
+{
+    const std::string making = volume.writeFile(".quarrow/quarrow.db.tmp", "half of it");
+    const int other = ::open(making.c_str(), O_RDONLY);
+    ASSERT_EQ(0, flock(other, LOCK_EX));
     clearLog();
-    manager.reset();
-    EXPECT_EQ((std::vector<LogLine> { closed }), loggedLines());
-}
-
-TEST_F(CatalogueFile, checkIfDBExistsIsTrueForAFileAndADirectory)
-{
-    volume.writeFile(".quarrow/quarrow.db");
-    VolumeDBManager manager;
-    EXPECT_TRUE(manager.checkIfDBExists(dbPath.c_str()));
-    EXPECT_TRUE(manager.checkIfDBExists(catalogueFolder.c_str()));
-}
-
-TEST_F(CatalogueFile, checkIfDBExistsMakesTheDirectoriesForWhatIsMissing)
-{
-    VolumeDBManager manager;
-    EXPECT_FALSE(manager.checkIfDBExists(dbPath.c_str()));
-    EXPECT_TRUE(fs::is_directory(catalogueFolder));
-    EXPECT_FALSE(volume.exists(".quarrow/quarrow.db"));
-}
-
-TEST_F(CatalogueFile, theSchemaOfAnEmptyFileCanBeMadeAndItsResultIsFalse)
-{
-    volume.writeFile(".quarrow/quarrow.db");
+    EXPECT_THROW(open(), DBOperationException);
+    EXPECT_EQ((LogLine { LOG_ERR, "open() failed, handleStatus: 14\n" }), loggedLines().back());
+    db.reset();
+    EXPECT_EQ("half of it", volume.readFile(".quarrow/quarrow.db.tmp"));
+    ::close(other);
     openNew();
-    EXPECT_FALSE(db->createDBStructure());
-    EXPECT_EQ((std::vector<LogLine> { generating }), loggedLines());
-    EXPECT_EQ(schema, dumpSchema());
-}
-
-TEST_F(CatalogueFile, onlyTheLastSchemaStatementCounts)
-{
-    openNew();
-    change("drop index Folders_name");
-    EXPECT_FALSE(db->createDBStructure()); // ten statements fail, the eleventh does not
-    EXPECT_EQ((std::vector<LogLine> { generating }), loggedLines());
-    EXPECT_EQ(schema, dumpSchema());
-}
-
-TEST_F(CatalogueFile, aFailureOfTheLastSchemaStatementIsLoggedAndThrown)
-{
-    openNew();
-    EXPECT_THROW(db->createDBStructure(), DBOperationException);
-    EXPECT_EQ((std::vector<LogLine> { generating, { LOG_ERR, "createDBStructure() failed, handleStatus: 1\n" } }),
-        loggedLines());
-}
-
-TEST_F(CatalogueFile, theExceptionsSayWhichTheyAre)
-{
-    try {
-        throw DBOperationException();
-    } catch (const std::exception& e) {
-        EXPECT_STREQ("DBOperationException occurred", e.what());
-    }
-    try {
-        throw DBOpenException();
-    } catch (const std::exception& e) {
-        EXPECT_STREQ("DBOpenException occurred", e.what());
-    }
+    close();
+    EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
 }

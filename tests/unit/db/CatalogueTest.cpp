@@ -4,6 +4,7 @@
 #include "support/CatalogueReader.h"
 #include "support/SyslogCapture.h"
 
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -65,11 +66,20 @@ std::string CatalogueTest::dumpCatalogueFolder() const
     return lines;
 }
 
-void CatalogueTest::insertFolderRow(const std::string& path, int parentId) const
+void CatalogueTest::insertFolderRow(const std::string& path, int parentId) const { change(folderRow(path, parentId)); }
+
+void CatalogueTest::insertDeepTree(int parentId, const std::string& prefix) const
 {
-    change("insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)"
-           " values("
-        + std::to_string(parentId) + ", '" + path + "', '" + path.substr(path.rfind('/') + 1) + "', 20, 10, 0, 30)");
+    change("with recursive level(n) as (select " + std::to_string(parentId + 1)
+        + " union all select n+1 from level where n < 10000)"
+          " insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
+          " last_updated_time) select n, n - 1, '"
+        + prefix + "' || n, n, 0, 0, 0, 0 from level");
+}
+
+std::string CatalogueTest::countSchema() const
+{
+    return query("select count(*) from sqlite_master where name not like 'sqlite_%'");
 }
 
 void CatalogueTest::insertFileRow(const std::string& path, int folderId) const
@@ -133,6 +143,28 @@ long secondsNow()
 {
     using namespace std::chrono;
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+std::string folderRow(const std::string& path, int parentId)
+{
+    return "insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)"
+           " values("
+        + std::to_string(parentId) + ", '" + path + "', '" + path.substr(path.rfind('/') + 1) + "', 20, 10, 0, 30)";
+}
+
+void runOnTheStackOfAWalk(const std::function<void()>& call)
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 524288);
+    pthread_t thread;
+    const auto run = [](void* called) -> void* {
+        (*static_cast<const std::function<void()>*>(called))();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&call)));
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
 }
 
 bool throwsOperationException(const std::function<void()>& call)

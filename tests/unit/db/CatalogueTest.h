@@ -33,6 +33,11 @@ protected:
 
     /// Writes a live row with the times 10 (modified), 20 (created) and 30 (updated), past the manager.
     void insertFolderRow(const std::string& path, int parentId) const;
+    /// The rows of folders down to the id 10000, each in the one before it, the first in that parent, whose id is the
+    /// highest so far. A path is the prefix with the id.
+    void insertDeepTree(int parentId, const std::string& prefix) const;
+    /// How many tables and indexes there are.
+    std::string countSchema() const;
     /// The same for a file of category 2 and 5 bytes.
     void insertFileRow(const std::string& path, int folderId) const;
 
@@ -56,6 +61,12 @@ std::string describe(const DBFile& f);
 
 /// The seconds that SQLite's 'now' has; std::time() may lag a few milliseconds behind.
 long secondsNow();
+
+/// What insertFolderRow() runs.
+std::string folderRow(const std::string& path, int parentId);
+
+/// Runs it on a thread whose stack is as small as that of a walk.
+void runOnTheStackOfAWalk(const std::function<void()>& call);
 
 /// Whether the call ended with a DBOperationException.
 bool throwsOperationException(const std::function<void()>& call);

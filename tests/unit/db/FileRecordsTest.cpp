@@ -1,7 +1,5 @@
 #include "db/CatalogueTest.h"
 
-#include <ctime>
-
 namespace {
 
 constexpr long long gibibyte = 1LL << 30;
@@ -205,44 +203,4 @@ TEST_F(FileRecords, aNullTextReadsAsTheEmptyString)
     const std::list<SimpleDBFile> simpleFiles = db->getSimpleFileListByFolder(folder);
     ASSERT_EQ(1U, simpleFiles.size());
     EXPECT_EQ("", simpleFiles.front().getPath() + simpleFiles.front().getName());
-}
-
-TEST_F(FileRecords, purgingRemovesMarkedRowsOlderThanTheThreshold)
-{
-    for (const char* const path : { "/live", "/old", "/young", "/future" })
-        insertFileRow(path, 1);
-    change("update Files set is_deleted = (path <> '/live')");
-    change("update Files set last_updated_time = strftime('%s','now') - 1000 where path in ('/live', '/old')");
-    change("update Files set last_updated_time = strftime('%s','now') - 100 where path = '/young'");
-    change("update Files set last_updated_time = strftime('%s','now') + 1000 where path = '/future'");
-    EXPECT_EQ(0, db->purgeDeletedFiles(2000));
-    EXPECT_EQ("4\n", query("select count(*) from Files"));
-    EXPECT_EQ(0, db->purgeDeletedFiles(500));
-    EXPECT_EQ("1 in 1 '/live' live\n3 in 1 '/young' deleted\n4 in 1 '/future' deleted\n", dumpFiles());
-    EXPECT_EQ(0, db->purgeDeletedFiles(0));
-    EXPECT_EQ("1 in 1 '/live' live\n4 in 1 '/future' deleted\n", dumpFiles());
-}
-
-TEST_F(FileRecords, purgingKeepsWhatIsExactlyAsOldAsTheThreshold)
-{
-    time_t now = 0;
-    do { // until a second did not end in between
-        change("delete from Files");
-        insertFileRow("/exact", 1);
-        insertFileRow("/older", 1);
-        now = std::time(nullptr);
-        change("update Files set is_deleted = 1, last_updated_time = " + std::to_string(now - 50)
-            + " - (path = '/older')");
-        db->purgeDeletedFiles(50);
-    } while (std::time(nullptr) != now);
-    EXPECT_EQ("/exact\n", query("select path from Files"));
-}
-
-TEST_F(FileRecords, purgingAFolderLeavesTheFilesToTheirOwnPurge)
-{
-    insertFileRow("/Music/a.mp3", 1);
-    change("update Folders set is_deleted = 1");
-    db->purgeDeletedFolders(0);
-    EXPECT_EQ("", dumpFolders());
-    EXPECT_EQ("1 in 1 '/Music/a.mp3' live\n", dumpFiles()); // the schema's cascade is text only
 }

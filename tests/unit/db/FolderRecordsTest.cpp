@@ -3,8 +3,6 @@
 
 #include <syslog.h>
 
-#include <ctime>
-
 namespace {
 
 class FolderRecords : public CatalogueTest {
@@ -188,45 +186,4 @@ TEST_F(FolderRecords, deleteFolderRecordMarksThatRowAlone)
     EXPECT_EQ("1 in -1 '/Music' deleted\n2 in 1 '/Music/Rock' live\n", dumpFolders());
     EXPECT_EQ("1 in 1 '/Music/a.mp3' live\n", dumpFiles());
     EXPECT_EQ("1\n", countWrittenSince(start));
-}
-
-TEST_F(FolderRecords, purgingRemovesMarkedRowsOlderThanTheThreshold)
-{
-    for (const char* const path : { "/live", "/old", "/young", "/future" })
-        insertFolderRow(path, -1);
-    change("update Folders set is_deleted = (path <> '/live')");
-    change("update Folders set last_updated_time = strftime('%s','now') - 1000 where path in ('/live', '/old')");
-    change("update Folders set last_updated_time = strftime('%s','now') - 100 where path = '/young'");
-    change("update Folders set last_updated_time = strftime('%s','now') + 1000 where path = '/future'");
-    EXPECT_EQ(0, db->purgeDeletedFolders(2000));
-    EXPECT_EQ("4\n", query("select count(*) from Folders"));
-    EXPECT_EQ(0, db->purgeDeletedFolders(500));
-    EXPECT_EQ("1 in -1 '/live' live\n3 in -1 '/young' deleted\n4 in -1 '/future' deleted\n", dumpFolders());
-    EXPECT_EQ(0, db->purgeDeletedFolders(0));
-    EXPECT_EQ("1 in -1 '/live' live\n4 in -1 '/future' deleted\n", dumpFolders());
-}
-
-TEST_F(FolderRecords, purgingKeepsWhatIsExactlyAsOldAsTheThreshold)
-{
-    time_t now = 0;
-    do { // until a second did not end in between
-        change("delete from Folders");
-        insertFolderRow("/exact", -1);
-        insertFolderRow("/older", -1);
-        now = std::time(nullptr);
-        change("update Folders set is_deleted = 1, last_updated_time = " + std::to_string(now - 50)
-            + " - (path = '/older')");
-        db->purgeDeletedFolders(50);
-    } while (std::time(nullptr) != now);
-    EXPECT_EQ("/exact\n", query("select path from Folders"));
-}
-
-TEST_F(FolderRecords, idsOfPurgedRowsAreNotUsedAgain)
-{
-    insertFolderRow("/Music", -1);
-    markDeleted(1);
-    db->purgeDeletedFolders(0);
-    DBFolder music = folderAt("/Music");
-    EXPECT_TRUE(db->insertFolder(music, true));
-    EXPECT_EQ("2 in -1 '/Music' live\n", dumpFolders());
 }

@@ -15,16 +15,16 @@ struct Room {
 };
 
 /// A catalogue on a volume that has room for some folders more: with and without room for a write-ahead log.
-class FullVolume : public CatalogueTest, public testing::WithParamInterface<Room> {
+class TransactionOnAFullVolume : public CatalogueTest, public testing::WithParamInterface<Room> {
 protected:
-    FullVolume()
+    TransactionOnAFullVolume()
         : mountPoint(volume.makeFolder("small"))
         , small(mountPoint, GetParam().kibibytes)
     {
         dbPath = mountPoint + "/quarrow.db";
         openNew();
     }
-    ~FullVolume() override { close(); }
+    ~TransactionOnAFullVolume() override { close(); }
 
     void insertTwoMegabytes()
     {
@@ -38,15 +38,15 @@ protected:
     SmallVolume small;
 };
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, FullVolume,
+INSTANTIATE_TEST_SUITE_P(Catalogue, TransactionOnAFullVolume,
     testing::Values(Room { "inJournalMode", 512 }, Room { "withALog", 1600 }),
     [](const testing::TestParamInfo<Room>& room) { return room.param.name; });
 
-class AllButFullVolume : public CatalogueTest { };
+class WriteAheadLogOnAFullVolume : public CatalogueTest { };
 
 } // namespace
 
-TEST_P(FullVolume, aFailedStatementMayHaveEndedTheTransaction)
+TEST_P(TransactionOnAFullVolume, aFailedStatementMayHaveEndedTheTransaction)
 {
     close();
     const ConnectionProbe probe;
@@ -61,7 +61,7 @@ TEST_P(FullVolume, aFailedStatementMayHaveEndedTheTransaction)
     EXPECT_EQ("", dumpFolders());
 }
 
-TEST_P(FullVolume, aScopeKnowsThatItsTransactionIsGone)
+TEST_P(TransactionOnAFullVolume, aScopeKnowsThatItsTransactionIsGone)
 {
     Transaction transaction(*db);
     EXPECT_TRUE(throwsOperationException([this] {
@@ -73,7 +73,7 @@ TEST_P(FullVolume, aScopeKnowsThatItsTransactionIsGone)
     EXPECT_THROW(transaction.commit(), DBOperationException);
 }
 
-TEST_P(FullVolume, theCatalogueStaysUsable)
+TEST_P(TransactionOnAFullVolume, theCatalogueStaysUsable)
 {
     EXPECT_TRUE(throwsOperationException([this] {
         db->beginTransaction();
@@ -87,7 +87,7 @@ TEST_P(FullVolume, theCatalogueStaysUsable)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(AllButFullVolume, aCatalogueKeepsItsJournalAndFullSyncsUntilThereIsRoomForALog)
+TEST_F(WriteAheadLogOnAFullVolume, aCatalogueKeepsItsJournalAndFullSyncsUntilThereIsRoomForALog)
 {
     const std::string mountPoint = volume.makeFolder("small");
     dbPath = mountPoint + "/quarrow.db";
@@ -104,7 +104,7 @@ TEST_F(AllButFullVolume, aCatalogueKeepsItsJournalAndFullSyncsUntilThereIsRoomFo
     close();
 }
 
-TEST_F(AllButFullVolume, aCatalogueCanBeReadWhileItIsOpen)
+TEST_F(WriteAheadLogOnAFullVolume, aCatalogueCanBeReadWhileItIsOpen)
 {
     const std::string mountPoint = volume.makeFolder("small");
     dbPath = mountPoint + "/quarrow.db";

@@ -173,36 +173,17 @@ TEST_F(MoveFolder, runsTheseStatements)
     src = folderAt("/v/a");
     db->folderExists(src);
     dst = folderAt("/v/x");
-    const auto insertFolder = [](const std::string& values) {
-        return "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  ,"
-               " created_time  , is_hidden ) values("
-            + values + ")\n";
-    };
-    const auto filesOf = [](const std::string& id) {
-        return "select path , name , category  , size  , modified_time , created_time from  files  where  folder_id="
-            + id + "  and is_deleted=0 \n";
-    };
-    const auto foldersOf = [](const std::string& id) { return selectFolder("parent_id=" + id + " and is_deleted=0"); };
-    const auto idsBelow = [](const std::string& id) {
-        return "select a.folder_id from folders a where a.parent_id = " + id + " and a.is_deleted = 0\n";
-    };
-    const auto markFolder = [](const std::string& id) {
-        return "update folders set is_deleted = 1, last_updated_time=strftime('%s','now')  where folder_id = " + id
-            + "\n";
-    };
-    const auto markFiles = [](const std::string& id) {
-        return "update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id = " + id + "\n";
-    };
     probe.clear();
     outcomeOf([this] { return db->moveFolder(src, dst); });
     EXPECT_EQ(liveFolder("/v/x") // and no transaction of its own
-            + liveFolder("/v/x") + liveFolder("/v/x") + liveFolder("/v") + selectFolder("path='/v/x'")
-            + insertFolder("1,'/v/x','x',0,102,strftime('%s','now'),202,0") + filesOf("2")
-            + insertFile("/v/x/1.mp3", 7, "501", "301,401,11") + liveFile("/v/a/1.mp3") + deleteFile(1) + foldersOf("2")
-            + liveFolder("/v/x/s") + liveFolder("/v/x/s") + liveFolder("/v/x") + selectFolder("path='/v/x/s'")
-            + insertFolder("7,'/v/x/s','s',0,103,strftime('%s','now'),203,0") + liveFolder("/v") + filesOf("3")
-            + foldersOf("3") + liveFolder("/v/a") + idsBelow("2") + markFiles("3") + markFolder("3") + idsBelow("3")
-            + markFolder("2") + markFiles("2"),
+            + liveFolder("/v/x") + liveFolder("/v/x") + liveFolder("/v") + sql::anyFolder("'/v/x'")
+            + sql::insertIntoFolders("1,'/v/x','x',0,102,strftime('%s','now'),202,0") + sql::liveFilesIn("2")
+            + insertFile("/v/x/1.mp3", 7, "501", "301,401,11") + liveFile("/v/a/1.mp3") + deleteFile(1)
+            + sql::liveFoldersIn("2") + liveFolder("/v/x/s") + liveFolder("/v/x/s") + liveFolder("/v/x")
+            + sql::anyFolder("'/v/x/s'") + sql::insertIntoFolders("7,'/v/x/s','s',0,103,strftime('%s','now'),203,0")
+            + liveFolder("/v") + sql::liveFilesIn("3") + sql::liveFoldersIn("3") + liveFolder("/v/a")
+            + sql::liveIdsIn("2") + sql::markFilesIn("3") + sql::markFolder("3") + sql::liveIdsIn("3")
+            + sql::markFolder("2") + sql::markFilesIn("2"),
         probe.boundStatements());
 }
 

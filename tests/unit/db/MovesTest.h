@@ -3,6 +3,7 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
+#include "db/SqlTexts.h"
 #include "support/SyslogCapture.h"
 
 #include <syslog.h>
@@ -95,35 +96,18 @@ inline std::vector<LogLine> errorLine(const std::string& text) { return { { LOG_
 
 // The statements of moves, values put in.
 
-inline std::string selectFolder(const std::string& condition)
-{
-    return "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from"
-           " folders where "
-        + condition + "\n";
-}
-inline std::string liveFolder(const std::string& path) { return selectFolder("path='" + path + "' and is_deleted=0"); }
-
-inline std::string selectFile(const std::string& path, const std::string& andLive)
-{
-    return "select file_id , folder_id , path , name , size , category , last_updated_time , modified_time ,"
-           " created_time from  files  where  path='"
-        + path + "'  and name='" + path.substr(path.rfind('/') + 1) + "'" + andLive + "\n";
-}
-inline std::string liveFile(const std::string& path) { return selectFile(path, " and is_deleted=0"); }
+inline std::string quoted(const std::string& text) { return "'" + text + "'"; }
+inline std::string liveFolder(const std::string& path) { return sql::liveFolder(quoted(path)); }
+inline std::string nameIn(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+inline std::string liveFile(const std::string& path) { return sql::liveFile(quoted(path), quoted(nameIn(path))); }
 
 /// All that inserting a file in a live folder takes.
 inline std::string insertFile(
     const std::string& path, int folderId, const std::string& size, const std::string& timesAndCategory)
 {
-    const std::string::size_type slash = path.rfind('/');
-    return liveFile(path) + liveFolder(path.substr(0, slash)) + selectFile(path, "")
-        + "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  , modified_time ,"
-          " created_time , category , is_hidden) values("
-        + std::to_string(folderId) + ",'" + path.substr(slash + 1) + "','" + path + "'," + size
-        + ",strftime('%s','now'), 0, " + timesAndCategory + ",0)\n";
+    return liveFile(path) + liveFolder(path.substr(0, path.rfind('/')))
+        + sql::anyFile(quoted(path), quoted(nameIn(path)))
+        + sql::insertIntoFiles(std::to_string(folderId) + "," + quoted(nameIn(path)) + "," + quoted(path) + "," + size
+            + ",strftime('%s','now'), 0, " + timesAndCategory + ",0");
 }
-inline std::string deleteFile(int id)
-{
-    return "update files set is_deleted=1, last_updated_time=strftime('%s','now') where file_id = " + std::to_string(id)
-        + "\n";
-}
+inline std::string deleteFile(int id) { return sql::markFile(std::to_string(id)); }

@@ -94,11 +94,11 @@ DBFolder folderAt(const std::string& path, const std::string& name = "")
 
 SimpleDBFile simpleFile(const std::string& path, const std::string& name) { return SimpleDBFile(path, name, 0, 0); }
 
-TEST(FileRecord, holdsWhatWasSet) { EXPECT_EQ("1 2 'x.mp3' '/v/music/x.mp3' 3 4 5 6 7 deleted", dump(someFile())); }
+TEST(DBFile, holdsWhatWasSet) { EXPECT_EQ("1 2 'x.mp3' '/v/music/x.mp3' 3 4 5 6 7 deleted", dump(someFile())); }
 
-TEST(FileRecord, hasDefinedValuesFromTheStart) { EXPECT_EQ("-1 -1 '' '' -1 0 0 0 0 live", dump(DBFile())); }
+TEST(DBFile, hasDefinedValuesFromTheStart) { EXPECT_EQ("-1 -1 '' '' -1 0 0 0 0 live", dump(DBFile())); }
 
-TEST(FileRecord, keepsItsDeletedMarkWhenReset)
+TEST(DBFile, keepsItsDeletedMarkWhenReset)
 {
     DBFile file = someFile();
     file.reset();
@@ -109,7 +109,7 @@ TEST(FileRecord, keepsItsDeletedMarkWhenReset)
     EXPECT_EQ("-1 -1 '' '' -1 0 0 0 0 live", dump(file));
 }
 
-TEST(FileRecord, holdsSizesBeyond32Bits)
+TEST(DBFile, holdsSizesBeyond32Bits)
 {
     DBFile file;
     file.setSize(LLONG_MAX);
@@ -120,7 +120,7 @@ TEST(FileRecord, holdsSizesBeyond32Bits)
     EXPECT_EQ(-1, file.getSize());
 }
 
-TEST(FileRecord, holdsAnyTimeAndId)
+TEST(DBFile, holdsAnyTimeAndId)
 {
     DBFile file;
     file.setModified_time(INT_MIN);
@@ -131,7 +131,7 @@ TEST(FileRecord, holdsAnyTimeAndId)
         dump(file));
 }
 
-TEST(FileRecord, isCopiedInAllItsFields)
+TEST(DBFile, isCopiedInAllItsFields)
 {
     DBFile original = someFile();
     const DBFile copy(original);
@@ -144,7 +144,7 @@ TEST(FileRecord, isCopiedInAllItsFields)
     EXPECT_EQ(dump(someFile()), dump(assigned));
 }
 
-TEST(FileRecord, givesCopiesOfItsStrings)
+TEST(DBFile, givesCopiesOfItsStrings)
 {
     const DBFile file = someFile();
     std::string path = file.getPath();
@@ -152,13 +152,13 @@ TEST(FileRecord, givesCopiesOfItsStrings)
     EXPECT_EQ("/v/music/x.mp3", file.getPath());
 }
 
-TEST(FileRecord, isShownAsPathAndName)
+TEST(DBFile, isShownAsPathAndName)
 {
     EXPECT_EQ("/v/music/x.mp3 | x.mp3", someFile().toString());
     EXPECT_EQ(" | ", DBFile().toString());
 }
 
-TEST(FileRecord, equalsOneOfTheSameNameAndPathWhateverElseTheyHold)
+TEST(DBFile, equalsOneOfTheSameNameAndPathWhateverElseTheyHold)
 {
     DBFile other;
     other.setName("x.mp3");
@@ -168,7 +168,7 @@ TEST(FileRecord, equalsOneOfTheSameNameAndPathWhateverElseTheyHold)
     EXPECT_TRUE(DBFile() == DBFile());
 }
 
-TEST(FileRecord, differsInNameOrPathByteByByte)
+TEST(DBFile, differsInNameOrPathByteByByte)
 {
     const auto differs = [](const std::string& path, const std::string& name) {
         DBFile other = someFile();
@@ -183,18 +183,18 @@ TEST(FileRecord, differsInNameOrPathByteByByte)
     EXPECT_TRUE(differs("/v/music/x.mp3", std::string("x.mp3\0", 6)));
 }
 
-TEST(FolderRecord, holdsWhatWasSet) { EXPECT_EQ("1 2 '/v/music' 'music' deleted 3 4 5", dump(someFolder())); }
+TEST(DBFolder, holdsWhatWasSet) { EXPECT_EQ("1 2 '/v/music' 'music' deleted 3 4 5", dump(someFolder())); }
 
-TEST(FolderRecord, hasDefinedValuesFromTheStart) { EXPECT_EQ("0 0 '' '' live 0 0 0", dump(DBFolder())); }
+TEST(DBFolder, hasDefinedValuesFromTheStart) { EXPECT_EQ("0 0 '' '' live 0 0 0", dump(DBFolder())); }
 
-TEST(FolderRecord, becomesZeroInAllFieldsWhenResetIdsAndDeletedMarkToo)
+TEST(DBFolder, becomesZeroInAllFieldsWhenResetIdsAndDeletedMarkToo)
 {
     DBFolder folder = someFolder();
     folder.resetFolder();
     EXPECT_EQ("0 0 '' '' live 0 0 0", dump(folder));
 }
 
-TEST(FolderRecord, isCopiedInAllItsFields)
+TEST(DBFolder, isCopiedInAllItsFields)
 {
     DBFolder original = someFolder();
     const DBFolder copy(original);
@@ -207,9 +207,9 @@ TEST(FolderRecord, isCopiedInAllItsFields)
     EXPECT_EQ(dump(someFolder()), dump(assigned));
 }
 
-TEST(FolderRecord, isShownAsItsPathAlone) { EXPECT_EQ("/v/music", someFolder().toString()); }
+TEST(DBFolder, isShownAsItsPathAlone) { EXPECT_EQ("/v/music", someFolder().toString()); }
 
-TEST(FolderRecord, equalsOneOfTheSamePathWhateverItsName)
+TEST(DBFolder, equalsOneOfTheSamePathWhateverItsName)
 {
     EXPECT_TRUE(folderAt("/a", "one") == folderAt("/a", "two"));
     EXPECT_TRUE(someFolder() == folderAt("/v/music"));
@@ -218,7 +218,7 @@ TEST(FolderRecord, equalsOneOfTheSamePathWhateverItsName)
     EXPECT_FALSE(folderAt("/a") == folderAt("/a/"));
 }
 
-TEST(FolderRecord, isLessThanOneOfTheSamePathAndTheOtherWayRoundToo)
+TEST(DBFolder, isLessThanOneOfTheSamePathAndTheOtherWayRoundToo)
 {
     const DBFolder one = folderAt("/a", "one");
     const DBFolder two = folderAt("/a", "two");
@@ -227,7 +227,7 @@ TEST(FolderRecord, isLessThanOneOfTheSamePathAndTheOtherWayRoundToo)
     EXPECT_TRUE(one < one);
 }
 
-TEST(FolderRecord, isOrderedByThePathInBytes)
+TEST(DBFolder, isOrderedByThePathInBytes)
 {
     EXPECT_TRUE(folderAt("/a", "z") < folderAt("/b", "a"));
     EXPECT_FALSE(folderAt("/b", "a") < folderAt("/a", "z"));
@@ -240,7 +240,7 @@ TEST(FolderRecord, isOrderedByThePathInBytes)
     EXPECT_TRUE(folderAt("/10") < folderAt("/9"));
 }
 
-TEST(FolderRecord, isSortedInAListInSpiteOfItsOrder)
+TEST(DBFolder, isSortedInAListInSpiteOfItsOrder)
 {
     std::list<DBFolder> folders;
     for (const char* path : { "/b", "/a", "/c", "/a", "/b", "/B" })
@@ -252,19 +252,19 @@ TEST(FolderRecord, isSortedInAListInSpiteOfItsOrder)
     EXPECT_EQ("/B/a/a/b/b/c", order);
 }
 
-TEST(SimpleFileRecord, holdsWhatItWasBuiltFrom)
+TEST(SimpleDBFile, holdsWhatItWasBuiltFrom)
 {
     EXPECT_EQ("'/v/x.mp3' 'x.mp3' 1 2", dump(SimpleDBFile("/v/x.mp3", "x.mp3", 1, 2)));
 }
 
-TEST(SimpleFileRecord, isEmptyAfterReset)
+TEST(SimpleDBFile, isEmptyAfterReset)
 {
     SimpleDBFile file("/v/x.mp3", "x.mp3", 1, 2);
     file.reset();
     EXPECT_EQ("'' '' 0 0", dump(file));
 }
 
-TEST(SimpleFileRecord, isCopiedInAllItsFields)
+TEST(SimpleDBFile, isCopiedInAllItsFields)
 {
     SimpleDBFile original("/v/x.mp3", "x.mp3", 1, 2);
     const SimpleDBFile copy(original);
@@ -275,7 +275,7 @@ TEST(SimpleFileRecord, isCopiedInAllItsFields)
     EXPECT_EQ("'/v/x.mp3' 'x.mp3' 1 2", dump(assigned));
 }
 
-TEST(SimpleFileRecord, equalsOneOfTheSameNameAndPathWhateverItsTimes)
+TEST(SimpleDBFile, equalsOneOfTheSameNameAndPathWhateverItsTimes)
 {
     EXPECT_TRUE(SimpleDBFile("/a", "a", 1, 2) == SimpleDBFile("/a", "a", 3, 4));
     EXPECT_FALSE(simpleFile("/a", "a") == simpleFile("/a", "b"));
@@ -283,7 +283,7 @@ TEST(SimpleFileRecord, equalsOneOfTheSameNameAndPathWhateverItsTimes)
     EXPECT_FALSE(simpleFile("/a", "a") == simpleFile("/a", "A"));
 }
 
-TEST(SimpleFileRecord, isLessOnlyWhenNeitherPathNorNameIsGreater)
+TEST(SimpleDBFile, isLessOnlyWhenNeitherPathNorNameIsGreater)
 {
     EXPECT_TRUE(simpleFile("/a", "a") < simpleFile("/b", "b"));
     EXPECT_FALSE(simpleFile("/a", "z") < simpleFile("/b", "a")); // not lexicographic
@@ -295,7 +295,7 @@ TEST(SimpleFileRecord, isLessOnlyWhenNeitherPathNorNameIsGreater)
     EXPECT_FALSE(simpleFile("/a", "y") < simpleFile("/a", "x"));
 }
 
-TEST(SimpleFileRecord, isLessThanOneOfTheSamePathAndNameAndTheOtherWayRoundToo)
+TEST(SimpleDBFile, isLessThanOneOfTheSamePathAndNameAndTheOtherWayRoundToo)
 {
     EXPECT_TRUE(SimpleDBFile("/a", "a", 1, 2) < SimpleDBFile("/a", "a", 3, 4));
     EXPECT_TRUE(SimpleDBFile("/a", "a", 3, 4) < SimpleDBFile("/a", "a", 1, 2));
@@ -335,6 +335,20 @@ TEST(CatalogueExceptions, areNotOneAnother)
 {
     EXPECT_FALSE((std::is_base_of_v<DBOperationException, DBOpenException>));
     EXPECT_FALSE((std::is_base_of_v<DBOpenException, DBOperationException>));
+}
+
+TEST(CatalogueExceptions, theExceptionsSayWhichTheyAre)
+{
+    try {
+        throw DBOperationException();
+    } catch (const std::exception& e) {
+        EXPECT_STREQ("DBOperationException occurred", e.what());
+    }
+    try {
+        throw DBOpenException();
+    } catch (const std::exception& e) {
+        EXPECT_STREQ("DBOpenException occurred", e.what());
+    }
 }
 
 } // namespace

@@ -21,7 +21,7 @@ namespace {
 constexpr uid_t nobody = 65534;
 
 /// SQLite as the daemon sets it up, with catalogues that a user of the volume exchanges while they are being opened.
-class DaemonsSqlite : public CatalogueTest {
+class SqliteProcess : public CatalogueTest {
 protected:
     static void SetUpTestSuite() { setUpSqliteForDaemon(); }
     static void TearDownTestSuite()
@@ -86,7 +86,7 @@ std::string journalThatNames(const std::string& path, std::size_t pages)
 
 } // namespace
 
-TEST_F(DaemonsSqlite, readsWhatWasAdmitted)
+TEST_F(SqliteProcess, readsWhatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     const CatalogueAdmission admission(path);
@@ -94,7 +94,7 @@ TEST_F(DaemonsSqlite, readsWhatWasAdmitted)
     EXPECT_TRUE(isReadable(path));
 }
 
-TEST_F(DaemonsSqlite, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
+TEST_F(SqliteProcess, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     const std::string other = volume.path("other.db");
@@ -107,7 +107,7 @@ TEST_F(DaemonsSqlite, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
     EXPECT_TRUE(isReadable(path)) << "the next admission is one of its own";
 }
 
-TEST_F(DaemonsSqlite, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted)
+TEST_F(SqliteProcess, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     change("pragma journal_mode=wal");
@@ -121,7 +121,7 @@ TEST_F(DaemonsSqlite, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted
     EXPECT_FALSE(isReadable(path));
 }
 
-TEST_F(DaemonsSqlite, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
+TEST_F(SqliteProcess, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
 {
     const std::string path = makeWith("/Music");
     change("pragma journal_mode=wal");
@@ -133,7 +133,7 @@ TEST_F(DaemonsSqlite, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
     EXPECT_TRUE(isReadable(path));
 }
 
-TEST_F(DaemonsSqlite, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
+TEST_F(SqliteProcess, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -154,7 +154,7 @@ TEST_F(DaemonsSqlite, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
     EXPECT_FALSE(isMarked(kept));
 }
 
-TEST_F(DaemonsSqlite, followsNoLinkInAPathThatWasResolved)
+TEST_F(SqliteProcess, followsNoLinkInAPathThatWasResolved)
 {
     const std::string path = makeWith("/Music");
     const std::string found = resolveOwnLinks(path, LinkedFile::followed);
@@ -188,7 +188,7 @@ TEST_F(DaemonsSqlite, followsNoLinkInAPathThatWasResolved)
     EXPECT_TRUE(volume.exists("elsewhere/quarrow.db-wal"));
 }
 
-TEST_F(DaemonsSqlite, doesNotReadAnywhereWhatStillHasToBeLookedInto)
+TEST_F(SqliteProcess, doesNotReadAnywhereWhatStillHasToBeLookedInto)
 {
     const std::string path = makeWith("/Music");
     ASSERT_EQ(0, chmod(path.c_str(), 0644 | S_ISVTX));
@@ -201,7 +201,7 @@ TEST_F(DaemonsSqlite, doesNotReadAnywhereWhatStillHasToBeLookedInto)
     EXPECT_FALSE(isReadable(path));
 }
 
-TEST_F(DaemonsSqlite, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
+TEST_F(SqliteProcess, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -215,7 +215,7 @@ TEST_F(DaemonsSqlite, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
     EXPECT_TRUE(isMarked(path + "-wal")) << "which nobody has opened, and so nobody looked into";
 }
 
-TEST_F(DaemonsSqlite, trustsTheLogThatWasOpened)
+TEST_F(SqliteProcess, trustsTheLogThatWasOpened)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -231,7 +231,7 @@ TEST_F(DaemonsSqlite, trustsTheLogThatWasOpened)
     sqlite3_close(handle);
 }
 
-TEST_F(DaemonsSqlite, usesNoIndexThatWasSomebodyElses)
+TEST_F(SqliteProcess, usesNoIndexThatWasSomebodyElses)
 {
     const std::string path = makeWith("/Music");
     const std::string index = volume.writeFile(".quarrow/quarrow.db-shm", "held open by somebody");
@@ -240,7 +240,7 @@ TEST_F(DaemonsSqlite, usesNoIndexThatWasSomebodyElses)
     EXPECT_FALSE(fs::exists(index));
 }
 
-TEST_F(DaemonsSqlite, givesNothingToWhoOwnsWhatIsAtThePath)
+TEST_F(SqliteProcess, givesNothingToWhoOwnsWhatIsAtThePath)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -262,7 +262,7 @@ TEST_F(DaemonsSqlite, givesNothingToWhoOwnsWhatIsAtThePath)
     sqlite3_close(handle);
 }
 
-TEST_F(DaemonsSqlite, refusesAJournalThatNamesAnotherFile)
+TEST_F(SqliteProcess, refusesAJournalThatNamesAnotherFile)
 {
     const std::string path = makeWith("/Music");
     const std::string victim = volume.writeFile("victim-wal", "precious");
@@ -274,7 +274,7 @@ TEST_F(DaemonsSqlite, refusesAJournalThatNamesAnotherFile)
     EXPECT_FALSE(CatalogueAdmission(path).isRefused()) << "one like the daemon's own";
 }
 
-TEST_F(DaemonsSqlite, takesAwayNothingThatAJournalNames)
+TEST_F(SqliteProcess, takesAwayNothingThatAJournalNames)
 {
     const std::string path = makeWith("/Music");
     const std::size_t pages = fs::file_size(path) / pageBytes;

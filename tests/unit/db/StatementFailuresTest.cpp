@@ -183,9 +183,8 @@ TEST_P(OperationFailures, leaveNoStatementAndNoTransactionOpen)
 
 TEST_P(WriteFailures, refusedByATrigger)
 {
+    insertFolderRow("/deleted", 1);
     change("update Files set is_deleted = 1; update Folders set is_deleted = (folder_id <> 1)");
-    change("insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)"
-           " values(1, '/deleted', 'deleted', 0, 0, 1, 0)");
     for (const std::string table : { "Folders", "Files" })
         for (const std::string event : { "insert", "update", "delete" })
             change("create trigger refuse" + table + event + " before " + event + " on " + table

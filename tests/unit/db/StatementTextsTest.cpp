@@ -1,6 +1,7 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
+#include "db/SqlTexts.h"
 #include "support/SyslogCapture.h"
 
 #include <sqlite3.h>
@@ -8,15 +9,10 @@
 
 namespace {
 
-// Doubled blanks and all.
-const std::string selectFolder = "select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time,"
-                                 " created_time, name from folders where ";
-const std::string selectFile = "select file_id , folder_id , path , name , size , category , last_updated_time ,"
-                               " modified_time , created_time from  files  where  path=?  and name=?";
-const std::string liveFolder = selectFolder + "path=? and is_deleted=0";
-const std::string anyFolder = selectFolder + "path=?";
-const std::string liveFile = selectFile + " and is_deleted=0";
-const std::string& anyFile = selectFile;
+const std::string liveFolder = sql::liveFolder("?");
+const std::string anyFolder = sql::anyFolder("?");
+const std::string liveFile = sql::liveFile("?", "?");
+const std::string anyFile = sql::anyFile("?", "?");
 
 /// Which statements SQLite is given, and what becomes of a bind that fails.
 class StatementTexts : public CatalogueTest {
@@ -64,15 +60,14 @@ protected:
 TEST_F(StatementTexts, readFolders)
 {
     folder.setFolder_id(1);
-    EXPECT_EQ(liveFolder + "\n", statementsOf([&] { db->folderExists(folder); }));
-    EXPECT_EQ(anyFolder + "\n", statementsOf([&] { db->folderRowExists(folder); }));
+    EXPECT_EQ(liveFolder, statementsOf([&] { db->folderExists(folder); }));
+    EXPECT_EQ(anyFolder, statementsOf([&] { db->folderRowExists(folder); }));
     EXPECT_EQ("select path from  folders  where  path=?  and parent_id=-1  and is_deleted=0\n",
         statementsOf([&] { db->findRootFolder("/v"); }));
-    EXPECT_EQ(selectFolder + "folder_id=? and is_deleted=0\n", statementsOf([&] { db->findFolderByFolderId(folder); }));
     EXPECT_EQ(
-        selectFolder + "parent_id=? and is_deleted=0\n", statementsOf([&] { db->getFolderListByFolder(folder); }));
-    EXPECT_EQ("select a.folder_id from folders a where a.parent_id = ? and a.is_deleted = 0\n",
-        statementsOf([&] { db->getListOfFolders(1); }));
+        sql::selectFolder("folder_id=? and is_deleted=0"), statementsOf([&] { db->findFolderByFolderId(folder); }));
+    EXPECT_EQ(sql::liveFoldersIn("?"), statementsOf([&] { db->getFolderListByFolder(folder); }));
+    EXPECT_EQ(sql::liveIdsIn("?"), statementsOf([&] { db->getListOfFolders(1); }));
 }
 
 TEST_F(StatementTexts, writeFolders)
@@ -81,8 +76,7 @@ TEST_F(StatementTexts, writeFolders)
     EXPECT_EQ("update folders set last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where"
               " folder_id = ?\n",
         statementsOf([&] { db->updateFolder(folder); }));
-    EXPECT_EQ("update folders set is_deleted = 1, last_updated_time=strftime('%s','now')  where folder_id = ?\n",
-        statementsOf([&] { db->deleteFolderRecord(1); }));
+    EXPECT_EQ(sql::markFolder("?"), statementsOf([&] { db->deleteFolderRecord(1); }));
     EXPECT_EQ("delete from folders where is_deleted=1 and last_updated_time < ?\n",
         statementsOf([&] { db->purgeDeletedFolders(100); }));
 }
@@ -91,11 +85,9 @@ TEST_F(StatementTexts, insertAFolder)
 {
     DBFolder rock = folderAt("/v/.rock", 100, 200);
     rock.setParent_id(1);
-    EXPECT_EQ(anyFolder + "\n"
-            + "insert into folders( parent_id  , path  , name  , is_deleted  , modified_time  , last_updated_time  ,"
-              " created_time  , is_hidden ) values(?,?,?,?,?,strftime('%s','now'),?,?)\n",
+    EXPECT_EQ(anyFolder + sql::insertIntoFolders("?,?,?,?,?,strftime('%s','now'),?,?"),
         statementsOf([&] { db->insertIndividualFolder(rock); }));
-    EXPECT_EQ(anyFolder + "\n"
+    EXPECT_EQ(anyFolder
             + "update folders   set is_deleted = 0, modified_time=?, last_updated_time=strftime('%s', 'now') ,"
               " created_time=?, parent_id=?  where folder_id=?\n",
         statementsOf([&] { db->insertIndividualFolder(rock); }));
@@ -117,11 +109,9 @@ TEST_F(StatementTexts, bindAFoldersValues)
 TEST_F(StatementTexts, readFiles)
 {
     folder.setFolder_id(1);
-    EXPECT_EQ(liveFile + "\n", statementsOf([&] { db->fileExists(file); }));
-    EXPECT_EQ(anyFile + "\n", statementsOf([&] { db->fileRowExists(file); }));
-    EXPECT_EQ("select path , name , category  , size  , modified_time , created_time from  files  where  folder_id=?  "
-              "and is_deleted=0 \n",
-        statementsOf([&] { db->getFileListByFolder(folder); }));
+    EXPECT_EQ(liveFile, statementsOf([&] { db->fileExists(file); }));
+    EXPECT_EQ(anyFile, statementsOf([&] { db->fileRowExists(file); }));
+    EXPECT_EQ(sql::liveFilesIn("?"), statementsOf([&] { db->getFileListByFolder(folder); }));
     EXPECT_EQ("select path , name , modified_time , created_time from  files  where  folder_id=?  and is_deleted=0 \n",
         statementsOf([&] { db->getSimpleFileListByFolder(folder); }));
 }
@@ -131,10 +121,8 @@ TEST_F(StatementTexts, writeFiles)
     EXPECT_EQ("update files set name=?, category=?, size=?, last_updated_time=strftime('%s','now'), modified_time=?,"
               " created_time=? where file_id = ?\n",
         statementsOf([&] { db->updateFile(file); }));
-    EXPECT_EQ("update files set is_deleted=1, last_updated_time=strftime('%s','now') where file_id = ?\n",
-        statementsOf([&] { db->deleteFile(file); }));
-    EXPECT_EQ("update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id = ?\n",
-        statementsOf([&] { db->deleteFilesFromFolder(1); }));
+    EXPECT_EQ(sql::markFile("?"), statementsOf([&] { db->deleteFile(file); }));
+    EXPECT_EQ(sql::markFilesIn("?"), statementsOf([&] { db->deleteFilesFromFolder(1); }));
     EXPECT_EQ("delete from files where is_deleted = 1 and last_updated_time < ?\n",
         statementsOf([&] { db->purgeDeletedFiles(100); }));
 }
@@ -142,11 +130,8 @@ TEST_F(StatementTexts, writeFiles)
 TEST_F(StatementTexts, insertAFile)
 {
     DBFile hidden = fileAt("/v/.y", 3, 5368709127, 100, 200);
-    const std::string look = liveFile + "\n" + liveFolder + "\n" + anyFile + "\n";
-    EXPECT_EQ(look
-            + "insert into files( folder_id  , name  , path  , size  , last_updated_time  , is_deleted  ,"
-              " modified_time , created_time , category , is_hidden) values(?,?,?,?,strftime('%s','now'), 0,"
-              " ?,?,?,?)\n",
+    const std::string look = liveFile + liveFolder + anyFile;
+    EXPECT_EQ(look + sql::insertIntoFiles("?,?,?,?,strftime('%s','now'), 0, ?,?,?,?"),
         statementsOf([&] { db->insertFile(hidden); }));
     change("update Files set is_deleted = 1");
     EXPECT_EQ(look

@@ -6,11 +6,13 @@
 
 #include <grp.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 
@@ -36,9 +38,9 @@ constexpr uid_t nobody = 65534;
 constexpr int notPermitted = 77;
 
 /// How the catalogue is seen by those who read it while the daemon runs, after it stopped and after it was killed.
-class CatalogueReaders : public CatalogueTest {
+class WriteAheadLogTest : public CatalogueTest {
 protected:
-    CatalogueReaders() { EXPECT_EQ(0, chmod(volume.path().c_str(), 0755)); }
+    WriteAheadLogTest() { EXPECT_EQ(0, chmod(volume.path().c_str(), 0755)); }
 
     /// Whether the paths of the live folders are these as a user without write permission reads them. Skips the test
     /// where this process cannot become another user.
@@ -104,20 +106,20 @@ protected:
 
 } // namespace
 
-TEST_F(CatalogueReaders, anOpenCatalogueHasAWriteAheadLog)
+TEST_F(WriteAheadLogTest, anOpenCatalogueHasAWriteAheadLog)
 {
     openNew();
     EXPECT_EQ("wal\n", query("pragma journal_mode"));
 }
 
-TEST_F(CatalogueReaders, anOpenCatalogueIsNotSyncedWithEveryTransaction)
+TEST_F(WriteAheadLogTest, anOpenCatalogueIsNotSyncedWithEveryTransaction)
 {
     const ConnectionProbe probe;
     openNew();
     EXPECT_EQ(1, probe.pragma("synchronous")); // NORMAL
 }
 
-TEST_F(CatalogueReaders, anExistingPlainFileGetsAWriteAheadLogToo)
+TEST_F(WriteAheadLogTest, anExistingPlainFileGetsAWriteAheadLogToo)
 {
     openNew();
     close();
@@ -126,7 +128,7 @@ TEST_F(CatalogueReaders, anExistingPlainFileGetsAWriteAheadLogToo)
     EXPECT_EQ("wal\n", query("pragma journal_mode"));
 }
 
-TEST_F(CatalogueReaders, aClosedCatalogueIsOnePlainFile)
+TEST_F(WriteAheadLogTest, aClosedCatalogueIsOnePlainFile)
 {
     openNew();
     insertRoot("/Music");
@@ -136,7 +138,7 @@ TEST_F(CatalogueReaders, aClosedCatalogueIsOnePlainFile)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueReaders, aCatalogueClosedUnderAReaderKeepsItsLog)
+TEST_F(WriteAheadLogTest, aCatalogueClosedUnderAReaderKeepsItsLog)
 {
     openNew();
     insertRoot("/Music");
@@ -150,7 +152,7 @@ TEST_F(CatalogueReaders, aCatalogueClosedUnderAReaderKeepsItsLog)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueReaders, theNextCloseWithoutAReaderMakesItPlainAgain)
+TEST_F(WriteAheadLogTest, theNextCloseWithoutAReaderMakesItPlainAgain)
 {
     openNew();
     insertRoot("/Music");
@@ -165,14 +167,14 @@ TEST_F(CatalogueReaders, theNextCloseWithoutAReaderMakesItPlainAgain)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhileItIsOpen)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsWhileItIsOpen)
 {
     openNew();
     insertRoot("/Music");
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterTheClose)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterTheClose)
 {
     openNew();
     insertRoot("/Music");
@@ -180,7 +182,7 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterTheClose)
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACloseUnderAReader)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterACloseUnderAReader)
 {
     openNew();
     insertRoot("/Music");
@@ -192,7 +194,7 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACloseUnderAReader
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACloseInMidTransaction)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterACloseInMidTransaction)
 {
     openNew();
     insertRoot("/Music");
@@ -201,7 +203,7 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACloseInMidTransac
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhatWasOpenedAndNotWrittenTo)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsWhatWasOpenedAndNotWrittenTo)
 {
     openNew();
     insertRoot("/Music");
@@ -209,7 +211,7 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhatWasOpenedAndNotWrit
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhatWasReadAndNotWrittenTo)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsWhatWasReadAndNotWrittenTo)
 {
     openNew();
     insertRoot("/Music");
@@ -218,13 +220,13 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsWhatWasReadAndNotWritte
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterTheDaemonWasKilled)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterTheDaemonWasKilled)
 {
     openAndDie([this] { insertRoot("/Music"); });
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACheckpointAndAKill)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterACheckpointAndAKill)
 {
     openAndDie([this] {
         insertRoot("/Music");
@@ -233,7 +235,7 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterACheckpointAndAKil
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterAKillThatFollowedReads)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterAKillThatFollowedReads)
 {
     openNew();
     insertRoot("/Music");
@@ -242,7 +244,7 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterAKillThatFollowedR
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterAKillThatFollowedTheOpen)
+TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterAKillThatFollowedTheOpen)
 {
     openNew();
     insertRoot("/Music");
@@ -251,7 +253,7 @@ TEST_F(CatalogueReaders, aUserWithoutWritePermissionReadsAfterAKillThatFollowedT
     expectFoldersReadByNobody("/Music\n");
 }
 
-TEST_F(CatalogueReaders, aReaderInTheMiddleOfItsTransactionStopsNoWrite)
+TEST_F(WriteAheadLogTest, aReaderInTheMiddleOfItsTransactionStopsNoWrite)
 {
     openNew();
     const ConnectedReader reader(dbPath);
@@ -259,7 +261,7 @@ TEST_F(CatalogueReaders, aReaderInTheMiddleOfItsTransactionStopsNoWrite)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueReaders, afterACheckpointTheMainFileAloneIsComplete)
+TEST_F(WriteAheadLogTest, afterACheckpointTheMainFileAloneIsComplete)
 {
     openNew();
     insertRoot("/Music");
@@ -270,7 +272,7 @@ TEST_F(CatalogueReaders, afterACheckpointTheMainFileAloneIsComplete)
     EXPECT_EQ("/Music\n", queryCatalogue(copy, "select path from Folders"));
 }
 
-TEST_F(CatalogueReaders, aCheckpointLeavesTheLogItsLength)
+TEST_F(WriteAheadLogTest, aCheckpointLeavesTheLogItsLength)
 {
     openNew();
     insertRoot("/Music");
@@ -279,7 +281,7 @@ TEST_F(CatalogueReaders, aCheckpointLeavesTheLogItsLength)
         << "to shorten it, the checkpoint would wait for readers";
 }
 
-TEST_F(CatalogueReaders, aCheckpointUnderAReaderWaitsForNobody)
+TEST_F(WriteAheadLogTest, aCheckpointUnderAReaderWaitsForNobody)
 {
     openNew();
     const ConnectedReader reader(dbPath);
@@ -288,7 +290,7 @@ TEST_F(CatalogueReaders, aCheckpointUnderAReaderWaitsForNobody)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueReaders, theLogComesBackWhenWhatPreventedItIsGone)
+TEST_F(WriteAheadLogTest, theLogComesBackWhenWhatPreventedItIsGone)
 {
     openNew();
     close();
@@ -302,7 +304,7 @@ TEST_F(CatalogueReaders, theLogComesBackWhenWhatPreventedItIsGone)
     EXPECT_EQ("wal\n", query("pragma journal_mode"));
 }
 
-TEST_F(CatalogueReaders, aCatalogueOnAReadOnlyVolumeCanBeReadAndNotWritten)
+TEST_F(WriteAheadLogTest, aCatalogueOnAReadOnlyVolumeCanBeReadAndNotWritten)
 {
     const std::string mountPoint = volume.makeFolder("media");
     dbPath = mountPoint + "/quarrow.db";
@@ -317,4 +319,21 @@ TEST_F(CatalogueReaders, aCatalogueOnAReadOnlyVolumeCanBeReadAndNotWritten)
     EXPECT_TRUE(db->beginTransaction());
     EXPECT_TRUE(throwsOperationException([&] { db->updateFolder(music); }));
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "updateFolder() failed, handleStatus: 1\n" } }), loggedLines());
+}
+
+TEST_F(WriteAheadLogTest, aLogThatCannotBeMappedForOnceIsTriedAgain)
+{
+    openNew();
+    close();
+    sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
+    void* (*const refusing)(void*, size_t, int, int, int, off_t) = [](void*, size_t, int, int, int, off_t) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    };
+    ASSERT_EQ(SQLITE_OK, files->xSetSystemCall(files, "mmap", reinterpret_cast<sqlite3_syscall_ptr>(refusing)));
+    open();
+    files->xSetSystemCall(files, "mmap", nullptr);
+    EXPECT_EQ("delete\n", query("pragma journal_mode"));
+    db->useWriteAheadLog();
+    EXPECT_EQ("wal\n", query("pragma journal_mode"));
 }

@@ -1,6 +1,5 @@
 #include "db/MovesTest.h"
 
-#include <pthread.h>
 #include <sqlite3.h>
 
 #include <sstream>
@@ -15,9 +14,9 @@ static_assert(
 namespace {
 
 /// /v with a and d; b in a, c in b. Two files in a, one in b, one in d.
-class InPlaceUpdate : public MovesTest {
+class InPlaceUpdates : public MovesTest {
 protected:
-    InPlaceUpdate()
+    InPlaceUpdates()
     {
         insertFolderRow("/v", -1);
         insertFolderRow("/v/a", 1);
@@ -95,7 +94,7 @@ const Rewrite rewrites[] = {
         "updateFilesInFolderPath() failed, handleStatus: \n" },
 };
 
-class Rewrites : public InPlaceUpdate, public testing::WithParamInterface<Rewrite> {
+class InPlaceUpdatesOfRows : public InPlaceUpdates, public testing::WithParamInterface<Rewrite> {
 protected:
     std::string run(const std::string& text, int id)
     {
@@ -136,7 +135,7 @@ const Element elements[] = {
     { "besideAnOddOne", "/v/\xff 100%s/b", 2, "x", "/v/\xff 100%s/x" },
 };
 
-class ReplacedElement : public InPlaceUpdate, public testing::WithParamInterface<Element> { };
+class InPlaceUpdatesOfAnElement : public InPlaceUpdates, public testing::WithParamInterface<Element> { };
 
 std::string replaceAll(std::string text, const std::string& old, const std::string& now)
 {
@@ -147,7 +146,7 @@ std::string replaceAll(std::string text, const std::string& old, const std::stri
 
 } // namespace
 
-TEST_P(Rewrites, changeTheseRowsAndNoOthers)
+TEST_P(InPlaceUpdatesOfRows, changeTheseRowsAndNoOthers)
 {
     const std::string before = dump();
     EXPECT_EQ("true", run("/new", 2));
@@ -157,14 +156,14 @@ TEST_P(Rewrites, changeTheseRowsAndNoOthers)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_P(Rewrites, areTrueWithoutARow)
+TEST_P(InPlaceUpdatesOfRows, areTrueWithoutARow)
 {
     const std::string before = dump();
     EXPECT_EQ("true", run("/new", 77));
     EXPECT_EQ(before, dump());
 }
 
-TEST_P(Rewrites, changeDeletedRowsTooAndLeaveThemDeleted)
+TEST_P(InPlaceUpdatesOfRows, changeDeletedRowsTooAndLeaveThemDeleted)
 {
     change("update Folders set is_deleted = 1; update Files set is_deleted = 1");
     const std::string before = dump();
@@ -172,13 +171,13 @@ TEST_P(Rewrites, changeDeletedRowsTooAndLeaveThemDeleted)
     EXPECT_EQ(replaceAll(GetParam().changed, " live", " deleted"), changedSince(before));
 }
 
-TEST_P(Rewrites, takeTextsAsBytes)
+TEST_P(InPlaceUpdatesOfRows, takeTextsAsBytes)
 {
     EXPECT_EQ("true", run(oddName, 2));
     EXPECT_NE(std::string::npos, dump().find(replaceAll(GetParam().changed, "/new", oddNameInSql))) << dump();
 }
 
-TEST_P(Rewrites, failUnderTheirText)
+TEST_P(InPlaceUpdatesOfRows, failUnderTheirText)
 {
     change("drop table Files; drop table Folders");
     EXPECT_EQ(failed, run("/new", 2));
@@ -187,7 +186,7 @@ TEST_P(Rewrites, failUnderTheirText)
     EXPECT_EQ(failure("21"), loggedLines()); // not even prepared
 }
 
-TEST_P(Rewrites, failAtTheFirstBindThatFails)
+TEST_P(InPlaceUpdatesOfRows, failAtTheFirstBindThatFails)
 {
     const std::string before = dump();
     probe.refuseTextsOver(100, SQLITE_UPDATE);
@@ -197,9 +196,9 @@ TEST_P(Rewrites, failAtTheFirstBindThatFails)
     EXPECT_EQ(before, dump());
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, Rewrites, testing::ValuesIn(rewrites), nameOf<Rewrite>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, InPlaceUpdatesOfRows, testing::ValuesIn(rewrites), nameOf<Rewrite>);
 
-TEST_P(ReplacedElement, isTheOneAtTheLevelAndTheFilesGetTheFoldersPath)
+TEST_P(InPlaceUpdatesOfAnElement, isTheOneAtTheLevelAndTheFilesGetTheFoldersPath)
 {
     const Element& c = GetParam();
     change("update Folders set path = '" + std::string(c.path) + "' where folder_id = 3");
@@ -215,9 +214,9 @@ TEST_P(ReplacedElement, isTheOneAtTheLevelAndTheFilesGetTheFoldersPath)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, ReplacedElement, testing::ValuesIn(elements), nameOf<Element>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, InPlaceUpdatesOfAnElement, testing::ValuesIn(elements), nameOf<Element>);
 
-TEST_F(InPlaceUpdate, aFolderThatIsNotLiveLosesItsPathAndSoDoItsFiles)
+TEST_F(InPlaceUpdates, aFolderThatIsNotLiveLosesItsPathAndSoDoItsFiles)
 {
     change("update Folders set is_deleted = 1 where folder_id = 3; update Files set folder_id = 77 where file_id = 4");
     const std::string before = dump();
@@ -229,17 +228,17 @@ TEST_F(InPlaceUpdate, aFolderThatIsNotLiveLosesItsPathAndSoDoItsFiles)
         changedSince(before));
 }
 
-TEST_F(InPlaceUpdate, oneFolderTakesThreeStatements)
+TEST_F(InPlaceUpdates, oneFolderTakesThreeStatements)
 {
     probe.clear();
     db->updatePathForIndividualFolder(3, 1, "x");
-    EXPECT_EQ(selectFolder("folder_id=3 and is_deleted=0")
+    EXPECT_EQ(sql::selectFolder("folder_id=3 and is_deleted=0")
             + "update folders set path='/v/x/b', last_updated_time=strftime('%s','now')  where folder_id = 3\n"
               "update files set path='/v/x/b', last_updated_time=strftime('%s','now')  where folder_id = 3\n",
         probe.boundStatements());
 }
 
-TEST_F(InPlaceUpdate, everythingBelowAFolderButNotTheFolderItself)
+TEST_F(InPlaceUpdates, everythingBelowAFolderButNotTheFolderItself)
 {
     const std::string before = dump();
     db->updatePathAndNameForFolders(1, 1, "x");
@@ -255,7 +254,7 @@ TEST_F(InPlaceUpdate, everythingBelowAFolderButNotTheFolderItself)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(InPlaceUpdate, eachChildComesBeforeItsOwnChildren)
+TEST_F(InPlaceUpdates, eachChildComesBeforeItsOwnChildren)
 {
     const auto idsBelow = [](const std::string& id) {
         return "select a.folder_id from folders a where a.parent_id = " + id + " and a.is_deleted = 0\n";
@@ -263,7 +262,8 @@ TEST_F(InPlaceUpdate, eachChildComesBeforeItsOwnChildren)
     const auto folder = [](const std::string& id, const std::string& path) {
         const std::string rest
             = " set path='" + path + "', last_updated_time=strftime('%s','now')  where folder_id = " + id + "\n";
-        return selectFolder("folder_id=" + id + " and is_deleted=0") + "update folders" + rest + "update files" + rest;
+        return sql::selectFolder("folder_id=" + id + " and is_deleted=0") + "update folders" + rest + "update files"
+            + rest;
     };
     probe.clear();
     db->updatePathAndNameForFolders(1, 0, "x");
@@ -272,7 +272,7 @@ TEST_F(InPlaceUpdate, eachChildComesBeforeItsOwnChildren)
         probe.boundStatements());
 }
 
-TEST_F(InPlaceUpdate, deletedFoldersAndWhatIsBelowThemAreLeft)
+TEST_F(InPlaceUpdates, deletedFoldersAndWhatIsBelowThemAreLeft)
 {
     change("update Folders set is_deleted = 1 where folder_id = 3");
     const std::string before = dump();
@@ -280,7 +280,7 @@ TEST_F(InPlaceUpdate, deletedFoldersAndWhatIsBelowThemAreLeft)
     EXPECT_EQ(before, dump());
 }
 
-TEST_F(InPlaceUpdate, aFolderThatIsItsOwnDescendantIsRewrittenOnce)
+TEST_F(InPlaceUpdates, aFolderThatIsItsOwnDescendantIsRewrittenOnce)
 {
     change("update Folders set parent_id = 3 where folder_id = 2");
     probe.clear();
@@ -289,7 +289,7 @@ TEST_F(InPlaceUpdate, aFolderThatIsItsOwnDescendantIsRewrittenOnce)
         "3 /v/x/b\n4 /v/x/b/c\n", query("select folder_id, path from Folders where path like '/v/x%' order by 1"));
 }
 
-TEST_F(InPlaceUpdate, aFailureLeavesWhatWasDoneBefore)
+TEST_F(InPlaceUpdates, aFailureLeavesWhatWasDoneBefore)
 {
     refuse("update on Files when new.name = '3.mp3'");
     const std::string before = dump();
@@ -302,7 +302,7 @@ TEST_F(InPlaceUpdate, aFailureLeavesWhatWasDoneBefore)
     EXPECT_EQ(errorLine("updateFilesInFolderPath() failed, handleStatus: \n"), loggedLines());
 }
 
-TEST_F(InPlaceUpdate, failsUnderTheTextOfTheStatementThatFails)
+TEST_F(InPlaceUpdates, failsUnderTheTextOfTheStatementThatFails)
 {
     refuse("update on Folders");
     EXPECT_THROW(db->updatePathForIndividualFolder(3, 1, "x"), DBOperationException);
@@ -317,23 +317,11 @@ TEST_F(InPlaceUpdate, failsUnderTheTextOfTheStatementThatFails)
         loggedLines());
 }
 
-TEST_F(InPlaceUpdate, aTreeDeeperThanAWalkThreadsStackIsRewrittenWhole)
+TEST_F(InPlaceUpdates, aTreeDeeperThanAWalkThreadsStackIsRewrittenWhole)
 {
-    change("with recursive level(n) as (select 6 union all select n+1 from level where n < 10000)"
-           " insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
-           " last_updated_time) select n, n - 1, '/v/' || n, n, 0, 0, 0, 0 from level");
+    insertDeepTree(5, "/v/");
     db->beginTransaction();
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 524288);
-    pthread_t thread;
-    const auto run = [](void* catalogue) -> void* {
-        static_cast<VolumeDBManager*>(catalogue)->updatePathAndNameForFolders(5, 0, "x");
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&thread, &attributes, run, db.get()));
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attributes);
+    runOnTheStackOfAWalk([this] { db->updatePathAndNameForFolders(5, 0, "x"); });
     db->commitTransaction();
     EXPECT_EQ("9995\n", query("select count(*) from Folders where path = '/x/' || folder_id and folder_id > 5"));
 }

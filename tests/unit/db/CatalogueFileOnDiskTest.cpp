@@ -34,14 +34,14 @@ bool refuses(Refused call)
     return refused == call;
 }
 
-class CatalogueOnDisk : public CatalogueTest {
+class CatalogueFileOnDisk : public CatalogueTest {
 protected:
-    CatalogueOnDisk()
+    CatalogueFileOnDisk()
     {
         calls.clear();
         emptyNameMade = false;
     }
-    ~CatalogueOnDisk() override { refused = Refused::nothing; }
+    ~CatalogueFileOnDisk() override { refused = Refused::nothing; }
 
     void expectRefused(int status)
     {
@@ -97,7 +97,7 @@ extern "C" int mkdir(const char* path, mode_t mode) noexcept
     return static_cast<int>(syscall(SYS_mkdir, path, mode));
 }
 
-TEST_F(CatalogueOnDisk, aNewOneIsSyncedRenamedAndItsFolderSynced)
+TEST_F(CatalogueFileOnDisk, aNewOneIsSyncedRenamedAndItsFolderSynced)
 {
     open();
     calls.erase(
@@ -107,7 +107,7 @@ TEST_F(CatalogueOnDisk, aNewOneIsSyncedRenamedAndItsFolderSynced)
         calls);
 }
 
-TEST_F(CatalogueOnDisk, nothingIsWaitedForBetweenTheSwitchOfTheFileAndItsLog)
+TEST_F(CatalogueFileOnDisk, nothingIsWaitedForBetweenTheSwitchOfTheFileAndItsLog)
 {
     open();
     close();
@@ -122,21 +122,21 @@ TEST_F(CatalogueOnDisk, nothingIsWaitedForBetweenTheSwitchOfTheFileAndItsLog)
         calls);
 }
 
-TEST_F(CatalogueOnDisk, oneThatCannotBeSyncedIsAbsent)
+TEST_F(CatalogueFileOnDisk, oneThatCannotBeSyncedIsAbsent)
 {
     refused = Refused::syncing;
     expectRefused(10);
     EXPECT_EQ("", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueOnDisk, oneThatCannotBeMovedToItsPlaceIsAbsent)
+TEST_F(CatalogueFileOnDisk, oneThatCannotBeMovedToItsPlaceIsAbsent)
 {
     refused = Refused::renaming;
     expectRefused(10);
     EXPECT_EQ("", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueOnDisk, oneThatCannotBeLookedAtIsNotReplaced)
+TEST_F(CatalogueFileOnDisk, oneThatCannotBeLookedAtIsNotReplaced)
 {
     open();
     insertFolderRow("/Music", -1);
@@ -148,7 +148,7 @@ TEST_F(CatalogueOnDisk, oneThatCannotBeLookedAtIsNotReplaced)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueOnDisk, noDirectoryOfAnEmptyNameIsMade)
+TEST_F(CatalogueFileOnDisk, noDirectoryOfAnEmptyNameIsMade)
 {
     VolumeDBManager().createPath(volume.path("a/b/quarrow.db").c_str());
     EXPECT_TRUE(volume.exists("a/b"));

@@ -1,7 +1,7 @@
+#include "db/Transaction.h"
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
-#include "db/Transaction.h"
 #include "support/CatalogueReader.h"
 #include "support/SyslogCapture.h"
 
@@ -12,9 +12,9 @@
 
 namespace {
 
-class Transactions : public CatalogueTest {
+class TransactionTest : public CatalogueTest {
 protected:
-    Transactions() { openNew(); }
+    TransactionTest() { openNew(); }
 
     bool insert(const std::string& path)
     {
@@ -27,10 +27,7 @@ protected:
     {
         sqlite3* foreign = nullptr;
         sqlite3_open(dbPath.c_str(), &foreign);
-        const std::string sql = "insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted,"
-                                " last_updated_time) values(-1, '"
-            + path + "', '', 0, 0, 0, 0)";
-        const int result = sqlite3_exec(foreign, sql.c_str(), nullptr, nullptr, nullptr);
+        const int result = sqlite3_exec(foreign, folderRow(path, -1).c_str(), nullptr, nullptr, nullptr);
         sqlite3_close(foreign);
         return result;
     }
@@ -48,7 +45,7 @@ protected:
 
 } // namespace
 
-TEST_F(Transactions, commitMakesTheWorkVisible)
+TEST_F(TransactionTest, commitMakesTheWorkVisible)
 {
     EXPECT_TRUE(db->beginTransaction());
     insert("/Music");
@@ -58,7 +55,7 @@ TEST_F(Transactions, commitMakesTheWorkVisible)
     expectNothingLogged();
 }
 
-TEST_F(Transactions, rollbackUndoesTheWork)
+TEST_F(TransactionTest, rollbackUndoesTheWork)
 {
     db->beginTransaction();
     insert("/Music");
@@ -68,7 +65,7 @@ TEST_F(Transactions, rollbackUndoesTheWork)
     expectNothingLogged();
 }
 
-TEST_F(Transactions, isInTransactionFromBeginToCommit)
+TEST_F(TransactionTest, isInTransactionFromBeginToCommit)
 {
     EXPECT_FALSE(db->isInTransaction());
     db->beginTransaction();
@@ -77,7 +74,7 @@ TEST_F(Transactions, isInTransactionFromBeginToCommit)
     EXPECT_FALSE(db->isInTransaction());
 }
 
-TEST_F(Transactions, theStatementsAreBeginCommitAndRollback)
+TEST_F(TransactionTest, theStatementsAreBeginCommitAndRollback)
 {
     close();
     const ConnectionProbe probe;
@@ -93,19 +90,19 @@ TEST_F(Transactions, theStatementsAreBeginCommitAndRollback)
     EXPECT_EQ("ROLLBACK\n", statementsOf([&] { db->rollbackTransaction(); }));
 }
 
-TEST_F(Transactions, commitWithoutBeginThrowsWithoutALogLine)
+TEST_F(TransactionTest, commitWithoutBeginThrowsWithoutALogLine)
 {
     EXPECT_THROW(db->commitTransaction(), DBOperationException);
     expectNothingLogged();
 }
 
-TEST_F(Transactions, rollbackWithoutBeginThrowsWithoutALogLine)
+TEST_F(TransactionTest, rollbackWithoutBeginThrowsWithoutALogLine)
 {
     EXPECT_THROW(db->rollbackTransaction(), DBOperationException);
     expectNothingLogged();
 }
 
-TEST_F(Transactions, theyDoNotNest)
+TEST_F(TransactionTest, theyDoNotNest)
 {
     db->beginTransaction();
     insert("/Music");
@@ -116,7 +113,7 @@ TEST_F(Transactions, theyDoNotNest)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, beginOwnsTheWriteLockBeforeTheFirstRead)
+TEST_F(TransactionTest, beginOwnsTheWriteLockBeforeTheFirstRead)
 {
     db->beginTransaction();
     EXPECT_EQ(SQLITE_BUSY, foreignWrite("/Foreign"));
@@ -124,7 +121,7 @@ TEST_F(Transactions, beginOwnsTheWriteLockBeforeTheFirstRead)
     EXPECT_EQ(SQLITE_OK, foreignWrite("/Foreign"));
 }
 
-TEST_F(Transactions, nobodyGetsBetweenReadingAndWriting)
+TEST_F(TransactionTest, nobodyGetsBetweenReadingAndWriting)
 {
     db->beginTransaction();
     DBFolder music = folderAt("/Music");
@@ -135,7 +132,7 @@ TEST_F(Transactions, nobodyGetsBetweenReadingAndWriting)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, beginLeavesNoTrace)
+TEST_F(TransactionTest, beginLeavesNoTrace)
 {
     insertFolderRow("/Music", -1);
     insertFileRow("/Music/a.mp3", 1);
@@ -146,7 +143,7 @@ TEST_F(Transactions, beginLeavesNoTrace)
     EXPECT_EQ("30\n", query("select last_updated_time from Folders"));
 }
 
-TEST_F(Transactions, aForeignCommitBetweenTwoStatementsIsSeenByTheSecond)
+TEST_F(TransactionTest, aForeignCommitBetweenTwoStatementsIsSeenByTheSecond)
 {
     EXPECT_TRUE(insert("/Music"));
     ASSERT_EQ(SQLITE_OK, foreignWrite("/Foreign"));
@@ -156,7 +153,7 @@ TEST_F(Transactions, aForeignCommitBetweenTwoStatementsIsSeenByTheSecond)
     EXPECT_EQ("1 in -1 '/Music' live\n2 in -1 '/Foreign' live\n3 in -1 '/Pictures' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, aForeignCommitBetweenTwoTransactionsIsSeenByTheSecond)
+TEST_F(TransactionTest, aForeignCommitBetweenTwoTransactionsIsSeenByTheSecond)
 {
     db->beginTransaction();
     insert("/Music");
@@ -169,7 +166,7 @@ TEST_F(Transactions, aForeignCommitBetweenTwoTransactionsIsSeenByTheSecond)
     EXPECT_EQ("1 in -1 '/Music' live\n2 in -1 '/Foreign' live\n3 in -1 '/Pictures' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, aForeignSchemaChangeDoesNotHurtTheNextTransaction)
+TEST_F(TransactionTest, aForeignSchemaChangeDoesNotHurtTheNextTransaction)
 {
     insert("/Music");
     change("create table Foreigners(name text); vacuum");
@@ -181,7 +178,7 @@ TEST_F(Transactions, aForeignSchemaChangeDoesNotHurtTheNextTransaction)
     expectNothingLogged();
 }
 
-TEST_F(Transactions, aCatalogueWithoutTablesSaysSoAtTheFirstRealStatement)
+TEST_F(TransactionTest, aCatalogueWithoutTablesSaysSoAtTheFirstRealStatement)
 {
     change("drop table Files; drop table Folders");
     EXPECT_TRUE(db->beginTransaction());
@@ -191,7 +188,7 @@ TEST_F(Transactions, aCatalogueWithoutTablesSaysSoAtTheFirstRealStatement)
     EXPECT_TRUE(db->rollbackTransaction());
 }
 
-TEST_F(Transactions, aScopeThatWasNotCommittedIsRolledBack)
+TEST_F(TransactionTest, aScopeThatWasNotCommittedIsRolledBack)
 {
     {
         const Transaction transaction(*db);
@@ -202,7 +199,7 @@ TEST_F(Transactions, aScopeThatWasNotCommittedIsRolledBack)
     EXPECT_EQ("", dumpFolders());
 }
 
-TEST_F(Transactions, aScopeThatEndsWhileItTakesTheWriteLockDoesNotBegin)
+TEST_F(TransactionTest, aScopeThatEndsWhileItTakesTheWriteLockDoesNotBegin)
 {
     close();
     ConnectionProbe probe;
@@ -216,7 +213,7 @@ TEST_F(Transactions, aScopeThatEndsWhileItTakesTheWriteLockDoesNotBegin)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextStatement)
+TEST_F(TransactionTest, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextStatement)
 {
     close();
     ConnectionProbe probe;
@@ -237,7 +234,7 @@ TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextStatem
     EXPECT_EQ("1 in -1 '/Videos' live\n2 in -1 '/Pictures' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackByACheckpointAndByTheEnd)
+TEST_F(TransactionTest, whatCannotBeRolledBackAtOnceIsRolledBackByACheckpointAndByTheEnd)
 {
     close();
     ConnectionProbe probe;
@@ -255,7 +252,7 @@ TEST_F(Transactions, whatCannotBeRolledBackAtOnceIsRolledBackByACheckpointAndByT
     EXPECT_EQ("1 in -1 '/Foreign' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, aScopeThatCannotBeRolledBackAtOnceDoesNotHinderTheNext)
+TEST_F(TransactionTest, aScopeThatCannotBeRolledBackAtOnceDoesNotHinderTheNext)
 {
     close();
     ConnectionProbe probe;
@@ -270,7 +267,7 @@ TEST_F(Transactions, aScopeThatCannotBeRolledBackAtOnceDoesNotHinderTheNext)
     EXPECT_EQ("1 in -1 '/Pictures' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, aCommittedScopeStays)
+TEST_F(TransactionTest, aCommittedScopeStays)
 {
     {
         Transaction transaction(*db);
@@ -280,7 +277,7 @@ TEST_F(Transactions, aCommittedScopeStays)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(Transactions, aScopeHasNothingToCommitAfterTheEndOfItsTransaction)
+TEST_F(TransactionTest, aScopeHasNothingToCommitAfterTheEndOfItsTransaction)
 {
     Transaction transaction(*db);
     db->rollbackTransaction();
@@ -290,7 +287,7 @@ TEST_F(Transactions, aScopeHasNothingToCommitAfterTheEndOfItsTransaction)
     expectNothingLogged();
 }
 
-TEST_F(Transactions, ofTwoManagersOfOneCatalogueLetEachOtherWork)
+TEST_F(TransactionTest, ofTwoManagersOfOneCatalogueLetEachOtherWork)
 {
     VolumeDBManager other;
     other.open(dbPath.c_str());

@@ -43,17 +43,16 @@ private:
     sqlite3* connection = nullptr;
 };
 
-const std::string foreignRow = "insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted,"
-                               " last_updated_time) values(-1, '/Foreign', 'Foreign', 0, 0, 0, 0)";
+const std::string foreignRow = folderRow("/Foreign", -1);
 
-class BusyCatalogue : public CatalogueTest {
+class CatalogueConnectionTest : public CatalogueTest {
 protected:
-    BusyCatalogue()
+    CatalogueConnectionTest()
     {
         openNew();
         probe.clear();
     }
-    ~BusyCatalogue() override { close(); }
+    ~CatalogueConnectionTest() override { close(); }
 
     bool insert(const std::string& path)
     {
@@ -106,7 +105,7 @@ private:
 
 } // namespace
 
-TEST_F(BusyCatalogue, aStatementWaitsUntilTheNeighbourLetsGo)
+TEST_F(CatalogueConnectionTest, aStatementWaitsUntilTheNeighbourLetsGo)
 {
     Neighbour neighbour(dbPath);
     neighbour.run("begin immediate; " + foreignRow);
@@ -115,7 +114,7 @@ TEST_F(BusyCatalogue, aStatementWaitsUntilTheNeighbourLetsGo)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(BusyCatalogue, beginWaitsUntilTheNeighbourLetsGoAndThenSeesWhatHeWrote)
+TEST_F(CatalogueConnectionTest, beginWaitsUntilTheNeighbourLetsGoAndThenSeesWhatHeWrote)
 {
     Neighbour neighbour(dbPath);
     neighbour.run("begin immediate; " + foreignRow);
@@ -135,7 +134,7 @@ TEST_F(BusyCatalogue, beginWaitsUntilTheNeighbourLetsGoAndThenSeesWhatHeWrote)
     EXPECT_EQ("1 in -1 '/Foreign' live\n2 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(BusyCatalogue, preparingWaitsToo)
+TEST_F(CatalogueConnectionTest, preparingWaitsToo)
 {
     close();
     Neighbour neighbour(dbPath);
@@ -154,7 +153,7 @@ TEST_F(BusyCatalogue, preparingWaitsToo)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(BusyCatalogue, commitWaitsForTheReadersOfAPlainFile)
+TEST_F(CatalogueConnectionTest, commitWaitsForTheReadersOfAPlainFile)
 {
     close();
     Neighbour neighbour(dbPath);
@@ -174,7 +173,7 @@ TEST_F(BusyCatalogue, commitWaitsForTheReadersOfAPlainFile)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(BusyCatalogue, aStopRequestEndsTheWaitOfAStatement)
+TEST_F(CatalogueConnectionTest, aStopRequestEndsTheWaitOfAStatement)
 {
     Neighbour neighbour(dbPath);
     neighbour.run("begin immediate; " + foreignRow);
@@ -182,7 +181,7 @@ TEST_F(BusyCatalogue, aStopRequestEndsTheWaitOfAStatement)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines()) << "a stop is no failure";
 }
 
-TEST_F(BusyCatalogue, aStopRequestEndsTheWaitOfBeginAndNothingIsWritten)
+TEST_F(CatalogueConnectionTest, aStopRequestEndsTheWaitOfBeginAndNothingIsWritten)
 {
     Neighbour neighbour(dbPath);
     neighbour.run("begin immediate; " + foreignRow);
@@ -196,7 +195,7 @@ TEST_F(BusyCatalogue, aStopRequestEndsTheWaitOfBeginAndNothingIsWritten)
     EXPECT_EQ("", dumpFolders());
 }
 
-TEST_F(BusyCatalogue, aStopRequestEndsTheWaitOfPreparing)
+TEST_F(CatalogueConnectionTest, aStopRequestEndsTheWaitOfPreparing)
 {
     close();
     Neighbour neighbour(dbPath);
@@ -213,7 +212,7 @@ TEST_F(BusyCatalogue, aStopRequestEndsTheWaitOfPreparing)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(BusyCatalogue, aPendingStopSignalEndsTheWaitToo)
+TEST_F(CatalogueConnectionTest, aPendingStopSignalEndsTheWaitToo)
 {
     const PendingStopSignal signal;
     Neighbour neighbour(dbPath);
@@ -221,7 +220,7 @@ TEST_F(BusyCatalogue, aPendingStopSignalEndsTheWaitToo)
     EXPECT_TRUE(runWhileBusy([&] { insert("/Music"); }, PendingStopSignal::arrive, neighbour));
 }
 
-TEST_F(BusyCatalogue, aStopRequestEndsALongStatement)
+TEST_F(CatalogueConnectionTest, aStopRequestEndsALongStatement)
 {
     change("with recursive numbers(n) as (select 1 union all select n+1 from numbers where n < 50000)"
            " insert into Files(folder_id, path, name, category, size, created_time, modified_time, is_deleted,"
@@ -232,7 +231,7 @@ TEST_F(BusyCatalogue, aStopRequestEndsALongStatement)
     EXPECT_EQ("50000\n", query("select count(*) from Files"));
 }
 
-TEST_F(BusyCatalogue, aFailureDuringAStopIsLogged)
+TEST_F(CatalogueConnectionTest, aFailureDuringAStopIsLogged)
 {
     insert("/Music");
     change("drop table Files");
@@ -241,7 +240,7 @@ TEST_F(BusyCatalogue, aFailureDuringAStopIsLogged)
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "purgeDeletedFiles() failed, handleStatus: 1\n" } }), loggedLines());
 }
 
-TEST_F(BusyCatalogue, aStopRequestLetsShortStatementsThrough)
+TEST_F(CatalogueConnectionTest, aStopRequestLetsShortStatementsThrough)
 {
     db->requestStop();
     db->beginTransaction();
@@ -250,7 +249,7 @@ TEST_F(BusyCatalogue, aStopRequestLetsShortStatementsThrough)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(BusyCatalogue, isTriedAgainOnceASecond)
+TEST_F(CatalogueConnectionTest, isTriedAgainOnceASecond)
 {
     Neighbour neighbour(dbPath);
     neighbour.run("begin immediate");
@@ -264,7 +263,7 @@ TEST_F(BusyCatalogue, isTriedAgainOnceASecond)
 }
 
 /// Connections of one process that share their cache lock tables against each other, which is another result than busy.
-TEST_F(BusyCatalogue, whereATableIsLockedIsWaitedForToo)
+TEST_F(CatalogueConnectionTest, whereATableIsLockedIsWaitedForToo)
 {
     sqlite3_enable_shared_cache(1);
     sqlite3* own = nullptr;
@@ -283,7 +282,7 @@ TEST_F(BusyCatalogue, whereATableIsLockedIsWaitedForToo)
     sqlite3_close(own);
 }
 
-TEST_F(BusyCatalogue, whereTheSchemaIsLockedIsWaitedForToo)
+TEST_F(CatalogueConnectionTest, whereTheSchemaIsLockedIsWaitedForToo)
 {
     insertFolderRow("/Music", -1);
     close();
@@ -297,4 +296,33 @@ TEST_F(BusyCatalogue, whereTheSchemaIsLockedIsWaitedForToo)
     EXPECT_EQ(std::future_status::timeout, found.wait_for(std::chrono::milliseconds(300))) << "it waits";
     neighbour.run("commit");
     EXPECT_TRUE(found.get());
+}
+
+TEST_F(CatalogueConnectionTest, foreignKeysAreNotEnforced)
+{
+    openNew();
+    EXPECT_EQ(0, probe.pragma("foreign_keys"));
+}
+
+TEST_F(CatalogueConnectionTest, aCacheOfAnySizeThatTheFileAsksForIsNotGiven)
+{
+    close();
+    change("pragma default_cache_size=1000000000");
+    open();
+    EXPECT_EQ(-2000, probe.pragma("cache_size"));
+}
+
+TEST_F(CatalogueConnectionTest, whatTriggersMayAskForHasLimits)
+{
+    openNew();
+    EXPECT_EQ(100000, probe.limit(SQLITE_LIMIT_SQL_LENGTH));
+    EXPECT_EQ(0, probe.limit(SQLITE_LIMIT_ATTACHED));
+    EXPECT_EQ(10, probe.limit(SQLITE_LIMIT_TRIGGER_DEPTH));
+}
+
+TEST_F(CatalogueConnectionTest, valuesHaveALimit)
+{
+    openNew();
+    DBFolder folder = folderAt("/" + std::string(2000000, 'x'));
+    EXPECT_TRUE(throwsOperationException([&] { db->insertFolder(folder, true); }));
 }

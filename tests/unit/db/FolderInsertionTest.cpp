@@ -5,9 +5,9 @@
 
 namespace {
 
-class FolderInsert : public CatalogueTest {
+class FolderInsertion : public CatalogueTest {
 protected:
-    FolderInsert() { openNew(); }
+    FolderInsertion() { openNew(); }
 
     std::string row(int id) const
     {
@@ -32,7 +32,7 @@ protected:
 
 } // namespace
 
-TEST_F(FolderInsert, oneRowIsInsertedAndItsIdReturned)
+TEST_F(FolderInsertion, oneRowIsInsertedAndItsIdReturned)
 {
     insertFolderRow("/Music", -1);
     const long start = secondsNow();
@@ -49,7 +49,7 @@ TEST_F(FolderInsert, oneRowIsInsertedAndItsIdReturned)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(FolderInsert, aDeletedRowComesBackUnderItsIdWithNewTimesAndTheParentAskedFor)
+TEST_F(FolderInsertion, aDeletedRowComesBackUnderItsIdWithNewTimesAndTheParentAskedFor)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Old", -1);
@@ -67,7 +67,7 @@ TEST_F(FolderInsert, aDeletedRowComesBackUnderItsIdWithNewTimesAndTheParentAsked
         loggedLines());
 }
 
-TEST_F(FolderInsert, aLiveRowIsTreatedAsADeletedOne)
+TEST_F(FolderInsertion, aLiveRowIsTreatedAsADeletedOne)
 {
     insertFolderRow("/Music", -1);
     DBFolder music = folderAt("/Music", 100, 200);
@@ -78,7 +78,7 @@ TEST_F(FolderInsert, aLiveRowIsTreatedAsADeletedOne)
         loggedLines());
 }
 
-TEST_F(FolderInsert, everyFolderBelowADotIsHidden)
+TEST_F(FolderInsertion, everyFolderBelowADotIsHidden)
 {
     for (const char* const path : { "/.a", "/a/.b", "/a/.b/c", "/a.b/c", "/a./b", "/a/..b" }) {
         DBFolder folder = folderAt(path);
@@ -92,7 +92,7 @@ TEST_F(FolderInsert, everyFolderBelowADotIsHidden)
     EXPECT_EQ("1\n", isHidden("/a/..b"));
 }
 
-TEST_F(FolderInsert, aRootHangsOnMinusOneAndItsRecordDoesNotGetTheId)
+TEST_F(FolderInsertion, aRootHangsOnMinusOneAndItsRecordDoesNotGetTheId)
 {
     DBFolder music = folderAt("/Media/Music", 100, 200);
     music.setParent_id(7);
@@ -102,7 +102,7 @@ TEST_F(FolderInsert, aRootHangsOnMinusOneAndItsRecordDoesNotGetTheId)
     EXPECT_EQ("0 in -1 '/Media/Music' '' modified 100 created 200 live", describe(music));
 }
 
-TEST_F(FolderInsert, theRootOfAVolumeHasTheEmptyPath)
+TEST_F(FolderInsertion, theRootOfAVolumeHasTheEmptyPath)
 {
     DBFolder root = folderAt("", 100, 200);
     EXPECT_TRUE(db->insertFolder(root, true));
@@ -110,7 +110,7 @@ TEST_F(FolderInsert, theRootOfAVolumeHasTheEmptyPath)
     EXPECT_EQ("-1   -1 200 100 0 0 0 0\n", row(1));
 }
 
-TEST_F(FolderInsert, aLiveFolderIsNotInsertedAgain)
+TEST_F(FolderInsertion, aLiveFolderIsNotInsertedAgain)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
@@ -124,7 +124,7 @@ TEST_F(FolderInsert, aLiveFolderIsNotInsertedAgain)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(FolderInsert, theRecordIsLeftWithTheRootAtWhichTheClimbStopped)
+TEST_F(FolderInsertion, theRecordIsLeftWithTheRootAtWhichTheClimbStopped)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -133,7 +133,7 @@ TEST_F(FolderInsert, theRecordIsLeftWithTheRootAtWhichTheClimbStopped)
     EXPECT_EQ("2 /v/a/b b -1 200 100 0 0 0 0\n", row(3));
 }
 
-TEST_F(FolderInsert, theClimbPassesLiveFoldersThatAreNoRoots)
+TEST_F(FolderInsertion, theClimbPassesLiveFoldersThatAreNoRoots)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -142,7 +142,7 @@ TEST_F(FolderInsert, theClimbPassesLiveFoldersThatAreNoRoots)
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in 2 '/v/a/b' live\n4 in 3 '/v/a/b/c' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsert, theClimbStopsAtARootInTheMiddle)
+TEST_F(FolderInsertion, theClimbStopsAtARootInTheMiddle)
 {
     insertFolderRow("/v/a", -1);
     insertFolderRow("/v/a/b", 1);
@@ -150,21 +150,21 @@ TEST_F(FolderInsert, theClimbStopsAtARootInTheMiddle)
     EXPECT_EQ("1 in -1 '/v/a' live\n2 in 1 '/v/a/b' live\n3 in 2 '/v/a/b/c' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsert, theRecordIsLeftWithoutAnIdWhenTheClimbEndsWithAnInsert)
+TEST_F(FolderInsertion, theRecordIsLeftWithoutAnIdWhenTheClimbEndsWithAnInsert)
 {
     insertFolderRow("/v", -1);
     EXPECT_EQ("0 in 1 '/v/a' '' modified 100 created 200 live", insertBelow("/v/a"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsert, aMissingParentIsPassedOverAndTheFolderHangsOnMinusOne)
+TEST_F(FolderInsertion, aMissingParentIsPassedOverAndTheFolderHangsOnMinusOne)
 {
     insertFolderRow("/v", -1);
     EXPECT_EQ("1 in -1 '/v/a/b' 'v' modified 100 created 200 live", insertBelow("/v/a/b"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in -1 '/v/a/b' live\n", dumpFolders()); // no row for /v/a
 }
 
-TEST_F(FolderInsert, theClimbGoesOnAtTheGrandparent)
+TEST_F(FolderInsertion, theClimbGoesOnAtTheGrandparent)
 {
     insertFolderRow("/v", -1);
     EXPECT_EQ("0 in 1 '/v/a/b/c' '' modified 100 created 200 live", insertBelow("/v/a/b/c"));
@@ -172,33 +172,33 @@ TEST_F(FolderInsert, theClimbGoesOnAtTheGrandparent)
     EXPECT_EQ("1 /v/a a -1 0 0 0 0 0 0\n", row(3)); // what is made on the way has no times
 }
 
-TEST_F(FolderInsert, aParentThatIsARootIsTakenOffTheClimbSoThatWhatIsAboveItIsMade)
+TEST_F(FolderInsertion, aParentThatIsARootIsTakenOffTheClimbSoThatWhatIsAboveItIsMade)
 {
     insertFolderRow("/media/v", -1);
     EXPECT_EQ("0 in -1 '/media/v/a' '' modified 100 created 200 live", insertBelow("/media/v/a"));
     EXPECT_EQ("1 in -1 '/media/v' live\n2 in 1 '/media/v/a' live\n3 in -1 '/media' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsert, aTopLevelFolderHangsOnTheVolumesOwnRow)
+TEST_F(FolderInsertion, aTopLevelFolderHangsOnTheVolumesOwnRow)
 {
     insertFolderRow("", -1);
     EXPECT_EQ("0 in 1 '/Music' '' modified 100 created 200 live", insertBelow("/Music"));
     EXPECT_EQ("1 in -1 '' live\n2 in 1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsert, aTopLevelFolderHangsOnMinusOneWhenTheVolumeHasNoRowOfItsOwn)
+TEST_F(FolderInsertion, aTopLevelFolderHangsOnMinusOneWhenTheVolumeHasNoRowOfItsOwn)
 {
     EXPECT_EQ("0 in -1 '/Music' '' modified 100 created 200 live", insertBelow("/Music"));
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsert, anEmptyPathBelowTheRootsInsertsNothing)
+TEST_F(FolderInsertion, anEmptyPathBelowTheRootsInsertsNothing)
 {
     EXPECT_EQ("0 in 0 '' '' modified 100 created 200 live", insertBelow(""));
     EXPECT_EQ("", dumpFolders());
 }
 
-TEST_F(FolderInsert, needlessSlashesAreDroppedAndThenTheTimesAreNotTaken)
+TEST_F(FolderInsertion, needlessSlashesAreDroppedAndThenTheTimesAreNotTaken)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -207,7 +207,7 @@ TEST_F(FolderInsert, needlessSlashesAreDroppedAndThenTheTimesAreNotTaken)
     EXPECT_EQ("2 /v/a/b b -1 0 0 0 0 0 0\n", row(3));
 }
 
-TEST_F(FolderInsert, aDeletedFolderAndDeletedAncestorsComeBackInTheClimb)
+TEST_F(FolderInsertion, aDeletedFolderAndDeletedAncestorsComeBackInTheClimb)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -221,7 +221,7 @@ TEST_F(FolderInsert, aDeletedFolderAndDeletedAncestorsComeBackInTheClimb)
         loggedLines());
 }
 
-TEST_F(FolderInsert, theParentLookUpTakesOnePathOffTheStack)
+TEST_F(FolderInsertion, theParentLookUpTakesOnePathOffTheStack)
 {
     insertFolderRow("/v", -1);
     std::stack<std::string> paths;
@@ -234,7 +234,7 @@ TEST_F(FolderInsert, theParentLookUpTakesOnePathOffTheStack)
     EXPECT_TRUE(paths.empty());
 }
 
-TEST_F(FolderInsert, theParentLookUpKnowsNoDeletedRow)
+TEST_F(FolderInsertion, theParentLookUpKnowsNoDeletedRow)
 {
     insertFolderRow("/v", -1);
     change("update Folders set is_deleted = 1");
@@ -243,7 +243,7 @@ TEST_F(FolderInsert, theParentLookUpKnowsNoDeletedRow)
     EXPECT_EQ(-1, db->findParentIdForFolderPath(&paths));
 }
 
-TEST_F(FolderInsert, anEmptyStackMeansTheEmptyPath)
+TEST_F(FolderInsertion, anEmptyStackMeansTheEmptyPath)
 {
     std::stack<std::string> paths;
     EXPECT_EQ(-1, db->findParentIdForFolderPath(&paths));

@@ -1,16 +1,15 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
+#include "db/SqlTexts.h"
 #include "support/SyslogCapture.h"
-
-#include <pthread.h>
 
 namespace {
 
 /// /v with a (x, y) and b, a file in each, and /w beside it.
-class FolderDelete : public CatalogueTest {
+class FolderTree : public CatalogueTest {
 protected:
-    FolderDelete()
+    FolderTree()
     {
         openNew();
         insertFolderRow("/v", -1);
@@ -26,7 +25,7 @@ protected:
         insertFileRow("/v/a/y/5.mp3", 5);
         insertFileRow("/w/6.mp3", 6);
     }
-    ~FolderDelete() override { close(); }
+    ~FolderTree() override { close(); }
 
     bool deleteFolder(const std::string& path)
     {
@@ -39,7 +38,7 @@ protected:
 
 } // namespace
 
-TEST_F(FolderDelete, itMarksTheFolderItsSubtreeAndTheirFiles)
+TEST_F(FolderTree, itMarksTheFolderItsSubtreeAndTheirFiles)
 {
     EXPECT_TRUE(deleteFolder("/v/a"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' deleted\n3 in 1 '/v/b' live\n4 in 2 '/v/a/x' deleted\n"
@@ -51,7 +50,7 @@ TEST_F(FolderDelete, itMarksTheFolderItsSubtreeAndTheirFiles)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(FolderDelete, whatItMarksWasWrittenJustNow)
+TEST_F(FolderTree, whatItMarksWasWrittenJustNow)
 {
     const std::string start = std::to_string(secondsNow());
     deleteFolder("/v/a");
@@ -61,7 +60,7 @@ TEST_F(FolderDelete, whatItMarksWasWrittenJustNow)
     EXPECT_EQ("2\n4\n5\n", query("select file_id from Files" + fresh + " order by 1"));
 }
 
-TEST_F(FolderDelete, theRowsStayUntilAPurgeThatFindsThemOldEnough)
+TEST_F(FolderTree, theRowsStayUntilAPurgeThatFindsThemOldEnough)
 {
     deleteFolder("/v");
     EXPECT_EQ("6\n", query("select count(*) from Folders"));
@@ -73,7 +72,7 @@ TEST_F(FolderDelete, theRowsStayUntilAPurgeThatFindsThemOldEnough)
     EXPECT_EQ("6 in 6 '/w/6.mp3' live\n", dumpFiles());
 }
 
-TEST_F(FolderDelete, aFolderWithoutALiveRowIsNotDeletedAgain)
+TEST_F(FolderTree, aFolderWithoutALiveRowIsNotDeletedAgain)
 {
     change("update Folders set is_deleted = 1 where folder_id = 2");
     EXPECT_FALSE(deleteFolder("/v/a"));
@@ -84,7 +83,7 @@ TEST_F(FolderDelete, aFolderWithoutALiveRowIsNotDeletedAgain)
     EXPECT_EQ("0\n", query("select count(*) from Files where is_deleted = 1"));
 }
 
-TEST_F(FolderDelete, theDescentStopsAtAFolderThatIsDeletedAlready)
+TEST_F(FolderTree, theDescentStopsAtAFolderThatIsDeletedAlready)
 {
     change("update Folders set is_deleted = 1 where folder_id = 2");
     deleteFolder("/v");
@@ -93,30 +92,19 @@ TEST_F(FolderDelete, theDescentStopsAtAFolderThatIsDeletedAlready)
         dumpFolders());
 }
 
-TEST_F(FolderDelete, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
+TEST_F(FolderTree, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
 {
     open(); // from here on watched
     probe.clear();
     deleteFolder("/v");
-    const auto children = [](const std::string& id) {
-        return "select a.folder_id from folders a where a.parent_id = " + id + " and a.is_deleted = 0\n";
-    };
-    const auto files = [](const std::string& id) {
-        return "update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id = " + id + "\n";
-    };
-    const auto folder = [](const std::string& id) {
-        return "update folders set is_deleted = 1, last_updated_time=strftime('%s','now')  where folder_id = " + id
-            + "\n";
-    };
-    EXPECT_EQ("select folder_id, parent_id, path, is_deleted, last_updated_time, modified_time, created_time, name from"
-              " folders where path='/v' and is_deleted=0\n"
-            + children("1") + files("2") + folder("2") + children("2") + files("4") + folder("4") + children("4")
-            + files("5") + folder("5") + children("5") + files("3") + folder("3") + children("3") + folder("1")
-            + files("1"),
+    EXPECT_EQ(sql::liveFolder("'/v'") + sql::liveIdsIn("1") + sql::markFilesIn("2") + sql::markFolder("2")
+            + sql::liveIdsIn("2") + sql::markFilesIn("4") + sql::markFolder("4") + sql::liveIdsIn("4")
+            + sql::markFilesIn("5") + sql::markFolder("5") + sql::liveIdsIn("5") + sql::markFilesIn("3")
+            + sql::markFolder("3") + sql::liveIdsIn("3") + sql::markFolder("1") + sql::markFilesIn("1"),
         probe.boundStatements());
 }
 
-TEST_F(FolderDelete, theSubtreeCanBeMarkedWithoutTheFolder)
+TEST_F(FolderTree, theSubtreeCanBeMarkedWithoutTheFolder)
 {
     db->updateDeletedFlagForFolders(2);
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in 1 '/v/b' live\n4 in 2 '/v/a/x' deleted\n"
@@ -126,30 +114,17 @@ TEST_F(FolderDelete, theSubtreeCanBeMarkedWithoutTheFolder)
         query("select file_id, 'in', folder_id, quote(path), 'live' from Files where file_id=2 and is_deleted=0"));
 }
 
-TEST_F(FolderDelete, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
+TEST_F(FolderTree, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
 {
-    change("with recursive level(n) as (select 7 union all select n+1 from level where n < 10000)"
-           " insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
-           " last_updated_time) select n, n - 1, '/w/' || n, n, 0, 0, 0, 0 from level");
+    insertDeepTree(6, "/w/");
     db->beginTransaction();
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 524288);
-    pthread_t thread;
-    const auto run = [](void* catalogue) -> void* {
-        DBFolder folder = folderAt("/w");
-        static_cast<VolumeDBManager*>(catalogue)->deleteFolder(folder);
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&thread, &attributes, run, db.get()));
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attributes);
+    runOnTheStackOfAWalk([this] { deleteFolder("/w"); });
     db->commitTransaction();
     EXPECT_EQ(
         "9995 6 10000\n", query("select count(*), min(folder_id), max(folder_id) from Folders where is_deleted = 1"));
 }
 
-TEST_F(FolderDelete, aStopRequestEndsTheDescentOfATransaction)
+TEST_F(FolderTree, aStopRequestEndsTheDescentOfATransaction)
 {
     db->beginTransaction();
     db->requestStop();
@@ -158,7 +133,7 @@ TEST_F(FolderDelete, aStopRequestEndsTheDescentOfATransaction)
     EXPECT_EQ("0\n", query("select is_deleted from Folders where folder_id = 1"));
 }
 
-TEST_F(FolderDelete, aStopInTheMiddleOfATransactionLeavesNothingThatALaterDeletionMisses)
+TEST_F(FolderTree, aStopInTheMiddleOfATransactionLeavesNothingThatALaterDeletionMisses)
 {
     open();
     probe.atTheStartOf("update folders set is_deleted = 1", [this] { db->requestStop(); });

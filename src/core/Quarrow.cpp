@@ -3,6 +3,7 @@
 #include "core/QRWException.h"
 #include "core/SignalMask.h"
 #include "core/SignalObject.h"
+#include "core/Survival.h"
 #include "core/VolumeContentManager.h"
 #include "volume/VolumeManager.h"
 #include "watch/VolumeWatcher.h"
@@ -97,16 +98,13 @@ void Quarrow::walkIdleVolumes(time_t& lastWalkTime)
         VolumeManager* manager = entry.second;
         if (manager == nullptr || manager->isWalking())
             continue;
-        // One bad volume must not keep the others from their walk. An unparsable state file throws a bare string.
-        try {
+        // One bad volume must not keep the others from their walk.
+        const auto walkAndPurge = [manager, &lastWalkTime] {
             manager->walkOnce();
             manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
             lastWalkTime = std::time(nullptr);
-        } catch (const std::exception&) {
-            manager->logFailedWalk();
-        } catch (const char*) {
-            manager->logFailedWalk();
-        }
+        };
+        survive(walkAndPurge, [manager](const char*) { manager->logFailedWalk(); });
     }
 }
 

@@ -3,6 +3,7 @@
 #include "config/QuarrowConfig.h"
 #include "core/SignalMask.h"
 #include "core/SignalObject.h"
+#include "core/Survival.h"
 #include "volume/VolumeManager.h"
 
 #include <syslog.h>
@@ -64,13 +65,8 @@ void VolumeContentManager::purgeIdleVolumes()
         VolumeManager* manager = entry.second;
         if (manager == nullptr || manager->isWalking())
             continue;
-        // One bad catalogue must not starve the others. A state file that cannot be parsed throws a bare string.
-        try {
-            manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
-        } catch (const std::exception&) {
-            manager->logFailedWalk();
-        } catch (const char*) {
-            manager->logFailedWalk();
-        }
+        // One bad catalogue must not keep the others from their purge.
+        survive([manager] { manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold()); },
+            [manager](const char*) { manager->logFailedWalk(); });
     }
 }

@@ -4,6 +4,7 @@
 #include "config/QuarrowConfig.h"
 #include "config/VolumeManagerConfig.h"
 #include "core/SignalMask.h"
+#include "core/Survival.h"
 #include "db/DBFile.h"
 #include "db/DBFolder.h"
 #include "db/SimpleDBFile.h"
@@ -144,7 +145,7 @@ void VolumeManager::handleNewFolder(std::string& dir, const char* entryName)
         }
         walk(full, false); // catalogues and watches what it brought; takes the lock itself
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating/inserting of the folder %s\n", entryName);
     }
 }
@@ -168,7 +169,7 @@ void VolumeManager::handleNewFile(std::string& dir, const char* entryName)
             dbManager->insertFile(file);
         }
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in insert/update of the file %s\n", entryName);
     }
 }
@@ -208,7 +209,7 @@ void VolumeManager::handleMoveFolder(std::string& fromDir, const char* fromName,
         }
         walk(newFull, false); // also tells the watches below the folder their new paths
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving folder %s to %s\n", fromName, toName);
     }
 }
@@ -238,7 +239,7 @@ void VolumeManager::handleMoveFile(std::string& fromDir, const char* fromName, s
         }
     } catch (const std::exception&) {
         // One path of the volume and one of the disk, on purpose: the pair that the line above shows as well.
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving the file %s to %s\n", oldPath.c_str(), newFull.c_str());
     }
 }
@@ -254,7 +255,7 @@ void VolumeManager::handleDeleteFolder(std::string& dir, const char* entryName)
         folder.setPath(relative(full));
         deleteWhole(folder); // does nothing for a folder that the catalogue does not know
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting folder %s\n", full.c_str());
     }
 }
@@ -269,7 +270,7 @@ void VolumeManager::handleDeleteFile(std::string& dir, const char* entryName)
         if (dbManager->fileExists(file))
             dbManager->deleteFile(file);
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in deleting file %s\n", entryName);
     }
 }
@@ -291,7 +292,7 @@ void VolumeManager::handleModifyFile(std::string& dir, const char* entryName)
         }
         updateIfChanged(file, status);
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating file %s\n", entryName);
     }
 }
@@ -323,7 +324,7 @@ bool VolumeManager::initialize(std::string& volumeName, std::string& path)
     suspended = false;
     online = true;
     walking = false;
-    stopRequested = false;
+    stopRequest.takeBack();
     sem_init(&lock, 0, 1);
     initialized = true;
     dbManager = new VolumeDBManager;
@@ -333,22 +334,17 @@ bool VolumeManager::initialize(std::string& volumeName, std::string& path)
     dbPath = path + "/" + ".quarrow" + "/" + "quarrow.db";
     volumeConfigPath = path + "/" + ".quarrow" + "/" + "quarrow-volume.xml";
     // The text names the state file and shows no path for either of the two: log readers know no other.
-    try {
+    const auto open = [this] {
         dbManager->open(dbPath.c_str());
         volumeConfig = new VolumeManagerConfig(volumeConfigPath);
-    } catch (const std::exception& e) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Could not open the volume cfg file %s\n", e.what());
-        return false;
-    } catch (const char* text) {
-        syslog(LOG_LOCAL5 | LOG_ERR, "Could not open the volume cfg file %s\n", text);
-        return false;
-    }
-    return true;
+    };
+    return survive(
+        open, [](const char* text) { syslog(LOG_LOCAL5 | LOG_ERR, "Could not open the volume cfg file %s\n", text); });
 }
 
 void VolumeManager::walkOnce()
 {
-    if (stopRequested || isVolumeInStandby()) {
+    if (stopRequest.isMade() || isVolumeInStandby()) {
         walking = false;
         return;
     }
@@ -385,7 +381,7 @@ void* VolumeManager::start_thread_once(void* manager)
 
 void VolumeManager::requestStop()
 {
-    stopRequested = true;
+    stopRequest.make();
     if (dbManager != nullptr)
         dbManager->requestStop();
 }
@@ -440,7 +436,7 @@ void VolumeManager::purgeIfRequired(int threshold)
 
 void VolumeManager::logFailedWalk()
 {
-    if (!isStopping()) // the end of what a stop interrupts is no failure
+    if (!stopRequest.isMadeOrPending()) // the end of what a stop interrupts is no failure
         syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", name.c_str());
 }
 
@@ -481,7 +477,7 @@ void VolumeManager::releaseOrphans()
 void VolumeManager::removeForeignTopLevelFolders(const std::list<std::string>& crawlPaths)
 {
     for (const DBFolder& folder : topLevelFolders()) {
-        if (isStopping())
+        if (stopRequest.isMadeOrPending())
             return;
         const std::string path = folder.getPath();
         syslog(LOG_LOCAL5 | LOG_INFO, "Checking if the folder %s exists in the path list", path.c_str());
@@ -499,7 +495,7 @@ void VolumeManager::removeStrayFolders()
 {
     bool removed = false;
     for (const DBFolder& folder : topLevelFolders()) {
-        if (isStopping())
+        if (stopRequest.isMadeOrPending())
             return;
         if (folder.getPath().empty() || !isGone(folder.getPath()))
             continue;
@@ -563,7 +559,7 @@ void VolumeManager::walk(std::string& startPath, bool isRootWalk)
         const FairLock held(door, &lock);
         dbManager->keepFiles();
     }
-    while (!isStopping() && !walk.folderQueue.empty()) {
+    while (!stopRequest.isMadeOrPending() && !walk.folderQueue.empty()) {
         const std::string path = std::move(walk.folderQueue.front());
         walk.folderQueue.pop();
         if (isExcludePath(path))
@@ -617,9 +613,6 @@ bool VolumeManager::isCatalogued(const std::string& path)
     }
 }
 
-/// A stop that is only pending counts too: the main thread may be waiting for the end of this very walk.
-bool VolumeManager::isStopping() const { return stopRequested || isStopSignalPending(); }
-
 void VolumeManager::reconcileFolder(
     Walk& walk, const std::string& path, const Transaction& transaction, DiskListing& onDisk)
 {
@@ -653,7 +646,7 @@ void VolumeManager::listCatalogue(const std::string& path, DBFolder& folder, Cat
         listed.files = dbManager->getSimpleFileListByFolder(folder);
         listed.folders = dbManager->getFolderListByFolder(folder);
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in getting the file/folder list for %s\n", path.c_str());
     }
     if (static_cast<double>(elapsedMillis(start)) + 0.5 > 1500.0)
@@ -667,7 +660,7 @@ bool VolumeManager::listDisk(Walk& walk, const std::string& path, DBFolder& fold
     FolderReader reader(path, walk.configuredPath);
     if (!reader.isOpen())
         return false;
-    while (!stopRequested) {
+    while (!stopRequest.isMade()) {
         const dirent* entry = reader.next();
         if (entry == nullptr)
             break;
@@ -694,7 +687,7 @@ void VolumeManager::mergeFiles(const std::string& path, const CatalogueListing& 
     const auto known = sortedBy(catalogued.files, [](const SimpleDBFile& file) { return file.getName(); });
     auto disk = onDisk.files.begin();
     auto row = known.begin();
-    while (!stopRequested && (disk != onDisk.files.end() || row != known.end())) {
+    while (!stopRequest.isMade() && (disk != onDisk.files.end() || row != known.end())) {
         if (row == known.end() || (disk != onDisk.files.end() && *disk < row->first)) {
             update(*disk++);
             ++counters.addFileCount;
@@ -714,7 +707,7 @@ void VolumeManager::mergeFolders(
     auto disk = onDisk.folders.begin();
     // Ends with the catalogue's list, on purpose: new folders that sort after all of it are not counted. A new folder
     // gets its row when its own turn in the queue comes.
-    for (auto row = known.begin(); !stopRequested && row != known.end();) {
+    for (auto row = known.begin(); !stopRequest.isMade() && row != known.end();) {
         if (disk == onDisk.folders.end() || *disk > row->first) {
             removeVanishedFolder(path, *row++->second, counters);
         } else if (*disk < row->first) {
@@ -790,7 +783,7 @@ bool VolumeManager::checkAndUpdateFolderEntryInTheDB(
             dbManager->insertFolder(folder, isRoot || path == volumePath); // nothing is above the volume's own row
         return true;
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in checking for the file %s in the DB\n", path.c_str());
         return false;
     }
@@ -831,7 +824,7 @@ bool VolumeManager::checkAndUpdateFileEntryInTheDB(const std::string& fileName, 
         }
         return true;
     } catch (const std::exception&) {
-        if (!isStopping())
+        if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in insert/update of the file %s\n", fileName.c_str());
         return false;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/StopRequest.h"
 #include "watch/VolumeWatchListener.h"
 
 #include <pthread.h>
@@ -110,7 +111,6 @@ private:
     bool findParentOfStray(const std::string& path, DBFolder& folder);
     void walkFolder(Walk& walk, const std::string& path);
     bool isCatalogued(const std::string& path);
-    bool isStopping() const;
     void reconcileFolder(Walk& walk, const std::string& path, const Transaction& transaction, DiskListing& onDisk);
     void listCatalogue(const std::string& path, DBFolder& folder, CatalogueListing& listed);
     bool listDisk(Walk& walk, const std::string& path, DBFolder& folder, DiskListing& listed);
@@ -138,11 +138,11 @@ private:
     static constexpr std::size_t walkStackBytes = 524288;
 #endif
 
-    int volumePathLength = 0;                ///< bytes to cut off an absolute path for the catalogue
-    std::atomic<bool> walking = false;       ///< set by the walk thread, polled by the main and the purge thread
-    std::atomic<bool> stopRequested = false; ///< set by the main thread, polled by whoever walks
-    bool orphansReleased = false;            ///< walk thread only
-    bool suspended = false; ///< nothing reads this one and the next: room for a volume that is taken offline
+    int volumePathLength = 0;          ///< bytes to cut off an absolute path for the catalogue
+    std::atomic<bool> walking = false; ///< set by the walk thread, polled by the main and the purge thread
+    StopRequest stopRequest;           ///< made by the main thread, asked for by whoever works on the volume
+    bool orphansReleased = false;      ///< walk thread only
+    bool suspended = false;            ///< nothing reads this one and the next: room for a volume that is taken offline
     bool online = false;
     bool initialized = false;                    ///< the semaphore exists
     std::string volumeConfigPath;                ///< absolute

@@ -1,4 +1,5 @@
 #include "volume/FolderReader.h"
+#include "volume/Links.h"
 
 #include "SystemHooks.h"
 #include "support/TemporaryFolder.h"

@@ -1,9 +1,9 @@
 #include "core/Quarrow.h"
 
+#include "core/IdleVolumes.h"
 #include "core/QRWException.h"
 #include "core/SignalMask.h"
 #include "core/SignalObject.h"
-#include "core/Survival.h"
 #include "core/VolumeContentManager.h"
 #include "volume/VolumeManager.h"
 #include "watch/VolumeWatcher.h"
@@ -92,20 +92,11 @@ void Quarrow::run()
 
 void Quarrow::walkIdleVolumes(time_t& lastWalkTime)
 {
-    for (const auto& entry : managers) {
-        if (stopRequest.isMade())
-            return;
-        VolumeManager* manager = entry.second;
-        if (manager == nullptr || manager->isWalking())
-            continue;
-        // One bad volume must not keep the others from their walk.
-        const auto walkAndPurge = [manager, &lastWalkTime] {
-            manager->walkOnce();
-            manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
-            lastWalkTime = std::time(nullptr);
-        };
-        survive(walkAndPurge, [manager](const char*) { manager->logFailedWalk(); });
-    }
+    forEachIdleVolume(managers, stopRequest, [&lastWalkTime](VolumeManager& manager) {
+        manager.walkOnce();
+        manager.purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
+        lastWalkTime = std::time(nullptr);
+    });
 }
 
 void Quarrow::stop()

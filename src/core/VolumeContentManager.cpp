@@ -1,9 +1,9 @@
 #include "core/VolumeContentManager.h"
 
 #include "config/QuarrowConfig.h"
+#include "core/IdleVolumes.h"
 #include "core/SignalMask.h"
 #include "core/SignalObject.h"
-#include "core/Survival.h"
 #include "volume/VolumeManager.h"
 
 #include <syslog.h>
@@ -59,14 +59,6 @@ void VolumeContentManager::run()
 
 void VolumeContentManager::purgeIdleVolumes()
 {
-    for (const auto& entry : managers) {
-        if (stopRequest.isMade())
-            return;
-        VolumeManager* manager = entry.second;
-        if (manager == nullptr || manager->isWalking())
-            continue;
-        // One bad catalogue must not keep the others from their purge.
-        survive([manager] { manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold()); },
-            [manager](const char*) { manager->logFailedWalk(); });
-    }
+    forEachIdleVolume(managers, stopRequest,
+        [](VolumeManager& manager) { manager.purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold()); });
 }

@@ -124,8 +124,9 @@ void VolumeManager::handleDeleteFolder(std::string& dir, const char* entryName)
     try {
         DBFolder folder;
         folder.setPath(paths().relative(full));
-        Transaction transaction(*dbManager); // half of a removal would leave live rows below deleted ones for ever
-        dbManager->deleteFolder(folder);     // does nothing for a folder that the catalogue does not know
+        // Half of a removal would leave live rows below deleted ones for ever.
+        Transaction transaction(*dbManager);
+        dbManager->deleteFolder(folder); // does nothing for a folder that the catalogue does not know
         transaction.commit();
     } catch (const std::exception&) {
         if (!stopRequest.isMadeOrPending())

@@ -69,8 +69,8 @@ void TopLevelFolders::remove(const DBFolder& folder) const
     removed.setPath(folder.getPath());
     const FairLock held(volume.door, volume.lock);
     try {
-        Transaction transaction(
-            *volume.dbManager); // half of a removal would leave live rows below deleted ones for ever
+        // Half of a removal would leave live rows below deleted ones for ever.
+        Transaction transaction(*volume.dbManager);
         volume.dbManager->deleteFolder(removed);
         transaction.commit();
     } catch (const std::exception&) {

@@ -40,8 +40,8 @@ void TreeWalk::run()
             syslog(LOG_LOCAL5 | LOG_INFO, "Processed %d folders\n", foldersProcessed);
         // One folder at a time, so that the purge and the handlers get their turn.
         const FairLock held(volume.door, volume.lock);
-        volume.dbManager
-            ->useWriteAheadLog(); // whatever kept it from that at the last try, a reader perhaps, may be gone
+        // Whatever kept the catalogue from it at the last try, a reader perhaps, may be gone.
+        volume.dbManager->useWriteAheadLog();
         visit(path);
     }
     {

@@ -1,5 +1,6 @@
 #include "core/Quarrow.h"
 
+#include "core/IdleVolumes.h"
 #include "core/QRWException.h"
 #include "core/SignalMask.h"
 #include "core/SignalObject.h"
@@ -91,23 +92,11 @@ void Quarrow::run()
 
 void Quarrow::walkIdleVolumes(time_t& lastWalkTime)
 {
-    for (const auto& entry : managers) {
-        if (stopRequest.isMade())
-            return;
-        VolumeManager* manager = entry.second;
-        if (manager == nullptr || manager->isWalking())
-            continue;
-        // One bad volume must not keep the others from their walk. An unparsable state file throws a bare string.
-        try {
-            manager->walkOnce();
-            manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
-            lastWalkTime = std::time(nullptr);
-        } catch (const std::exception&) {
-            manager->logFailedWalk();
-        } catch (const char*) {
-            manager->logFailedWalk();
-        }
-    }
+    forEachIdleVolume(managers, stopRequest, [&lastWalkTime](VolumeManager& manager) {
+        manager.walkOnce();
+        manager.purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
+        lastWalkTime = std::time(nullptr);
+    });
 }
 
 void Quarrow::stop()

@@ -1,6 +1,7 @@
 #include "core/VolumeContentManager.h"
 
 #include "config/QuarrowConfig.h"
+#include "core/IdleVolumes.h"
 #include "core/SignalMask.h"
 #include "core/SignalObject.h"
 #include "volume/VolumeManager.h"
@@ -58,19 +59,6 @@ void VolumeContentManager::run()
 
 void VolumeContentManager::purgeIdleVolumes()
 {
-    for (const auto& entry : managers) {
-        if (stopRequest.isMade())
-            return;
-        VolumeManager* manager = entry.second;
-        if (manager == nullptr || manager->isWalking())
-            continue;
-        // One bad catalogue must not starve the others. A state file that cannot be parsed throws a bare string.
-        try {
-            manager->purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold());
-        } catch (const std::exception&) {
-            manager->logFailedWalk();
-        } catch (const char*) {
-            manager->logFailedWalk();
-        }
-    }
+    forEachIdleVolume(managers, stopRequest,
+        [](VolumeManager& manager) { manager.purgeIfRequired(QuarrowConfig::getInstance()->getPurgeThreshold()); });
 }

@@ -7,15 +7,10 @@
 /// True exactly for "." and "..".
 bool IsDotOrDotDot(const char* name);
 
-/// Whether a link stands between a path and the configured one above it, both left out: the folder that was walked, or
-/// is watched, under this path is elsewhere now.
-bool isBehindLink(const std::string& path, const std::string& configuredPath);
-
 /// The entries of one folder on disk, without "." and "..".
 class FolderReader {
 public:
-    /// `configuredPath` is the path or one above it; it may be a link and lie behind others. Below it none is followed,
-    /// whatever becomes of the folders meanwhile (on kernels before 5.6: none in the last element).
+    /// `configuredPath` is the path or one above it; below it no link is followed, see openFolder().
     FolderReader(const std::string& path, const std::string& configuredPath);
     ~FolderReader();
     FolderReader(const FolderReader&) = delete;

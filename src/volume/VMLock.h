@@ -2,8 +2,9 @@
 
 #include <semaphore.h>
 
-/// Holds a volume's semaphore for a scope. Taken by the walk for one folder at a time, by each change handler around
-/// its catalogue work and by the purge. Not recursive: walk(path, isRootWalk) is called without it.
+/// Holds a volume's semaphore for a scope. Whoever works on a volume's catalogue takes it, through FairLock: the walk
+/// for one folder at a time, each change handler around its catalogue work, the purge. Not recursive: walk(path,
+/// isRootWalk) is called without it.
 class VMLock {
 public:
     /// Waits for the semaphore; a wait that a signal interrupts is not repeated.

@@ -5,6 +5,7 @@
 #include "core/SignalMask.h"
 #include "support/SyslogCapture.h"
 #include "support/TemporaryFolder.h"
+#include "support/Waiting.h"
 #include "watch/TestClock.h"
 
 #include <gtest/gtest.h>
@@ -93,10 +94,7 @@ protected:
 #else
         constexpr std::size_t lasting = 3; // this one, the watcher and the purge thread
 #endif
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (threadCount() > lasting && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        EXPECT_GE(lasting, threadCount());
+        EXPECT_TRUE(waitUntil([] { return threadCount() <= lasting; })) << threadCount();
     }
     static std::size_t threadCount()
     {
@@ -118,12 +116,13 @@ protected:
     /// Wakes the loop again and again, since a volume may be walking still, until the line was logged so often.
     static void wakeUntilLogged(const LogLine& line, int times = 1)
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (timesLogged(line.priority, line.text) < times && std::chrono::steady_clock::now() < deadline) {
-            wake();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        EXPECT_LE(times, timesLogged(line.priority, line.text)) << line.text;
+        const auto isLoggedOrWake = [&line, times] {
+            const bool isLogged = timesLogged(line.priority, line.text) >= times;
+            if (!isLogged)
+                wake();
+            return isLogged;
+        };
+        EXPECT_TRUE(waitUntil(isLoggedOrWake, std::chrono::milliseconds(20))) << line.text;
     }
     /// Waits for the first round of the loop, which needs no wake-up, and forgets what was logged until then.
     static void passFirstRound()

@@ -20,12 +20,11 @@ protected:
     /// Waits until the loop sleeps and no wake-up is left.
     static void settle()
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        sigset_t pending;
-        do {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(waitUntil([] {
+            sigset_t pending;
             sigpending(&pending);
-        } while (sigismember(&pending, SIGUSR1) == 1 && std::chrono::steady_clock::now() < deadline);
+            return sigismember(&pending, SIGUSR1) != 1;
+        }));
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, "Going to sleep.\n", timesLogged(LOG_INFO, served)));
     }
     /// A round of the loop that finds a wake-up and logs `rest`.

@@ -33,23 +33,8 @@ std::string nameOfCourse(const ::testing::TestParamInfo<Course>& course)
 /// Compares catalogue and watches with the model.
 class EventModel : public EventSteps {
 protected:
-    std::string liveRows() const
-    {
-        return query(
-                   "select 'folder ['||f.path||'] ['||f.name||'] '||coalesce('in ['||p.path||']', case f.parent_id when "
-                   "-1 then 'root' else '?' end)||' '||f.category||' '||f.created_time||' '||f.modified_time||' '||"
-                   "f.is_hidden from Folders f left join Folders p on p.folder_id=f.parent_id and not p.is_deleted "
-                   "where not f.is_deleted order by f.path")
-            + query(
-                "select 'file ['||f.path||'] ['||f.name||'] '||coalesce('in ['||p.path||']', '?')||' '||f.category||' "
-                "'||f.size||' '||f.created_time||' '||f.modified_time||' '||f.is_hidden from Files f left join Folders "
-                "p on p.folder_id=f.folder_id and not p.is_deleted where not f.is_deleted order by f.path");
-    }
-    std::string deletedRows() const
-    {
-        return query("select 'folder ['||path||'] ['||name||']' from Folders where is_deleted order by path")
-            + query("select 'file ['||path||'] ['||name||']' from Files where is_deleted order by path");
-    }
+    std::string liveRows() const { return dumpLiveRows(dbPath()); }
+    std::string deletedRows() const { return dumpDeletedRows(dbPath()); }
 
     static std::set<std::string> linesOf(const std::string& text)
     {

@@ -1,4 +1,5 @@
 #include "volume/FolderReader.h"
+#include "volume/Links.h"
 
 #include "SystemHooks.h"
 #include "support/TemporaryFolder.h"
@@ -19,7 +20,7 @@ std::set<std::string> namesIn(FolderReader& reader)
     return names;
 }
 
-TEST(DotOrDotDot, isTrueForThoseTwoOnly)
+TEST(FolderReader, dotOrDotDotIsTrueForThoseTwoOnly)
 {
     EXPECT_TRUE(IsDotOrDotDot("."));
     EXPECT_TRUE(IsDotOrDotDot(".."));
@@ -27,7 +28,7 @@ TEST(DotOrDotDot, isTrueForThoseTwoOnly)
         EXPECT_FALSE(IsDotOrDotDot(name)) << name;
 }
 
-TEST(FolderReading, listsEverythingButTheTwoDots)
+TEST(FolderReader, listsEverythingButTheTwoDots)
 {
     const TemporaryFolder folder;
     folder.writeFile("a");
@@ -39,7 +40,7 @@ TEST(FolderReading, listsEverythingButTheTwoDots)
     EXPECT_FALSE(reader.hasFailed());
 }
 
-TEST(FolderReading, endsAtAFailure)
+TEST(FolderReader, endsAtAFailure)
 {
     const TemporaryFolder folder;
     folder.writeFile("a");
@@ -50,7 +51,7 @@ TEST(FolderReading, endsAtAFailure)
     EXPECT_TRUE(reader.hasFailed());
 }
 
-TEST(FolderReading, followsLinksUpToTheConfiguredPathAndNoneBelow)
+TEST(FolderReader, followsLinksUpToTheConfiguredPathAndNoneBelow)
 {
     const TemporaryFolder folder;
     folder.writeFile("real/deep/a");
@@ -70,7 +71,7 @@ TEST(FolderReading, followsLinksUpToTheConfiguredPathAndNoneBelow)
     EXPECT_TRUE(FolderReader(folder.path("real"), "").isOpen()) << "a volume that is the root folder";
 }
 
-TEST(FolderReading, opensFoldersOnly)
+TEST(FolderReader, opensFoldersOnly)
 {
     const TemporaryFolder folder;
     folder.writeFile("file");

@@ -64,20 +64,8 @@ public:
         return std::to_string(static_cast<int>(status.st_ctime)) + "\n";
     }
 
-    /// Every row but its created time, by id, folders first: "folder 2 'Rock' in 1 /Music/Rock 77" with the modified
-    /// time; "file 1 'a.mp3' in 2 /Music/Rock/a.mp3 2 5 88" with category, size and modified time. "deleted", and
-    /// "written" when the row was since ageRows(), at the end of those.
-    std::string rows() const
-    {
-        const std::string marks = " || iif(is_deleted, ' deleted', '') || iif(last_updated_time = 1, '', ' written')"
-                                  " from ";
-        return query("select 'folder ' || folder_id || ' ''' || name || ''' in ' || parent_id || ' ' || path || ' ' ||"
-                     " modified_time"
-                   + marks + "Folders order by folder_id")
-            + query("select 'file ' || file_id || ' ''' || name || ''' in ' || folder_id || ' ' || path || ' ' ||"
-                    " category || ' ' || size || ' ' || modified_time"
-                + marks + "Files order by file_id");
-    }
+    /// "folder 2 'Rock' in 1 /Music/Rock 77" and "file 1 'a.mp3' in 2 /Music/Rock/a.mp3 2 5 88 written"
+    std::string rows() const { return dumpRowsById(dbPath()); }
 
     static std::vector<LogLine> errors()
     {
@@ -176,9 +164,9 @@ private:
 };
 
 /// A catalogue of two crawl paths and one file, all of it with times that no disk gives.
-class FileHandlers : public HandlerTest {
+class FileChanges : public HandlerTest {
 protected:
-    FileHandlers()
+    FileChanges()
     {
         put("Music/a.mp3", "12345", 100);
         volume.makeFolder("Films");
@@ -201,9 +189,9 @@ protected:
 };
 
 /// The same with a tree of folders, which are watched.
-class FolderHandlers : public HandlerTest {
+class FolderChanges : public HandlerTest {
 protected:
-    FolderHandlers()
+    FolderChanges()
     {
         put("Music/Rock/Live/b.mp3", "1", 200);
         put("Music/Rock/a.mp3", "12345", 100);

@@ -5,7 +5,7 @@
 namespace {
 
 /// A manager as the watcher's listener, and the folders that it walked under watch.
-class RoutedEvents : public FolderHandlers {
+class RoutedEvents : public FolderChanges {
 protected:
     RoutedEvents() { watcher->addVolumeWatchListener(name, manager.get()); }
 

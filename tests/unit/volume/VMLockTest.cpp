@@ -9,10 +9,10 @@
 
 namespace {
 
-class HeldSemaphore : public ::testing::Test {
+class VMLockTest : public ::testing::Test {
 protected:
-    HeldSemaphore() { sem_init(&semaphore, 0, 1); }
-    ~HeldSemaphore() override { sem_destroy(&semaphore); }
+    VMLockTest() { sem_init(&semaphore, 0, 1); }
+    ~VMLockTest() override { sem_destroy(&semaphore); }
 
     int value()
     {
@@ -24,7 +24,7 @@ protected:
     sem_t semaphore;
 };
 
-TEST_F(HeldSemaphore, isTakenForTheScope)
+TEST_F(VMLockTest, isTakenForTheScope)
 {
     {
         const VMLock held(&semaphore);
@@ -33,7 +33,7 @@ TEST_F(HeldSemaphore, isTakenForTheScope)
     EXPECT_EQ(1, value());
 }
 
-TEST_F(HeldSemaphore, isReleasedWhenAnExceptionPasses)
+TEST_F(VMLockTest, isReleasedWhenAnExceptionPasses)
 {
     EXPECT_THROW(
         {
@@ -44,7 +44,7 @@ TEST_F(HeldSemaphore, isReleasedWhenAnExceptionPasses)
     EXPECT_EQ(1, value());
 }
 
-TEST_F(HeldSemaphore, waitThatIsInterruptedIsNotRepeated)
+TEST_F(VMLockTest, waitThatIsInterruptedIsNotRepeated)
 {
     int waits = 0;
     const OnSemWait interrupt([&waits](sem_t*) { return ++waits == 1; });
@@ -55,7 +55,7 @@ TEST_F(HeldSemaphore, waitThatIsInterruptedIsNotRepeated)
     EXPECT_EQ(2, value());
 }
 
-TEST_F(HeldSemaphore, isReleasedThroughTheBaseClass)
+TEST_F(VMLockTest, isReleasedThroughTheBaseClass)
 {
     struct Derived : VMLock {
         using VMLock::VMLock;

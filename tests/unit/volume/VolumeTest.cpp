@@ -8,9 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
-#include <thread>
 
 namespace {
 
@@ -41,17 +39,6 @@ int timesLoggedFrom(const std::string& start)
     const std::vector<LogLine> lines = loggedLines();
     return static_cast<int>(std::count_if(
         lines.begin(), lines.end(), [&start](const LogLine& line) { return line.text.rfind(start, 0) == 0; }));
-}
-
-bool waitUntil(const std::function<bool()>& condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 void setModifiedTime(const std::string& path, time_t seconds)
@@ -123,21 +110,6 @@ void VolumeTest::walkOnThread()
         return (timesLoggedFrom("Actively watching ") > 0 || timesLoggedFrom("Got an exception") > 0)
             && !manager->isWalking();
     }));
-}
-
-std::string VolumeTest::folders() const
-{
-    return query(
-        "select '['||f.path||'] '||case f.parent_id when -1 then 'root' else 'in ['||coalesce(p.path, '?')||']'"
-        " end||case f.is_deleted when 0 then '' else ' deleted' end from Folders f left join Folders p on "
-        "p.folder_id=f.parent_id where f.path not like '/.quarrow%' order by f.path");
-}
-
-std::string VolumeTest::files() const
-{
-    return query("select '['||f.path||'] '||f.category||' in ['||coalesce(p.path, '?')||']'||case f.is_deleted when 0 "
-                 "then '' else ' deleted' end from Files f left join Folders p on p.folder_id=f.folder_id where f.path "
-                 "not like '/.quarrow%' order by f.path");
 }
 
 void VolumeTest::ageRows() const

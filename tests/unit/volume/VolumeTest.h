@@ -1,14 +1,15 @@
 #pragma once
 
+#include "support/CatalogueDump.h"
 #include "support/CatalogueReader.h"
 #include "support/SyslogCapture.h"
 #include "support/TemporaryFolder.h"
+#include "support/Waiting.h"
 #include "volume/VolumeManager.h"
 
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -20,9 +21,6 @@ LogLine err(const std::string& text);
 
 /// How many logged lines begin like this.
 int timesLoggedFrom(const std::string& start);
-
-/// Waits, up to a generous bound, until the condition holds; false when it never did.
-bool waitUntil(const std::function<bool()>& condition);
 
 /// Sets the modified time of a file or folder, not of what a link leads to.
 void setModifiedTime(const std::string& path, time_t seconds);
@@ -53,11 +51,10 @@ protected:
     std::string query(const std::string& sql) const { return queryCatalogue(dbPath(), sql); }
     void change(const std::string& sql) const { changeCatalogue(dbPath(), sql); }
 
-    /// Every row outside /.quarrow by path: "[/Music/Rock] in [/Music]\n"; " root" for the parent -1, " deleted" at
-    /// the end of those.
-    std::string folders() const;
-    /// As folders(): "[/Music/a.mp3] 2 in [/Music]\n", with the category.
-    std::string files() const;
+    /// "[/Music/Rock] in [/Music]\n"
+    std::string folders() const { return dumpFoldersByPath(dbPath()); }
+    /// "[/Music/a.mp3] 2 in [/Music]\n"
+    std::string files() const { return dumpFilesByPath(dbPath()); }
     /// Makes every row look as if it was last written in second 1, which no write leaves behind.
     void ageRows() const;
     /// The paths of folders and files, outside /.quarrow, that were written since ageRows(), by path.

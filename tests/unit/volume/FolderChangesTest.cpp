@@ -6,7 +6,7 @@ namespace {
 
 // New folders
 
-TEST_F(FolderHandlers, newFolderIsCataloguedWithItsContentAndWatched)
+TEST_F(FolderChanges, newFolderIsCataloguedWithItsContentAndWatched)
 {
     put("Films/New/Deep/d.avi", "12", 300);
     put("Films/New/c.avi", "1", 200);
@@ -25,7 +25,7 @@ TEST_F(FolderHandlers, newFolderIsCataloguedWithItsContentAndWatched)
     EXPECT_TRUE(endsWatchOf("/Films/New/Deep"));
 }
 
-TEST_F(FolderHandlers, newFolderWithALiveRowGetsItsTimeAndIsWalked)
+TEST_F(FolderChanges, newFolderWithALiveRowGetsItsTimeAndIsWalked)
 {
     put("Music/Rock/new.mp3", "1", 300);
     setModifiedTime(volume.path("Music/Rock"), 77);
@@ -36,7 +36,7 @@ TEST_F(FolderHandlers, newFolderWithALiveRowGetsItsTimeAndIsWalked)
     EXPECT_EQ("50\n", createdTime("/Music/Rock"));
 }
 
-TEST_F(FolderHandlers, newFolderWithALiveRowIsWrittenAlsoWhenNothingChanged)
+TEST_F(FolderChanges, newFolderWithALiveRowIsWrittenAlsoWhenNothingChanged)
 {
     newFolder("/Music/Rock/Live");
     EXPECT_EQ(beforeFiles.substr(0, beforeFiles.find(films) - 1) + " written\n" + films + fileA + "\n" + fileB + "\n",
@@ -44,7 +44,7 @@ TEST_F(FolderHandlers, newFolderWithALiveRowIsWrittenAlsoWhenNothingChanged)
     EXPECT_EQ("50\n", createdTime("/Music/Rock/Live"));
 }
 
-TEST_F(FolderHandlers, newFolderBringsItsDeletedRowsBackToLife)
+TEST_F(FolderChanges, newFolderBringsItsDeletedRowsBackToLife)
 {
     deleteFolder("/Music/Rock");
     ageRows();
@@ -55,7 +55,7 @@ TEST_F(FolderHandlers, newFolderBringsItsDeletedRowsBackToLife)
     EXPECT_EQ(info("Row for folder /Music/Rock exists in the DB so updating it\n"), firstLine());
 }
 
-TEST_F(FolderHandlers, newFolderIsNoRoot)
+TEST_F(FolderChanges, newFolderIsNoRoot)
 {
     change("insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
            " last_updated_time) values(9, -1, '', '', 50, 10, 0, 1)"); // as without crawl paths
@@ -64,7 +64,7 @@ TEST_F(FolderHandlers, newFolderIsNoRoot)
     EXPECT_EQ("9\n", query("select parent_id from Folders where path = '/Photos'"));
 }
 
-TEST_F(FolderHandlers, rowHasTheTimesOfTheDiskBeforeTheWalk)
+TEST_F(FolderChanges, rowHasTheTimesOfTheDiskBeforeTheWalk)
 {
     volume.makeFolder("Films/New");
     volume.makeFolder("Films/Pop");
@@ -86,7 +86,7 @@ TEST_F(FolderHandlers, rowHasTheTimesOfTheDiskBeforeTheWalk)
     EXPECT_EQ(0U, seen.find("/Films/Pop 99 ")) << seen;
 }
 
-TEST_F(FolderHandlers, newFolderIsWalkedAsAnOrdinaryFolder)
+TEST_F(FolderChanges, newFolderIsWalkedAsAnOrdinaryFolder)
 {
     volume.makeFolder("Films/New");
     int posts = 0;
@@ -98,7 +98,7 @@ TEST_F(FolderHandlers, newFolderIsWalkedAsAnOrdinaryFolder)
     EXPECT_EQ("4\n", query("select parent_id from Folders where path = '/Films/New'")) << "not -1, a root's";
 }
 
-TEST_F(FolderHandlers, newFolderBelowAnUnknownOneHangsOnNoParent)
+TEST_F(FolderChanges, newFolderBelowAnUnknownOneHangsOnNoParent)
 {
     volume.makeFolder("Films/New/Deep");
     settle({ "Films/New/Deep" });
@@ -106,7 +106,7 @@ TEST_F(FolderHandlers, newFolderBelowAnUnknownOneHangsOnNoParent)
     EXPECT_EQ(beforeFiles + "folder 5 'Deep' in -1 /Films/New/Deep 10 written\n" + fileA + "\n" + fileB + "\n", rows());
 }
 
-class NoFolder : public FolderHandlers, public testing::WithParamInterface<const char*> {
+class NoFolder : public FolderChanges, public testing::WithParamInterface<const char*> {
 protected:
     NoFolder()
     {
@@ -121,7 +121,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Handlers, NoFolder, testing::Values("gone", "file", "link"),
+INSTANTIATE_TEST_SUITE_P(FolderChanges, NoFolder, testing::Values("gone", "file", "link"),
     [](const testing::TestParamInfo<const char*>& kind) { return std::string(kind.param); });
 
 TEST_P(NoFolder, isIgnoredWhenNew)
@@ -156,7 +156,7 @@ TEST_P(NoFolder, canBeDeleted)
 
 // Deleted folders
 
-TEST_F(FolderHandlers, deletedFolderIsMarkedWithAllBelowItAndNothingElseHappens)
+TEST_F(FolderChanges, deletedFolderIsMarkedWithAllBelowItAndNothingElseHappens)
 {
     volume.makeFolder("Music/Rocky");
     walk("/Music");
@@ -171,7 +171,7 @@ TEST_F(FolderHandlers, deletedFolderIsMarkedWithAllBelowItAndNothingElseHappens)
     EXPECT_EQ(5, watches()) << "ending its watch is up to the routing";
 }
 
-TEST_F(FolderHandlers, deletingAFolderWithoutALiveRowDoesNothing)
+TEST_F(FolderChanges, deletingAFolderWithoutALiveRowDoesNothing)
 {
     EXPECT_EQ("", deleteFolder("/Music/Unknown"));
     EXPECT_EQ(before, rows());
@@ -185,7 +185,7 @@ TEST_F(FolderHandlers, deletingAFolderWithoutALiveRowDoesNothing)
 
 // Moved folders
 
-TEST_F(FolderHandlers, movedFolderGetsNewRowsAndItsWatchesTheirNewPaths)
+TEST_F(FolderChanges, movedFolderGetsNewRowsAndItsWatchesTheirNewPaths)
 {
     const ClockAt clock(1000000);
     rename("/Music/Rock", "/Films/Pop");
@@ -209,7 +209,7 @@ TEST_F(FolderHandlers, movedFolderGetsNewRowsAndItsWatchesTheirNewPaths)
     EXPECT_TRUE(endsWatchOf("/Films/Pop/Live"));
 }
 
-TEST_F(FolderHandlers, movedFolderIsWalkedForWhatTheMoveBroughtAndWithoutTheRootFlag)
+TEST_F(FolderChanges, movedFolderIsWalkedForWhatTheMoveBroughtAndWithoutTheRootFlag)
 {
     put("Music/Rock/new.mp3", "1", 300);
     rename("/Music/Rock", "/Films/Pop");
@@ -223,7 +223,7 @@ TEST_F(FolderHandlers, movedFolderIsWalkedForWhatTheMoveBroughtAndWithoutTheRoot
     EXPECT_EQ("1\n", query("select count(*) from Files where path = '/Films/Pop/new.mp3' and is_deleted = 0"));
 }
 
-TEST_F(FolderHandlers, movedFolderWithoutALiveSourceRowIsANewFolder)
+TEST_F(FolderChanges, movedFolderWithoutALiveSourceRowIsANewFolder)
 {
     put("Films/Pop/c.mp3", "1", 300);
     settle({ "Films/Pop" });
@@ -240,7 +240,7 @@ TEST_F(FolderHandlers, movedFolderWithoutALiveSourceRowIsANewFolder)
     EXPECT_TRUE(endsWatchOf("/Films/Pop"));
 }
 
-TEST_F(FolderHandlers, moveOntoALiveRowLeavesBothAndWalks)
+TEST_F(FolderChanges, moveOntoALiveRowLeavesBothAndWalks)
 {
     volume.makeFolder("Films/Pop");
     settle({ "Films/Pop" });
@@ -256,7 +256,7 @@ TEST_F(FolderHandlers, moveOntoALiveRowLeavesBothAndWalks)
     EXPECT_EQ(1, walks());
 }
 
-TEST_F(FolderHandlers, namesPassUnchanged)
+TEST_F(FolderChanges, namesPassUnchanged)
 {
     const std::string at = "/Films/" + oddName;
     const std::string moved = "/Music/moved" + oddName;
@@ -292,7 +292,7 @@ TEST_F(FolderHandlers, namesPassUnchanged)
 
 constexpr const char* walkOfOneFolder = "()(BsC)()"; // before and after it: the care for the write-ahead log
 
-TEST_F(FolderHandlers, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
+TEST_F(FolderChanges, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
 {
     const std::string walked = walkOfOneFolder;
     volume.makeFolder("Films/New");
@@ -307,7 +307,7 @@ TEST_F(FolderHandlers, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
     EXPECT_EQ("(s)" + walked + "(s)" + walked + "(BsC)" + walked + "(BsC)" + walked + "(BsC)(BsC)", trace.text());
 }
 
-TEST_F(FolderHandlers, whatIsNotOfTheVolumeIsIgnored)
+TEST_F(FolderChanges, whatIsNotOfTheVolumeIsIgnored)
 {
     const std::string beside = volume.makeFolder("Music").substr(0, root.length()) + "-beside";
     std::filesystem::create_directories(beside + "/Rock");
@@ -339,7 +339,7 @@ TEST_F(FolderHandlers, whatIsNotOfTheVolumeIsIgnored)
     std::filesystem::remove_all(beside);
 }
 
-TEST_F(FolderHandlers, diskIsLookedAtUnderTheLock)
+TEST_F(FolderChanges, diskIsLookedAtUnderTheLock)
 {
     const auto whileWaiting = [this](const std::function<std::string()>& event) {
         volume.makeFolder("Films/New");
@@ -357,7 +357,7 @@ TEST_F(FolderHandlers, diskIsLookedAtUnderTheLock)
 }
 
 /// A user of the volume has put it in the place of a folder that is watched.
-TEST_F(FolderHandlers, nothingBehindALinkIsCatalogued)
+TEST_F(FolderChanges, nothingBehindALinkIsCatalogued)
 {
     TemporaryFolder elsewhere;
     elsewhere.writeFile("secret.mp3");

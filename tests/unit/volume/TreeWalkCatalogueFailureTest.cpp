@@ -12,9 +12,9 @@
 namespace {
 
 /// A catalogue that fails under the walk.
-class WalkCatalogueFailure : public VolumeTest {
+class TreeWalkCatalogueFailure : public VolumeTest {
 protected:
-    WalkCatalogueFailure()
+    TreeWalkCatalogueFailure()
     {
         volume.makeFolder("Music");
         initializeQuietly();
@@ -37,7 +37,7 @@ protected:
     }
 };
 
-TEST_F(WalkCatalogueFailure, withoutFolderTableTheFolderIsSkipped)
+TEST_F(TreeWalkCatalogueFailure, withoutFolderTableTheFolderIsSkipped)
 {
     change("drop table Folders");
     walk("/Music");
@@ -49,7 +49,7 @@ TEST_F(WalkCatalogueFailure, withoutFolderTableTheFolderIsSkipped)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(WalkCatalogueFailure, withoutFileTableTheListsAreEmptyAndTheWalkGoesOn)
+TEST_F(TreeWalkCatalogueFailure, withoutFileTableTheListsAreEmptyAndTheWalkGoesOn)
 {
     volume.writeFile("Music/a.mp3");
     volume.makeFolder("Music/Rock");
@@ -66,7 +66,7 @@ TEST_F(WalkCatalogueFailure, withoutFileTableTheListsAreEmptyAndTheWalkGoesOn)
     EXPECT_EQ(2, watches());
 }
 
-TEST_F(WalkCatalogueFailure, failedFileListLeavesTheFolderListEmptyToo)
+TEST_F(TreeWalkCatalogueFailure, failedFileListLeavesTheFolderListEmptyToo)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/gone.mp3");
@@ -81,7 +81,7 @@ TEST_F(WalkCatalogueFailure, failedFileListLeavesTheFolderListEmptyToo)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n[/Music/gone.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(WalkCatalogueFailure, failedFolderListLeavesTheFileListAsItIs)
+TEST_F(TreeWalkCatalogueFailure, failedFolderListLeavesTheFileListAsItIs)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/gone.mp3");
@@ -98,7 +98,7 @@ TEST_F(WalkCatalogueFailure, failedFolderListLeavesTheFileListAsItIs)
     EXPECT_EQ("[/Music] root\n[/Music/gone] in [/Music]\n", folders());
 }
 
-TEST_F(WalkCatalogueFailure, oneFileThatFailsDoesNotKeepTheOthersOut)
+TEST_F(TreeWalkCatalogueFailure, oneFileThatFailsDoesNotKeepTheOthersOut)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -114,7 +114,7 @@ TEST_F(WalkCatalogueFailure, oneFileThatFailsDoesNotKeepTheOthersOut)
     EXPECT_EQ("4\n", query("select count(*) from Files where is_deleted=0"));
 }
 
-TEST_F(WalkCatalogueFailure, folderIsUndoneAndTheWalkGoesOnBelowIt)
+TEST_F(TreeWalkCatalogueFailure, folderIsUndoneAndTheWalkGoesOnBelowIt)
 {
     volume.writeFile("Music/gone.mp3");
     walk("/Music");
@@ -135,7 +135,7 @@ TEST_F(WalkCatalogueFailure, folderIsUndoneAndTheWalkGoesOnBelowIt)
         files());
 }
 
-TEST_F(WalkCatalogueFailure, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
+TEST_F(TreeWalkCatalogueFailure, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
 {
     volume.makeFolder("Music/Rock");
     {
@@ -149,7 +149,7 @@ TEST_F(WalkCatalogueFailure, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
     EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders());
 }
 
-TEST_F(WalkCatalogueFailure, transactionThatCannotBeginAbandonsTheFolder)
+TEST_F(TreeWalkCatalogueFailure, transactionThatCannotBeginAbandonsTheFolder)
 {
     walk("/Music");
     volume.writeFile("Music/a.mp3");
@@ -164,7 +164,7 @@ TEST_F(WalkCatalogueFailure, transactionThatCannotBeginAbandonsTheFolder)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(WalkCatalogueFailure, volumeWhoseOwnRowWasUndoneGetsItWithTheNextChange)
+TEST_F(TreeWalkCatalogueFailure, volumeWhoseOwnRowWasUndoneGetsItWithTheNextChange)
 {
     configure({});
     volume.writeFile("a.mp3");
@@ -180,7 +180,7 @@ TEST_F(WalkCatalogueFailure, volumeWhoseOwnRowWasUndoneGetsItWithTheNextChange)
     EXPECT_EQ("[/Music/b.mp3] 2 in [/Music]\n[/a.mp3] 2 in []\n", files());
 }
 
-TEST_F(WalkCatalogueFailure, nothingIsWrittenOnceTheListingHasUndoneTheTransaction)
+TEST_F(TreeWalkCatalogueFailure, nothingIsWrittenOnceTheListingHasUndoneTheTransaction)
 {
     walk("/Music");
     volume.writeFile("Music/a.mp3");
@@ -200,7 +200,7 @@ TEST_F(WalkCatalogueFailure, nothingIsWrittenOnceTheListingHasUndoneTheTransacti
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(WalkCatalogueFailure, emptyCatalogueFileGetsNoTablesAndNoHarmIsDone)
+TEST_F(TreeWalkCatalogueFailure, emptyCatalogueFileGetsNoTablesAndNoHarmIsDone)
 {
     destroy();
     manager = std::make_unique<VolumeManager>();
@@ -212,7 +212,7 @@ TEST_F(WalkCatalogueFailure, emptyCatalogueFileGetsNoTablesAndNoHarmIsDone)
     EXPECT_EQ("", query("select name from sqlite_master"));
 }
 
-TEST_F(WalkCatalogueFailure, fileThatIsNoCatalogueStaysAsItIs)
+TEST_F(TreeWalkCatalogueFailure, fileThatIsNoCatalogueStaysAsItIs)
 {
     destroy();
     manager = std::make_unique<VolumeManager>();
@@ -228,7 +228,7 @@ TEST_F(WalkCatalogueFailure, fileThatIsNoCatalogueStaysAsItIs)
 }
 
 /// The catalogue on a file system of its own that can be filled to the brim.
-class WalkOnAFullVolume : public WalkCatalogueFailure {
+class TreeWalkOnAFullVolume : public TreeWalkCatalogueFailure {
 protected:
     void SetUp() override
     {
@@ -282,7 +282,7 @@ protected:
     bool mounted = false;
 };
 
-TEST_F(WalkOnAFullVolume, folderThatDoesNotFitIsAbandonedAtItsCommit)
+TEST_F(TreeWalkOnAFullVolume, folderThatDoesNotFitIsAbandonedAtItsCommit)
 {
     makeFiles(1000, 20);
     fill();
@@ -296,7 +296,7 @@ TEST_F(WalkOnAFullVolume, folderThatDoesNotFitIsAbandonedAtItsCommit)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(WalkOnAFullVolume, nothingMoreIsWrittenForAFolderThatFailedHalfWay)
+TEST_F(TreeWalkOnAFullVolume, nothingMoreIsWrittenForAFolderThatFailedHalfWay)
 {
     makeFiles(2500, 250); // more than what a transaction keeps in memory
     fill();

@@ -8,9 +8,9 @@
 namespace {
 
 /// Folders that change while they are walked, that cannot be read, and what users call their files.
-class WalkSurvival : public VolumeTest {
+class TreeWalkSurvival : public VolumeTest {
 protected:
-    WalkSurvival()
+    TreeWalkSurvival()
     {
         volume.makeFolder("Music");
         initializeQuietly();
@@ -28,7 +28,7 @@ protected:
     }
 };
 
-TEST_F(WalkSurvival, fileThatGoesBeforeItIsLookedAtIsNotInserted)
+TEST_F(TreeWalkSurvival, fileThatGoesBeforeItIsLookedAtIsNotInserted)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -39,7 +39,7 @@ TEST_F(WalkSurvival, fileThatGoesBeforeItIsLookedAtIsNotInserted)
     EXPECT_EQ(0, timesLoggedFrom("Error"));
 }
 
-TEST_F(WalkSurvival, fileThatBecomesALinkIsNotInserted)
+TEST_F(TreeWalkSurvival, fileThatBecomesALinkIsNotInserted)
 {
     volume.writeFile("secret.mp3", "outside");
     volume.writeFile("Music/a.mp3");
@@ -51,7 +51,7 @@ TEST_F(WalkSurvival, fileThatBecomesALinkIsNotInserted)
     EXPECT_EQ("", files());
 }
 
-TEST_F(WalkSurvival, folderThatBecomesALinkIsNotWalked)
+TEST_F(TreeWalkSurvival, folderThatBecomesALinkIsNotWalked)
 {
     volume.writeFile("outside/secret.mp3");
     volume.makeFolder("Music/Rock");
@@ -65,7 +65,7 @@ TEST_F(WalkSurvival, folderThatBecomesALinkIsNotWalked)
     EXPECT_EQ(1, watches());
 }
 
-TEST_F(WalkSurvival, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
+TEST_F(TreeWalkSurvival, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
 {
     volume.writeFile("outside/secret.mp3");
     volume.makeFolder("Music/Rock");
@@ -83,7 +83,7 @@ TEST_F(WalkSurvival, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
     EXPECT_EQ("", files());
 }
 
-TEST_F(WalkSurvival, nothingIsWalkedThroughALinkThatTookTheFolderAbove)
+TEST_F(TreeWalkSurvival, nothingIsWalkedThroughALinkThatTookTheFolderAbove)
 {
     volume.writeFile("outside/Live/secret.mp3");
     volume.makeFolder("Music/Rock/Live");
@@ -98,7 +98,7 @@ TEST_F(WalkSurvival, nothingIsWalkedThroughALinkThatTookTheFolderAbove)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 3/0\n"));
 }
 
-TEST_F(WalkSurvival, crawlPathsMayLeadThroughLinks)
+TEST_F(TreeWalkSurvival, crawlPathsMayLeadThroughLinks)
 {
     volume.writeFile("real/deep/Rock/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -110,7 +110,7 @@ TEST_F(WalkSurvival, crawlPathsMayLeadThroughLinks)
     EXPECT_EQ(3, watches());
 }
 
-TEST_F(WalkSurvival, volumeMayBeALink)
+TEST_F(TreeWalkSurvival, volumeMayBeALink)
 {
     volume.writeFile("Music/Rock/a.mp3");
     useALinkToTheVolume();
@@ -119,7 +119,7 @@ TEST_F(WalkSurvival, volumeMayBeALink)
     EXPECT_EQ("[/Music/Rock/a.mp3] 2 in [/Music/Rock]\n", files());
 }
 
-TEST_F(WalkSurvival, startFolderMayBeALink)
+TEST_F(TreeWalkSurvival, startFolderMayBeALink)
 {
     volume.writeFile("real/a.mp3");
     volume.makeFolder("real/Rock");
@@ -129,7 +129,7 @@ TEST_F(WalkSurvival, startFolderMayBeALink)
     EXPECT_EQ("[/link/a.mp3] 2 in [/link]\n", files());
 }
 
-TEST_F(WalkSurvival, readingThatFailsHalfWayIsNotTheEndOfTheFolder)
+TEST_F(TreeWalkSurvival, readingThatFailsHalfWayIsNotTheEndOfTheFolder)
 {
     for (const char* file : { "Music/a", "Music/b", "Music/c" })
         volume.writeFile(file);
@@ -154,7 +154,7 @@ TEST_F(WalkSurvival, readingThatFailsHalfWayIsNotTheEndOfTheFolder)
         files());
 }
 
-TEST_F(WalkSurvival, subfoldersReadBeforeAFailureAreWalked)
+TEST_F(TreeWalkSurvival, subfoldersReadBeforeAFailureAreWalked)
 {
     volume.writeFile("Music/x/1");
     volume.writeFile("Music/a");
@@ -172,7 +172,7 @@ TEST_F(WalkSurvival, subfoldersReadBeforeAFailureAreWalked)
     EXPECT_EQ("[/Music/x/1] 4 in [/Music/x]\n", files());
 }
 
-TEST_F(WalkSurvival, namesAreBytes)
+TEST_F(TreeWalkSurvival, namesAreBytes)
 {
     const std::vector<std::string> names { "\xFF\xFE\xC3", "new\nline", "tab\there", "quote'\"", "back\\slash",
         "100%s%n", " ", "-rf", "*", ";drop table Files", std::string(255, 'n'), "\xC3\xA4", "a\x01\x7F" };
@@ -203,7 +203,7 @@ TEST_F(WalkSurvival, namesAreBytes)
     EXPECT_EQ("[/Music] root\n", query("select '['||path||'] root' from Folders where is_deleted=0"));
 }
 
-TEST_F(WalkSurvival, pathsLongerThan1024BytesAreCatalogued)
+TEST_F(TreeWalkSurvival, pathsLongerThan1024BytesAreCatalogued)
 {
     std::string below = "Music";
     for (int level = 0; level < 8; ++level)
@@ -214,7 +214,7 @@ TEST_F(WalkSurvival, pathsLongerThan1024BytesAreCatalogued)
     EXPECT_TRUE(endsWatchOf("/" + below));
 }
 
-TEST_F(WalkSurvival, timesBeyond2038AreNoChangeEachTime)
+TEST_F(TreeWalkSurvival, timesBeyond2038AreNoChangeEachTime)
 {
     setModifiedTime(volume.writeFile("Music/Rock/a.mp3"), 4102444800);
     setModifiedTime(volume.path("Music/Rock"), 4102444800);
@@ -226,7 +226,7 @@ TEST_F(WalkSurvival, timesBeyond2038AreNoChangeEachTime)
     EXPECT_EQ("", writtenRows());
 }
 
-TEST_F(WalkSurvival, twoRowsOfOneFileBecomeOne)
+TEST_F(TreeWalkSurvival, twoRowsOfOneFileBecomeOne)
 {
     volume.writeFile("Music/a.mp3");
     volume.makeFolder("Music/Rock");
@@ -239,7 +239,7 @@ TEST_F(WalkSurvival, twoRowsOfOneFileBecomeOne)
     EXPECT_EQ("1\n", query("select count(*) from Files where is_deleted=0"));
 }
 
-TEST_F(WalkSurvival, manyEqualRowsDoNotUpsetTheSorting)
+TEST_F(TreeWalkSurvival, manyEqualRowsDoNotUpsetTheSorting)
 {
     volume.makeFolder("Music/Rock");
     walk("/Music");
@@ -252,7 +252,7 @@ TEST_F(WalkSurvival, manyEqualRowsDoNotUpsetTheSorting)
     EXPECT_EQ("1\n", query("select count(*) from Folders where name='Rock' and is_deleted=0"));
 }
 
-TEST_F(WalkSurvival, nextWalkTakesToTheLogAgain)
+TEST_F(TreeWalkSurvival, nextWalkTakesToTheLogAgain)
 {
     destroy();
     sqlite3* connection = nullptr;

@@ -6,7 +6,7 @@ namespace {
 
 // New files
 
-TEST_F(FileHandlers, newFileGetsARowWithWhatTheDiskSays)
+TEST_F(FileChanges, newFileGetsARowWithWhatTheDiskSays)
 {
     put("Music/b.mp3", "1234567", 200);
     EXPECT_EQ("", newFile("/Music/b.mp3"));
@@ -15,7 +15,7 @@ TEST_F(FileHandlers, newFileGetsARowWithWhatTheDiskSays)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, newFileHasTheCategoryOfItsLastExtension)
+TEST_F(FileChanges, newFileHasTheCategoryOfItsLastExtension)
 {
     for (const std::string file : { "film.mp3.avi", "photo.JPG", ".mp3", "none", "stop.", "x.mp3.", "x.unheardof" }) {
         put("Films/" + file, "", 1);
@@ -25,7 +25,7 @@ TEST_F(FileHandlers, newFileHasTheCategoryOfItsLastExtension)
         query("select name, category from Files where file_id > 1 order by file_id"));
 }
 
-TEST_F(FileHandlers, newFileWithALiveRowGetsItsTimeAndSizeAndNothingElse)
+TEST_F(FileChanges, newFileWithALiveRowGetsItsTimeAndSizeAndNothingElse)
 {
     change("update Files set category = 9");
     put("Music/a.mp3", "1234567", 200);
@@ -35,13 +35,13 @@ TEST_F(FileHandlers, newFileWithALiveRowGetsItsTimeAndSizeAndNothingElse)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, newFileWithALiveRowIsWrittenAlsoWhenNothingChanged)
+TEST_F(FileChanges, newFileWithALiveRowIsWrittenAlsoWhenNothingChanged)
 {
     newFile("/Music/a.mp3");
     EXPECT_EQ(folderRows + "file 1 'a.mp3' in 1 /Music/a.mp3 2 5 100 written\n", rows());
 }
 
-TEST_F(FileHandlers, newFileBringsItsDeletedRowBackToLife)
+TEST_F(FileChanges, newFileBringsItsDeletedRowBackToLife)
 {
     change("update Files set is_deleted = 1, category = 9, modified_time = 1");
     newFile("/Music/a.mp3");
@@ -51,7 +51,7 @@ TEST_F(FileHandlers, newFileBringsItsDeletedRowBackToLife)
         std::vector<LogLine> { info("Row for file /Music/a.mp3 exists in the DB so updating it\n") }, loggedLines());
 }
 
-TEST_F(FileHandlers, newFileInAnUnknownFolderMakesItsRowAndIsFiledUnderWhatTheClimbEndedWith)
+TEST_F(FileChanges, newFileInAnUnknownFolderMakesItsRowAndIsFiledUnderWhatTheClimbEndedWith)
 {
     put("Music/Rock/Live/c.mp3", "1", 300);
     put("Music/Rock/b.mp3", "1", 200);
@@ -65,7 +65,7 @@ TEST_F(FileHandlers, newFileInAnUnknownFolderMakesItsRowAndIsFiledUnderWhatTheCl
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, sizeAbove4GiBIsStoredWhole)
+TEST_F(FileChanges, sizeAbove4GiBIsStoredWhole)
 {
     put("Films/large.avi", "", 1);
     ASSERT_EQ(0, truncate64(volume.path("Films/large.avi").c_str(), 4294967301));
@@ -77,7 +77,7 @@ TEST_F(FileHandlers, sizeAbove4GiBIsStoredWhole)
 
 // Modified files
 
-TEST_F(FileHandlers, modifiedFileThatIsUnknownIsLoggedAndNotInserted)
+TEST_F(FileChanges, modifiedFileThatIsUnknownIsLoggedAndNotInserted)
 {
     put("Music/b.mp3", "1", 200);
     EXPECT_EQ("", modifyFile("/Music/b.mp3"));
@@ -86,7 +86,7 @@ TEST_F(FileHandlers, modifiedFileThatIsUnknownIsLoggedAndNotInserted)
         std::vector<LogLine> { err("There is an error condition here for " + root + "/Music b.mp3\n") }, loggedLines());
 }
 
-TEST_F(FileHandlers, modifiedFileWithADeletedRowIsUnknown)
+TEST_F(FileChanges, modifiedFileWithADeletedRowIsUnknown)
 {
     change("update Files set is_deleted = 1");
     modifyFile("/Music/a.mp3");
@@ -95,7 +95,7 @@ TEST_F(FileHandlers, modifiedFileWithADeletedRowIsUnknown)
         std::vector<LogLine> { err("There is an error condition here for " + root + "/Music a.mp3\n") }, loggedLines());
 }
 
-TEST_F(FileHandlers, modifiedFileWithItsOldTimeAndSizeIsNotWritten)
+TEST_F(FileChanges, modifiedFileWithItsOldTimeAndSizeIsNotWritten)
 {
     put("Music/a.mp3", "other", 100);
     EXPECT_EQ("", modifyFile("/Music/a.mp3"));
@@ -103,7 +103,7 @@ TEST_F(FileHandlers, modifiedFileWithItsOldTimeAndSizeIsNotWritten)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, modifiedFileWithAnotherTimeIsWritten)
+TEST_F(FileChanges, modifiedFileWithAnotherTimeIsWritten)
 {
     change("update Files set category = 9");
     put("Music/a.mp3", "12345", 99);
@@ -113,14 +113,14 @@ TEST_F(FileHandlers, modifiedFileWithAnotherTimeIsWritten)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, modifiedFileWithAnotherSizeIsWritten)
+TEST_F(FileChanges, modifiedFileWithAnotherSizeIsWritten)
 {
     put("Music/a.mp3", "1234567", 100);
     modifyFile("/Music/a.mp3");
     EXPECT_EQ(folderRows + "file 1 'a.mp3' in 1 /Music/a.mp3 2 7 100 written\n", rows());
 }
 
-TEST_F(FileHandlers, modifiedFileOf2GiBIsWrittenEachTime)
+TEST_F(FileChanges, modifiedFileOf2GiBIsWrittenEachTime)
 {
     ASSERT_EQ(0, truncate64(volume.path("Music/a.mp3").c_str(), 2147483648));
     setModifiedTime(volume.path("Music/a.mp3"), 100);
@@ -131,7 +131,7 @@ TEST_F(FileHandlers, modifiedFileOf2GiBIsWrittenEachTime)
     }
 }
 
-TEST_F(FileHandlers, timesAreComparedAsTheyAreStored)
+TEST_F(FileChanges, timesAreComparedAsTheyAreStored)
 {
     setModifiedTime(volume.path("Music/a.mp3"), 4294967396); // 100 in 32 bits
     modifyFile("/Music/a.mp3");
@@ -140,7 +140,7 @@ TEST_F(FileHandlers, timesAreComparedAsTheyAreStored)
 
 // What is not there as a file
 
-class NoFile : public FileHandlers, public testing::WithParamInterface<const char*> {
+class NoFile : public FileChanges, public testing::WithParamInterface<const char*> {
 protected:
     NoFile()
     {
@@ -156,7 +156,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Handlers, NoFile, testing::Values("gone", "folder", "link"),
+INSTANTIATE_TEST_SUITE_P(FileChanges, NoFile, testing::Values("gone", "folder", "link"),
     [](const testing::TestParamInfo<const char*>& kind) { return std::string(kind.param); });
 
 TEST_P(NoFile, isIgnoredWhenNewOrModified)
@@ -188,7 +188,7 @@ TEST_P(NoFile, canBeDeleted)
 
 // Deleted files
 
-TEST_F(FileHandlers, deletedFileIsMarkedWithoutALookAtTheDisk)
+TEST_F(FileChanges, deletedFileIsMarkedWithoutALookAtTheDisk)
 {
     ASSERT_TRUE(volume.exists("Music/a.mp3"));
     EXPECT_EQ("Deleting file 1\n", deleteFile("/Music/a.mp3"));
@@ -196,7 +196,7 @@ TEST_F(FileHandlers, deletedFileIsMarkedWithoutALookAtTheDisk)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, deletingAFileWithoutALiveRowDoesNothing)
+TEST_F(FileChanges, deletingAFileWithoutALiveRowDoesNothing)
 {
     EXPECT_EQ("", deleteFile("/Music/b.mp3"));
     EXPECT_EQ(before, rows());
@@ -208,7 +208,7 @@ TEST_F(FileHandlers, deletingAFileWithoutALiveRowDoesNothing)
 
 // Moved files
 
-TEST_F(FileHandlers, movedFileGetsANewRowWithTheCategoryOfItsNewName)
+TEST_F(FileChanges, movedFileGetsANewRowWithTheCategoryOfItsNewName)
 {
     rename("/Music/a.mp3", "/Films/b.avi");
     put("Films/b.avi", "1234567", 200); // the row tells what is carried over, the next event or walk what changed since
@@ -220,7 +220,7 @@ TEST_F(FileHandlers, movedFileGetsANewRowWithTheCategoryOfItsNewName)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, movedFileWithoutALiveSourceRowIsANewFile)
+TEST_F(FileChanges, movedFileWithoutALiveSourceRowIsANewFile)
 {
     put("Films/b.avi", "1234567", 200);
     const LogLine inserted
@@ -237,7 +237,7 @@ TEST_F(FileHandlers, movedFileWithoutALiveSourceRowIsANewFile)
     EXPECT_EQ(std::vector<LogLine> { inserted }, loggedLines());
 }
 
-TEST_F(FileHandlers, movedFileWithADeletedSourceRowIsANewFile)
+TEST_F(FileChanges, movedFileWithADeletedSourceRowIsANewFile)
 {
     change("update Files set is_deleted = 1");
     put("Music/b.mp3", "1", 200);
@@ -247,7 +247,7 @@ TEST_F(FileHandlers, movedFileWithADeletedSourceRowIsANewFile)
         rows());
 }
 
-TEST_F(FileHandlers, moveOntoALiveRowChangesNothing)
+TEST_F(FileChanges, moveOntoALiveRowChangesNothing)
 {
     put("Music/b.mp3", "1", 200);
     newFile("/Music/b.mp3");
@@ -257,7 +257,7 @@ TEST_F(FileHandlers, moveOntoALiveRowChangesNothing)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, moveOntoADeletedRowBringsItBackToLife)
+TEST_F(FileChanges, moveOntoADeletedRowBringsItBackToLife)
 {
     put("Films/a.mp3", "12345", 100);
     newFile("/Films/a.mp3");
@@ -271,7 +271,7 @@ TEST_F(FileHandlers, moveOntoADeletedRowBringsItBackToLife)
         std::vector<LogLine> { info("Row for file /Films/a.mp3 exists in the DB so updating it\n") }, loggedLines());
 }
 
-TEST_F(FileHandlers, moveOutOfAFolderWithoutALiveRowChangesNothing)
+TEST_F(FileChanges, moveOutOfAFolderWithoutALiveRowChangesNothing)
 {
     change("update Folders set is_deleted = 1 where folder_id = 1");
     rename("/Music/a.mp3", "/Films/a.mp3");
@@ -280,7 +280,7 @@ TEST_F(FileHandlers, moveOutOfAFolderWithoutALiveRowChangesNothing)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileHandlers, moveIntoAnUnknownFolderMakesItsRowFirst)
+TEST_F(FileChanges, moveIntoAnUnknownFolderMakesItsRowFirst)
 {
     volume.makeFolder("Films/New");
     rename("/Music/a.mp3", "/Films/New/a.mp3");
@@ -292,7 +292,7 @@ TEST_F(FileHandlers, moveIntoAnUnknownFolderMakesItsRowFirst)
         rows());
 }
 
-TEST_F(FileHandlers, namesPassUnchanged)
+TEST_F(FileChanges, namesPassUnchanged)
 {
     const std::string at = "/Music/" + oddName;
     EXPECT_EQ("", modifyFile(at)); // not there yet
@@ -321,7 +321,7 @@ TEST_F(FileHandlers, namesPassUnchanged)
         loggedLines());
 }
 
-TEST_F(FileHandlers, folderShorterThanTheVolumesPathMeansTheVolumeItself)
+TEST_F(FileChanges, folderShorterThanTheVolumesPathMeansTheVolumeItself)
 {
     std::string above = "/";
     manager->handleDeleteFile(above, "a.mp3");
@@ -331,7 +331,7 @@ TEST_F(FileHandlers, folderShorterThanTheVolumesPathMeansTheVolumeItself)
 
 // The lock
 
-TEST_F(FileHandlers, catalogueWorkIsDoneUnderTheLock)
+TEST_F(FileChanges, catalogueWorkIsDoneUnderTheLock)
 {
     put("Music/b.mp3", "1", 200);
     put("Films/c.mp3", "1", 200);
@@ -346,7 +346,7 @@ TEST_F(FileHandlers, catalogueWorkIsDoneUnderTheLock)
     EXPECT_EQ("(s)(s)(s)(s)(s)(s)(s)", trace.text());
 }
 
-TEST_F(FileHandlers, lockIsTakenAndReleasedAlsoForWhatIsGone)
+TEST_F(FileChanges, lockIsTakenAndReleasedAlsoForWhatIsGone)
 {
     const LockTrace trace(*manager);
     newFile("/Music/gone");
@@ -355,7 +355,7 @@ TEST_F(FileHandlers, lockIsTakenAndReleasedAlsoForWhatIsGone)
     EXPECT_EQ("()()()", trace.text());
 }
 
-TEST_F(FileHandlers, diskIsLookedAtUnderTheLock)
+TEST_F(FileChanges, diskIsLookedAtUnderTheLock)
 {
     rename("/Music/a.mp3", "/Music/moved.mp3");
     const auto whileWaiting = [this](const std::function<void()>& event) {

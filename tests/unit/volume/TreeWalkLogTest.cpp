@@ -4,9 +4,9 @@
 namespace {
 
 /// What a walk logs, whole.
-class WalkLog : public VolumeTest {
+class TreeWalkLog : public VolumeTest {
 protected:
-    WalkLog() { initializeQuietly(); }
+    TreeWalkLog() { initializeQuietly(); }
 
     /// The walk of a folder "Music" that holds nothing.
     std::vector<LogLine> logOfOneFolder()
@@ -37,7 +37,7 @@ protected:
     ClockAt clock { 1700000000 };
 };
 
-TEST_F(WalkLog, ofASmallTree)
+TEST_F(TreeWalkLog, ofASmallTree)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -49,7 +49,7 @@ TEST_F(WalkLog, ofASmallTree)
     EXPECT_EQ(complete(expected, "2/3", 2), loggedLines());
 }
 
-TEST_F(WalkLog, ofASecondWalkCountsEverythingSeen)
+TEST_F(TreeWalkLog, ofASecondWalkCountsEverythingSeen)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/Rock/c.mp3");
@@ -61,7 +61,7 @@ TEST_F(WalkLog, ofASecondWalkCountsEverythingSeen)
     EXPECT_EQ(complete(expected, "2/2", 2), loggedLines());
 }
 
-TEST_F(WalkLog, ofThingsThatWent)
+TEST_F(TreeWalkLog, ofThingsThatWent)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/Rock/c.mp3");
@@ -77,7 +77,7 @@ TEST_F(WalkLog, ofThingsThatWent)
     EXPECT_EQ(complete(expected, "1/0", 1), loggedLines());
 }
 
-TEST_F(WalkLog, ofTheThread)
+TEST_F(TreeWalkLog, ofTheThread)
 {
     configure({ "/Music" });
     volume.makeFolder("Music");
@@ -89,14 +89,14 @@ TEST_F(WalkLog, ofTheThread)
     EXPECT_EQ(expected, loggedLines());
 }
 
-TEST_F(WalkLog, ofAStartFolderThatIsMissing)
+TEST_F(TreeWalkLog, ofAStartFolderThatIsMissing)
 {
     walk("/Music");
     EXPECT_EQ(complete(summary("/Music", 0, 0, 0, 0), "1/0", 0), loggedLines());
     EXPECT_EQ("", folders());
 }
 
-TEST_F(WalkLog, tellsTheWholeSecondsThatTheWalkTook)
+TEST_F(TreeWalkLog, tellsTheWholeSecondsThatTheWalkTook)
 {
     const OnReaddir later([this](const std::string&, dirent* entry) {
         clock.set(1700000007);
@@ -106,7 +106,7 @@ TEST_F(WalkLog, tellsTheWholeSecondsThatTheWalkTook)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "The time taken: 7\n"));
 }
 
-TEST_F(WalkLog, tellsOfEveryThousandthFolder)
+TEST_F(TreeWalkLog, tellsOfEveryThousandthFolder)
 {
     for (int folder = 0; folder < 2499; ++folder)
         volume.makeFolder("Music/" + std::to_string(folder));
@@ -117,7 +117,7 @@ TEST_F(WalkLog, tellsOfEveryThousandthFolder)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 2500/0\n"));
 }
 
-TEST_F(WalkLog, folderThatIsGoneRepeatsTheFiguresOfTheOneBefore)
+TEST_F(TreeWalkLog, folderThatIsGoneRepeatsTheFiguresOfTheOneBefore)
 {
     for (const char* file : { "Music/1", "Music/2", "Music/3" })
         volume.writeFile(file);
@@ -135,7 +135,7 @@ TEST_F(WalkLog, folderThatIsGoneRepeatsTheFiguresOfTheOneBefore)
     EXPECT_EQ("[/Music] root\n", folders());
 }
 
-TEST_F(WalkLog, figuresStartAtNothingInTheNextFolder)
+TEST_F(TreeWalkLog, figuresStartAtNothingInTheNextFolder)
 {
     volume.writeFile("Music/a/1");
     volume.writeFile("Music/2");
@@ -145,20 +145,20 @@ TEST_F(WalkLog, figuresStartAtNothingInTheNextFolder)
     expectSummary("/Music/a", 1, 0, 0, 0);
 }
 
-TEST_F(WalkLog, listingOf1500MillisecondsTakesSomeTime)
+TEST_F(TreeWalkLog, listingOf1500MillisecondsTakesSomeTime)
 {
     const SlowMachine slow(1500);
     const std::vector<LogLine> log = logOfOneFolder();
     EXPECT_EQ(withFirstLine("Taking some time for " + root + "/Music as list are file=0 folder=0\n"), log);
 }
 
-TEST_F(WalkLog, listingOf1499MillisecondsDoesNot)
+TEST_F(TreeWalkLog, listingOf1499MillisecondsDoesNot)
 {
     const SlowMachine slow(1499);
     EXPECT_EQ(complete(summary("/Music", 0, 0, 0, 0), "1/0", 1), logOfOneFolder());
 }
 
-TEST_F(WalkLog, slowListingTellsWhatItListed)
+TEST_F(TreeWalkLog, slowListingTellsWhatItListed)
 {
     volume.writeFile("Music/a");
     volume.writeFile("Music/b");
@@ -170,7 +170,7 @@ TEST_F(WalkLog, slowListingTellsWhatItListed)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Taking some time for " + root + "/Music/Rock as list are file=0 folder=0\n"));
 }
 
-TEST_F(WalkLog, percentSignsStandAsTheyAre)
+TEST_F(TreeWalkLog, percentSignsStandAsTheyAre)
 {
     volume.writeFile("Music/100%s %n%d.mp3");
     volume.makeFolder("Music/%s%n");
@@ -181,7 +181,7 @@ TEST_F(WalkLog, percentSignsStandAsTheyAre)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Removing " + root + "/Music/%s%n \n"));
 }
 
-TEST_F(WalkLog, lockIsTakenFolderByFolderAndFreedAfterTheSummary)
+TEST_F(TreeWalkLog, lockIsTakenFolderByFolderAndFreedAfterTheSummary)
 {
     volume.makeFolder("Music/Rock");
     std::vector<std::string> events;

@@ -35,7 +35,7 @@ const char* const deleteFailed = "Error in deleting file a.mp3\n";
 const char* const moveFailed = "Error in moving the file /Music/a.mp3 to ROOT/Films/c.avi\n";
 const char* const moveUnknownFailed = "Error in moving the file /Music/x.mp3 to ROOT/Films/c.avi\n";
 
-class FailingFileStatement : public FileHandlers, public testing::WithParamInterface<Failure> {
+class FailingFileStatement : public FileChanges, public testing::WithParamInterface<Failure> {
 protected:
     FailingFileStatement()
     {
@@ -53,7 +53,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(FileHandlers, FailingFileStatement,
+INSTANTIATE_TEST_SUITE_P(FileChanges, FailingFileStatement,
     testing::Values(Failure { "newLookUp", newKnown, selectLiveFile, "fileExists", newKnownFailed },
         Failure { "newUpdate", newKnown, "update files set name=?", "updateFile", newKnownFailed },
         Failure { "newFolderLookUp", newUnknown, selectLiveFolder, "folderExists", newFailed },
@@ -104,9 +104,9 @@ struct Refusal {
 
 void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.name; }
 
-class RefusedChange : public FileHandlers, public testing::WithParamInterface<Refusal> { };
+class RefusedChange : public FileChanges, public testing::WithParamInterface<Refusal> { };
 
-INSTANTIATE_TEST_SUITE_P(FileHandlers, RefusedChange,
+INSTANTIATE_TEST_SUITE_P(FileChanges, RefusedChange,
     testing::Values(Refusal { "aborts", "abort" }, Refusal { "rollsBack", "rollback" }, Refusal { "fails", "fail" }),
     [](const testing::TestParamInfo<Refusal>& refusal) { return std::string(refusal.param.name); });
 
@@ -141,7 +141,7 @@ TEST_P(RefusedChange, isLoggedAndTheNextEventIsServed)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n[/Music/b.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(FileHandlers, tableThatIsGoneAndComesBackIsSurvived)
+TEST_F(FileChanges, tableThatIsGoneAndComesBackIsSurvived)
 {
     const auto failsWith = [this](const std::string& error) {
         ASSERT_EQ(2U, loggedLines().size()) << error;
@@ -167,7 +167,7 @@ TEST_F(FileHandlers, tableThatIsGoneAndComesBackIsSurvived)
     EXPECT_EQ(nothing, errorsOfAFullWalk());
 }
 
-TEST_F(FileHandlers, fullCatalogueIsSurvived)
+TEST_F(FileChanges, fullCatalogueIsSurvived)
 {
     runOnItsConnection("pragma max_page_count = 1"); // no page more than it has
     std::string full;

@@ -45,9 +45,9 @@ std::string moveUnknown(HandlerTest& volume)
     return "Error in moving folder Unknown to New\n";
 }
 
-class FailingFolderStatement : public FolderHandlers, public testing::WithParamInterface<Failure> { };
+class FailingFolderStatement : public FolderChanges, public testing::WithParamInterface<Failure> { };
 
-INSTANTIATE_TEST_SUITE_P(FolderHandlers, FailingFolderStatement,
+INSTANTIATE_TEST_SUITE_P(FolderChanges, FailingFolderStatement,
     testing::Values(Failure { "newLookUp", newUnknown, selectLiveFolder, "folderExists" },
         Failure { "newRowLookUp", newUnknown, "from folders where path=?", "folderExists" },
         Failure { "newInsert", newUnknown, insertFolder, "insertIndividualFolder" },
@@ -102,7 +102,7 @@ TEST_P(FailingFolderStatement, isLoggedWithoutAWalkAndTheNextEventIsServed)
         files());
 }
 
-TEST_F(FolderHandlers, moveThatACommitCannotEndIsUndoneAlsoWhenSqliteHasDoneSo)
+TEST_F(FolderChanges, moveThatACommitCannotEndIsUndoneAlsoWhenSqliteHasDoneSo)
 {
     rename("/Music/Rock", "/Films/Pop");
     const std::string fail = " before insert on Files when new.name = 'b.mp3' begin select raise(rollback, 'no'); end";
@@ -127,7 +127,7 @@ TEST_F(FolderHandlers, moveThatACommitCannotEndIsUndoneAlsoWhenSqliteHasDoneSo)
         files());
 }
 
-TEST_F(FolderHandlers, tableThatIsGoneAndComesBackIsSurvived)
+TEST_F(FolderChanges, tableThatIsGoneAndComesBackIsSurvived)
 {
     volume.makeFolder("Films/New");
     change("alter table Folders rename to Gone");
@@ -145,7 +145,7 @@ TEST_F(FolderHandlers, tableThatIsGoneAndComesBackIsSurvived)
     EXPECT_EQ(nothing, errorsOfAFullWalk());
 }
 
-TEST_F(FolderHandlers, moveThatFillsTheCatalogueIsUndone)
+TEST_F(FolderChanges, moveThatFillsTheCatalogueIsUndone)
 {
     for (int number = 100; number < 200; ++number)
         put("Music/Rock/" + std::to_string(number) + std::string(200, 'x'), "1", 300);
@@ -170,7 +170,7 @@ TEST_F(FolderHandlers, moveThatFillsTheCatalogueIsUndone)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(FolderHandlers, stopInTheMiddleOfAMoveUndoesIt)
+TEST_F(FolderChanges, stopInTheMiddleOfAMoveUndoesIt)
 {
     rename("/Music/Rock", "/Films/Pop");
     const OnStatement stop([this](const std::string& sql, sqlite3*) {
@@ -182,7 +182,7 @@ TEST_F(FolderHandlers, stopInTheMiddleOfAMoveUndoesIt)
     EXPECT_EQ(before, rows());
 }
 
-TEST_F(FolderHandlers, stopInTheMiddleOfADeletionUndoesIt)
+TEST_F(FolderChanges, stopInTheMiddleOfADeletionUndoesIt)
 {
     const OnStatement stop([this](const std::string& sql, sqlite3*) {
         if (sql.find("select a.folder_id") != std::string::npos)

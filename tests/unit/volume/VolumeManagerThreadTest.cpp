@@ -20,16 +20,16 @@ constexpr std::size_t stackBytes = 2097152;
 constexpr std::size_t stackBytes = 524288;
 #endif
 
-class WalkThread : public VolumeTest {
+class VolumeManagerThread : public VolumeTest {
 protected:
-    WalkThread()
+    VolumeManagerThread()
     {
         volume.writeFile("Music/a.mp3");
         initializeQuietly();
         configure({ "/Music" });
     }
 
-    ~WalkThread() override
+    ~VolumeManagerThread() override
     {
         letGo();
         destroy(); // before the members that the walk thread uses
@@ -71,7 +71,7 @@ protected:
     std::unique_ptr<OnReaddir> hook;
 };
 
-TEST_F(WalkThread, walksAndEnds)
+TEST_F(VolumeManagerThread, walksAndEnds)
 {
     walkOnThread();
     EXPECT_FALSE(manager->isWalking());
@@ -80,7 +80,7 @@ TEST_F(WalkThread, walksAndEnds)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(WalkThread, walkOnceReturnsWhileTheWalkGoesOn)
+TEST_F(VolumeManagerThread, walkOnceReturnsWhileTheWalkGoesOn)
 {
     stopOnTheWay();
     manager->walkOnce();
@@ -92,7 +92,7 @@ TEST_F(WalkThread, walkOnceReturnsWhileTheWalkGoesOn)
     EXPECT_EQ(1, timesLoggedFrom("Finished walk"));
 }
 
-TEST_F(WalkThread, runsOnTheStackInsideTheManagerZeroedEachTime)
+TEST_F(VolumeManagerThread, runsOnTheStackInsideTheManagerZeroedEachTime)
 {
     int started = 0;
     bool zeroed = true;
@@ -115,7 +115,7 @@ TEST_F(WalkThread, runsOnTheStackInsideTheManagerZeroedEachTime)
     EXPECT_TRUE(zeroed);
 }
 
-TEST_F(WalkThread, blocksEverySignal)
+TEST_F(VolumeManagerThread, blocksEverySignal)
 {
     std::atomic<int> open = -1;
     const OnReaddir look([&](const std::string&, dirent* entry) {
@@ -130,7 +130,7 @@ TEST_F(WalkThread, blocksEverySignal)
     EXPECT_EQ(0, open);
 }
 
-TEST_F(WalkThread, threadThatCannotBeMadeLeavesTheVolumeIdleForTheNextTry)
+TEST_F(VolumeManagerThread, threadThatCannotBeMadeLeavesTheVolumeIdleForTheNextTry)
 {
     {
         const OnThreadCreation refuse([](const pthread_attr_t*) { return EAGAIN; });
@@ -142,7 +142,7 @@ TEST_F(WalkThread, threadThatCannotBeMadeLeavesTheVolumeIdleForTheNextTry)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(WalkThread, walkOnceItselfNeverSaysThatItWalks)
+TEST_F(VolumeManagerThread, walkOnceItselfNeverSaysThatItWalks)
 {
     SleepyThreads asleep;
     manager->walkOnce();
@@ -151,7 +151,7 @@ TEST_F(WalkThread, walkOnceItselfNeverSaysThatItWalks)
     EXPECT_FALSE(manager->isWalking());
 }
 
-TEST_F(WalkThread, standbyStartsNothingAndClearsWalking)
+TEST_F(VolumeManagerThread, standbyStartsNothingAndClearsWalking)
 {
     stopOnTheWay();
     manager->walkOnce();
@@ -165,7 +165,7 @@ TEST_F(WalkThread, standbyStartsNothingAndClearsWalking)
     EXPECT_EQ(0, started);
 }
 
-TEST_F(WalkThread, standbyLogsNothing)
+TEST_F(VolumeManagerThread, standbyLogsNothing)
 {
     goIntoStandby();
     manager->walkOnce();
@@ -173,7 +173,7 @@ TEST_F(WalkThread, standbyLogsNothing)
     EXPECT_EQ("", folders());
 }
 
-TEST_F(WalkThread, stopStartsNothingAndClearsWalking)
+TEST_F(VolumeManagerThread, stopStartsNothingAndClearsWalking)
 {
     stopOnTheWay();
     manager->walkOnce();
@@ -187,7 +187,7 @@ TEST_F(WalkThread, stopStartsNothingAndClearsWalking)
     EXPECT_EQ(0, started);
 }
 
-TEST_F(WalkThread, initializeMakesAStoppedManagerWalkAgain)
+TEST_F(VolumeManagerThread, initializeMakesAStoppedManagerWalkAgain)
 {
     manager->destroy();
     ASSERT_TRUE(initialize());
@@ -195,7 +195,7 @@ TEST_F(WalkThread, initializeMakesAStoppedManagerWalkAgain)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(WalkThread, finishedThreadIsReapedBeforeItsStackIsUsedAgain)
+TEST_F(VolumeManagerThread, finishedThreadIsReapedBeforeItsStackIsUsedAgain)
 {
     const unsigned char* stack = nullptr;
     std::vector<std::string> events;
@@ -218,7 +218,7 @@ TEST_F(WalkThread, finishedThreadIsReapedBeforeItsStackIsUsedAgain)
     EXPECT_EQ((std::vector<std::string> { "made", "joined", "made", "joined" }), events);
 }
 
-TEST_F(WalkThread, walksAsOftenAsItIsTold)
+TEST_F(VolumeManagerThread, walksAsOftenAsItIsTold)
 {
     for (int round = 1; round <= 40; ++round) {
         volume.writeFile("Music/" + std::to_string(round) + ".jpg");
@@ -227,7 +227,7 @@ TEST_F(WalkThread, walksAsOftenAsItIsTold)
     EXPECT_EQ("41\n", query("select count(*) from Files"));
 }
 
-TEST_F(WalkThread, destroyDuringAWalkWaitsForItsEnd)
+TEST_F(VolumeManagerThread, destroyDuringAWalkWaitsForItsEnd)
 {
     volume.makeFolder("Music/Rock/Live");
     stopOnTheWay();
@@ -245,7 +245,7 @@ TEST_F(WalkThread, destroyDuringAWalkWaitsForItsEnd)
     EXPECT_EQ(info("sqlite3 handle closed\n"), lines.back());
 }
 
-TEST_F(WalkThread, destroyAsksForTheStop)
+TEST_F(VolumeManagerThread, destroyAsksForTheStop)
 {
     manager->destroy();
     clearLog();
@@ -253,7 +253,7 @@ TEST_F(WalkThread, destroyAsksForTheStop)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(WalkThread, destroyWaitsForAThreadThatHasNotBegunYet)
+TEST_F(VolumeManagerThread, destroyWaitsForAThreadThatHasNotBegunYet)
 {
     const SleepyThreads asleep; // until somebody joins them
     manager->walkOnce();
@@ -264,7 +264,7 @@ TEST_F(WalkThread, destroyWaitsForAThreadThatHasNotBegunYet)
     EXPECT_EQ(info("sqlite3 handle closed\n"), lines.back());
 }
 
-TEST_F(WalkThread, destroyRightAfterWalkOnceIsSafe)
+TEST_F(VolumeManagerThread, destroyRightAfterWalkOnceIsSafe)
 {
     manager->destroy();
     for (int round = 0; round < 40; ++round) {
@@ -277,7 +277,7 @@ TEST_F(WalkThread, destroyRightAfterWalkOnceIsSafe)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(WalkThread, exceptionEndsTheWalkAndNotTheProcess)
+TEST_F(VolumeManagerThread, exceptionEndsTheWalkAndNotTheProcess)
 {
     const BrokenStatement broken("where parent_id=?");
     walkOnThread();
@@ -288,7 +288,7 @@ TEST_F(WalkThread, exceptionEndsTheWalkAndNotTheProcess)
     EXPECT_FALSE(manager->isWalking());
 }
 
-TEST_F(WalkThread, walksAgainAfterAnException)
+TEST_F(VolumeManagerThread, walksAgainAfterAnException)
 {
     {
         const BrokenStatement broken("where parent_id=?");

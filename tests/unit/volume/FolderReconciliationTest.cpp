@@ -9,9 +9,9 @@
 namespace {
 
 /// One folder, /Music, whose content on disk and in the catalogue differ in some way.
-class Reconcile : public VolumeTest {
+class FolderReconciliation : public VolumeTest {
 protected:
-    Reconcile()
+    FolderReconciliation()
     {
         volume.makeFolder("Music");
         initializeQuietly();
@@ -38,7 +38,7 @@ protected:
     }
 };
 
-TEST_F(Reconcile, newFilesAreInsertedAndVanishedOnesDeleted)
+TEST_F(FolderReconciliation, newFilesAreInsertedAndVanishedOnesDeleted)
 {
     makeFiles({ "c.txt" });
     walkQuietly();
@@ -50,7 +50,7 @@ TEST_F(Reconcile, newFilesAreInsertedAndVanishedOnesDeleted)
     expectSummary("/Music", 2, 1, 0, 0);
 }
 
-TEST_F(Reconcile, filesMergeWhereverTheyStandInTheOrder)
+TEST_F(FolderReconciliation, filesMergeWhereverTheyStandInTheOrder)
 {
     makeFiles({ "b", "d", "f", "h" });
     walkQuietly();
@@ -66,7 +66,7 @@ TEST_F(Reconcile, filesMergeWhereverTheyStandInTheOrder)
         files());
 }
 
-TEST_F(Reconcile, secondWalkWritesNothing)
+TEST_F(FolderReconciliation, secondWalkWritesNothing)
 {
     makeFiles({ "a.mp3", "B.mp3", "\xC3\xA4.mp3", "\xFF", "_", "a", "a.mp", "\x01" });
     makeFolders({ "x", "X", "\xC3\xA5", "\x02", "x y", "x-y" });
@@ -77,7 +77,7 @@ TEST_F(Reconcile, secondWalkWritesNothing)
     expectSummary("/Music", 0, 0, 0, 0);
 }
 
-TEST_F(Reconcile, revivedFileKeepsItsId)
+TEST_F(FolderReconciliation, revivedFileKeepsItsId)
 {
     makeFiles({ "a.mp3" });
     walkQuietly();
@@ -92,7 +92,7 @@ TEST_F(Reconcile, revivedFileKeepsItsId)
     expectSummary("/Music", 1, 0, 0, 0);
 }
 
-TEST_F(Reconcile, vanishedFolderIsDeletedWithAllBelowItAndItsWatchEnds)
+TEST_F(FolderReconciliation, vanishedFolderIsDeletedWithAllBelowItAndItsWatchEnds)
 {
     makeFolders({ "Rock" });
     volume.writeFile("Music/Rock/Live/1.mp3");
@@ -110,7 +110,7 @@ TEST_F(Reconcile, vanishedFolderIsDeletedWithAllBelowItAndItsWatchEnds)
     EXPECT_TRUE(endsWatchOf("/Music/Rock/Live"));
 }
 
-TEST_F(Reconcile, watchOfAVanishedFolderIsFoundByTheNameInTheCatalogue)
+TEST_F(FolderReconciliation, watchOfAVanishedFolderIsFoundByTheNameInTheCatalogue)
 {
     makeFolders({ "Rock" });
     walkQuietly();
@@ -121,7 +121,7 @@ TEST_F(Reconcile, watchOfAVanishedFolderIsFoundByTheNameInTheCatalogue)
     EXPECT_TRUE(endsWatchOf("/Music/Rock"));
 }
 
-TEST_F(Reconcile, newFoldersCountOnlyBeforeACataloguedSibling)
+TEST_F(FolderReconciliation, newFoldersCountOnlyBeforeACataloguedSibling)
 {
     makeFolders({ "m" });
     walkQuietly();
@@ -134,7 +134,7 @@ TEST_F(Reconcile, newFoldersCountOnlyBeforeACataloguedSibling)
         folders());
 }
 
-TEST_F(Reconcile, foldersMergeWhereverTheyStandInTheOrder)
+TEST_F(FolderReconciliation, foldersMergeWhereverTheyStandInTheOrder)
 {
     makeFolders({ "b", "d", "f", "h" });
     walkQuietly();
@@ -149,7 +149,7 @@ TEST_F(Reconcile, foldersMergeWhereverTheyStandInTheOrder)
         folders());
 }
 
-TEST_F(Reconcile, fileThatBecameAFolderAndFolderThatBecameAFile)
+TEST_F(FolderReconciliation, fileThatBecameAFolderAndFolderThatBecameAFile)
 {
     makeFiles({ "one" });
     makeFolders({ "two" });
@@ -164,7 +164,7 @@ TEST_F(Reconcile, fileThatBecameAFolderAndFolderThatBecameAFile)
     EXPECT_EQ("[/Music/one] 4 in [/Music] deleted\n[/Music/two] 4 in [/Music]\n", files());
 }
 
-TEST_F(Reconcile, everyOtherTypeIsIgnored)
+TEST_F(FolderReconciliation, everyOtherTypeIsIgnored)
 {
     volume.writeFile("outside/a.mp3");
     ASSERT_EQ(0, symlink(volume.path("outside").c_str(), volume.path("Music/folder").c_str()));
@@ -178,7 +178,7 @@ TEST_F(Reconcile, everyOtherTypeIsIgnored)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(Reconcile, entryWithoutATypeIsIgnoredAndNotLookedUp)
+TEST_F(FolderReconciliation, entryWithoutATypeIsIgnoredAndNotLookedUp)
 {
     makeFiles({ "a.mp3" });
     makeFolders({ "Rock" });
@@ -192,7 +192,7 @@ TEST_F(Reconcile, entryWithoutATypeIsIgnoredAndNotLookedUp)
     EXPECT_EQ("", files());
 }
 
-TEST_F(Reconcile, entryWithoutANameIsIgnored)
+TEST_F(FolderReconciliation, entryWithoutANameIsIgnored)
 {
     dirent nameless = {};
     nameless.d_type = DT_DIR;
@@ -204,7 +204,7 @@ TEST_F(Reconcile, entryWithoutANameIsIgnored)
     EXPECT_EQ(1, timesLoggedFrom("For folder"));
 }
 
-TEST_F(Reconcile, hiddenEntriesAreCataloguedLikeOthers)
+TEST_F(FolderReconciliation, hiddenEntriesAreCataloguedLikeOthers)
 {
     makeFiles({ ".hidden", "...", "..a" });
     makeFolders({ ".Rock" });
@@ -213,7 +213,7 @@ TEST_F(Reconcile, hiddenEntriesAreCataloguedLikeOthers)
     EXPECT_EQ("[/Music/...] 4 in [/Music]\n[/Music/..a] 4 in [/Music]\n[/Music/.hidden] 4 in [/Music]\n", files());
 }
 
-TEST_F(Reconcile, eachSubfolderCostsOneMoreLookUp)
+TEST_F(FolderReconciliation, eachSubfolderCostsOneMoreLookUp)
 {
     makeFolders({ "a", "b", "c" });
     walkQuietly();
@@ -223,7 +223,7 @@ TEST_F(Reconcile, eachSubfolderCostsOneMoreLookUp)
     EXPECT_EQ(4 * 2 + 3, lookUps.count());
 }
 
-TEST_F(Reconcile, folderIsWatchedBeforeItIsRead)
+TEST_F(FolderReconciliation, folderIsWatchedBeforeItIsRead)
 {
     makeFiles({ "a.mp3" });
     int watchesAtTheRead = 0;
@@ -235,7 +235,7 @@ TEST_F(Reconcile, folderIsWatchedBeforeItIsRead)
     EXPECT_EQ(1, watchesAtTheRead);
 }
 
-TEST_F(Reconcile, folderThatCannotBeOpenedKeepsItsRowsAndIsWatched)
+TEST_F(FolderReconciliation, folderThatCannotBeOpenedKeepsItsRowsAndIsWatched)
 {
     makeFiles({ "a.mp3" });
     makeFolders({ "Rock" });

@@ -4,104 +4,10 @@
 
 namespace {
 
-class Exclude : public VolumeTest {
+/// The walk that a changed folder is given.
+class FolderChangesWalk : public VolumeTest {
 protected:
-    Exclude() { initializeQuietly(); }
-};
-
-TEST_F(Exclude, nothingIsExcludedWithoutConfiguration)
-{
-    EXPECT_FALSE(manager->isExcludePath(""));
-    EXPECT_FALSE(manager->isExcludePath(root));
-}
-
-TEST_F(Exclude, needsALongerPathThatContainsTheString)
-{
-    configure({}, { "/mnt/vol/tmp" });
-    EXPECT_FALSE(manager->isExcludePath("/mnt/vol/tm"));
-    EXPECT_FALSE(manager->isExcludePath("/mnt/vol/tmp")); // named in full: stays
-    EXPECT_TRUE(manager->isExcludePath("/mnt/vol/tmp/a"));
-    EXPECT_TRUE(manager->isExcludePath("/mnt/vol/tmpfiles"));
-    EXPECT_TRUE(manager->isExcludePath("/other/mnt/vol/tmp"));
-    EXPECT_FALSE(manager->isExcludePath("/mnt/vol/TMP/a"));
-}
-
-TEST_F(Exclude, stringInTheMiddleExcludesTheFolderItself)
-{
-    configure({}, { "/tmp" });
-    EXPECT_FALSE(manager->isExcludePath("/tmp"));
-    EXPECT_TRUE(manager->isExcludePath("/mnt/vol/tmp"));
-    EXPECT_TRUE(manager->isExcludePath("/tmpfiles"));
-}
-
-TEST_F(Exclude, anyOfTheStringsWillDo)
-{
-    configure({}, { "/one", "/two/", "three" });
-    EXPECT_TRUE(manager->isExcludePath("/a/one"));
-    EXPECT_TRUE(manager->isExcludePath("/a/two")); // a slash at the end does not count
-    EXPECT_TRUE(manager->isExcludePath("/a/three"));
-    EXPECT_FALSE(manager->isExcludePath("/a/four"));
-}
-
-TEST_F(Exclude, stringsOfAnotherVolumeDoNotCount)
-{
-    configure({}, { "/one" });
-    std::string other = "another volume";
-    std::string path = volume.path("other");
-    manager->destroy();
-    ASSERT_TRUE(manager->initialize(other, path));
-    EXPECT_FALSE(manager->isExcludePath("/a/one"));
-}
-
-TEST_F(Exclude, folderNamedInFullIsWalkedAndAllBelowItSkipped)
-{
-    configure({}, { root + "/Music/tmp" });
-    volume.writeFile("Music/tmp/1.mp3");
-    volume.writeFile("Music/tmp/a/2.mp3");
-    volume.writeFile("Music/tmpfiles/3.mp3");
-    volume.writeFile("Music/other/4.mp3");
-    walk("/Music");
-    EXPECT_EQ("[/Music] root\n[/Music/other] in [/Music]\n[/Music/tmp] in [/Music]\n", folders());
-    EXPECT_EQ("[/Music/other/4.mp3] 2 in [/Music/other]\n[/Music/tmp/1.mp3] 2 in [/Music/tmp]\n", files());
-    EXPECT_EQ(3, watches());
-    EXPECT_TRUE(endsWatchOf("/Music/tmp"));
-    EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 3/2\n")); // skipped ones are not counted
-    EXPECT_EQ(3, timesLoggedFrom("For folder "));
-}
-
-TEST_F(Exclude, shortStringSkipsTheFolderAsWell)
-{
-    configure({}, { "/skip" });
-    volume.writeFile("Music/skip/1.mp3");
-    walk("/Music");
-    EXPECT_EQ("[/Music] root\n", folders());
-    EXPECT_EQ(1, watches());
-}
-
-TEST_F(Exclude, excludedStartFolderIsNotWalked)
-{
-    configure({}, { "Musi" });
-    volume.makeFolder("Music");
-    walk("/Music");
-    EXPECT_EQ("", folders());
-    EXPECT_EQ(0, watches());
-    EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 0/0\n"));
-}
-
-TEST_F(Exclude, rowsOfAFolderThatIsExcludedLaterStay)
-{
-    volume.writeFile("Music/skip/1.mp3");
-    walk("/Music");
-    configure({}, { "/skip" });
-    volume.remove("Music/skip/1.mp3");
-    walk("/Music");
-    EXPECT_EQ("[/Music] root\n[/Music/skip] in [/Music]\n", folders());
-    EXPECT_EQ("[/Music/skip/1.mp3] 2 in [/Music/skip]\n", files());
-}
-
-class ChangedFolder : public VolumeTest {
-protected:
-    ChangedFolder()
+    FolderChangesWalk()
     {
         volume.makeFolder("Music/Rock");
         initializeQuietly();
@@ -128,7 +34,7 @@ protected:
     }
 };
 
-TEST_F(ChangedFolder, crawlPathIsWalkedAsARoot)
+TEST_F(FolderChangesWalk, crawlPathIsWalkedAsARoot)
 {
     handle("/Music");
     EXPECT_EQ(info(goingToWalk("/Music", 1)), loggedLines().front());
@@ -136,13 +42,13 @@ TEST_F(ChangedFolder, crawlPathIsWalkedAsARoot)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + root + "/Music\n"));
 }
 
-TEST_F(ChangedFolder, anyCrawlPathWillDo)
+TEST_F(FolderChangesWalk, anyCrawlPathWillDo)
 {
     handle("/Films");
     EXPECT_EQ(info(goingToWalk("/Films", 1)), loggedLines().front());
 }
 
-TEST_F(ChangedFolder, deeperFolderIsWalkedAsAnOrdinaryOne)
+TEST_F(FolderChangesWalk, deeperFolderIsWalkedAsAnOrdinaryOne)
 {
     handle("/Music");
     volume.writeFile("Music/Rock/Live/1.mp3");
@@ -153,7 +59,7 @@ TEST_F(ChangedFolder, deeperFolderIsWalkedAsAnOrdinaryOne)
     EXPECT_TRUE(endsWatchOf("/Music/Rock/Live"));
 }
 
-TEST_F(ChangedFolder, newFolderBesideTheCrawlPathsIsNoRoot)
+TEST_F(FolderChangesWalk, newFolderBesideTheCrawlPathsIsNoRoot)
 {
     volume.makeFolder("Books");
     volume.makeFolder("Books/Novels");
@@ -162,7 +68,7 @@ TEST_F(ChangedFolder, newFolderBesideTheCrawlPathsIsNoRoot)
     EXPECT_NE(std::string::npos, folders().find("[/Books/Novels] in [/Books]\n"));
 }
 
-TEST_F(ChangedFolder, withoutCrawlPathsNothingIsARoot)
+TEST_F(FolderChangesWalk, withoutCrawlPathsNothingIsARoot)
 {
     volume.makeFolder("elsewhere");
     std::string path = volume.path("elsewhere");
@@ -173,7 +79,7 @@ TEST_F(ChangedFolder, withoutCrawlPathsNothingIsARoot)
     EXPECT_EQ(1, timesLogged(LOG_INFO, goingToWalk("/elsewhere", 0)));
 }
 
-TEST_F(ChangedFolder, folderThatIsGoneChangesNothing)
+TEST_F(FolderChangesWalk, folderThatIsGoneChangesNothing)
 {
     handle("/Music");
     volume.remove("Music/Rock");
@@ -183,7 +89,7 @@ TEST_F(ChangedFolder, folderThatIsGoneChangesNothing)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(ChangedFolder, linkInItsPlaceIsNotFollowed)
+TEST_F(FolderChangesWalk, linkInItsPlaceIsNotFollowed)
 {
     volume.writeFile("outside/secret.mp3");
     handle("/Music");
@@ -196,7 +102,7 @@ TEST_F(ChangedFolder, linkInItsPlaceIsNotFollowed)
     EXPECT_EQ(2, watches());
 }
 
-TEST_F(ChangedFolder, linkInThePlaceOfAFolderAboveItIsNotFollowed)
+TEST_F(FolderChangesWalk, linkInThePlaceOfAFolderAboveItIsNotFollowed)
 {
     volume.writeFile("outside/Live/secret.mp3");
     volume.makeFolder("Music/Rock/Live");
@@ -209,7 +115,7 @@ TEST_F(ChangedFolder, linkInThePlaceOfAFolderAboveItIsNotFollowed)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(ChangedFolder, volumeThatIsALinkIsWalked)
+TEST_F(FolderChangesWalk, volumeThatIsALinkIsWalked)
 {
     configure({});
     useALinkToTheVolume();
@@ -222,7 +128,7 @@ TEST_F(ChangedFolder, volumeThatIsALinkIsWalked)
     EXPECT_EQ("[/Music/Rock/b.mp3] 2 in [/Music/Rock]\n[/a.mp3] 2 in []\n", files());
 }
 
-TEST_F(ChangedFolder, folderBelowACrawlPathThatIsALinkIsWalked)
+TEST_F(FolderChangesWalk, folderBelowACrawlPathThatIsALinkIsWalked)
 {
     volume.makeFolder("real/Rock");
     ASSERT_EQ(0, symlink("../real", volume.path("Music/link").c_str()));
@@ -238,7 +144,7 @@ TEST_F(ChangedFolder, folderBelowACrawlPathThatIsALinkIsWalked)
     }
 }
 
-TEST_F(ChangedFolder, folderBelowACrawlPathBehindALinkIsWalked)
+TEST_F(FolderChangesWalk, folderBelowACrawlPathBehindALinkIsWalked)
 {
     volume.makeFolder("real/deep/Rock");
     ASSERT_EQ(0, symlink("real", volume.path("link").c_str()));
@@ -249,14 +155,14 @@ TEST_F(ChangedFolder, folderBelowACrawlPathBehindALinkIsWalked)
     EXPECT_EQ("[/link/deep/Rock/a.mp3] 2 in [/link/deep/Rock]\n", files());
 }
 
-TEST_F(ChangedFolder, excludedFolderIsNotWalked)
+TEST_F(FolderChangesWalk, excludedFolderIsNotWalked)
 {
     configure({}, { "/Rock" });
     handle("/Music/Rock");
     EXPECT_EQ("", folders());
 }
 
-TEST_F(ChangedFolder, holdsNoLockWhileItWalks)
+TEST_F(FolderChangesWalk, holdsNoLockWhileItWalks)
 {
     handle("/Music"); // would wait for ever for a lock of its own
     EXPECT_EQ(2, watches());

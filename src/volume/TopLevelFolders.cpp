@@ -1,0 +1,92 @@
+#include "volume/TopLevelFolders.h"
+
+#include "core/StopRequest.h"
+#include "db/DBFolder.h"
+#include "db/Transaction.h"
+#include "db/VolumeDBManager.h"
+#include "volume/FairLock.h"
+#include "volume/Links.h"
+#include "volume/VolumeAccess.h"
+
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+
+TopLevelFolders::TopLevelFolders(const VolumeAccess& access)
+    : volume(access)
+{
+}
+
+void TopLevelFolders::removeAllBut(const std::list<std::string>& crawlPaths) const
+{
+    for (const DBFolder& folder : list()) {
+        if (volume.stopRequest.isMadeOrPending())
+            return;
+        const std::string path = folder.getPath();
+        syslog(LOG_LOCAL5 | LOG_INFO, "Checking if the folder %s exists in the path list", path.c_str());
+        if (std::find(crawlPaths.begin(), crawlPaths.end(), path) != crawlPaths.end())
+            continue;
+        syslog(LOG_LOCAL5 | LOG_INFO, "not found %s so removing\n", path.c_str());
+        remove(folder);
+    }
+}
+
+/// Without crawl paths the volume's own row alone hangs on nothing. A burst that looks at a folder before the one above
+/// it is back makes another such row. The walk has hung those on their parents that it came by, see EntryChecks; but of
+/// a folder that is gone only this takes notice.
+void TopLevelFolders::removeStrays() const
+{
+    bool removed = false;
+    for (const DBFolder& folder : list()) {
+        if (volume.stopRequest.isMadeOrPending())
+            return;
+        if (folder.getPath().empty() || !isGone(folder.getPath()))
+            continue;
+        remove(folder);
+        removed = true;
+    }
+    if (!removed)
+        return;
+    const FairLock held(volume.door, volume.lock);
+    volume.dbManager->checkpoint();
+}
+
+std::list<DBFolder> TopLevelFolders::list() const
+{
+    DBFolder top;
+    top.setFolder_id(-1);
+    const FairLock held(volume.door, volume.lock);
+    return volume.dbManager->getFolderListByFolder(top);
+}
+
+void TopLevelFolders::remove(const DBFolder& folder) const
+{
+    DBFolder removed;
+    removed.setFolder_id(folder.getFolder_id());
+    removed.setPath(folder.getPath());
+    const FairLock held(volume.door, volume.lock);
+    try {
+        // Half of a removal would leave live rows below deleted ones for ever.
+        Transaction transaction(*volume.dbManager);
+        volume.dbManager->deleteFolder(removed);
+        transaction.commit();
+    } catch (const std::exception&) {
+        volume.logFailedWalk();
+    }
+}
+
+/// Whether nothing is at a path of the volume any more, or something that is no folder. Not when the volume itself is
+/// missing: it may come back.
+bool TopLevelFolders::isGone(const std::string& relativePath) const
+{
+    struct stat64 status;
+    if (stat64((volume.paths.root() + "/").c_str(), &status) != 0)
+        return false;
+    const std::string full = volume.paths.absolute(relativePath);
+    if (isBehindLink(full, volume.paths.root()))
+        return true;
+    return lstat64(full.c_str(), &status) == 0 ? !S_ISDIR(status.st_mode) : errno == ENOENT || errno == ENOTDIR;
+}

@@ -1,0 +1,11 @@
+#include "volume/VolumeAccess.h"
+
+#include "core/StopRequest.h"
+
+#include <syslog.h>
+
+void VolumeAccess::logFailedWalk() const
+{
+    if (!stopRequest.isMadeOrPending()) // the end of what a stop interrupts is no failure
+        syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", name.c_str());
+}

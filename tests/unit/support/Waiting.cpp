@@ -1,0 +1,14 @@
+#include "support/Waiting.h"
+
+#include <thread>
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds pause)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(pause);
+    }
+    return true;
+}

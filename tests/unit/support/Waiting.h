@@ -1,0 +1,7 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+/// Waits, up to a generous bound, until the condition holds; false when it never did. It is asked every `pause`.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds pause = std::chrono::milliseconds(1));

@@ -99,7 +99,7 @@ std::string RandomVolume::freePathIn(const std::string& folder)
     static const std::vector<std::string> names = { "a.mp3", "b.avi", "c.jpg", "d.txt", "e", "f.", ".g.mp3",
         "h.mp3.bak", "Album", "Öl & Æther", "100%s", "it's", ".hidden", "x y", "a", "ab" };
     for (int attempt = 0; attempt < 20; ++attempt) {
-        const std::string path = folder + "/" + *anyOf(names);
+        std::string path = folder + "/" + *anyOf(names);
         if (!isThere(path))
             return path;
     }

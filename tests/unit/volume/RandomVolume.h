@@ -85,7 +85,7 @@ protected:
     std::string freePathIn(const std::string& folder);
     std::string freePath() { return freePathIn(anyFolderOrTheStart()); }
     /// A modified time long ago.
-    time_t anyTime() { return static_cast<time_t>(1000000 + upTo(1000000)); }
+    time_t anyTime() { return 1000000 + static_cast<time_t>(upTo(1000000)); }
 
     // Changes on disk, for which `history` gets a line unless the path is absolute
 

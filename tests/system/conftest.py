@@ -7,6 +7,8 @@ import pytest
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
+pytest.register_assert_rewrite("after_a_kill", "catalogue", "harness", "recovery", "tracing")  # for failures that say why
+
 from harness import Arena  # which adds where the driver is to the path
 from quarrow_driver.clock import Clock
 

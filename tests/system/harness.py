@@ -52,6 +52,13 @@ class LogSink(LogReceiver):
             self.lines.append(line)
 
 
+#: What the control loop says when it begins to wait, and when a signal has ended its wait.
+SLEEP = info("Going to sleep.\n")
+AWAKE = info("We received a wake up message from the signal handler\n")
+#: The last line of a burst of changes.
+BURST_END = info("======\n")
+
+
 def has_thread_sanitizer():
     return "libtsan" in subprocess.run(["ldd", BINARY], capture_output=True, text=True, check=True).stdout
 
@@ -130,6 +137,10 @@ class Volume:
         os.makedirs(f"{self.folder}/.quarrow", exist_ok=True)
         with open(self.state_file, "w", encoding="ascii") as file:
             file.write(state_document(last_updated_time, last_purge_time))
+
+    def read_state(self):
+        with open(self.state_file, encoding="ascii") as file:
+            return file.read()
 
     def element(self):
         return volume_element(self.name, self.root, self.crawl, self.exclude)
@@ -302,10 +313,10 @@ class Daemon(DaemonProcess):
         self.wait_log(lambda _: self.walks_of(volume) >= times, f"{times} walks of {volume.name}")
 
     def wait_bursts(self, times, bound=BOUND):
-        self.wait_log(lambda lines: lines.count(info("======\n")) >= times, f"the end of {times} bursts", bound)
+        self.wait_log(lambda lines: lines.count(BURST_END) >= times, f"the end of {times} bursts", bound)
 
     def bursts(self):
-        return self.count(info("======\n"))
+        return self.count(BURST_END)
 
     def thread_count(self):
         return len(self.threads())
@@ -339,6 +350,11 @@ class Daemon(DaemonProcess):
         status = self.wait_exit()
         assert status == 0, f"exit status {status}\n{self.output('stderr')}\n{self.tail()}"
 
+    def stop_without_errors(self):
+        """Stops the daemon; it has not logged an error in all its life."""
+        self.stop()
+        assert self.errors() == [], self.errors()
+
     def kill(self):
         self.signal(signal.SIGKILL)
         assert self.wait_exit() == -signal.SIGKILL
@@ -347,24 +363,29 @@ class Daemon(DaemonProcess):
         """Cuts short the minute between start-up and the control loop; returns when the loop waits.
 
         The loop's semaphore then counts two, the initial one and the signal's, so the loop turns twice."""
-        before = self.count(info("Going to sleep.\n"))
+        before = self.count(SLEEP)
         assert before == 0
         self.signal(signal.SIGUSR1)
-        self.wait_line(info("Going to sleep.\n"), 3)
+        self.wait_line(SLEEP, 3)
+
+    def wake(self):
+        """Wakes the control loop; returns when it has done its round and waits again."""
+        sleeps = self.count(SLEEP)
+        self.signal(signal.SIGUSR1)
+        self.wait_line(SLEEP, sleeps + 1)
 
     def rewalk(self, clock=None, bound=BOUND):
         """Has the control loop walk every volume once; returns when no walk thread is left. Without the clock that it was
         started with, the daemon needs one that runs fast: signals that come too soon are repeated."""
-        sleeps, wakes = info("Going to sleep.\n"), info("We received a wake up message from the signal handler\n")
-        rounds = lambda lines: lines.count(wakes) - sum(line.text.startswith("Woke up too soon") for line in lines)
+        rounds = lambda lines: lines.count(AWAKE) - sum(line.text.startswith("Woke up too soon") for line in lines)
         wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
         before = rounds(self.lines)
         while rounds(self.lines) == before:
             if clock is not None:
                 clock.advance(300)
-            woken = self.count(wakes)
+            woken = self.count(AWAKE)
             self.signal(signal.SIGUSR1)
-            self.wait_log(lambda lines: woken < lines.count(wakes) < lines.count(sleeps), "the control loop back at its wait")
+            self.wait_log(lambda lines: woken < lines.count(AWAKE) < lines.count(SLEEP), "the control loop back at its wait")
             time.sleep(0.05)
         wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads", bound)
 

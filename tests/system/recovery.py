@@ -1,9 +1,8 @@
 """What the fault tests ask of the daemon after a fault: everything that is on disk is in the catalogue, once and right."""
 import os
-import signal
 
 from catalogue import Rows, assert_same
-from harness import info, is_walk_end
+from harness import SLEEP, info, is_walk_end
 from quarrow_driver.waiting import wait_for
 
 #: How many times as many runs as in everyday use, for a long watch by hand.
@@ -13,7 +12,7 @@ RUNS = int(os.environ.get("QUARROW_FAULT_RUNS", "1"))
 def settle(daemon):
     """Returns when the daemon has started and no walk is going on, however each has ended."""
     daemon.wait_line(info("================\n"))
-    if daemon.count(info("Going to sleep.\n")) == 0:
+    if daemon.count(SLEEP) == 0:
         daemon.end_first_sleep()
     wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walks")
 
@@ -23,9 +22,7 @@ def walk_again(daemon, clock, walks):
     settle(daemon)
     ended = sum(is_walk_end(line) for line in daemon.lines)
     clock.advance(300)
-    sleeps = daemon.count(info("Going to sleep.\n"))
-    daemon.signal(signal.SIGUSR1)
-    daemon.wait_line(info("Going to sleep.\n"), sleeps + 1)
+    daemon.wake()
     daemon.wait_walks(ended + walks)
 
 

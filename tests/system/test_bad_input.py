@@ -8,7 +8,7 @@ from xml.etree import ElementTree
 import pytest
 
 from catalogue import assert_same, edit
-from harness import Volume, configuration, err, info, state_document
+from harness import configuration, err, info, state_document, Volume
 from model import MimeTable, after_walk, tree_rows
 from trees import extensions
 
@@ -341,8 +341,7 @@ def test_a_mime_table_that_says_nothing_leaves_every_file_other(arena, content):
     rows = volume.rows()
     assert_same(rows, tree_rows(volume.folder, volume.crawl, [], MimeTable(None)))
     assert {row.category for row in rows.files} == {4}
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_a_mime_table_with_every_turn_of_the_format(arena):

@@ -6,12 +6,10 @@ import sqlite3
 import time
 
 from catalogue import assert_same
-from harness import info
+from harness import AWAKE, SLEEP, info
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import wait_for
 
-SLEEP = info("Going to sleep.\n")
-AWAKE = info("We received a wake up message from the signal handler\n")
 SIGNAL = [info("Got a usr1 signal\n"), info("Done with usr1 signal\n")]
 STANDBY = info("Volume in standby, ignoring purge")
 
@@ -29,9 +27,7 @@ def loop_lines(daemon):
 def wake(daemon, *expected):
     """Sends SIGUSR1 and returns when the loop is asleep again; its lines in between are the expected ones."""
     before = len(loop_lines(daemon))
-    sleeps = daemon.count(SLEEP)
-    daemon.signal(signal.SIGUSR1)
-    daemon.wait_line(SLEEP, sleeps + 1)
+    daemon.wake()
     assert loop_lines(daemon)[before:] == [*SIGNAL, AWAKE, *expected, SLEEP]
 
 
@@ -161,8 +157,7 @@ def test_standby_keeps_walks_and_purges_away(arena, clock):
     volumes[0].create("/m/2.mp3")
     daemon.wait_line(STANDBY, 6)
     assert "/m/2.mp3" in volumes[0].catalogue.live()
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_what_a_walk_cannot_do_on_one_volume_leaves_the_others_alone(arena, clock):

@@ -11,7 +11,7 @@ import pytest
 
 from catalogue import Rows, assert_same, edit
 from deleted_rows import without_deleted
-from harness import LogSink, err, info, state_document
+from harness import err, info, LogSink, state_document
 from moments import seeded
 from mounts import SMALLEST, disks_work, fill
 from quarrow_driver.waiting import wait_for
@@ -47,11 +47,6 @@ def failed_walks(daemon, volume):
 
 def filler(volume):
     return volume.path("/filler")
-
-
-def read_state(volume):
-    with open(volume.state_file, encoding="ascii") as file:
-        return file.read()
 
 
 DISKS = ["ext4", "xfs", "btrfs"]
@@ -225,11 +220,9 @@ def test_volumes_are_full_when_they_are_purged(arena, mounts, clock):
         fill(filler(volume), leave=rooms[volume])
     clock.advance(400)
     state_when_done = state_document(clock.now, clock.now - 200)
-    sleeps = daemon.count(info("Going to sleep.\n"))
-    daemon.signal(signal.SIGUSR1)
-    daemon.wait_line(info("Going to sleep.\n"), sleeps + 1)
+    daemon.wake()
     daemon.wait_walks(2 * len(everyone))
-    assert deleted(good) == [0, 0] and read_state(good) == state_when_done
+    assert deleted(good) == [0, 0] and good.read_state() == state_when_done
     purged = {}
     for volume in volumes:
         folders, files = (count == 0 for count in deleted(volume))
@@ -239,10 +232,10 @@ def test_volumes_are_full_when_they_are_purged(arena, mounts, clock):
                                         live.files if files else before[volume].files))
         assert volume.catalogue.is_sound()
         if folders:
-            assert read_state(volume) in (state, state_when_done)  # to rewrite it takes room as well
+            assert volume.read_state() in (state, state_when_done)  # to rewrite it takes room as well
         else:
             assert failed_walks(daemon, volume) > failures[volume]
-            assert read_state(volume) == state
+            assert volume.read_state() == state
         purged[volume] = "both" if folders else "files" if files else "nothing"
     outcomes = list(purged.values())
     assert set(outcomes) == {"both", "files", "nothing"}
@@ -259,7 +252,7 @@ def test_volumes_are_full_when_they_are_purged(arena, mounts, clock):
     for volume in everyone:
         assert_converged(volume)
         assert deleted(volume) == [0, 0]
-        assert read_state(volume) == state_document(clock.now, clock.now - 200)
+        assert volume.read_state() == state_document(clock.now, clock.now - 200)
     daemon.stop()
 
 
@@ -392,8 +385,7 @@ def test_no_room_to_make_a_catalogue(arena, mounts):
     for volume in volumes:
         assert_converged(volume)
         assert os.path.exists(volume.state_file)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_no_room_for_the_folder_of_the_catalogue_on_a_disk(arena, disks):
@@ -423,8 +415,7 @@ def test_no_room_for_the_folder_of_the_catalogue_on_a_disk(arena, disks):
     for volume in (new, old):
         assert_converged(volume)
         assert os.path.exists(volume.state_file)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_no_inode_for_the_state_file_of_a_purge(arena, mounts, clock):
@@ -476,8 +467,7 @@ def test_a_log_that_is_not_read_holds_the_daemon_up_and_loses_nothing(arena):
     assert_converged(volume)
     assert sum(line.text.startswith("For folder") for line in daemon.lines) == 200
     daemon.wait_line(info("Done with usr1 signal\n"))
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_a_log_receiver_that_is_gone_and_comes_back(arena, clock):

@@ -182,8 +182,7 @@ def test_the_former_owner_cuts_off_an_index_that_a_killed_daemon_left(arena, clo
         assert_converged(each)
     assert shortened == ["PermissionError"] * 3
     assert_of_root(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_a_volume_is_given_to_a_user_while_it_is_in_use(arena):
@@ -205,8 +204,7 @@ def test_a_volume_is_given_to_a_user_while_it_is_in_use(arena):
         assert_converged(each)
     assert shortened == ["PermissionError"] * 3
     assert_of_root(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 # Second names of other files
@@ -500,8 +498,7 @@ def test_a_plain_catalogue_of_a_user_becomes_roots(arena):
             assert_of_root(each)
         for each, known in zip(volumes, ids):
             assert known.items() <= each.catalogue.file_ids().items()
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
         for each in volumes:
             each.make_file(f"/m/sub/{number}.mp3", b"x")
 

@@ -15,7 +15,7 @@ import sys
 import pytest
 
 from catalogue import assert_same
-from harness import has_address_sanitizer, has_thread_sanitizer, info, inotify_limit
+from harness import SLEEP, has_address_sanitizer, has_thread_sanitizer, info, inotify_limit
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.mounting import CLONE_NEWUSER
 from quarrow_driver.waiting import wait_for
@@ -118,8 +118,7 @@ def test_the_last_watch_is_given_away_in_mid_walk(arena):
     volume, folder = unseen[-1]
     volume.create(f"{folder}/later.mp3")
     wait_for(lambda: f"{folder}/later.mp3" in volume.catalogue.live(), "the new file in a folder that is watched now")
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     assert inotify_limit("max_user_watches") == machine
 
 
@@ -134,8 +133,7 @@ def test_a_stop_when_there_is_no_watch_left(arena):
     volume.create("/m/3/3/late.mp3")
     daemon.rewalk()
     assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @in_a_user_namespace
@@ -149,8 +147,7 @@ def test_no_watch_from_the_start(arena):
     volume.create("/m/3/3/late.mp3")
     daemon.rewalk()
     assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
     # And when the watches come later.
     daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 0})
@@ -159,8 +156,7 @@ def test_no_watch_from_the_start(arena):
     daemon.rewalk()
     volume.create("/m/3/3/later.mp3")
     wait_for(lambda: "/m/3/3/later.mp3" in volume.catalogue.live(), "the new file in a folder that is watched now")
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 #: Runs a command as a user who may pass the root folder, but not read it. That folder is the sandbox's own, and the log is
@@ -189,16 +185,14 @@ def test_a_stop_of_an_ordinary_user_who_may_watch_nothing(arena):
     """There is no folder left to leave the mark of the stop in, and none that the kernel would say anything about."""
     os.chmod(arena.folder, 0o711)
     daemon = lose_every_watch(arena, wrapper=AS_NOBODY)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @in_a_user_namespace
 def test_a_stop_when_the_last_watch_has_gone_and_there_is_no_other(arena):
     daemon = lose_every_watch(arena, environment=CLOCK, user_limits={"max_inotify_watches": 1})
     set_user_limit(daemon, "max_inotify_watches", 0)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @in_a_user_namespace
@@ -484,7 +478,7 @@ def test_a_start_with_little_memory(arena):
 def start_with_small_files(arena, volumes, limit):
     """A daemon whose files may not grow beyond that many bytes, when each of its volumes has been walked or refused."""
     daemon = arena.start(volumes, environment=CLOCK, limits={"FSIZE": limit})
-    daemon.wait_line(info("Going to sleep.\n"))
+    daemon.wait_line(SLEEP)
     wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
     return daemon
 
@@ -518,8 +512,7 @@ def test_files_that_may_not_grow(arena, limit):
     daemon.wait_walks(2)
     assert_converged(volume)
     assert_converged(small)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     before = volume.rows()
     for number in range(100):
         os.unlink(volume.path(f"/m/{number % 7}/{number}/0{' and so on' * 20}.mp3"))
@@ -533,8 +526,7 @@ def test_files_that_may_not_grow(arena, limit):
     daemon.wait_walks(2)
     assert_converged(volume)
     assert_converged(small)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 # Standard output and error

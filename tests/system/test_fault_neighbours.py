@@ -306,8 +306,7 @@ def test_a_writer_takes_the_lock_in_mid_walk(arena):
         daemon.wait_walks_of(volume, 1)
         wait_for(lambda: is_converged(volume), "the whole tree in the catalogue")
         assert_converged(volume)
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
 
 
 class SlowThread:
@@ -372,8 +371,7 @@ def test_a_live_walk_takes_turns_with_a_full_walk(arena):
         assert summaries("/live") == live
         assert summaries("/m") < 5 * live
         assert_converged(volume)
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
 
 
 class Writer:
@@ -438,8 +436,7 @@ def test_a_writer_that_commits_all_the_time(arena):
     assert_converged(other)
     assert volume.catalogue.query("select count(*), max(number) from Notes") == [(writer.commits, writer.commits - 1)]
     assert writer.commits > 20
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 # Damage
@@ -505,8 +502,7 @@ def test_one_page_of_a_catalogue_cannot_be_read_for_a_while(arena, kind):
         assert kept <= volume.catalogue.live()
         again = arena.start([volume, other])
         again.wait_walks(2)
-        again.stop()
-        assert again.errors() == []
+        again.stop_without_errors()
         again = arena.start([volume, other])  # the mark of that stop
         again.wait_walks(2)
         assert_converged(volume)

@@ -101,8 +101,7 @@ def test_starts_on_read_only_volumes(arena, mounts, clock):
     daemon.wait_walks(5)
     for volume in (none, *old):
         assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_a_volume_that_was_read_only_at_the_start_is_served_by_the_next_one(arena, mounts, clock):
@@ -248,8 +247,7 @@ def test_a_disk_fails_under_the_daemon(arena, disks, clock, fault, moment):
     daemon = arena.start([volume, good])
     daemon.wait_walks(2)
     assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def in_use(image):

@@ -7,7 +7,7 @@ import subprocess
 import pytest
 
 from catalogue import Rows, assert_same, edit
-from harness import Volume, info, inotify_limit
+from harness import info, inotify_limit, Volume
 from model import after_walk
 from moments import seeded, send_at
 from quarrow_driver.waiting import wait_for
@@ -26,8 +26,7 @@ def restart_and_check(arena, volume, before, **settings):
     daemon = arena.start([volume], **settings)
     daemon.wait_walks(max(1, len(volume.crawl)), LONG)
     assert_same(volume.rows(), after_walk(before, volume.tree()))
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     assert volume.catalogue.is_sound()
 
 
@@ -130,8 +129,7 @@ def test_very_many_folders(arena):
     if watches_suffice:  # fewer are given where there is little memory
         assert daemon.count(info(f"Actively watching {count} folders\n")) == 1
         assert daemon.kernel_watches() == count
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     for number in range(0, 40, 2):
         shutil.rmtree(volume.path(f"/m/{number}"))
     before = volume.rows()
@@ -167,16 +165,14 @@ def test_every_byte_in_names_of_files_and_folders(arena):
         os.rename(volume.path(f"/files/{name}"), volume.path(f"/files/{name}{name}"))
     everything = lambda: {row.path for kind in volume.tree() for row in kind}
     wait_for(lambda: volume.catalogue.live() == everything(), "the new names")
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     for name in names[::2]:
         shutil.rmtree(volume.path(f"/folders/{name}"))
         os.unlink(volume.path(f"/files/{name}{name}"))
     daemon = arena.start([volume])
     daemon.wait_walks(2)
     assert volume.catalogue.live() == everything()
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     assert volume.catalogue.is_sound()
 
 
@@ -211,8 +207,7 @@ def test_two_volumes_with_one_path_and_one_within_it(arena):
     # One watch is there for all of them, with the name of whoever came last; its catalogue follows.
     volume.create("/m/new.mp3")
     wait_for(lambda: "/m/new.mp3" in volume.catalogue.live(), "the new file")
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     assert volume.catalogue.is_sound() and inner.catalogue.is_sound()
     assert sorted(os.listdir(volume.path("/.quarrow"))) == ["quarrow-volume.xml", "quarrow.db"]
 
@@ -236,8 +231,7 @@ def test_a_volume_path_as_long_as_a_catalogue_can_have(arena):
     volume = Volume("Long", make_long_path(arena, 480), ["/m"])
     daemon = arena.start([volume])
     daemon.wait_walks()
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     assert volume.rows() == Rows([], [])
     make_media_tree(volume, "/m", folders=30, files=100, seed=1)
     daemon = arena.start([volume])
@@ -245,8 +239,7 @@ def test_a_volume_path_as_long_as_a_catalogue_can_have(arena):
     assert_same(volume.rows(), volume.tree())
     volume.create("/m/new.mp3")
     wait_for(lambda: "/m/new.mp3" in volume.catalogue.live(), "the new file")
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     assert ".tickle" in os.listdir(volume.path("/m"))
     restart_and_check(arena, volume, volume.rows())
 
@@ -289,12 +282,9 @@ def test_a_clock_that_jumps_by_years(arena, clock):
         volume.make_file(f"/m/passing {number % 3}.mp3", bytes(number))
         if number % 4 == 3:
             os.unlink(volume.path(f"/m/passing {number % 3}.mp3"))
-        sleeps = daemon.count(info("Going to sleep.\n"))
-        daemon.signal(signal.SIGUSR1)
-        daemon.wait_line(info("Going to sleep.\n"), sleeps + 1)
+        daemon.wake()
         assert kept <= volume.catalogue.live(), moment
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
     clock.set(right + 10_000)
     daemon = arena.start([volume], purge_threshold=3600, clock=clock)
@@ -304,8 +294,7 @@ def test_a_clock_that_jumps_by_years(arena, clock):
     os.unlink(volume.path(sorted(row.path for row in volume.tree().files)[0]))
     daemon.rewalk(clock)
     assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @pytest.mark.parametrize("now", MOMENTS.values(), ids=MOMENTS)
@@ -322,8 +311,7 @@ def test_a_life_at_any_time(arena, clock, now):
         volume.make_file("/m/new.mp3", b"x")
         daemon.rewalk(clock)
         assert_converged(volume)
-        daemon.stop()
-        assert daemon.errors() == []
+        daemon.stop_without_errors()
 
 
 def test_files_from_beyond_2038_and_before_1970(arena, clock):

@@ -10,7 +10,7 @@ import pytest
 
 from catalogue import assert_same, edit
 from deleted_rows import DUE_AFTER, THRESHOLD, copy_of, with_deleted_rows
-from harness import BINARY, info, is_walk_end
+from harness import AWAKE, BINARY, SLEEP, info, is_walk_end
 from moments import BANNER, batches, seeded, send_at
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import wait_for
@@ -21,8 +21,6 @@ GOT_USR1, DONE_USR1 = info("Got a usr1 signal\n"), info("Done with usr1 signal\n
 GOT_TERM, DONE_TERM = info("Got a signal to stop\n"), info("Done with the stop\n")
 JOINED = info("The thread join has returned with a return code of 0 \n")
 CLOSED = info("sqlite3 handle closed\n")
-SLEEP = info("Going to sleep.\n")
-AWAKE = info("We received a wake up message from the signal handler\n")
 STORM = 10_000
 USR1, TERM = signal.SIGUSR1, signal.SIGTERM
 
@@ -171,8 +169,7 @@ def assert_no_worse(arena, groups):
     daemon.wait_walks(sum(len(volume.crawl) for volume in volumes))
     for volume in volumes:
         assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_stops_within_the_first_second(arena):
@@ -317,11 +314,6 @@ def is_purged(volume, template, table):
         connection.close()
 
 
-def read_state(volume):
-    with open(volume.state_file, encoding="ascii") as file:
-        return file.read()
-
-
 def test_stops_in_mid_purge(arena, clock):
     """A purge that has begun is finished, or gives up and is undone; it never stays half done. Files go before folders, in a
     statement of their own: that one may have been finished when the other gives up. Then the purge is not taken for done."""
@@ -348,7 +340,7 @@ def test_stops_in_mid_purge(arena, clock):
             files, folders = (is_purged(volume, template, table) for table in ("Files", "Folders"))
             assert files or not folders
             assert daemon.errors() == []  # what a stop interrupts has not failed
-            assert (read_state(volume) == read_state(template)) == (not folders)
+            assert (volume.read_state() == template.read_state()) == (not folders)
             outcomes[template].append((files, folders))
             shutil.rmtree(volume.folder)
     assert (True, True) in outcomes[small] and (False, False) in outcomes[large]

@@ -192,8 +192,7 @@ def test_the_folder_of_a_volume_is_deleted_and_made_again(arena, clock):
     daemon = arena.start([volume, good])
     daemon.wait_walks(2)
     assert_media_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 @pytest.mark.parametrize("crawl", [["/m"], []], ids=["start folder", "volume"])
@@ -213,8 +212,7 @@ def test_the_folder_of_the_catalogue_is_deleted(arena, clock, crawl):
     daemon = arena.start([volume, good])
     daemon.wait_walks(2)
     assert_media_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def replaced_by_garbage(folder):

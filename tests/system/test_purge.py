@@ -1,6 +1,5 @@
 """Rows marked deleted are purged when that is due; the state file remembers when it was done."""
 import os
-import signal
 
 import pytest
 
@@ -104,9 +103,7 @@ def test_when_a_purge_is_due_and_what_it_removes(arena, clock):
 def round_of_the_loop(daemon, clock, seconds=300):
     """Has the control loop walk and purge; returns when it sleeps again."""
     clock.advance(seconds)
-    sleeps = daemon.count(info("Going to sleep.\n"))
-    daemon.signal(signal.SIGUSR1)
-    daemon.wait_line(info("Going to sleep.\n"), sleeps + 1)
+    daemon.wake()
 
 
 def test_the_control_loop_purges_as_well(arena, clock):

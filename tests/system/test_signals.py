@@ -9,7 +9,7 @@ import threading
 import pytest
 
 from catalogue import assert_same, without
-from harness import info, walk_lines
+from harness import AWAKE, SLEEP, info, walk_lines
 from model import after_walk
 from quarrow_driver.waiting import wait_for
 from trees import make_empty_folders, make_media_tree
@@ -18,8 +18,6 @@ GOT = info("Got a signal to stop\n")
 JOINED = info("The thread join has returned with a return code of 0 \n")
 CLOSED = info("sqlite3 handle closed\n")
 DONE = info("Done with the stop\n")
-SLEEP = info("Going to sleep.\n")
-AWAKE = info("We received a wake up message from the signal handler\n")
 
 
 def assert_stopped(daemon, volumes):

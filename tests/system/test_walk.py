@@ -82,8 +82,7 @@ def test_the_whole_volume_with_the_folder_of_the_catalogue_itself(arena):
     own = {(row.name, row.folder, row.category, row.hidden) for row in rows.files if row.path.startswith("/.quarrow/")}
     assert {("quarrow.db", "/.quarrow", 4, 1), ("quarrow-volume.xml", "/.quarrow", 4, 1)} <= own
     assert {name for name, *_ in own} <= {"quarrow.db", "quarrow.db-wal", "quarrow.db-shm", "quarrow-volume.xml"}
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_several_volumes_keep_to_themselves(arena):
@@ -118,8 +117,7 @@ def test_crawl_paths_overlap_repeat_and_lead_nowhere(arena):
     parents = {row.path: row.parent for row in volume.rows().folders}
     assert parents == {"/a": None, "/a/b": None, "/a/b/c": "/a/b", "/c": None, "/c/d": "/c", "/c/d/e": "/c/d"}
     assert_same(volume.rows(), volume.tree())
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
 
 
 def test_what_lies_above_a_crawl_path_gets_rows_without_times_that_the_next_walk_removes(arena):
@@ -230,5 +228,4 @@ def test_names_that_fill_255_bytes_and_paths_that_reach_the_limit(arena):
     longest = max(len(volume.path(row.path)) for row in tree.folders + tree.files)
     assert 4050 < longest <= 4095
     assert_same(volume.rows(), tree)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()

@@ -44,6 +44,32 @@ def make_media_tree(volume, base, folders, files, seed):
         volume.make_file(path, content=bytes(choice.randrange(50)), modified=choice.randrange(1, 2**31 - 1))
 
 
+def media_volume(arena, name, folders, files, seed):
+    """A volume with such a tree below its crawl path /m."""
+    volume = arena.volume(name, crawl=["/m"])
+    make_media_tree(volume, "/m", folders, files, seed)
+    return volume
+
+
+def media_volumes(arena, count, folders, files):
+    """That many, each with a tree of its own."""
+    return [media_volume(arena, f"V{number}", folders, files, seed=number) for number in range(count)]
+
+
+def change_something(volume, choice, number):
+    """New files, as many that are gone, one that has another size, a folder that moves."""
+    tree = volume.tree()
+    folder = choice.choice(tree.folders).path
+    for extension in ("mp3", "jpg"):
+        volume.make_file(f"{folder}/new {number}.{extension}", b"x")
+    for row in choice.sample(tree.files, 2):
+        os.unlink(volume.path(row.path))
+    with open(volume.path(choice.choice(volume.tree().files).path), "ab") as file:
+        file.write(b"more")
+    leaf = choice.choice([row.path for row in tree.folders if not any(other.parent == row.path for other in tree.folders)])
+    os.rename(volume.path(leaf), volume.path(f"/m/moved {number}"))
+
+
 def make_strangers(volume, base):
     """What is no file and no folder, files of awkward sizes and times."""
     volume.make_folder(f"{base}/target")

@@ -10,14 +10,14 @@ import threading
 
 import pytest
 
+from after_a_kill import left_behind
 from deleted_rows import is_purge_end
 from moments import seeded
 from mounts import fill
 from powercut import BLOCK, cut_at, is_flush, moments
 from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged, live_rows
-from test_fault_kill import change_something, left_behind
-from trees import make_media_tree
+from trees import change_something, make_media_tree
 
 #: How many cuts there are in each phase of a daemon's life, whenever it comes.
 CUTS = {"first start": 20, "changes": 6, "purge": 8, "stop": 8, "start": 10, "start after a kill": 10}
@@ -203,8 +203,7 @@ def assert_catches_up(arena, volumes):
     daemon.wait_walks(len(volumes))
     for volume in volumes:
         assert_converged(volume)
-    daemon.stop()
-    assert daemon.errors() == []
+    daemon.stop_without_errors()
     for volume in volumes:
         assert volume.catalogue.is_sound()
         assert set(os.listdir(volume.path("/.quarrow"))) - {"quarrow-volume.xml.tmp"} == {"quarrow-volume.xml", "quarrow.db"}

@@ -1,12 +1,26 @@
 #!/bin/sh
-# Looks for faults that no test asks for: cppcheck and clang-tidy, the clang analyzer's checks among it, read src/, and
-# valgrind watches a run of the daemon. Installs what is missing first, and says so; builds in build/release.
+# Looks for faults that no test asks for: shellcheck and pyflakes read the scripts, each header of src/ is compiled alone,
+# cppcheck and clang-tidy, the clang analyzer's checks among it, read src/, and valgrind watches a run of the daemon.
+# Whatever one of them finds is fatal. Installs what is missing first, and says so; builds in build/release.
 set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
 # shellcheck disable=SC2086 # a list of words
-install_packages $build_packages libgtest-dev python3 util-linux cppcheck clang-tidy valgrind
+install_packages $build_packages libgtest-dev python3 util-linux shellcheck pyflakes3 cppcheck clang-tidy valgrind
+
+echo '== shellcheck'
+git ls-files -z '*.sh' .ci/run | xargs -0 shellcheck -x
+
+echo '== pyflakes'
+git ls-files -z '*.py' | xargs -0 pyflakes3
+
+echo '== Headers that can be read alone'
+# shellcheck disable=SC2016 # expanded by the inner shell
+find src -name '*.h' -printf '%P\0' | xargs -0 -P "$(nproc)" -I '{}' sh -c '
+    echo "#include \"$1\"" | g++ -std=c++17 -fsyntax-only -D_GNU_SOURCE -I src $2 -x c++ - && exit
+    echo "src/$1 does not compile alone" >&2
+    exit 1' sh '{}' "$(pkg-config --cflags sqlite3 libxml-2.0)"
 
 echo '== Build: release'
 cmake --preset release >/dev/null # the tests too: clang-tidy looks up how each file is compiled

@@ -1,3 +1,4 @@
+# shellcheck shell=sh
 # Sourced by the scripts beside it: says what is missing on this Debian machine and installs it.
 
 # install_packages PACKAGE...: with root rights, or through sudo. Without either, says what an administrator has to do.

@@ -78,6 +78,19 @@ def edit(path, statement, *values):
         connection.close()
 
 
+def insert_chain(path, depth):
+    """Puts in the rows of so many levels /m/d/d/d..., with a file in each, as if they had been walked."""
+    edit(path, """
+        with recursive level(number, path, parent) as (
+            select 1, '/m/d', (select folder_id from Folders where path = '/m')
+            union all select number + 1, path || '/d', 1000 + number from level where number < ?)
+        insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)
+            select 1000 + number, parent, path, 'd', 1, 1, 0, 1 from level""", depth)
+    edit(path, """
+        insert into Files(folder_id, path, name, category, size, created_time, modified_time, is_deleted, last_updated_time)
+            select folder_id, path || '/f', 'f', 4, 1, 1, 1, 0, 1 from Folders where name = 'd'""")
+
+
 def without(rows, folder):
     """The rows outside the given folder."""
     inside = lambda path: path == folder or path.startswith(folder + "/")

@@ -302,7 +302,14 @@ class Daemon(DaemonProcess):
     def wait_walks(self, times=1, bound=BOUND):
         """Returns when that many walks in all have logged their end, and no walk thread is left."""
         self.wait_log(lambda lines: sum(is_walk_end(line) for line in lines) >= times, f"the end of {times} walks", bound)
-        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
+        self.wait_idle()
+
+    def is_idle(self):
+        return self.thread_count() <= self.steady_threads()
+
+    def wait_idle(self, bound=BOUND):
+        """Returns when no walk thread is left."""
+        wait_for(self.is_idle, "the end of the walk threads", bound)
 
     def walks_of(self, volume):
         """How many walks of a volume with one start folder have ended."""
@@ -378,7 +385,7 @@ class Daemon(DaemonProcess):
         """Has the control loop walk every volume once; returns when no walk thread is left. Without the clock that it was
         started with, the daemon needs one that runs fast: signals that come too soon are repeated."""
         rounds = lambda lines: lines.count(AWAKE) - sum(line.text.startswith("Woke up too soon") for line in lines)
-        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads")
+        self.wait_idle()
         before = rounds(self.lines)
         while rounds(self.lines) == before:
             if clock is not None:
@@ -387,7 +394,7 @@ class Daemon(DaemonProcess):
             self.signal(signal.SIGUSR1)
             self.wait_log(lambda lines: woken < lines.count(AWAKE) < lines.count(SLEEP), "the control loop back at its wait")
             time.sleep(0.05)
-        wait_for(lambda: self.thread_count() <= self.steady_threads(), "the end of the walk threads", bound)
+        self.wait_idle(bound)
 
     def limit(self, name, limit=None):
         """Sets a soft resource limit of the running daemon, as in limit("NOFILE", 20); without a value, lifts it."""

@@ -1,9 +1,8 @@
 """What the fault tests ask of the daemon after a fault: everything that is on disk is in the catalogue, once and right."""
 import os
 
-from catalogue import Rows, assert_same
-from harness import SLEEP, info, is_walk_end
-from quarrow_driver.waiting import wait_for
+from catalogue import Rows, assert_same, same
+from harness import SLEEP, err, info, is_walk_end
 
 #: How many times as many runs as in everyday use, for a long watch by hand.
 RUNS = int(os.environ.get("QUARROW_FAULT_RUNS", "1"))
@@ -14,7 +13,7 @@ def settle(daemon):
     daemon.wait_line(info("================\n"))
     if daemon.count(SLEEP) == 0:
         daemon.end_first_sleep()
-    wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walks")
+    daemon.wait_idle()
 
 
 def walk_again(daemon, clock, walks):
@@ -26,6 +25,11 @@ def walk_again(daemon, clock, walks):
     daemon.wait_walks(ended + walks)
 
 
+def failed_walks(daemon, volume):
+    """How many walks of a volume have met what they could not cope with."""
+    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
+
+
 def live_rows(rows):
     """The rows that readers are offered. A row keeps the creation time of its file's first walk, so that is left out."""
     kept = lambda kind: [row._replace(created=0) for row in kind if not row.deleted]
@@ -33,8 +37,7 @@ def live_rows(rows):
 
 
 def is_converged(volume):
-    actual, expected = live_rows(volume.rows()), live_rows(volume.tree())
-    return sorted(actual.folders) == sorted(expected.folders) and sorted(actual.files) == sorted(expected.files)
+    return same(live_rows(volume.rows()), live_rows(volume.tree()))
 
 
 def assert_converged(volume):
@@ -45,6 +48,15 @@ def assert_converged(volume):
         paths = [row.path for row in kind]
         assert len(paths) == len(set(paths)), "a path has more than one row"
     assert volume.catalogue.is_sound()
+
+
+def assert_next_start_converges(arena, *volumes, check=assert_converged):
+    """One more start walks every volume, and each passes the check then; in all its life nothing goes wrong."""
+    daemon = arena.start(volumes)
+    daemon.wait_walks(len(volumes))
+    for volume in volumes:
+        check(volume)
+    daemon.stop_without_errors()
 
 
 def good_volume(arena, name="Good"):

@@ -10,16 +10,11 @@ import pytest
 from catalogue import assert_same, edit
 from harness import configuration, err, info, state_document, Volume
 from model import MimeTable, after_walk, tree_rows
+from recovery import good_volume
 from trees import extensions
 
 BANNER = info("================\n")
 REJECTED = [err("Could not parse the config xml\n"), err("Failed in reading the config file\n")]
-
-
-def good_volume(arena, name):
-    volume = arena.volume(name, crawl=["/m"])
-    volume.make_file("/m/sub/1.mp3", b"x")
-    return volume
 
 
 def damaged(text, choice):

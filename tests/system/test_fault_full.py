@@ -15,7 +15,7 @@ from harness import err, info, LogSink, state_document
 from moments import seeded
 from mounts import SMALLEST, disks_work, fill
 from quarrow_driver.waiting import wait_for
-from recovery import RUNS, assert_converged, good_volume, is_converged, settle, walk_again
+from recovery import RUNS, assert_converged, failed_walks, good_volume, is_converged, settle, walk_again
 from trees import make_media_tree
 
 
@@ -39,10 +39,6 @@ def small_volume(arena, mounts, name, kind):
         image = mounts.image(f"{name}.img", max(48 << 20, SMALLEST[kind]), *(EXT4_OPTIONS if kind == "ext4" else ()), kind=kind)
         mounts.disk(image, folder, MOUNT_OPTIONS.get(kind, ""), kind)
     return arena.volume(name, crawl=["/m"])
-
-
-def failed_walks(daemon, volume):
-    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
 
 
 def filler(volume):

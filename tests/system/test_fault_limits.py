@@ -19,7 +19,7 @@ from harness import SLEEP, has_address_sanitizer, has_thread_sanitizer, info, in
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.mounting import CLONE_NEWUSER
 from quarrow_driver.waiting import wait_for
-from recovery import RUNS, assert_converged
+from recovery import RUNS, assert_converged, assert_next_start_converges
 
 #: Time runs so fast that a round of the control loop is due every second; nothing here depends on how fast.
 CLOCK = fast_clock(300)
@@ -82,6 +82,30 @@ def on_disk(volume):
     return {row.path for row in tree.folders + tree.files if row.name != ".tickle"}
 
 
+def assert_complete(volume):
+    assert offered(volume) == on_disk(volume)
+    assert volume.catalogue.is_sound()
+
+
+def assert_nothing_wrong(volume):
+    """Rows may be missing, but no row is wrong."""
+    assert offered(volume) <= on_disk(volume)
+    assert volume.catalogue.is_sound()
+
+
+def assert_recovers(daemon, volumes, resource):
+    """One walk after the limit is lifted puts every catalogue right."""
+    daemon.limit(resource)
+    daemon.rewalk()
+    for volume in volumes:
+        assert_converged(volume)
+
+
+def wait_for_threads(daemon, walks):
+    """Returns when all threads have started, of which so many walk."""
+    daemon.wait_line(info("pthread_sigmask returned 0\n"), 2 + walks)
+
+
 # Watches
 
 @in_a_user_namespace
@@ -122,32 +146,30 @@ def test_the_last_watch_is_given_away_in_mid_walk(arena):
     assert inotify_limit("max_user_watches") == machine
 
 
-@in_a_user_namespace
-def test_a_stop_when_there_is_no_watch_left(arena):
-    """Other programs may have taken all but one. Whatever the watcher thread waits for, a stop ends it."""
-    volume = many_folders(arena, "A", 20)
-    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 1})
+def assert_full_walks_do(arena, volume, watches):
+    """With so few watches, full walks alone keep the catalogue right."""
+    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": watches})
     daemon.wait_walks()
-    assert daemon.kernel_watches() == 1
+    assert daemon.kernel_watches() == watches
     assert_same(volume.rows(), volume.tree())
     volume.create("/m/3/3/late.mp3")
     daemon.rewalk()
     assert_converged(volume)
     daemon.stop_without_errors()
+
+
+@in_a_user_namespace
+def test_a_stop_when_there_is_no_watch_left(arena):
+    """Other programs may have taken all but one. Whatever the watcher thread waits for, a stop ends it."""
+    volume = many_folders(arena, "A", 20)
+    assert_full_walks_do(arena, volume, watches=1)
 
 
 @in_a_user_namespace
 def test_no_watch_from_the_start(arena):
     """Full walks keep the catalogue right, and nothing that a stop could have the kernel say is needed to end."""
     volume = many_folders(arena, "A", 20)
-    daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 0})
-    daemon.wait_walks()
-    assert daemon.kernel_watches() == 0
-    assert_same(volume.rows(), volume.tree())
-    volume.create("/m/3/3/late.mp3")
-    daemon.rewalk()
-    assert_converged(volume)
-    daemon.stop_without_errors()
+    assert_full_walks_do(arena, volume, watches=0)
 
     # And when the watches come later.
     daemon = arena.start([volume], environment=CLOCK, user_limits={"max_inotify_watches": 0})
@@ -294,10 +316,7 @@ def test_no_descriptor_left_while_running(arena):
         assert volume.catalogue.is_sound()
     assert descriptors_at_rest(daemon, volumes) == usual
 
-    daemon.limit("NOFILE")
-    daemon.rewalk()
-    for volume in volumes:
-        assert_converged(volume)
+    assert_recovers(daemon, volumes, "NOFILE")
     assert daemon.errors() == []
 
     daemon.limit("NOFILE", max(usual) + 1)
@@ -317,18 +336,14 @@ def test_descriptors_run_out_at_any_moment_of_the_first_walk(arena):
         print(f"run {run}, seed {seed}: {free} descriptors from folder {folders} on")
         volumes = [many_folders(arena, f"A{run}", 50), many_folders(arena, f"B{run}", 50)]
         daemon = arena.start(volumes, environment=CLOCK)
-        daemon.wait_log(lambda lines: sum(line.text == "pthread_sigmask returned 0\n" for line in lines) == 4, "all threads")
+        wait_for_threads(daemon, walks=2)
         daemon.wait_log(lambda lines: sum(line.text.startswith("For folder") for line in lines) >= folders, "some folders")
         daemon.limit("NOFILE", max(daemon.descriptors()) + 1 + free)
         daemon.wait_walks(2)
         for volume in volumes:
-            assert offered(volume) <= on_disk(volume)
-            assert volume.catalogue.is_sound()
+            assert_nothing_wrong(volume)
             incomplete += offered(volume) != on_disk(volume)
-        daemon.limit("NOFILE")
-        daemon.rewalk()
-        for volume in volumes:
-            assert_converged(volume)
+        assert_recovers(daemon, volumes, "NOFILE")
         daemon.stop()
     assert incomplete > 0, "no walk was short of descriptors"
 
@@ -351,7 +366,7 @@ def test_a_start_with_few_descriptors(arena):
                  or "Going to sleep.\n" in daemon.texts(), "an outcome")
         status = daemon.process.poll()
         if status is None:
-            wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+            daemon.wait_idle()
             daemon.stop()
             outcomes.add("could not initialise" if any(text.startswith("Could not initialize") for text in daemon.errors())
                          else "complete" if offered(new) == on_disk(new) else "incomplete")
@@ -361,12 +376,7 @@ def test_a_start_with_few_descriptors(arena):
         after = offered(known)
         assert before <= after <= on_disk(known) and known.catalogue.is_sound(), f"limit {limit}"
 
-        again = arena.start([known, new])
-        again.wait_walks(2)
-        for volume in (known, new):
-            assert offered(volume) == on_disk(volume) and volume.catalogue.is_sound(), f"limit {limit}"
-        again.stop()
-        assert again.errors() == [], f"limit {limit}"
+        assert_next_start_converges(arena, known, new, check=assert_complete)
     assert {"complete", "could not initialise"} <= outcomes
 
 
@@ -389,24 +399,20 @@ def test_memory_runs_out_while_walks_run(arena, resource):
                 volume.make_file(f"/m/{number % 7}/large/{number}{' and so on' * 10}.mp3")
         # One arena, whose memory is the limited kind: others reserve much and use little.
         daemon = arena.start(volumes, environment={**CLOCK, "MALLOC_ARENA_MAX": "1"})
-        daemon.wait_log(lambda lines: sum(line.text == "pthread_sigmask returned 0\n" for line in lines) == 4, "all threads")
+        wait_for_threads(daemon, walks=2)
         top = info(f"For folder {volumes[0].path('/m')}")  # which the changes below need watched
         daemon.wait_log(lambda lines: top in lines and sum(line.text.startswith("For folder") for line in lines) >= folders
-                        or daemon.thread_count() <= daemon.steady_threads(), "some folders")
+                        or daemon.is_idle(), "some folders")
         daemon.limit(resource, (daemon.memory()[{"AS": "VmSize", "DATA": "VmData"}[resource]] + more) * 1024)
-        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+        daemon.wait_idle()
         for number in range(200):  # and for the watcher thread
             volumes[0].create(f"/m/{number % 7}/{number % 150 // 7 * 7 + number % 7}/late {number}.mp3" if number % 150 < 140
                               else f"/m/late {number}.mp3")
         daemon.wait_bursts(1)
         failures += bool(daemon.errors())
         for volume in volumes:
-            assert offered(volume) <= on_disk(volume)
-            assert volume.catalogue.is_sound()
-        daemon.limit(resource)
-        daemon.rewalk()
-        for volume in volumes:
-            assert_converged(volume)
+            assert_nothing_wrong(volume)
+        assert_recovers(daemon, volumes, resource)
         daemon.stop()
     assert failures > 0, "no run was short of memory"
 
@@ -456,7 +462,7 @@ def test_a_start_with_little_memory(arena):
         daemon = arena.start([known, new], limits={"AS": limit * 1024, "CORE": 0}, environment=one_arena)
         wait_for(lambda: daemon.has_ended() or (
             any(line.text.startswith(("Purging", "Volume in", "Finished walk", "Could not init")) for line in daemon.lines)
-            and daemon.thread_count() <= daemon.steady_threads()), "an outcome")
+            and daemon.is_idle()), "an outcome")
         if not daemon.has_ended():
             daemon.stop()
             outcomes.add("lived")
@@ -464,12 +470,7 @@ def test_a_start_with_little_memory(arena):
             outcomes.add("ended")
         after = offered(known)
         assert before <= after <= on_disk(known) and known.catalogue.is_sound(), f"limit {limit} KiB"
-        again = arena.start([known, new])
-        again.wait_walks(2)
-        for volume in (known, new):
-            assert offered(volume) == on_disk(volume) and volume.catalogue.is_sound(), f"limit {limit} KiB"
-        again.stop()
-        assert again.errors() == [], f"limit {limit} KiB"
+        assert_next_start_converges(arena, known, new, check=assert_complete)
     assert outcomes == {"lived", "ended"}
 
 
@@ -479,7 +480,7 @@ def start_with_small_files(arena, volumes, limit):
     """A daemon whose files may not grow beyond that many bytes, when each of its volumes has been walked or refused."""
     daemon = arena.start(volumes, environment=CLOCK, limits={"FSIZE": limit})
     daemon.wait_line(SLEEP)
-    wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+    daemon.wait_idle()
     return daemon
 
 
@@ -508,11 +509,7 @@ def test_files_that_may_not_grow(arena, limit):
     # The next one may write what it wants, the one after that may not: its catalogue is larger than that already.
     for each in (volume, small):
         each.create("/m/late.mp3")
-    daemon = arena.start([volume, small])
-    daemon.wait_walks(2)
-    assert_converged(volume)
-    assert_converged(small)
-    daemon.stop_without_errors()
+    assert_next_start_converges(arena, volume, small)
     before = volume.rows()
     for number in range(100):
         os.unlink(volume.path(f"/m/{number % 7}/{number}/0{' and so on' * 20}.mp3"))
@@ -522,11 +519,7 @@ def test_files_that_may_not_grow(arena, limit):
     assert "Got an exception during the walking of volumeManager A\n" in daemon.errors()
     assert {row.path for row in before.folders} <= offered(volume) <= {row.path for kind in before for row in kind}
     assert refused or "/m/later.mp3" in small.catalogue.live()
-    daemon = arena.start([volume, small])
-    daemon.wait_walks(2)
-    assert_converged(volume)
-    assert_converged(small)
-    daemon.stop_without_errors()
+    assert_next_start_converges(arena, volume, small)
 
 
 # Standard output and error

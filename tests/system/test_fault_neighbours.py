@@ -482,7 +482,7 @@ def test_one_page_of_a_catalogue_cannot_be_read_for_a_while(arena, kind):
         other.make_file("/m/new.mp3", b"x")
         daemon = arena.start([volume, other], environment=CLOCK)
         daemon.wait_walks_of(other, 1)
-        wait_for(lambda: daemon.thread_count() <= daemon.steady_threads(), "the end of the walk threads")
+        daemon.wait_idle()
         assert_converged(other)
         with daemon.frozen():  # so that it reads the three at once, and sees the folder of the first and the last
             for each, path in ((other, "/m/sub/live.mp3"), (volume, "/m/3/live.mp3"), (other, "/m/sub/last.mp3")):

@@ -11,12 +11,8 @@ import pytest
 from catalogue import assert_same
 from harness import err
 from quarrow_driver.waiting import wait_for
-from recovery import RUNS, assert_converged, good_volume, settle, walk_again
+from recovery import RUNS, assert_converged, failed_walks, good_volume, settle, walk_again
 from trees import make_media_tree
-
-def failed_walks(daemon, volume):
-    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
-
 
 def contents(folder):
     result = {}

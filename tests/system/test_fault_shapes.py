@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from catalogue import Rows, assert_same, edit
+from catalogue import assert_same, insert_chain, Rows
 from harness import info, inotify_limit, Volume
 from model import after_walk
 from moments import seeded, send_at
@@ -35,19 +35,6 @@ def restart_and_check(arena, volume, before, **settings):
 DEPTH = 2000
 
 
-def make_rows_by_hand(volume, depth):
-    """The catalogue of /m/d/d/d..., with a file in each, as if it had been walked."""
-    edit(volume.catalogue.path, """
-        with recursive level(number, path, parent) as (
-            select 1, '/m/d', (select folder_id from Folders where path = '/m')
-            union all select number + 1, path || '/d', 1000 + number from level where number < ?)
-        insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)
-            select 1000 + number, parent, path, 'd', 1, 1, 0, 1 from level""", depth)
-    edit(volume.catalogue.path, """
-        insert into Files(folder_id, path, name, category, size, created_time, modified_time, is_deleted, last_updated_time)
-            select folder_id, path || '/f', 'f', 4, 1, 1, 1, 0, 1 from Folders where name = 'd'""")
-
-
 @pytest.mark.parametrize("at_once", [True, False], ids=["moved away", "removed piece by piece"])
 def test_two_thousand_levels_that_go_while_they_are_walked(arena, at_once):
     volume = arena.volume(crawl=["/m"])
@@ -55,7 +42,7 @@ def test_two_thousand_levels_that_go_while_they_are_walked(arena, at_once):
     daemon.wait_walks()
     daemon.stop()
     os.unlink(volume.path("/m/.tickle"))
-    make_rows_by_hand(volume, DEPTH)
+    insert_chain(volume.catalogue.path, DEPTH)
     volume.make_folder("/m" + "/d" * DEPTH)
     daemon = arena.start([volume])
     daemon.wait_log(lambda lines: sum(line.text.startswith("For folder") for line in lines) > 200, "the upper levels")

@@ -7,20 +7,15 @@ import threading
 import pytest
 
 from catalogue import Catalogue, Rows, assert_same
-from harness import err
 from moments import seeded
 from quarrow_driver.mounting import check, libc
 from quarrow_driver.waiting import wait_for
-from recovery import RUNS, assert_converged, good_volume, is_converged, live_rows, settle, walk_again
+from recovery import RUNS, assert_converged, failed_walks, good_volume, is_converged, live_rows, settle, walk_again
 from trees import make_media_tree
 
 
 #: The end of a watch that a walk has given up is reported for a descriptor that nobody knows any more.
 UNKNOWN = "No listener/directory found for \n"
-
-
-def failed_walks(daemon, volume):
-    return daemon.count(err(f"Got an exception during the walking of volumeManager {volume.name}\n"))
 
 
 def assert_media_converged(volume):

@@ -2,7 +2,7 @@
 import os
 import shutil
 
-from catalogue import assert_same, edit
+from catalogue import assert_same, edit, insert_chain
 from harness import info
 from model import as_32_bit, after_walk
 from trees import make_media_tree, make_strangers
@@ -209,15 +209,7 @@ def test_a_deep_tree_that_is_gone_is_marked_in_one_walk(arena):
     volume.make_file("/m/keep.mp3", b"x")
     run(arena, [volume], 1)
     depth = 2000
-    root = volume.catalogue.folder_ids()["/m"]
-    edit(volume.catalogue.path, """
-        with recursive level(number, path, parent) as (
-            select 1, '/m/d', ? union all select number + 1, path || '/d', 1000 + number from level where number < ?)
-        insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)
-            select 1000 + number, parent, path, 'd', 1, 1, 0, 1 from level""", root, depth)
-    edit(volume.catalogue.path, """
-        insert into Files(folder_id, path, name, category, size, created_time, modified_time, is_deleted, last_updated_time)
-            select folder_id, path || '/f', 'f', 4, 1, 1, 1, 0, 1 from Folders where name = 'd'""")
+    insert_chain(volume.catalogue.path, depth)
     before = volume.rows()
     daemon, [after], [tree] = run(arena, [volume], 1)
     assert_same(after, after_walk(before, tree))

@@ -5,11 +5,12 @@ import sys
 import pytest
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path[:0] = [HERE, os.path.join(HERE, "../../scripts")]
 
-pytest.register_assert_rewrite("after_a_kill", "catalogue", "harness", "recovery", "tracing")  # for failures that say why
+pytest.register_assert_rewrite("after_a_kill", "catalogue", "daemon", "harness", "recovery", "tracing")  # for failures that say why
 
-from harness import Arena  # which adds where the driver is to the path
+from harness import Arena  # (the path comes first)
 from quarrow_driver.clock import Clock
 
 pytest_plugins = ("mounts", "powercut")  # which bring fixtures of their own

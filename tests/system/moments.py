@@ -3,7 +3,7 @@ import os
 import random
 import time
 
-from harness import info
+from lines import info
 from quarrow_driver.waiting import BOUND
 
 BANNER = info("================\n")

@@ -2,7 +2,7 @@
 import os
 
 from catalogue import Rows, assert_same, same
-from harness import SLEEP, err, info, is_walk_end
+from lines import SLEEP, err, info, is_walk_end
 
 #: How many times as many runs as in everyday use, for a long watch by hand.
 RUNS = int(os.environ.get("QUARROW_FAULT_RUNS", "1"))

@@ -8,7 +8,8 @@ from xml.etree import ElementTree
 import pytest
 
 from catalogue import assert_same, edit
-from harness import configuration, err, info, state_document, Volume
+from harness import Volume, configuration, state_document
+from lines import err, info
 from model import MimeTable, after_walk, tree_rows
 from recovery import good_volume
 from trees import extensions

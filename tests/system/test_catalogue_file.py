@@ -4,7 +4,8 @@ import sqlite3
 
 import pytest
 
-from harness import info, state_document
+from harness import state_document
+from lines import info
 
 SCHEMA = [
     ("table", "Folders", "create table Folders(folder_id integer primary key AUTOINCREMENT, parent_id integer not null, "

@@ -6,7 +6,7 @@ import sqlite3
 import time
 
 from catalogue import assert_same
-from harness import AWAKE, SLEEP, info
+from lines import AWAKE, SLEEP, info
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import wait_for
 

@@ -10,8 +10,10 @@ import subprocess
 import pytest
 
 from catalogue import Rows, assert_same, edit
+from daemon import LogSink
 from deleted_rows import without_deleted
-from harness import err, info, LogSink, state_document
+from harness import state_document
+from lines import err, info
 from moments import seeded
 from mounts import SMALLEST, disks_work, fill
 from quarrow_driver.waiting import wait_for

@@ -10,7 +10,7 @@ from after_a_kill import (all_left_behind, assert_part_of_a_walk, assert_purged_
                           recorded_purges)
 from catalogue import edit
 from deleted_rows import DUE_AFTER, THRESHOLD, copy_of, is_purge_end, last_purge_time, with_deleted_rows
-from harness import SLEEP, info
+from lines import SLEEP, info
 from moments import BANNER, batches, seeded, send_at
 from recovery import RUNS
 from tracing import (KILL, STOP, WALK, Life, Step, calls_in, has_walked, kill_at_each_change, kill_before, needs_tracer, remove,

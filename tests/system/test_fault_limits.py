@@ -15,7 +15,9 @@ import sys
 import pytest
 
 from catalogue import assert_same
-from harness import SLEEP, has_address_sanitizer, has_thread_sanitizer, info, inotify_limit
+from daemon import has_address_sanitizer, has_thread_sanitizer
+from harness import inotify_limit
+from lines import SLEEP, info
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.mounting import CLONE_NEWUSER
 from quarrow_driver.waiting import wait_for

@@ -13,7 +13,8 @@ import time
 import pytest
 
 from catalogue import Catalogue
-from harness import info, inotify_limit
+from harness import inotify_limit
+from lines import info
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import BOUND, wait_for
 from recovery import RUNS, assert_converged, good_volume, is_converged

@@ -9,7 +9,7 @@ import subprocess
 import pytest
 
 from catalogue import assert_same
-from harness import err
+from lines import err
 from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged, failed_walks, good_volume, settle, walk_again
 from trees import make_media_tree

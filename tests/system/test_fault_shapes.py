@@ -7,7 +7,8 @@ import subprocess
 import pytest
 
 from catalogue import assert_same, insert_chain, Rows
-from harness import info, inotify_limit, Volume
+from harness import Volume, inotify_limit
+from lines import info
 from model import after_walk
 from moments import seeded, send_at
 from quarrow_driver.waiting import wait_for

@@ -10,8 +10,9 @@ import pytest
 
 from after_a_kill import assert_part_of_a_walk
 from catalogue import assert_same, edit
+from daemon import BINARY
 from deleted_rows import DUE_AFTER, THRESHOLD, copy_of, with_deleted_rows
-from harness import AWAKE, BINARY, SLEEP, info, is_walk_end
+from lines import AWAKE, SLEEP, info, is_walk_end
 from moments import BANNER, batches, seeded, send_at
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import wait_for

@@ -10,7 +10,7 @@ import shutil
 import signal
 import time
 
-from harness import has_address_sanitizer, has_thread_sanitizer
+from daemon import has_address_sanitizer, has_thread_sanitizer
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import wait_for
 from recovery import assert_converged

@@ -10,7 +10,8 @@ import threading
 import pytest
 
 from catalogue import assert_same, edit, same, without
-from harness import info, inotify_limit
+from harness import inotify_limit
+from lines import info
 from model import after_walk
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import wait_for

@@ -4,7 +4,8 @@ import os
 import pytest
 
 from catalogue import edit
-from harness import info, state_document
+from harness import state_document
+from lines import info
 
 THRESHOLD = 1000
 

@@ -3,7 +3,7 @@ import os
 import shutil
 
 from catalogue import assert_same, edit, insert_chain
-from harness import info
+from lines import info
 from model import as_32_bit, after_walk
 from trees import make_media_tree, make_strangers
 

@@ -9,7 +9,7 @@ import threading
 import pytest
 
 from catalogue import assert_same, without
-from harness import AWAKE, SLEEP, info, walk_lines
+from lines import AWAKE, SLEEP, info, walk_lines
 from model import after_walk
 from quarrow_driver.waiting import wait_for
 from trees import make_empty_folders, make_media_tree

@@ -5,7 +5,8 @@ import sqlite3
 import pytest
 
 from catalogue import assert_same
-from harness import NEVER_PURGE, configuration, err, info
+from harness import NEVER_PURGE, configuration
+from lines import err, info
 from quarrow_driver.waiting import wait_for
 
 BANNER = info("================\n")

@@ -6,7 +6,7 @@ from collections import deque
 import pytest
 
 from catalogue import assert_same, without
-from harness import info, walk_lines
+from lines import info, walk_lines
 from trees import AWKWARD_NAMES, extensions, make_empty_folders, make_media_tree, make_strangers
 
 SUMMARY = re.compile(r"For folder (.*)", re.DOTALL)

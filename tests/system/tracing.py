@@ -9,7 +9,8 @@ import subprocess
 import pytest
 
 from after_a_kill import all_left_behind
-from harness import is_walk_end, sanitizer_options
+from daemon import sanitizer_options
+from lines import is_walk_end
 from moments import batches
 from quarrow_driver.waiting import wait_for
 

@@ -3,7 +3,7 @@ import os
 import random
 import socket
 
-from harness import MIME_TABLE
+from daemon import MIME_TABLE
 from model import MimeTable
 
 #: Names that a careless hand would mangle: as text, as a format, as SQL, as a path, as a shell command.

@@ -1,22 +1,19 @@
 #include "volume/Links.h"
 
+#include "core/FileDescriptor.h"
+#include "core/WithoutLinks.h"
+
 #include <fcntl.h>
-#include <linux/openat2.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cerrno>
 
-/// The folder in `start` that is there without following a link; -1 with errno set, ELOOP for a link.
-static int openBelow(int start, const std::string& relativePath, unsigned long long flags)
+/// The folder in `start` that is there without following a link; -1 with errno set, ELOOP or ENOTDIR for a link.
+static int openBelow(int start, const std::string& relativePath, int flags)
 {
-    open_how how = {};
-    how.flags = flags | O_DIRECTORY | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    return static_cast<int>(syscall(SYS_openat2, start, relativePath.c_str(), &how, sizeof how));
+    return openWithoutLinksBelow(start, relativePath.c_str(), flags | O_DIRECTORY | O_CLOEXEC);
 }
 
-/// The look at one folder after the other that older kernels need; in a deep tree it takes long.
+/// One folder after the other, which takes long in a deep tree: for what cannot be opened, a link or something else.
 static bool hasLinkBetween(const std::string& path, const std::string& configuredPath)
 {
     std::string::size_type slash = configuredPath.length();
@@ -33,16 +30,12 @@ bool isBehindLink(const std::string& path, const std::string& configuredPath)
     const std::string::size_type last = path.rfind('/');
     if (last == std::string::npos || last <= configuredPath.length())
         return false;
-    const int start = open((configuredPath + "/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (start >= 0) {
+    const FileDescriptor start(open((configuredPath + "/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (start.isOpen()) {
         const std::string between = path.substr(configuredPath.length() + 1, last - configuredPath.length() - 1);
-        const int found = openBelow(start, between, O_PATH);
-        const int reason = errno;
-        close(start);
-        if (found >= 0)
-            close(found);
-        if (found >= 0 || reason == ELOOP)
-            return found < 0;
+        const FileDescriptor found(openBelow(start.get(), between, O_PATH));
+        if (found.isOpen() || errno == ELOOP)
+            return !found.isOpen();
     }
     return hasLinkBetween(path, configuredPath);
 }
@@ -54,14 +47,8 @@ int openFolder(const std::string& path, const std::string& configuredPath)
         return open(path.c_str(), flags);
     const std::string above = configuredPath + "/";
     if (path.compare(0, above.length(), above) == 0) {
-        const int start = open(above.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-        const int descriptor = start < 0 ? -1 : openBelow(start, path.substr(above.length()), O_RDONLY | O_NONBLOCK);
-        const int reason = errno;
-        if (start >= 0)
-            close(start);
-        if (descriptor >= 0
-            || (reason != ENOSYS && reason != EPERM)) // an old kernel, or a sandbox that forbids the call
-            return descriptor;
+        const FileDescriptor start(open(above.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        return start.isOpen() ? openBelow(start.get(), path.substr(above.length()), flags) : -1;
     }
     return open(path.c_str(), flags | O_NOFOLLOW);
 }

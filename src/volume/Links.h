@@ -13,8 +13,7 @@
 bool isBehindLink(const std::string& path, const std::string& configuredPath);
 
 /// Opens a folder for reading: the descriptor, or -1 with errno set when there is none or a link is in the way. The
-/// kernel checks the whole path in the one call, whatever becomes of the folders meanwhile (before Linux 5.6: the last
-/// element alone).
+/// whole path is checked as it is opened, whatever becomes of the folders meanwhile.
 int openFolder(const std::string& path, const std::string& configuredPath);
 
 /// Both give the entry's status; false for what is gone, of the other kind, a link, or behind one.

@@ -2,6 +2,7 @@
 
 #include "core/SignalObject.h"
 #include "core/StopRequest.h"
+#include "core/Survival.h"
 #include "watch/BurstReduction.h"
 #include "watch/EventRouting.h"
 #include "watch/WatchRegistry.h"
@@ -9,7 +10,6 @@
 #include <syslog.h>
 
 #include <ctime>
-#include <exception>
 #include <new>
 #include <set>
 #include <string>
@@ -29,13 +29,7 @@ void handleChangedDir(const std::string& path, WatchRegistry& registry, EventRou
     if (watch.descriptor == WatchRegistry::none)
         return;
     // One folder that cannot be handled must not end the watch of all the others.
-    try {
-        routing.deliverChange(watch.descriptor);
-    } catch (const std::exception&) {
-        logFailure(watch.volume);
-    } catch (const char*) {
-        logFailure(watch.volume);
-    }
+    survive([&] { routing.deliverChange(watch.descriptor); }, [&](const char*) { logFailure(watch.volume); });
 }
 
 void handleChangedDirs(

@@ -474,8 +474,9 @@ def test_a_trigger_of_the_administrator_works_and_the_same_one_of_a_user_does_no
             assert_converged(volume)
         daemon.stop()
         volumes[0].make_file(f"/m/sub/{number}.mp3", b"x")
-    assert {path for path, in volumes[0].catalogue.query("select path from Added")} == {
-        "/m/sub/2.mp3", "/m/sub/3.mp3", "/m/sub/4.mp3", "/m/.tickle"}
+    added = {path for path, in volumes[0].catalogue.query("select path from Added")}
+    # The mark of the stop is in whichever folder was watched first: of this volume, or of the other.
+    assert added - {"/m/.tickle"} == {"/m/sub/2.mp3", "/m/sub/3.mp3", "/m/sub/4.mp3"}
     assert volumes[1].catalogue.query("select count(*) from Added") == [(0,)]
 
 

@@ -7,14 +7,12 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr unsigned long smallestIndexBytes = 32768;
-constexpr unsigned long roomForLogBytes = 1048576; // its index and some transactions
+constexpr unsigned long roomForLogBytes = 1048576; // its index, 32 KiB at the least, and some transactions
 constexpr unsigned long logFiles = 2;              // the log and its index
 
 } // namespace
@@ -45,8 +43,7 @@ void WriteAheadLog::use()
     // Any PRAGMA that reads the file makes the log and its index. The value does not matter.
     if (inUse)
         execute("PRAGMA schema_version");
-    const int status = sqlite3_extended_errcode(catalogue.get());
-    if (status == SQLITE_IOERR_SHMMAP || status == SQLITE_IOERR_SHMSIZE) {
+    if (sqlite3_extended_errcode(catalogue.get()) == SQLITE_IOERR_SHMMAP) {
         takeBack();
         inUse = false;
     }
@@ -90,9 +87,6 @@ bool WriteAheadLog::enter() const
 /// A file that has been switched to a log which then finds no room for its index cannot even be read.
 bool WriteAheadLog::hasRoom() const
 {
-    struct rlimit64 fileSize;
-    if (getrlimit64(RLIMIT_FSIZE, &fileSize) == 0 && fileSize.rlim_cur < smallestIndexBytes)
-        return false;
     struct statvfs64 volume;
     const char* path = catalogue.path();
     if (path == nullptr || statvfs64(path, &volume) != 0)

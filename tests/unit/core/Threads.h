@@ -1,15 +1,22 @@
 #pragma once
 
+#include <unistd.h>
+
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
 #include <thread>
 
-/// The kernel's ids of all threads of the process.
+/// The kernel's ids of all threads of the process. A thread stays listed for a moment after it was joined, so another
+/// one comes and goes first.
 inline std::set<std::string> threadIds()
 {
-    std::thread([] {}).join(); // with the first thread comes one of the sanitizer's own, which is to be there already
+    pid_t passing = 0; // with the first thread comes also one of the sanitizer's own, which is to be there already
+    std::thread([&passing] { passing = gettid(); }).join();
+    while (std::filesystem::exists("/proc/self/task/" + std::to_string(passing)))
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     std::set<std::string> ids;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
         ids.insert(task.path().filename().string());

@@ -81,7 +81,7 @@ void Quarrow::run()
             syslog(LOG_LOCAL5 | LOG_INFO, "Woke up after the sleep at %d.\n", static_cast<int>(std::time(nullptr)));
 
         const int elapsed = static_cast<int>(std::time(nullptr) - lastWalkTime);
-        if (elapsed <= 299) {
+        if (elapsed <= 299) { // 300 whole seconds have to have passed; up to 299 of them are too few
             syslog(LOG_LOCAL5 | LOG_INFO, "Woke up too soon. Going back %d === %d\n", static_cast<int>(lastWalkTime),
                 elapsed);
             continue;

@@ -32,22 +32,26 @@ public:
             files[logFile]->giveToRoot(CatalogueName::unmarked);
     }
 
-    bool allows(const char* opened, const struct stat64& status)
+    bool allows(const char* filePath, const struct stat64& status) const
     {
         for (std::size_t name = 0; name < files.size(); ++name) {
-            if (std::strncmp(opened, path.c_str(), path.length()) != 0
-                || std::strcmp(opened + path.length(), suffixes[name]) != 0)
-                continue;
-            const bool isExpected = files[name]->covers(status);
-            logWasOpened = logWasOpened || (name == logFile && isExpected);
-            return isExpected;
+            if (isAt(name, filePath))
+                return files[name]->covers(status);
         }
         return !CatalogueName::isMarked(status);
     }
 
+    void noteOpened(const char* filePath) { logWasOpened = logWasOpened || isAt(logFile, filePath); }
+
 private:
     enum Name { mainFile, logFile, indexFile, journalFile };
     static constexpr const char* suffixes[] = { "", "-wal", "-shm", "-journal" };
+
+    bool isAt(std::size_t name, const char* filePath) const
+    {
+        return std::strncmp(filePath, path.c_str(), path.length()) == 0
+            && std::strcmp(filePath + path.length(), suffixes[name]) == 0;
+    }
 
     std::string nameFor(std::size_t name) const { return HeldFolder::nameOf(path) + suffixes[name]; }
 
@@ -129,4 +133,10 @@ void CatalogueAdmission::trust() { files->trust(); }
 bool CatalogueAdmission::allows(const char* path, const struct stat64& status)
 {
     return current != nullptr ? current->allows(path, status) : !CatalogueName::isMarked(status);
+}
+
+void CatalogueAdmission::noteOpened(const char* path)
+{
+    if (current != nullptr)
+        current->noteOpened(path);
 }

@@ -30,6 +30,8 @@ public:
     /// that lasts it has to be what was looked at. What has come since, and every file elsewhere, must not be one that
     /// still has to be looked into. Does not allocate.
     static bool allows(const char* path, const struct stat64& status);
+    /// SQLite has opened, in this thread, a file that is allowed under the path. Does not allocate.
+    static void noteOpened(const char* path);
 
 private:
     class Files;

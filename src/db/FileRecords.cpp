@@ -4,6 +4,19 @@
 
 #include <cstdio>
 
+namespace {
+
+/// Where the file is, from the first columns of the select list that the look-ups share.
+void readPlace(const Statement& row, DBFile& f)
+{
+    f.setFile_id(row.columnInt(0));
+    f.setFolder_id(row.columnInt(1));
+    f.setPath(row.columnText(2));
+    f.setName(row.columnText(3));
+}
+
+} // namespace
+
 bool VolumeDBManager::fileExists(DBFile& f)
 {
     const std::string path = f.getPath();
@@ -13,10 +26,7 @@ bool VolumeDBManager::fileExists(DBFile& f)
     stmt.bind(path).bind(name);
     bool found = false;
     while (stmt.nextRow()) {
-        f.setFile_id(stmt.columnInt(0));
-        f.setFolder_id(stmt.columnInt(1));
-        f.setPath(stmt.columnText(2));
-        f.setName(stmt.columnText(3));
+        readPlace(stmt, f);
         f.setSize(stmt.columnInt(4)); // 32 bits on purpose: every walk then writes the size of larger files again
         f.setCategory(stmt.columnInt(5));
         f.setLast_updated_time(stmt.columnInt(6));
@@ -37,10 +47,7 @@ bool VolumeDBManager::fileRowExists(DBFile& f)
     stmt.bind(path).bind(name);
     bool found = false;
     while (stmt.nextRow()) {
-        f.setFile_id(stmt.columnInt(0));
-        f.setFolder_id(stmt.columnInt(1));
-        f.setPath(stmt.columnText(2));
-        f.setName(stmt.columnText(3));
+        readPlace(stmt, f);
         found = true;
     }
     stmt.check("fileExists() failed, handleStatus: %d\n"); // the text of its sibling: log readers know no other

@@ -33,8 +33,10 @@ static int openRegularFile(const char* path, int flags, int mode)
     const int descriptor = openIt(path, flags | O_NONBLOCK, static_cast<mode_t>(mode) & ~notForOthers);
     if (descriptor < 0)
         return descriptor;
-    if (isFitToOpen(descriptor) && fstat64(descriptor, &status) == 0 && CatalogueAdmission::allows(path, status))
+    if (isFitToOpen(descriptor) && fstat64(descriptor, &status) == 0 && CatalogueAdmission::allows(path, status)) {
+        CatalogueAdmission::noteOpened(path);
         return descriptor;
+    }
     close(descriptor);
     errno = EACCES;
     return -1;

@@ -18,7 +18,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <exception>
 #include <list>
 
 VolumeManager::VolumeManager() = default;
@@ -81,12 +80,7 @@ void VolumeManager::reapWalkThread()
 void* VolumeManager::start_thread_once(void* manager)
 {
     auto* self = static_cast<VolumeManager*>(manager);
-    // No catch (...): the walk leaves by pthread_exit(), whose forced unwinding has to pass.
-    try {
-        self->walk();
-    } catch (const std::exception&) {
-        self->logFailedWalk();
-    }
+    survive([self] { self->walk(); }, [self](const char*) { self->logFailedWalk(); });
     self->walking = false;
     return nullptr;
 }

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "support/Waiting.h"
+
+#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -15,8 +17,8 @@ inline std::set<std::string> threadIds()
 {
     pid_t passing = 0; // with the first thread comes also one of the sanitizer's own, which is to be there already
     std::thread([&passing] { passing = gettid(); }).join();
-    while (std::filesystem::exists("/proc/self/task/" + std::to_string(passing)))
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const std::string listed = "/proc/self/task/" + std::to_string(passing);
+    EXPECT_TRUE(waitUntil([&listed] { return !std::filesystem::exists(listed); }));
     std::set<std::string> ids;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
         ids.insert(task.path().filename().string());

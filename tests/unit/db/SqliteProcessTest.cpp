@@ -40,6 +40,14 @@ protected:
         close();
         return dbPath;
     }
+    /// The same with a log that somebody else owns.
+    std::string makeWithForeignLog()
+    {
+        const std::string path = makeWith("/Music");
+        change("pragma journal_mode=wal");
+        giveToSomebody(volume.writeFile(".quarrow/quarrow.db-wal"));
+        return path;
+    }
     /// Whether SQLite can read what is at the path.
     static bool isReadable(const std::string& path)
     {
@@ -205,9 +213,7 @@ TEST_F(SqliteProcess, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
-    const std::string path = makeWith("/Music");
-    change("pragma journal_mode=wal");
-    giveToSomebody(volume.writeFile(".quarrow/quarrow.db-wal"));
+    const std::string path = makeWithForeignLog();
     CatalogueAdmission admission(path);
     EXPECT_TRUE(isMarked(path));
     admission.trust();
@@ -219,9 +225,7 @@ TEST_F(SqliteProcess, trustsTheLogThatWasOpened)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
-    const std::string path = makeWith("/Music");
-    change("pragma journal_mode=wal");
-    giveToSomebody(volume.writeFile(".quarrow/quarrow.db-wal"));
+    const std::string path = makeWithForeignLog();
     CatalogueAdmission admission(path);
     sqlite3* handle = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr));
@@ -229,6 +233,19 @@ TEST_F(SqliteProcess, trustsTheLogThatWasOpened)
     admission.trust();
     EXPECT_FALSE(isMarked(path + "-wal"));
     sqlite3_close(handle);
+}
+
+TEST_F(SqliteProcess, doesNotTrustTheLogThatWasOnlyLookedAt)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "changing owners is not permitted";
+    const std::string path = makeWithForeignLog();
+    CatalogueAdmission admission(path);
+    struct stat64 status = {};
+    ASSERT_EQ(0, stat64((path + "-wal").c_str(), &status));
+    EXPECT_TRUE(CatalogueAdmission::allows((path + "-wal").c_str(), status));
+    admission.trust();
+    EXPECT_TRUE(isMarked(path + "-wal"));
 }
 
 TEST_F(SqliteProcess, usesNoIndexThatWasSomebodyElses)

@@ -1,20 +1,10 @@
 #include "volume/DiskFacts.h"
 
-#include "classify/CategoryMapper.h"
+#include "classify/CategoryOf.h"
 #include "db/DBFile.h"
 #include "db/VolumeDBManager.h"
 
-#include <string>
-
 int storedTime(time_t seconds) { return static_cast<int>(seconds); }
-
-static int categoryOf(const std::string& fileName)
-{
-    const std::string::size_type dot = fileName.rfind('.');
-    if (dot == std::string::npos || dot + 1 == fileName.length())
-        return oru::db::CategoryMapper::categoryOther;
-    return oru::db::CategoryMapper::Instance().ExtensionToCategory(fileName.substr(dot + 1));
-}
 
 void describeNewFile(DBFile& file, const struct stat64& status)
 {

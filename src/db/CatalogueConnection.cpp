@@ -42,7 +42,12 @@ int CatalogueConnection::open(const std::string& path)
     return rc;
 }
 
-void CatalogueConnection::close() { sqlite3_close(std::exchange(handle, nullptr)); }
+void CatalogueConnection::close()
+{
+    statements.clear();
+    sqlite3_finalize(std::exchange(writeLock, nullptr));
+    sqlite3_close(std::exchange(handle, nullptr));
+}
 
 void CatalogueConnection::configure()
 {
@@ -69,6 +74,14 @@ sqlite3_stmt* CatalogueConnection::prepare(const char* text)
 {
     if (!endAbandonedTransaction())
         return nullptr;
+    if (!keepsStatements())
+        statements.clear(); // SQLite has ended the transaction that they are from
+    sqlite3_stmt* const kept = statements.take(text);
+    return kept != nullptr ? kept : prepareNew(text);
+}
+
+sqlite3_stmt* CatalogueConnection::prepareNew(const char* text) const
+{
     sqlite3_stmt* statement = nullptr;
     int rc;
     do {
@@ -78,6 +91,16 @@ sqlite3_stmt* CatalogueConnection::prepare(const char* text)
     } while (shallTryAgain(rc));
     return statement;
 }
+
+int CatalogueConnection::finish(const char* text, sqlite3_stmt* statement, int status)
+{
+    if (statement == nullptr || status != SQLITE_DONE || !keepsStatements())
+        return sqlite3_finalize(statement);
+    statements.put(text, statement);
+    return SQLITE_OK;
+}
+
+bool CatalogueConnection::keepsStatements() const { return ownsWriteLock && isInTransaction(); }
 
 int CatalogueConnection::step(sqlite3_stmt* statement) const
 {
@@ -112,6 +135,7 @@ void CatalogueConnection::beginTransaction()
 {
     runTransactionStatement("BEGIN");
     takeWriteLock();
+    ownsWriteLock = sqlite3_txn_state(handle, "main") == SQLITE_TXN_WRITE;
 }
 
 void CatalogueConnection::commitTransaction() { runTransactionStatement("COMMIT"); }
@@ -132,7 +156,7 @@ void CatalogueConnection::abandonTransaction()
 
 bool CatalogueConnection::endAbandonedTransaction()
 {
-    // The mark is taken away first: the rollback is a statement, and comes back here when it is prepared.
+    // The mark is taken away first: the rollback is a statement, and comes back here before it is prepared.
     if (std::exchange(abandoned, false))
         abandonTransaction();
     return !abandoned;
@@ -140,7 +164,9 @@ bool CatalogueConnection::endAbandonedTransaction()
 
 void CatalogueConnection::runTransactionStatement(const char* text)
 {
-    sqlite3_stmt* statement = prepare(text);
+    const bool mayRun = endAbandonedTransaction();
+    statements.clear();
+    sqlite3_stmt* const statement = mayRun ? prepareNew(text) : nullptr;
     const int rc = step(statement);
     sqlite3_finalize(statement);
     if (rc != SQLITE_OK && rc != SQLITE_DONE)
@@ -152,14 +178,15 @@ void CatalogueConnection::runTransactionStatement(const char* text)
 /// nothing by itself, and where it fails (no such table, a read-only file) the first real statement says why.
 void CatalogueConnection::takeWriteLock()
 {
-    sqlite3_stmt* statement = nullptr;
     int rc;
     do {
-        // Not the legacy call: sqlite3_prepare_v2() prepares again when another program has changed the schema. With
+        // Not the legacy call: sqlite3_prepare_v3() prepares again when another program has changed the schema. With
         // the legacy call the step would fail then, and the transaction begin without the write lock.
-        rc = sqlite3_prepare_v2(handle, "delete from folders where 0", -1, &statement, nullptr);
+        rc = writeLock != nullptr ? SQLITE_OK
+                                  : sqlite3_prepare_v3(handle, "delete from folders where 0", -1,
+                                      SQLITE_PREPARE_PERSISTENT, &writeLock, nullptr);
         if (rc == SQLITE_OK)
-            rc = sqlite3_step(statement);
-        sqlite3_finalize(statement);
+            rc = sqlite3_step(writeLock);
+        sqlite3_reset(writeLock);
     } while (shallTryAgain(rc));
 }

@@ -2,6 +2,7 @@
 
 #include "core/StopRequest.h"
 #include "db/FileIdentity.h"
+#include "db/StatementCache.h"
 
 #include <string>
 
@@ -49,11 +50,19 @@ public:
 
     // Statements
 
-    /// Waits as step() does: to read the schema can meet a busy database just as a step can. nullptr when the statement
-    /// cannot be prepared; binding or stepping it then fails.
+    /// A statement of this text, which the caller hands back with finish(); `text` must be a literal. Waits as step()
+    /// does: to read the schema can meet a busy database just as a step can. nullptr when the statement cannot be
+    /// prepared; binding or stepping it then fails.
+    ///
+    /// Within a transaction that owns the write lock, where nobody else can change the schema, it may be one that an
+    /// earlier operation of the transaction has prepared and finished. All of those are finalized before COMMIT or
+    /// ROLLBACK; outside a transaction none is kept.
     sqlite3_stmt* prepare(const char* text);
     /// Steps once, waiting while the database is busy or locked; the last SQLite result.
     int step(sqlite3_stmt* statement) const;
+    /// Takes a statement back, with the status that it ended with. Only one that ran to its end is ever used again. The
+    /// result is that of sqlite3_finalize().
+    int finish(const char* text, sqlite3_stmt* statement, int status);
 
     // Transactions: VolumeDBManager says what the callers may rely on
 
@@ -66,13 +75,18 @@ public:
     bool endAbandonedTransaction();
 
 private:
+    sqlite3_stmt* prepareNew(const char* text) const;
+    bool keepsStatements() const;
     void runTransactionStatement(const char* text);
     void takeWriteLock();
     bool shallTryAgain(int status) const;
     bool waitForNeighbour() const;
 
     sqlite3* handle = nullptr;
-    FileIdentity file;      ///< the one that was open last
-    bool abandoned = false; ///< a transaction is open that could not be rolled back yet
-    StopRequest stop;       ///< made by the main thread, asked by whoever works on the catalogue
+    StatementCache statements;         ///< empty but for a transaction that owns the write lock
+    sqlite3_stmt* writeLock = nullptr; ///< prepared with the first transaction, finalized by close()
+    bool ownsWriteLock = false;        ///< what the latest transaction had at its start
+    FileIdentity file;                 ///< the one that was open last
+    bool abandoned = false;            ///< a transaction is open that could not be rolled back yet
+    StopRequest stop;                  ///< made by the main thread, asked by whoever works on the catalogue
 };

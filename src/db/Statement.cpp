@@ -6,15 +6,18 @@
 #include <sqlite3.h>
 #include <syslog.h>
 
+#include <utility>
+
 Statement::Statement(CatalogueConnection& catalogue, const char* text, Binds counting)
     : connection(catalogue)
+    , sql(text)
     , statement(catalogue.prepare(text))
     , binds(counting)
     , status(SQLITE_OK)
 {
 }
 
-Statement::~Statement() { sqlite3_finalize(statement); }
+Statement::~Statement() { finalize(); }
 
 Statement& Statement::bind(int value)
 {
@@ -75,12 +78,7 @@ bool Statement::wasGivenUpForStop() const
     return reason == SQLITE_INTERRUPT || reason == SQLITE_BUSY || reason == SQLITE_LOCKED;
 }
 
-int Statement::finalize()
-{
-    const int result = sqlite3_finalize(statement);
-    statement = nullptr;
-    return result;
-}
+int Statement::finalize() { return connection.finish(sql, std::exchange(statement, nullptr), status); }
 
 int Statement::columnInt(int column) const { return sqlite3_column_int(statement, column); }
 

@@ -5,15 +5,16 @@
 struct sqlite3_stmt;
 class CatalogueConnection;
 
-/// One SQL statement, prepare to finalize, on the stack of the operation that runs it. A failed prepare shows up as a
-/// failed bind, and a statement whose binds or steps failed is not stepped any further.
+/// One SQL statement on the stack of the operation that runs it, from the connection and back to it. A failed prepare
+/// shows up as a failed bind, and a statement whose binds or steps failed is not stepped any further.
 class Statement {
 public:
     /// Which of several binds count: the first failure, after which no more are made, or only what became of the last.
     enum Binds { firstFailureStops, lastDecides };
 
+    /// `text` must be a literal.
     Statement(CatalogueConnection& catalogue, const char* text, Binds counting = firstFailureStops);
-    ~Statement(); ///< finalizes, also while an exception passes
+    ~Statement(); ///< hands the statement back, also while an exception passes
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
@@ -40,6 +41,7 @@ private:
     bool wasGivenUpForStop() const;
 
     CatalogueConnection& connection;
+    const char* sql;
     sqlite3_stmt* statement;
     Binds binds;
     int status;

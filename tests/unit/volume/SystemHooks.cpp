@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <utility>
 
 namespace {
@@ -42,6 +43,8 @@ bool newThreadsSleep = false;
 bool awake = true;
 int joins = 0;
 
+std::mutex statementsMutex;
+std::set<sqlite3_stmt*> statements; ///< of the catalogue: those prepared by the call that only the daemon uses
 OnStatement::Hook statementHook;
 std::string brokenText;
 std::string countedText;
@@ -161,20 +164,55 @@ extern "C" int sem_post(sem_t* semaphore) noexcept
     return system(semaphore);
 }
 
+static void tellOfStatement(const std::string& sql, sqlite3* connection)
+{
+    if (statementHook)
+        statementHook(sql, connection);
+    if (!countedText.empty() && sql.find(countedText) != std::string::npos)
+        ++counted;
+}
+
 extern "C" int sqlite3_prepare(
     sqlite3* handle, const char* text, int bytes, sqlite3_stmt** statement, const char** tail)
 {
     static const auto system
         = systems<int(sqlite3*, const char*, int, sqlite3_stmt**, const char**)>("sqlite3_prepare");
     const std::string sql = text;
-    if (statementHook)
-        statementHook(sql, handle);
-    if (!countedText.empty() && sql.find(countedText) != std::string::npos)
-        ++counted;
-    if (brokenText.empty() || sql.find(brokenText) == std::string::npos)
-        return system(handle, text, bytes, statement, tail);
-    *statement = nullptr;
-    return SQLITE_ERROR;
+    if (!brokenText.empty() && sql.find(brokenText) != std::string::npos) {
+        tellOfStatement(sql, handle);
+        *statement = nullptr;
+        return SQLITE_ERROR;
+    }
+    const int status = system(handle, text, bytes, statement, tail);
+    const std::lock_guard<std::mutex> held(statementsMutex);
+    statements.insert(*statement);
+    return status;
+}
+
+extern "C" int sqlite3_finalize(sqlite3_stmt* statement)
+{
+    static const auto system = systems<int(sqlite3_stmt*)>("sqlite3_finalize");
+    {
+        const std::lock_guard<std::mutex> held(statementsMutex);
+        statements.erase(statement);
+    }
+    return system(statement);
+}
+
+/// Whether a statement of the catalogue is about to start. It may have run before: in a transaction a text is prepared
+/// once.
+static bool isAboutToStart(sqlite3_stmt* statement)
+{
+    const std::lock_guard<std::mutex> held(statementsMutex);
+    return statements.count(statement) != 0 && sqlite3_stmt_busy(statement) == 0;
+}
+
+extern "C" int sqlite3_step(sqlite3_stmt* statement)
+{
+    static const auto system = systems<int(sqlite3_stmt*)>("sqlite3_step");
+    if (statement != nullptr && isAboutToStart(statement))
+        tellOfStatement(sqlite3_sql(statement), sqlite3_db_handle(statement));
+    return system(statement);
 }
 
 ClockAt::ClockAt(time_t now)

@@ -94,7 +94,7 @@ public:
     OnSemPost& operator=(const OnSemPost&) = delete;
 };
 
-/// Is told, before a statement of the catalogue is prepared, its text and the connection.
+/// Is told, before a statement of the catalogue runs or fails to be prepared, its text and the connection.
 class OnStatement {
 public:
     using Hook = std::function<void(const std::string& sql, sqlite3* connection)>;
@@ -113,7 +113,7 @@ public:
     BrokenStatement& operator=(const BrokenStatement&) = delete;
 };
 
-/// Counts the statements of the catalogue that contain the text.
+/// Counts how often statements of the catalogue that contain the text run.
 class StatementCount {
 public:
     explicit StatementCount(const std::string& text);

@@ -21,14 +21,14 @@ void logFailure(const std::string& volume)
     syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", volume.c_str());
 }
 
-/// Has the folder looked at under the first watch that has its path. Nothing happens when none has it any more: the
-/// folder was given another path meanwhile.
+/// Reports the change to the listener of the lowest watch that has this path. Does nothing when no watch has it any
+/// more: the folder was given another path meanwhile.
 void handleChangedDir(const std::string& path, WatchRegistry& registry, EventRouting& routing)
 {
     const WatchRegistry::Watch watch = registry.find(path);
     if (watch.descriptor == WatchRegistry::none)
         return;
-    // One folder that cannot be handled must not end the watch of all the others.
+    // The other folders are handled whatever this one throws.
     survive([&] { routing.deliverChange(watch.descriptor); }, [&](const char*) { logFailure(watch.volume); });
 }
 
@@ -37,9 +37,9 @@ void handleChangedDirs(
 {
     if (changedDirs.empty())
         return;
-    // The prefix stays the smallest path of the burst, and is sought anywhere in the others, on purpose: which folders
-    // are skipped shows in the log. An empty path (an event of an unknown watch) is contained in every other, so the
-    // rest of its burst is skipped.
+    // The prefix stays the smallest path of the burst and may occur anywhere in another path, on purpose: log readers
+    // know which folders are skipped. The empty path (an event of an unknown watch) occurs in every path, so it makes
+    // the rest of its burst skipped.
     const std::string prefix = *changedDirs.begin();
     for (auto dir = changedDirs.begin(); dir != changedDirs.end() && !stop.isMade(); ++dir) {
         if (dir != changedDirs.begin() && dir->find(prefix) != std::string::npos)

@@ -5,7 +5,8 @@ class EventRouting;
 class StopRequest;
 class WatchRegistry;
 
-/// Has the changed folders of a burst looked at by the listeners of their volumes, in the order of their paths, logs
-/// how long it took, and wakes the purge thread when the last read had records. A folder whose path contains the first
-/// one's is skipped. Ends before the next folder once the stop is made. Watcher thread, without any lock.
+/// Calls handleChangeFolder() of the volume's listener for each changed folder of the burst, in the order of the paths,
+/// and logs how long that took. A folder whose path contains the path of the first one is skipped. What a listener
+/// throws is logged, and the next folder follows. Once a stop is requested no further folder is handled. Wakes the
+/// purge thread when the last read of the burst had records. Called on the watcher thread without any lock.
 void handleBurst(const Burst& burst, WatchRegistry& registry, EventRouting& routing, const StopRequest& stop);

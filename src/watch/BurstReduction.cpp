@@ -21,7 +21,7 @@ void reduceBurst(const char* buffer, std::size_t length, const std::function<std
 {
     burst.position = 0;
     if (length < sizeof(inotify_event))
-        return; // the kernel hands out whole records
+        return; // no record: the kernel hands out whole ones only
     int events = 0;
     std::size_t position = 0;
     int current = recordAt(buffer, 0).wd;
@@ -29,8 +29,8 @@ void reduceBurst(const char* buffer, std::size_t length, const std::function<std
     while (!stop.isMade() && position < length && length - position >= sizeof(inotify_event)) {
         const inotify_event record = recordAt(buffer, position);
         if (record.wd != current) {
-            // The folder that the records leave, on purpose. To add the folder of record.wd instead, or that of the
-            // last run as well, would change which folders a burst handles.
+            // The folder that the records leave, on purpose. Adding the folder of record.wd instead, or the folder of
+            // the last run as well, would change which folders a burst handles.
             burst.changedDirs.insert(pathOf(current));
             current = record.wd;
         }

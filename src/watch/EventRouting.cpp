@@ -13,8 +13,8 @@ void logNoTarget(const std::string& volume)
     syslog(LOG_LOCAL5 | LOG_ERR, "No listener/directory found for %s\n", volume.c_str());
 }
 
-/// The name that the record carries. A record about the watched folder itself has none, and nothing of it may be read
-/// where a name would begin.
+/// The name in the record. A record about the watched folder itself has no name, and the bytes after it belong to the
+/// next record.
 const char* entryName(const inotify_event& event) { return event.len > 0 ? event.name : ""; }
 
 } // namespace
@@ -66,9 +66,8 @@ void EventRouting::deliverMovedFolder(const inotify_event& from, const inotify_e
     deliverMove(&VolumeWatchListener::handleMoveFolder, from, to);
     const std::string oldPath = registry.pathOf(from.wd) + "/" + entryName(from);
     const WatchRegistry::Target target = registry.targetOf(to.wd);
-    registry.remove(oldPath); // finds nothing when the listener's walk has given the watch its new path
-    // Without a name the path would be the destination folder's own with a "/" behind it, and its watch would take
-    // that.
+    registry.remove(oldPath); // finds nothing when the listener's walk has already given the watch its new path
+    // Without a name this would give the destination folder's own watch a path that ends in "/".
     if (to.len > 0)
         registry.add(target.volume, target.dir + "/" + entryName(to));
 }

@@ -6,7 +6,8 @@
 
 namespace {
 
-/// The path as a shell takes it for one word: ordinary paths as they are, others in single quotes.
+/// The path as one word for the shell. An ordinary path stays as it is; any other one is put in single quotes, because
+/// a user of the volume chooses its characters.
 std::string shellWord(const std::string& path)
 {
     const auto isOrdinary = [](char c) {
@@ -27,6 +28,7 @@ void touchTickle(const std::string& folder)
 {
     const std::string command = "touch " + shellWord(folder) + "/" + ".tickle";
     if (std::system(command.c_str()) != 0) {
-        // A read-only volume, a folder that is gone: nobody waits for the file, and a stop has its own way to wake.
+        // The volume may be read-only or the folder gone. Nothing depends on the file: a stop wakes the watcher by
+        // itself.
     }
 }

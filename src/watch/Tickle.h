@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// Touches ".tickle" in the folder, which makes an event on its watch. The file stays: readers of the volume rely on
-/// it. A folder that is gone or cannot be written is left alone. Takes the time of a shell command; no lock may be
-/// held. Throws std::bad_alloc.
+/// Touches ".tickle" in the folder, which makes an event on the folder's watch. The file stays, because readers of the
+/// volume rely on it. Nothing happens when the folder is gone or cannot be written. Runs a shell command, which takes
+/// time, so the caller holds no lock. Throws std::bad_alloc.
 void touchTickle(const std::string& folder);

@@ -22,15 +22,16 @@ VolumeWatcher* VolumeWatcher::instance = nullptr;
 
 namespace {
 
-/// A burst lasts at most 300 seconds: the whole seconds that have passed are compared by <=.
+/// A burst goes on while this many whole seconds, or fewer, have passed (<=). So it ends once 300 have.
 constexpr int longestBurstSeconds = 299;
 
-/// `millis` and the whole milliseconds between the two moments. The half shows only below 0, where a clock that was set
-/// back can lead: there it rounds up, and the logged rate depends on it.
+/// The sum of `millis` and the whole milliseconds between the two moments. The 0.5 belongs to the sum on purpose: when
+/// a clock that was set back makes the sum negative, the cast to int then yields one more, and the logged rate shows
+/// it.
 int withElapsed(int millis, const timeval& from, const timeval& to)
 {
     const auto elapsed = static_cast<int>((to.tv_sec - from.tv_sec) * 1000 + (to.tv_usec - from.tv_usec) / 1000);
-    // NOLINTNEXTLINE(bugprone-incorrect-roundings): not meant to round, see above
+    // NOLINTNEXTLINE(bugprone-incorrect-roundings): not meant as rounding, see above
     return static_cast<int>(millis + static_cast<double>(elapsed) + 0.5);
 }
 
@@ -54,7 +55,7 @@ int VolumeWatcher::initialize()
     const int inotifyFd = registry.open();
     if (inotifyFd < 0)
         throw "*** error inot_handle";
-    stopEvent = eventfd(0, EFD_CLOEXEC); // without one, see wakeThread()
+    stopEvent = eventfd(0, EFD_CLOEXEC); // when this fails, wakeThread() has another way
     return inotifyFd;
 }
 
@@ -108,7 +109,8 @@ void* VolumeWatcher::start_thread(void* self)
 
 void VolumeWatcher::tickle(std::string& path) { touchTickle(path); }
 
-/// Leaves the mark of a stop, which readers know, in the first watched folder. It does not have to wake the thread.
+/// Leaves the mark of a stop in the first watched folder: readers of the volume know it. Waking the thread is up to
+/// wakeThread().
 void VolumeWatcher::tickleFirstFolder()
 {
     try {
@@ -116,12 +118,13 @@ void VolumeWatcher::tickleFirstFolder()
         if (!path.empty())
             tickle(path);
     } catch (const std::bad_alloc&) {
-        // Without memory for the command there is no mark, but the stop goes on.
+        // Without memory for the command the mark is left out, and the stop goes on.
     }
 }
 
-/// Ends both waits of the thread, readEvents() and isReadyForRead(), whatever the volumes are like. An event of the
-/// watcher's own does that only where no eventfd was to be had, since the kernel may give no watch for it.
+/// Ends both waits of the thread, in readEvents() and in isReadyForRead(), whatever the state of the volumes. An
+/// inotify event is used only where no eventfd could be made, because the kernel may refuse the watch that such an
+/// event needs.
 void VolumeWatcher::wakeThread()
 {
     if (stopEvent >= 0)
@@ -138,14 +141,16 @@ bool VolumeWatcher::isReadyForRead()
     fd_set awaited;
     FD_ZERO(&awaited);
     FD_SET(inotifyFd, &awaited);
-    if (stopEvent >= 0 && stopEvent < FD_SETSIZE) // beyond that, the stop waits for the end of the 5 seconds
+    if (stopEvent >= 0 && stopEvent < FD_SETSIZE) // a higher one cannot be watched: the stop waits up to 5 seconds
         FD_SET(stopEvent, &awaited);
     timeval timeout = { 5, 0 };
-    // 1024 is FD_SETSIZE, the largest set that select() can take. It stands as the number of the original interface.
+    // 1024 is FD_SETSIZE: select() then looks at every descriptor that the set can hold. The result is 2 only when the
+    // stop event is readable, and then the answer is false in any case.
     return select(1024, &awaited, nullptr, nullptr, &timeout) == 1 && !stopRequest.isMade();
 }
 
-/// Waits for events, then reads them. Returns 0 when the stop came instead, as read() does when there is nothing.
+/// Waits for events and reads them into the buffer. Returns the number of bytes, 0 when a stop ended the wait, or a
+/// negative number when reading failed.
 ssize_t VolumeWatcher::readEvents()
 {
     pollfd awaited[] = { { registry.inotifyDescriptor(), POLLIN, 0 }, { stopEvent, POLLIN, 0 } };
@@ -159,7 +164,8 @@ void VolumeWatcher::run()
     blockAllSignals();
     while (!stopRequest.isMade()) {
         Burst burst;
-        // Without memory for the names of the changed folders, the rest of the burst is lost, the watcher is not.
+        // When memory for the names of changed folders runs out, the rest of the burst is lost, but the watcher goes
+        // on.
         try {
             collectBurst(burst);
         } catch (const std::bad_alloc&) {
@@ -167,16 +173,18 @@ void VolumeWatcher::run()
         }
         handleBurst(burst, registry, routing, stopRequest);
     }
-    pthread_exit(nullptr); // unwinds by force: a catch (...) above it would abort the daemon
+    pthread_exit(nullptr); // unwinds by force, so a catch (...) above it would abort the daemon
 }
 
-/// Reads until nothing came for 5 seconds, or for 300 seconds in all.
+/// Reads until no event has come for 5 seconds, the burst is 300 seconds old, or a stop is requested.
 void VolumeWatcher::collectBurst(Burst& burst)
 {
+    // Taken before the first read on purpose, although that read may wait for hours: a burst that breaks a long quiet
+    // then ends after its first read, and its change is handled without collecting for minutes.
     const time_t burstStart = std::time(nullptr);
-    bool timing = false; // not the first read, which mostly waits for something to happen
+    bool timing = false; // false for the first read, which mostly waits for something to happen
     do {
-        std::memset(eventBuffer, 0, sizeof eventBuffer);
+        std::memset(eventBuffer, 0, sizeof eventBuffer); // so that nothing of an earlier read stands behind the new one
         burst.position = 0;
         timeval before;
         timeval after;
@@ -193,8 +201,8 @@ void VolumeWatcher::collectBurst(Burst& burst)
     } while (!stopRequest.isMade() && waitForMore(burst) && std::time(nullptr) - burstStart <= longestBurstSeconds);
 }
 
-/// The quiet time. A stop that ends it counts as a last read without records, so that this burst no longer wakes the
-/// purge thread.
+/// Waits for further events; false when the burst is over. A stop sets the position to 0, as a read without records
+/// does: handleBurst() then does not wake the purge thread, which is about to end as well.
 bool VolumeWatcher::waitForMore(Burst& burst)
 {
     const bool isReady = isReadyForRead();

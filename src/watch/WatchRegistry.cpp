@@ -24,7 +24,7 @@ int WatchRegistry::open()
 void WatchRegistry::close()
 {
     const std::lock_guard<std::mutex> held(mutex);
-    // Also for entries that stand for no watch: the kernel refuses those and nothing happens.
+    // Some entries stand for no watch. The kernel refuses to remove those, and the result is ignored.
     for (const auto& entry : entries)
         inotify_rm_watch(inotifyFd, entry.first);
     if (inotifyFd >= 0)
@@ -54,7 +54,7 @@ int WatchRegistry::add(const std::string& volume, const std::string& path)
     if (descriptor < 1)
         return descriptor;
     const auto known = entries.find(descriptor);
-    if (known != entries.end() && known->second.path == path) { // most folders of a walk keep theirs
+    if (known != entries.end() && known->second.path == path) { // the case of most folders of a walk
         known->second.volume = volume;
         return descriptor;
     }
@@ -69,6 +69,7 @@ int WatchRegistry::remove(const std::string& path)
 {
     const std::lock_guard<std::mutex> held(mutex);
     const int found = byPath.first(path);
+    // 0 stands for "not watched", since no watch has that descriptor. An entry that an event has made for 0 goes too.
     const int descriptor = found != none ? found : 0;
     if (found != none)
         inotify_rm_watch(inotifyFd, descriptor);
@@ -119,12 +120,14 @@ std::string WatchRegistry::firstPath()
     return first != entries.end() ? first->second.path : "";
 }
 
-/// The entry of a descriptor, a new and empty one when it is not known. The caller holds the mutex, here and below.
+/// The entry of the descriptor. One that is not known gets an empty entry, on purpose: handleBurst() finds it by the
+/// empty path, which is how an overrun queue comes to be logged. The caller holds the mutex.
 const WatchEntry& WatchRegistry::entryOf(int descriptor)
 {
-    return entries[descriptor]; // the index has no empty paths, so it needs not be told
+    return entries[descriptor]; // byPath has no empty paths, so nothing is added there
 }
 
+/// Removes the entry of the descriptor, if there is one. The caller holds the mutex.
 void WatchRegistry::forget(int descriptor)
 {
     const auto entry = entries.find(descriptor);

@@ -9,19 +9,19 @@
 
 class VolumeWatchListener;
 
-/// The inotify instance, the folders that are watched by it and the listeners of the volumes. Any thread may call
-/// anything but inotifyDescriptor().
+/// The inotify instance, the folders that it watches and the listeners of the volumes. Every operation but
+/// inotifyDescriptor() may be called on any thread, with or without a volume's lock. No operation calls a listener.
 ///
-/// An event can carry a descriptor that is not known: the kernel's queue ran over, or the watch was removed meanwhile.
-/// Who asks for such a descriptor, by pathOf() or targetOf(), makes an entry with an empty path and volume, which
-/// count() counts from then on.
+/// An event can have a descriptor that is not known: the kernel's queue overran, or the watch was removed meanwhile.
+/// pathOf() and targetOf() make an entry with an empty path and volume for such a descriptor. count() counts it, and
+/// find() finds it by the empty path.
 class WatchRegistry {
 public:
-    /// Whom an event goes to.
+    /// The receiver of an event.
     struct Target {
         std::string volume;
         std::string dir;
-        VolumeWatchListener* listener = nullptr; ///< borrowed; null when the volume has none
+        VolumeWatchListener* listener = nullptr; ///< borrowed; nullptr when the volume has none
 
         bool isComplete() const { return listener != nullptr && !dir.empty(); }
     };
@@ -32,9 +32,10 @@ public:
     };
     static constexpr int none = PathIndex::none; ///< below every descriptor
 
-    /// Opens the inotify instance. Returns its descriptor, or a negative number.
+    /// Opens the inotify instance. Returns its descriptor, or a negative number when the system has none to give.
     int open();
-    /// The descriptor of the inotify instance, -1 when it is not open. Not for use while open() or close() runs.
+    /// The descriptor of the inotify instance, negative when it is not open. Reads without the mutex, so it must not be
+    /// called while open() or close() runs.
     int inotifyDescriptor() const { return inotifyFd; }
     /// Ends every watch, closes the inotify instance and forgets all entries and listeners.
     void close();
@@ -43,33 +44,34 @@ public:
     void addListener(const std::string& volume, VolumeWatchListener* listener);
     void removeListener(const std::string& volume);
 
-    /// Watches the folder, or gives a watch that it has already this path and volume. Returns the watch descriptor, or
-    /// what the kernel returned instead: then nothing has changed.
+    /// Watches the folder. A watch that the folder has already gets this path and volume. Returns the watch descriptor.
+    /// When the kernel gives none, returns the kernel's result (below 1), and nothing has changed.
     int add(const std::string& volume, const std::string& path);
-    /// Ends the watch of the path, the one with the lowest descriptor when there are several. Returns its descriptor, 0
-    /// when the path is not watched: then the entry of descriptor 0, if an event has made one, is forgotten.
+    /// Ends the watch of the path, the one with the lowest descriptor when there are several. Returns its descriptor,
+    /// or 0 when the path is not watched. In that case the entry of descriptor 0 is removed, if an event has made one.
     int remove(const std::string& path);
-    /// Makes an event without a name, by a watch on "/" that ends at once. Nothing happens when the kernel gives none.
+    /// Makes an event without a name, by a watch on "/" that ends at once. Does nothing when the kernel gives no watch.
     void makeEvent();
 
-    int count();
+    int count(); ///< the number of entries
     std::string pathOf(int descriptor);
     Target targetOf(int descriptor);
-    /// The watch with the lowest descriptor of the path; `none` as its descriptor when there is none.
+    /// The watch with the lowest descriptor among those of the path; its descriptor is `none` when the path has no
+    /// watch.
     Watch find(const std::string& path);
-    /// The path of the lowest descriptor that has one, empty when none has.
+    /// The path of the entry with the lowest descriptor among those with a path; empty when no entry has one.
     std::string firstPath();
 
 private:
     const WatchEntry& entryOf(int descriptor);
     void forget(int descriptor);
 
-    /// Guards everything below. It is held across the kernel call that belongs to a change of the entries, so that an
-    /// event never meets a descriptor that is not entered yet. Nothing is called with it but the kernel and `byPath`:
-    /// a listener walks, and a walk adds watches. Who also needs a volume's lock takes that one first.
+    /// Guards all fields below. A change of the entries holds it across the kernel call that belongs to the change, so
+    /// that an event never meets a descriptor without its entry. No listener is called with it held: a listener walks,
+    /// and a walk adds watches. A thread that also needs a volume's lock takes that lock first.
     std::mutex mutex;
     std::map<int, WatchEntry> entries;                     ///< by watch descriptor
-    PathIndex byPath { entries };                          ///< its paths
+    PathIndex byPath { entries };                          ///< finds an entry by its path
     std::map<std::string, VolumeWatchListener*> listeners; ///< by volume name; borrowed
-    int inotifyFd = -1; ///< written with the mutex; inotifyDescriptor() reads it without, see there
+    int inotifyFd = -1; ///< written with the mutex held; inotifyDescriptor() reads it without
 };

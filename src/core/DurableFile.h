@@ -2,6 +2,6 @@
 
 #include <string>
 
-/// Writes the bytes to the descriptor and down to the disk; false, with errno set, when any of them may not have
-/// arrived.
+/// Writes the bytes to the descriptor and syncs them to the disk. False, with errno set, when some of them may be
+/// missing there.
 bool writeDurably(int descriptor, const std::string& bytes);

@@ -2,10 +2,10 @@
 
 #include <unistd.h>
 
-/// Owns an open descriptor, which is closed with it.
+/// Owns an open descriptor and closes it at its own end.
 class FileDescriptor {
 public:
-    /// Takes what open() and its like have returned, failures included.
+    /// `opened`: the result of open() or a similar call. A negative one is a failure, and nothing is owned.
     explicit FileDescriptor(int opened)
         : descriptor(opened)
     {

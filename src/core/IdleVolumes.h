@@ -7,8 +7,9 @@
 #include <map>
 #include <string>
 
-/// Calls `action(manager)` for one volume after the other that is not being walked, until a stop is asked for. What
-/// goes wrong with one volume is logged and keeps no other from its turn.
+/// Calls `action(manager)` for each volume that is not being walked, in the order of their names, until a stop is
+/// requested. A failure of one volume is logged, and the next one follows. The caller holds no volume's lock. The main
+/// thread and the purge thread both call this, each with a map of its own.
 template <typename Action>
 void forEachIdleVolume(
     const std::map<std::string, VolumeManager*>& managers, const StopRequest& stopRequest, const Action& action)

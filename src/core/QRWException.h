@@ -9,8 +9,8 @@ public:
     explicit QRWException(const std::string& text);
     ~QRWException() override;
 
-    /// The message. Hides the virtual what() const of the base on purpose, which keeps its own text: only code that
-    /// catches a QRWException by name is meant to see the message.
+    /// The message. On purpose this hides the virtual what() const of the base and does not override it: only code that
+    /// catches a QRWException by its own type sees the message.
     const char* what();
 
 private:

@@ -24,6 +24,7 @@ Quarrow* Quarrow::getInstance()
 Quarrow::Quarrow()
     : config(QuarrowConfig::getInstance())
 {
+    // 1 on purpose: the first wait of run() returns at once, and log readers know the "Woke up too soon" that follows.
     sem_init(&semaphore, 0, 1);
 }
 
@@ -34,7 +35,7 @@ void Quarrow::start()
     if (!config->load())
         throw QRWException("Failed in reading the config file");
 
-    // Made here, while this is the only thread: the threads below share them.
+    // getInstance() has no lock. The threads that are started below share these objects, so they are made before.
     SignalObject::getInstance();
     VolumeContentManager::getInstance();
 
@@ -72,7 +73,9 @@ void Quarrow::run()
         syslog(LOG_LOCAL5 | LOG_INFO, "Going to sleep.\n");
         int waited;
         {
-            const ServedSignals open(ServedSignals::open); // the handlers run here, and nowhere else in this loop
+            // The handlers run here, and nowhere else in this loop. A signal between the opening and sem_wait() is not
+            // lost: its handler posts the semaphore, so the wait returns at once.
+            const ServedSignals open(ServedSignals::open);
             waited = sem_wait(&semaphore);
         }
         if (waited == 0)
@@ -81,7 +84,7 @@ void Quarrow::run()
             syslog(LOG_LOCAL5 | LOG_INFO, "Woke up after the sleep at %d.\n", static_cast<int>(std::time(nullptr)));
 
         const int elapsed = static_cast<int>(std::time(nullptr) - lastWalkTime);
-        if (elapsed <= 299) { // 300 whole seconds have to have passed; up to 299 of them are too few
+        if (elapsed <= 299) { // whole seconds: the next walk may begin once 300 have passed
             syslog(LOG_LOCAL5 | LOG_INFO, "Woke up too soon. Going back %d === %d\n", static_cast<int>(lastWalkTime),
                 elapsed);
             continue;
@@ -101,7 +104,7 @@ void Quarrow::walkIdleVolumes(time_t& lastWalkTime)
 
 void Quarrow::stop()
 {
-    // First of all, so that a walk on the watcher thread ends at its next folder instead of holding up the join.
+    // First of all: VolumeWatcher::stop() joins the watcher thread, and a walk on it ends early only by this request.
     for (const auto& entry : managers) {
         if (entry.second != nullptr)
             entry.second->requestStop();

@@ -11,28 +11,30 @@
 class VolumeManager;
 
 /// The daemon: owns one volume manager per configured volume, starts and stops everything, and runs the control loop
-/// that walks the volumes again. All operations belong to the main thread; its signal handlers call stop() and
-/// wakeupThread() in place, while the loop is at rest.
+/// that walks the volumes again. Every operation is called on the main thread, without any lock. The signal handlers
+/// call stop() and wakeupThread() in place, on that thread as well: main() lets signals in only while it waits.
 class Quarrow {
 public:
-    /// First called on the main thread before other threads exist.
+    /// The daemon of the process. The first call makes it: on the main thread, before other threads exist.
     static Quarrow* getInstance();
 
     Quarrow();
 
     /// Reads the host configuration, starts the watcher, every volume's first walk and the purge thread. A volume that
-    /// cannot be initialised is logged and left out. Throws QRWException when already started, or, with nothing
-    /// started, when the configuration cannot be used.
+    /// cannot be initialised is logged and left out. Throws QRWException when already started. Throws QRWException when
+    /// the configuration cannot be used, and a bare `const char*` when there is no inotify instance: nothing has been
+    /// started then.
     void start();
 
-    /// The control loop: sleeps until wakeupThread(), then walks and purges every idle volume, at most every 300
-    /// seconds. Returns after stop().
+    /// The control loop: waits for wakeupThread(), then walks and purges every idle volume, at most every 300 seconds.
+    /// Returns after stop().
     void run();
 
-    /// Stops every thread, closes every catalogue and ends run(). Harmless before start() and when repeated.
+    /// Stops every thread, closes every catalogue and lets run() return. Harmless when repeated, or after a start()
+    /// that started nothing.
     void stop();
 
-    /// Wakes the control loop.
+    /// Lets one wait of the control loop return.
     void wakeupThread();
 
 private:
@@ -41,9 +43,9 @@ private:
 
     static Quarrow* instance;
 
-    sem_t semaphore;
+    sem_t semaphore; ///< what the control loop waits on
     bool started = false;
-    StopRequest stopRequest;
+    StopRequest stopRequest;                        ///< ends the control loop
     std::map<std::string, VolumeManager*> managers; ///< owned
     QuarrowConfig* config;
 };

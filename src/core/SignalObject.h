@@ -5,18 +5,20 @@
 /// The process-wide semaphore that wakes the purge thread. It counts: every notify() lets one wait() return.
 class SignalObject {
 public:
-    /// First called on the main thread before other threads exist.
+    /// The semaphore of the process. The first call makes it: on the main thread, before other threads exist.
     static SignalObject* getInstance();
 
-    /// The count starts at 1, so that the first wait() returns at once: the purge thread looks round when it starts.
+    /// The count starts at 1 on purpose: the purge thread's first wait() returns at once, so that it looks for due
+    /// purges when it starts.
     SignalObject();
     virtual ~SignalObject();
     SignalObject(const SignalObject&) = delete;
     SignalObject& operator=(const SignalObject&) = delete;
 
-    /// The result of sem_post().
+    /// Adds 1 to the count. Returns the result of sem_post(). Any thread.
     int notify();
-    /// The result of sem_wait(): not 0 when a signal interrupted it.
+    /// Waits until the count is above 0 and takes 1 from it. Returns the result of sem_wait(): not 0 when a signal
+    /// interrupted the wait. Any thread.
     int wait();
 
 private:

@@ -2,14 +2,14 @@
 
 #include <atomic>
 
-/// Whether somebody's work is to end. The main thread makes the request, and takes it back; any thread asks.
+/// A flag that asks work to end. In the daemon the main thread makes the request and takes it back. Any thread may ask.
 class StopRequest {
 public:
     void make() { made = true; }
     void takeBack() { made = false; }
     bool isMade() const { return made; }
-    /// Whether it is made, or a SIGTERM waits to be served: the main thread may be waiting for the end of the very work
-    /// that asks. A system call.
+    /// True also while a SIGTERM is pending. The main thread cannot serve SIGTERM, and so not make the request, as long
+    /// as it does this work itself or waits for it. Costs a system call, so it is not for the innermost loops.
     bool isMadeOrPending() const;
 
 private:

@@ -23,7 +23,7 @@ void VolumeContentManager::start()
 {
     if (!stopRequest.isMade())
         threadStarted = pthread_create(&thread, nullptr, start_thread, this) == 0;
-    stopRequest.takeBack();
+    stopRequest.takeBack(); // on purpose also when no thread was started, see the header
 }
 
 void VolumeContentManager::stop()
@@ -50,11 +50,11 @@ void VolumeContentManager::run()
 {
     blockAllSignals();
     while (!stopRequest.isMade()) {
-        SignalObject::getInstance()->wait(); // a count, not an event: a notify() during a pass is not lost
+        SignalObject::getInstance()->wait(); // counts: a notify() during a pass is not lost
         if (!stopRequest.isMade())
             purgeIdleVolumes();
     }
-    pthread_exit(nullptr); // unwinds by force: a catch (...) above it would abort the daemon
+    pthread_exit(nullptr); // unwinds by force, so a catch (...) above it would abort the daemon
 }
 
 void VolumeContentManager::purgeIdleVolumes()

@@ -15,7 +15,7 @@
 
 bool isOwnUser(uid_t user) { return user == 0 || user == geteuid(); }
 
-/// The path of an open file, without links. Where the process file system is missing, that of what is at `path` now.
+/// The path of an open file, without links. Where /proc is missing, the resolved path of what is at `path` now.
 static std::string pathOf(const FileDescriptor& file, const std::string& path)
 {
     char buffer[PATH_MAX];
@@ -26,11 +26,11 @@ static std::string pathOf(const FileDescriptor& file, const std::string& path)
     return realpath(path.c_str(), buffer) != nullptr ? buffer : std::string();
 }
 
-/// What is at a path below an open folder, for looking at it only, as open() returns it. Links of the daemon's own
-/// users at the path's end are followed.
+/// A descriptor, for looking only, of what is at a path below an open folder; -1 with errno set on failure. A link at
+/// the path's end is followed when a trusted user made it.
 static int findFollowingOwnLinks(int folder, std::string path)
 {
-    constexpr int mostLinks = 8;
+    constexpr int mostLinks = 8; // links may form a cycle
     for (int links = 0; links < mostLinks; ++links) {
         const int entry = openat(folder, path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
         struct stat64 status;
@@ -52,7 +52,7 @@ std::string resolveOwnLinks(const std::string& path, LinkedFile linked)
 {
     std::string folderPath = HeldFolder::folderOf(path);
     if (folderPath.length() > 1)
-        folderPath.pop_back(); // with the slash a link would be followed unseen
+        folderPath.pop_back(); // a slash at the end would make the kernel follow a link unseen
     const FileDescriptor folder(findFollowingOwnLinks(AT_FDCWD, folderPath));
     if (!folder.isOpen())
         return {};
@@ -65,7 +65,7 @@ std::string resolveOwnLinks(const std::string& path, LinkedFile linked)
     return errno == ENOENT ? kept : std::string();
 }
 
-/// Folder by folder, for a kernel or a sandbox that does not know openat2().
+/// Opens folder by folder, for a kernel or a sandbox without openat2().
 static int openStepByStep(int start, const char* path, int flags, mode_t mode)
 {
     int folder = openat(start, *path == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -109,7 +109,7 @@ int openWithoutLinksBelow(int folder, const char* path, int flags, mode_t mode)
     how.mode = (flags & O_CREAT) != 0 ? mode : 0;
     how.resolve = RESOLVE_NO_SYMLINKS;
     const int descriptor = static_cast<int>(syscall(SYS_openat2, folder, path, &how, sizeof how));
-    // A sandbox may refuse the call with either: systemd does so to keep set-uid files from being made.
+    // A kernel before 5.6 or a sandbox refuses the call: systemd's RestrictSUIDSGID= does, with one or the other error.
     return descriptor < 0 && (errno == ENOSYS || errno == EPERM) ? openStepByStep(folder, path, flags, mode)
                                                                  : descriptor;
 }

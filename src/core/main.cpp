@@ -23,7 +23,7 @@ void qrw_usr1_handler(int)
     syslog(LOG_LOCAL5 | LOG_INFO, "Done with usr1 signal\n");
 }
 
-/// SIGTERM: stop. The whole shut-down happens here; the control loop returns once this does.
+/// SIGTERM: stop. The whole shut-down happens in here. The control loop returns after it.
 void qrw_term_handler(int)
 {
     const ServedSignals blocked(ServedSignals::block);
@@ -32,8 +32,8 @@ void qrw_term_handler(int)
     syslog(LOG_LOCAL5 | LOG_INFO, "Done with the stop\n");
 }
 
-/// signal() leaves it to the C library whether a wait goes on after the handler; the control loop tells one from the
-/// other.
+/// Makes waits go on after the signal's handler. With signal() alone that depends on the C library, and the control
+/// loop logs an interrupted wait differently.
 static void restartWaitsAfter(int number)
 {
     struct sigaction action;
@@ -42,7 +42,8 @@ static void restartWaitsAfter(int number)
     sigaction(number, &action, nullptr);
 }
 
-/// A daemon may be started without these; a catalogue opened as descriptor 1 would then receive the progress lines.
+/// Opens descriptors 0 to 2 where they are closed. Otherwise a catalogue could become descriptor 1 and receive the
+/// progress lines.
 static void openStandardDescriptors()
 {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
@@ -51,9 +52,9 @@ static void openStandardDescriptors()
     }
 }
 
-/// Nobody may be reading what the daemon prints. Once a pipe was full, a walk would wait for its reader with the
-/// volume's lock and a transaction; instead lines are lost. Opened anew, since the flag is shared with whoever else has
-/// the same open file; a socket cannot be.
+/// Makes printing lose lines rather than wait. When a pipe is full and nobody reads it, a walk would otherwise wait
+/// while it holds the volume's lock and a transaction. The output is opened anew, because O_NONBLOCK counts for every
+/// process that shares the open file. A socket cannot be opened anew, so its shared flag is set.
 static void neverWaitForReaders()
 {
     for (const int descriptor : { STDOUT_FILENO, STDERR_FILENO }) {
@@ -71,8 +72,8 @@ static void neverWaitForReaders()
     }
 }
 
-/// A sleep of 60 seconds that lets the served signals in, in one step with the waiting: one that came between opening
-/// the mask and falling asleep would be slept through.
+/// Sleeps for 60 seconds or until a served signal was handled. ppoll() opens the mask and begins to wait in one step: a
+/// signal between the two would be handled before the sleep, which would then last its full time.
 static void sleepWithSignalsOpen()
 {
     const sigset_t mask = maskWithServedSignalsOpen();
@@ -92,13 +93,13 @@ int main(int argc, char** argv)
     pthread_sigmask(SIG_BLOCK, &served, nullptr);
     neverWaitForReaders();
     setUpSqliteForDaemon();
-    Quarrow::getInstance();
+    Quarrow::getInstance(); // before its handlers, and before there are other threads
     signal(SIGTERM, qrw_term_handler);
     signal(SIGUSR1, qrw_usr1_handler);
     restartWaitsAfter(SIGTERM);
     restartWaitsAfter(SIGUSR1);
-    signal(SIGPIPE, SIG_IGN); // whoever reads the progress lines may go away
-    signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a failed write, as on a full volume
+    signal(SIGPIPE, SIG_IGN); // the reader of the progress lines may go away
+    signal(SIGXFSZ, SIG_IGN); // writing beyond the size limit then fails, as on a full volume
     syslog(LOG_LOCAL5 | LOG_INFO, "================\n");
     try {
         Quarrow::getInstance()->start();
@@ -107,5 +108,5 @@ int main(int argc, char** argv)
     } catch (QRWException& e) {
         syslog(LOG_LOCAL5 | LOG_ERR, "%s\n", e.what());
     }
-    exit(0);
+    exit(0); // also when the start failed, on purpose: whoever starts the daemon knows no other status
 }

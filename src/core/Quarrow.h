@@ -30,8 +30,8 @@ public:
     /// Returns after stop().
     void run();
 
-    /// Stops every thread, closes every catalogue and lets run() return. Harmless when repeated, or after a start()
-    /// that started nothing.
+    /// Stops every thread, closes every catalogue and lets run() return. Harmless before start() and when
+    /// repeated.
     void stop();
 
     /// Lets one wait of the control loop return.

@@ -11,7 +11,9 @@
 
 #include <exception>
 
-static constexpr unsigned directoryBit = 0x4000; // alone, not the whole type field: what has it counts as a folder
+/// This one bit, not the whole type field, on purpose: sockets and block devices have it too, and one in a folder's
+/// place counts as a folder that cannot be read.
+static constexpr unsigned directoryBit = 0x4000;
 
 EntryChecks::EntryChecks(const VolumeAccess& access)
     : volume(access)
@@ -34,12 +36,12 @@ bool EntryChecks::checkFolder(const std::string& path, const std::string& startP
     }
 }
 
-/// What the administrator has configured may be a link. Below it none is followed: a user of the volume may have put
-/// one in a folder's place, also in that of a folder whose change is being looked at.
+/// False when there is no folder at the path. A configured path may be a link. Below it no link is followed, because a
+/// user of the volume may have put one in the place of any folder.
 bool EntryChecks::findFolderOnDisk(const std::string& path, bool isStart, struct stat64& status) const
 {
     const bool mayBeLink = isStart || path == volume.paths.root();
-    // lstat() shows a link for what it is: it lacks the directory bit.
+    // lstat() describes the link itself, which lacks the directory bit.
     if ((mayBeLink ? stat64(path.c_str(), &status) : lstat64(path.c_str(), &status)) != 0)
         return false;
     return (status.st_mode & directoryBit) != 0;
@@ -60,15 +62,15 @@ void EntryChecks::updateFolderRow(
         folder.setModified_time(storedTime(status.st_mtime));
     }
     if (isStray)
-        volume.dbManager->insertIndividualFolder(folder); // of a row that is there it writes times and parent
+        volume.dbManager->insertIndividualFolder(folder); // writes the times and the parent of the existing row
     else if (exists)
         volume.dbManager->updateFolder(folder);
-    else // nothing is above the volume's own row
+    else // the volume's own row is a root in every walk: no folder is above it
         volume.dbManager->insertFolder(folder, isStart || path == volume.paths.root());
 }
 
-/// Whether the live row, of no start folder, hangs on nothing though the folder above it has a live row, which then
-/// becomes its parent in the record. Nothing else would ever correct or delete such a row.
+/// True for a row whose parent_id is -1 although it is no start folder and the folder above it has a live row. That
+/// row's id is then put into the record as the parent. Nothing but a full walk corrects or deletes such a row.
 bool EntryChecks::findParentOfStray(const std::string& path, DBFolder& folder) const
 {
     if (folder.getParent_id() != -1 || path == volume.paths.root() || volume.paths.isCrawlPath(path))

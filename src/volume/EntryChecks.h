@@ -8,16 +8,17 @@ class DBFolder;
 struct VolumeAccess;
 
 /// Compares the row of one entry with the disk and writes it when it is missing or differs. The caller holds the
-/// volume's lock. Both operations log a failure of the catalogue, unless a stop is the reason, and throw nothing for
-/// it.
+/// volume's lock. A failure of the catalogue is logged, unless a stop is requested, and gives false: it is not thrown.
 class EntryChecks {
 public:
     /// `access` outlives the object.
     explicit EntryChecks(const VolumeAccess& access);
 
-    /// True when the folder's row is there and up to date; false for what is no folder and on failure.
+    /// `path` and `startPath` are absolute; `startPath` is where the walk began. True when the folder's row is live and
+    /// up to date now. False when the path is no folder, and when the catalogue failed.
     bool checkFolder(const std::string& path, const std::string& startPath, bool isRootWalk) const;
-    /// True when the file's row is there and up to date; false for what is gone and on failure.
+    /// `fullPath` is absolute. True when the file's row is live and up to date now. False when the file is gone or a
+    /// link has taken its place, and when the catalogue failed.
     bool checkFile(const std::string& fileName, const std::string& fullPath) const;
 
 private:

@@ -16,7 +16,7 @@
 
 namespace {
 
-/// The record by which the catalogue knows an entry of a watched folder.
+/// A record with the name and the volume-relative path of an entry.
 DBFile fileAt(const VolumePaths& paths, const std::string& dir, const std::string& entryName)
 {
     DBFile file;
@@ -25,7 +25,7 @@ DBFile fileAt(const VolumePaths& paths, const std::string& dir, const std::strin
     return file;
 }
 
-/// Calls `change(status)` under the volume's lock when there is such a file on disk.
+/// Takes the volume's lock and calls `change(status)` when the file is on the disk.
 template <typename Change>
 void withFileOnDisk(const VolumeAccess& volume, const std::string& dir, const char* entryName, const Change& change)
 {
@@ -67,7 +67,7 @@ void VolumeManager::handleModifyFile(std::string& dir, const char* entryName)
             DBFile file = fileAt(paths(), dir, entryName);
             if (dbManager->fileExists(file))
                 updateIfChanged(*dbManager, file, status);
-            else // Not inserted, on purpose: the next walk of its folder does that.
+            else // Not inserted, on purpose: the next walk of the folder inserts it.
                 syslog(LOG_LOCAL5 | LOG_ERR, "There is an error condition here for %s %s\n", dir.c_str(), entryName);
         } catch (const std::exception&) {
             if (!stopRequest.isMadeOrPending())
@@ -100,7 +100,7 @@ void VolumeManager::handleMoveFile(std::string& fromDir, const char* fromName, s
                 oldPath.c_str(), newFull.c_str());
         }
     } catch (const std::exception&) {
-        // One path of the volume and one of the disk, on purpose: the pair that the line above shows as well.
+        // A volume-relative path and an absolute one, on purpose, as in the line above: log readers know the pair.
         if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving the file %s to %s\n", oldPath.c_str(), newFull.c_str());
     }

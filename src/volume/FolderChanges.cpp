@@ -18,7 +18,7 @@
 
 namespace {
 
-/// Writes the row of a folder that is on disk; `folder` has its path.
+/// Updates or inserts the row of a folder that is on the disk. `folder` has the path. The caller holds the lock.
 void updateOrInsert(VolumeDBManager& dbManager, DBFolder& folder, const struct stat64& status)
 {
     const bool exists = dbManager.folderExists(folder);
@@ -31,7 +31,8 @@ void updateOrInsert(VolumeDBManager& dbManager, DBFolder& folder, const struct s
     }
 }
 
-/// Both records have their paths, `newFolder` the modified time too.
+/// Moves the rows of `oldFolder`, or inserts `newFolder` when the catalogue does not know the old one. Both records
+/// have their paths, and `newFolder` has its modification time. The caller holds the lock.
 void moveOrInsert(
     VolumeDBManager& dbManager, DBFolder& oldFolder, DBFolder& newFolder, const char* toName, time_t createdTime)
 {
@@ -43,6 +44,7 @@ void moveOrInsert(
     } else {
         syslog(LOG_LOCAL5 | LOG_INFO, "The old folder %s does not exist. So treating the move as a new folder\n",
             oldPath.c_str());
+        // The blank after the path is missing on purpose: readers of the output know the line so.
         std::printf("The old folder %sdoes not exist. So treating the move as a new folder\n", oldPath.c_str());
         newFolder.setCreated_time(storedTime(createdTime));
         dbManager.insertFolder(newFolder, false);
@@ -59,7 +61,7 @@ void VolumeManager::handleChangeFolder(std::string& path)
     const bool found = paths().isCrawlPath(path);
     syslog(
         LOG_LOCAL5 | LOG_INFO, "Going to walk %s in handleChangeFolder and found is %d\n", path.c_str(), found ? 1 : 0);
-    // A copy, because a caller may pass the watcher's own string, which the walk changes when it adds watches.
+    // A copy: the string belongs to the caller, and the walk refers to its start path until it ends.
     std::string startPath = path;
     walk(startPath, found);
 }
@@ -79,7 +81,7 @@ void VolumeManager::handleNewFolder(std::string& dir, const char* entryName)
             folder.setPath(paths().relative(full));
             updateOrInsert(*dbManager, folder, status);
         }
-        walk(full, false); // catalogues and watches what it brought; takes the lock itself
+        walk(full, false); // catalogues and watches the folder's content; takes the lock itself
     } catch (const std::exception&) {
         if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in updating/inserting of the folder %s\n", entryName);
@@ -108,7 +110,7 @@ void VolumeManager::handleMoveFolder(std::string& fromDir, const char* fromName,
             newFolder.setModified_time(storedTime(status.st_mtime));
             moveOrInsert(*dbManager, oldFolder, newFolder, toName, status.st_ctime);
         }
-        walk(newFull, false); // also tells the watches below the folder their new paths
+        walk(newFull, false); // also gives the watches below the folder their new paths; takes the lock itself
     } catch (const std::exception&) {
         if (!stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in moving folder %s to %s\n", fromName, toName);
@@ -124,9 +126,9 @@ void VolumeManager::handleDeleteFolder(std::string& dir, const char* entryName)
     try {
         DBFolder folder;
         folder.setPath(paths().relative(full));
-        // Half of a removal would leave live rows below deleted ones for ever.
+        // One transaction: half of a removal would leave live rows below deleted ones.
         Transaction transaction(*dbManager);
-        dbManager->deleteFolder(folder); // does nothing for a folder that the catalogue does not know
+        dbManager->deleteFolder(folder); // does nothing when the catalogue does not know the folder
         transaction.commit();
     } catch (const std::exception&) {
         if (!stopRequest.isMadeOrPending())

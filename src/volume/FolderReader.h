@@ -10,16 +10,17 @@ bool IsDotOrDotDot(const char* name);
 /// The entries of one folder on disk, without "." and "..".
 class FolderReader {
 public:
-    /// `configuredPath` is the path or one above it; below it no link is followed, see openFolder().
+    /// Opens the folder at `path`. `configuredPath` is that path or one above it; below it no link is followed, see
+    /// openFolder().
     FolderReader(const std::string& path, const std::string& configuredPath);
     ~FolderReader();
     FolderReader(const FolderReader&) = delete;
     FolderReader& operator=(const FolderReader&) = delete;
 
     bool isOpen() const { return directory != nullptr; }
-    /// The next entry, valid until the next call; nullptr at the end and after a failure.
+    /// The next entry, valid until the next call; nullptr at the end and after a failure. Only while isOpen().
     const dirent* next();
-    /// Whether reading ended before the end of the folder: what was not listed may exist all the same.
+    /// Whether reading failed before the end of the folder. Entries that were not listed may exist then.
     bool hasFailed() const { return failed; }
 
 private:

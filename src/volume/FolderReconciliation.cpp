@@ -25,8 +25,8 @@ long elapsedMillis(const timeval& from)
     return (now.tv_sec - from.tv_sec) * 1000 + (now.tv_usec - from.tv_usec) / 1000;
 }
 
-/// The records with their keys, in byte order of the keys. Not by the records' own operator <, which is a <= and would
-/// make std::sort read past the end.
+/// The records with their keys, in byte order of the keys. The records' own operator < is not used: it is a <=, with
+/// which std::sort would read past the end.
 template <typename Record, typename Key>
 auto sortedBy(const std::list<Record>& records, Key key)
 {
@@ -52,12 +52,12 @@ FolderReconciliation::FolderReconciliation(const VolumeAccess& access, const Ent
 
 void FolderReconciliation::run(const Transaction& transaction)
 {
-    counters = Counters(); // only here: a folder that does not come this far repeats the last one's figures
+    counters = Counters(); // only here, on purpose: a folder that is not listed logs the figures of the one before
     DBFolder folder;
     listCatalogue(folder);
     transaction.requireOpen();
 
-    // The watch before the read: an entry that is born between the two is read or reported, if not both.
+    // The watch comes before the read: an entry that is made between the two is then read, reported, or both.
     std::string watched = path;
     VolumeWatcher::getInstance()->addDirectoryToWatch(volume.name, watched);
     if (!listDisk(folder))
@@ -69,7 +69,7 @@ void FolderReconciliation::run(const Transaction& transaction)
     mergeFolders();
 }
 
-/// Without the lists, or one of them, the walk goes on: everything on disk then counts as new.
+/// When a list cannot be had, the walk goes on without it: everything on the disk then counts as new.
 void FolderReconciliation::listCatalogue(DBFolder& folder)
 {
     timeval start;
@@ -84,28 +84,29 @@ void FolderReconciliation::listCatalogue(DBFolder& folder)
         if (!volume.stopRequest.isMadeOrPending())
             syslog(LOG_LOCAL5 | LOG_ERR, "Error in getting the file/folder list for %s\n", path.c_str());
     }
-    // Whole milliseconds and a half: 1500 of them are long enough already.
+    // The 0.5 makes the line appear from 1500 whole milliseconds on, not from 1501: log readers know that limit.
     if (static_cast<double>(elapsedMillis(start)) + 0.5 > 1500.0)
         syslog(LOG_LOCAL5 | LOG_INFO, "Taking some time for %s as list are file=%d folder=%d\n", path.c_str(),
             static_cast<int>(cataloguedFiles.size()), static_cast<int>(cataloguedFolders.size()));
 }
 
-/// False when the folder could not be read to its end: what it did not list is then not known to be gone.
+/// False when the folder could not be read to its end: entries that were not listed may exist then.
 bool FolderReconciliation::listDisk(DBFolder& folder)
 {
     FolderReader reader(path, configuredPath);
     if (!reader.isOpen())
         return false;
-    while (!volume.stopRequest.isMade()) { // here and below not isMadeOrPending(): that is a system call per entry
+    while (!volume.stopRequest.isMade()) { // not isMadeOrPending(), here and below: a system call for each entry
         const dirent* entry = reader.next();
         if (entry == nullptr)
             break;
-        // The type that the folder itself gives, never stat(): links, devices and what has no type are no media.
+        // Only the type that the folder gives counts, on purpose, and stat() is never asked: links, devices and entries
+        // without a type are not catalogued.
         if (entry->d_type == DT_DIR) {
             const std::string& full = subfolderPaths.emplace_back(path + "/" + entry->d_name);
             diskFolders.push_back(volume.paths.relative(full));
-            // The row itself is of no use here. But the look-up throws when the catalogue fails by now, and the folder
-            // is undone before anything of it is taken for gone.
+            // The extra look-up for each subfolder stays, on purpose, though its result is not used: it throws when the
+            // catalogue has begun to fail, so the folder is undone before anything in it is taken for gone.
             volume.dbManager->folderExists(folder);
         } else if (entry->d_type == DT_REG) {
             diskFiles.emplace_back(entry->d_name);
@@ -136,8 +137,8 @@ void FolderReconciliation::mergeFolders()
 {
     const auto known = sortedBy(cataloguedFolders, [](const DBFolder& folder) { return folder.getPath(); });
     auto disk = diskFolders.begin();
-    // Ends with the catalogue's list, on purpose: new folders that sort after all of it are not counted. A new folder
-    // gets its row when its own turn in the queue comes.
+    // The loop ends with the catalogue's list, on purpose: log readers know that new folders behind it are not counted.
+    // Nothing is written for a new folder here. It gets its row when its turn in the queue comes.
     for (auto row = known.begin(); !volume.stopRequest.isMade() && row != known.end();) {
         if (disk == diskFolders.end() || *disk > row->first) {
             removeVanishedFolder(*row++->second);

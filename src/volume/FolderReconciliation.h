@@ -11,9 +11,11 @@ class EntryChecks;
 class Transaction;
 struct VolumeAccess;
 
-/// Brings the rows of one folder's entries in line with the disk, once. The folder's own row is there already.
+/// Brings the rows of one folder's entries in line with the disk. The folder's own row must be there already. An object
+/// is used for one run().
 class FolderReconciliation {
 public:
+    /// How many entries of a folder were new and gone. New folders are counted only before a catalogued one.
     struct Counters {
         int addFileCount = 0;
         int deleteFileCount = 0;
@@ -21,19 +23,20 @@ public:
         int deleteFolderCount = 0;
     };
 
-    /// The arguments outlive the object. `folder` is absolute; below `configuredAbove`, the same or a path above it, no
-    /// link is followed. `shown` become those of this folder as soon as run() begins.
+    /// The arguments outlive the object. `folder` is absolute. `configuredAbove` is the same path or one above it;
+    /// below it no link is followed. run() sets `shown` to 0 and then counts in it.
     FolderReconciliation(const VolumeAccess& access, const EntryChecks& checks, const std::string& folder,
         const std::string& configuredAbove, Counters& shown);
 
-    /// Lists the folder in the catalogue, watches it, reads it from disk and writes the difference, in the caller's
-    /// transaction and under the volume's lock, which it holds. A folder that cannot be read to its end stays as it is,
-    /// and so does what a stop comes before. Throws DBOperationException: the transaction is then to be given up.
+    /// Lists the folder in the catalogue, watches it, reads it from the disk and writes the differences. The caller
+    /// holds the volume's lock and has begun the transaction. Nothing is written when the folder cannot be read to its
+    /// end. A stop ends the work early; what was written until then is right. Throws DBOperationException when the
+    /// catalogue fails: the caller then rolls the transaction back.
     void run(const Transaction& transaction);
 
-    /// The folders that were read so far, also when run() failed: absolute, in the order of the disk.
+    /// The absolute paths of the subfolders that run() has read, in the order of the disk. Also after a failure.
     std::vector<std::string>& subfolders() { return subfolderPaths; }
-    /// How many files were read so far.
+    /// The number of files that run() has read. Also after a failure.
     int filesOnDisk() const { return static_cast<int>(diskFiles.size()); }
 
 private:
@@ -55,5 +58,5 @@ private:
     std::list<DBFolder> cataloguedFolders;
     std::vector<std::string> diskFiles;      ///< names
     std::vector<std::string> diskFolders;    ///< volume-relative paths
-    std::vector<std::string> subfolderPaths; ///< the same folders
+    std::vector<std::string> subfolderPaths; ///< absolute paths of the same folders
 };

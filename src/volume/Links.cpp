@@ -7,13 +7,14 @@
 
 #include <cerrno>
 
-/// The folder in `start` that is there without following a link; -1 with errno set, ELOOP or ENOTDIR for a link.
+/// Opens a folder below `start` without following a link. -1 with errno set on failure, ELOOP or ENOTDIR for a link.
 static int openBelow(int start, const std::string& relativePath, int flags)
 {
     return openWithoutLinksBelow(start, relativePath.c_str(), flags | O_DIRECTORY | O_CLOEXEC);
 }
 
-/// One folder after the other, which takes long in a deep tree: for what cannot be opened, a link or something else.
+/// Looks at one folder after the other, which takes long in a deep tree. So it is used only where the path cannot be
+/// opened, for a link or for another reason.
 static bool hasLinkBetween(const std::string& path, const std::string& configuredPath)
 {
     std::string::size_type slash = configuredPath.length();

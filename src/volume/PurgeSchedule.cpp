@@ -12,6 +12,6 @@ bool PurgeSchedule::isDue(int now, int recorded) const
 
 int PurgeSchedule::timeToRecord(int now) const
 {
-    // Not `now`, on purpose: isDue() adds the threshold twice, so the next purge falls due one threshold from here.
+    // Not `now`, on purpose: isDue() adds the threshold twice, so the next purge is due one threshold from now.
     return static_cast<int>(static_cast<unsigned>(now) - threshold);
 }

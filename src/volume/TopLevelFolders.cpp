@@ -34,9 +34,9 @@ void TopLevelFolders::removeAllBut(const std::list<std::string>& crawlPaths) con
     }
 }
 
-/// Without crawl paths the volume's own row alone hangs on nothing. A burst that looks at a folder before the one above
-/// it is back makes another such row. The walk has hung those on their parents that it came by, see EntryChecks; but of
-/// a folder that is gone only this takes notice.
+/// Without crawl paths only the volume's own row should have no parent. A burst can add another one: it handles a
+/// folder that came back before the folder above it. The walk gives such a folder its parent, see EntryChecks. When the
+/// folder is gone no walk comes by it, and this is the only place that marks it deleted.
 void TopLevelFolders::removeStrays() const
 {
     bool removed = false;
@@ -69,7 +69,7 @@ void TopLevelFolders::remove(const DBFolder& folder) const
     removed.setPath(folder.getPath());
     const FairLock held(volume.door, volume.lock);
     try {
-        // Half of a removal would leave live rows below deleted ones for ever.
+        // One transaction: half of a removal would leave live rows below deleted ones.
         Transaction transaction(*volume.dbManager);
         volume.dbManager->deleteFolder(removed);
         transaction.commit();
@@ -78,8 +78,8 @@ void TopLevelFolders::remove(const DBFolder& folder) const
     }
 }
 
-/// Whether nothing is at a path of the volume any more, or something that is no folder. Not when the volume itself is
-/// missing: it may come back.
+/// True when there is no folder at the path any more. False while the volume itself is missing, because it may come
+/// back.
 bool TopLevelFolders::isGone(const std::string& relativePath) const
 {
     struct stat64 status;

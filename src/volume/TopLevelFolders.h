@@ -6,18 +6,20 @@
 class DBFolder;
 struct VolumeAccess;
 
-/// The folders whose row hangs on nothing: start folders of a full walk, former ones, and strays. Walk thread only. All
-/// operations take the volume's lock as long as they need the catalogue, so the caller does not hold it, and end early
-/// when a stop is asked for. Throw DBOperationException when the folders cannot be listed; one that cannot be removed
-/// is logged and left.
+/// The folders whose row has the parent_id -1: start folders of a full walk, former start folders, and strays. Used on
+/// the walk thread. The operations take the volume's lock for each piece of work, so the caller does not hold it. They
+/// end early when a stop is requested. They throw DBOperationException when the folders cannot be listed. A folder that
+/// cannot be removed is logged and stays.
 class TopLevelFolders {
 public:
     /// `access` outlives the object.
     explicit TopLevelFolders(const VolumeAccess& access);
 
-    /// Marks deleted every top-level folder that is none of the crawl paths, with everything below it.
+    /// Marks every top-level folder deleted that is not one of the crawl paths, with everything below it: one
+    /// transaction for each.
     void removeAllBut(const std::list<std::string>& crawlPaths) const;
-    /// For a volume without crawl paths, after its walk: marks deleted the top-level folders that are gone from disk.
+    /// For a volume without crawl paths, after its walk. Marks the top-level folders deleted that are gone from the
+    /// disk.
     void removeStrays() const;
 
 private:

@@ -38,9 +38,9 @@ void TreeWalk::run()
             continue;
         if (++foldersProcessed % 1000 == 0)
             syslog(LOG_LOCAL5 | LOG_INFO, "Processed %d folders\n", foldersProcessed);
-        // One folder at a time, so that the purge and the handlers get their turn.
+        // For one folder at a time, so that the purge and the handlers get their turn.
         const FairLock held(volume.door, volume.lock);
-        // Whatever kept the catalogue from it at the last try, a reader perhaps, may be gone.
+        // Tried again with each folder: what prevented it the last time, such as a reader, may be gone.
         volume.dbManager->useWriteAheadLog();
         visit(path);
     }
@@ -59,8 +59,8 @@ void TreeWalk::visit(const std::string& path)
     FolderReconciliation reconciliation(volume, entryChecks, path, configuredPath, counters);
     const FolderResult result = walkFolder(path, reconciliation);
     filesSeen += reconciliation.filesOnDisk();
-    // The subfolders of a folder that was undone are walked all the same, unless its own row is gone with the rest:
-    // theirs would then hang on -1, and no later walk would put that right.
+    // The subfolders of a folder that was undone are walked all the same. They are not when the folder's own row was
+    // undone with the rest: without a row above them theirs would get the parent_id -1.
     if (result == FolderResult::leftOut || (result == FolderResult::undone && !isCatalogued(path)))
         return;
     for (std::string& subfolder : reconciliation.subfolders())

@@ -7,24 +7,25 @@
 #include <queue>
 #include <string>
 
-/// One walk of the tree at a start folder, breadth first: brings the catalogue in line with it and watches every folder
-/// in it.
+/// One walk of the tree at a start folder, breadth first: brings the catalogue in line with the tree and watches every
+/// folder in it. Used on the walk thread and, for one changed folder, on the thread that reports the change. Two walks
+/// of one volume may run at the same time; they take turns folder by folder.
 class TreeWalk {
 public:
-    /// `start` is absolute and outlives the object. `makesRoot`: a row made for it becomes a root.
+    /// `start` is absolute and outlives the object. With `makesRoot` a new row for the start folder becomes a root.
     TreeWalk(const VolumeAccess& access, const std::string& start, bool makesRoot);
     TreeWalk(const TreeWalk&) = delete;
     TreeWalk& operator=(const TreeWalk&) = delete;
 
-    /// Takes the volume's lock folder by folder; the caller does not hold it. Ends early when a stop is asked for. What
-    /// a folder throws undoes that folder alone.
+    /// Takes the volume's lock folder by folder, so the caller does not hold it. Ends early when a stop is requested. A
+    /// std::exception in the work on a folder undoes and logs that folder, and the walk goes on.
     void run();
 
 private:
     enum class FolderResult {
         walked,
-        leftOut, ///< it is gone or behind a link, or its own row could not be written: nothing in it was looked at
-        undone   ///< it failed half-way: the catalogue has it as before, what was read of it is known
+        leftOut, ///< the folder is gone, is behind a link, or its row could not be written: its content was not read
+        undone   ///< it failed half-way and was rolled back; the subfolders that were read are known
     };
 
     void visit(const std::string& path);
@@ -36,9 +37,9 @@ private:
     const EntryChecks entryChecks;
     const std::string& startPath;
     const bool isRootWalk;
-    const std::string configuredPath;    ///< may be a link or lie behind one; below it none is followed
-    std::queue<std::string> folderQueue; ///< absolute paths still to visit: depth costs queue, not stack
+    const std::string configuredPath;    ///< below it no link is followed, see Links
+    std::queue<std::string> folderQueue; ///< absolute paths to visit; a queue, since the stack is small
     int foldersProcessed = 0;
     int filesSeen = 0;
-    FolderReconciliation::Counters counters; ///< of the latest folder that was listed
+    FolderReconciliation::Counters counters; ///< of the last folder that was listed
 };

@@ -6,6 +6,6 @@
 
 void VolumeAccess::logFailedWalk() const
 {
-    if (!stopRequest.isMadeOrPending()) // the end of what a stop interrupts is no failure
+    if (!stopRequest.isMadeOrPending()) // work that a stop interrupts has not failed
         syslog(LOG_LOCAL5 | LOG_ERR, "Got an exception during the walking of volumeManager %s\n", name.c_str());
 }

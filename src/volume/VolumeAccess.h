@@ -10,16 +10,16 @@
 class StopRequest;
 class VolumeDBManager;
 
-/// What everything that works on a volume shares. A view of parts of its manager, for one piece of work between
-/// initialize() and destroy().
+/// The parts of a volume's manager that all work on the volume needs. The object only refers to them, and is made for
+/// one piece of work between initialize() and destroy().
 struct VolumeAccess {
-    /// Logs that a walk or a purge of the volume ended in an exception; nothing while the daemon stops.
+    /// Logs that work on the volume ended in an exception. Logs nothing while the daemon stops. Any thread.
     void logFailedWalk() const;
 
     const VolumePaths paths;
-    std::string& name;                ///< nobody changes it; the watcher's interface wants it so
-    VolumeDBManager* const dbManager; ///< used under the lock; nullptr outside initialize() and destroy()
+    std::string& name;                ///< never changed; not const because VolumeWatcher takes std::string&
+    VolumeDBManager* const dbManager; ///< used with the lock held
     const StopRequest& stopRequest;
-    std::mutex& door; ///< these two are for FairLock
+    std::mutex& door; ///< this and `lock` are for FairLock
     sem_t* const lock;
 };

@@ -44,7 +44,7 @@ bool VolumeManager::initialize(std::string& volumeName, std::string& path)
     volumePathLength = static_cast<int>(volumePath.length());
     dbPath = path + "/" + ".quarrow" + "/" + "quarrow.db";
     volumeConfigPath = path + "/" + ".quarrow" + "/" + "quarrow-volume.xml";
-    // The text names the state file and shows no path for either of the two: log readers know no other.
+    // On purpose one text for both: it names the state file and shows no path, and log readers know it.
     const auto open = [this] {
         dbManager->open(dbPath.c_str());
         volumeConfig = new VolumeManagerConfig(volumeConfigPath);
@@ -56,14 +56,14 @@ bool VolumeManager::initialize(std::string& volumeName, std::string& path)
 void VolumeManager::walkOnce()
 {
     if (stopRequest.isMade() || isVolumeInStandby()) {
-        walking = false;
+        walking = false; // no thread is started, so nothing walks
         return;
     }
-    reapWalkThread();
-    pthread_attr_destroy(&walkThreadAttr);
+    reapWalkThread();                      // before the stack is zeroed: the C library keeps the thread's record there
+    pthread_attr_destroy(&walkThreadAttr); // of the walk before; of the first walk it is all zero, which is harmless
     pthread_attr_init(&walkThreadAttr);
     std::memset(walkStack, 0, sizeof walkStack);
-    // Refused, it leaves the thread a stack that the C library makes, on which a walk does as well.
+    // When this fails, the thread gets a stack from the C library, and the walk works on that too.
     // cppcheck-suppress ignoredReturnValue
     pthread_attr_setstack(&walkThreadAttr, walkStack, sizeof walkStack);
     walkThreadStarted = pthread_create(&walkThread, &walkThreadAttr, start_thread_once, this) == 0;
@@ -98,7 +98,7 @@ void VolumeManager::destroy()
     VolumeWatcher::getInstance()->removeVolumeWatchListener(name);
     while (isWalking())
         sleep(1);
-    reapWalkThread(); // also one that was created and has not said yet that it walks
+    reapWalkThread(); // also waits for a thread that was created and has not yet set `walking`
     delete volumeConfig;
     volumeConfig = nullptr;
     delete dbManager;
@@ -164,10 +164,10 @@ void VolumeManager::walk()
         }
     }
     walking = false;
-    pthread_exit(nullptr);
+    pthread_exit(nullptr); // unwinds by force, so a catch (...) above it would abort the daemon
 }
 
-/// Once: this release leaves none.
+/// Until it has succeeded once: only an earlier release leaves such rows.
 void VolumeManager::releaseOrphans()
 {
     if (orphansReleased)

@@ -58,7 +58,8 @@ bool VolumePaths::isExcludePath(const std::string& path) const
 {
     std::list<std::string> excludePaths;
     QuarrowConfig::getInstance()->getExcludePaths(volumeName, excludePaths);
-    // Longer, not as long: a folder that is named in full stays, with its watch; all below it is skipped.
+    // Longer, not as long, on purpose: a folder that an exclude string names in full is walked and watched itself, and
+    // everything below it is skipped.
     return std::any_of(excludePaths.begin(), excludePaths.end(), [&path](const std::string& exclude) {
         return path.length() > exclude.length() && path.find(exclude) != std::string::npos;
     });

@@ -82,8 +82,8 @@ void QuarrowConfig::getExcludePaths(const std::string& volumeName, std::list<std
     appendPathsOf(excludePaths, volumeName, out);
 }
 
-/// Depth first over a node, its children and its following siblings; the parser bounds the depth. What stands inside an
-/// entity is not visited: its nodes belong to the declaration, and stepping from there to siblings may never end.
+/// Visits a node, its children and its following siblings, depth first; the parser bounds the depth. Nodes inside an
+/// entity are not visited: they belong to the declaration, and following their siblings may never end.
 void QuarrowConfig::readTree(const xmlNode* node)
 {
     for (; node != nullptr; node = node->next) {

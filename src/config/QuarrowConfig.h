@@ -8,21 +8,24 @@
 
 struct _xmlNode; // NOLINT(bugprone-reserved-identifier): the name is libxml2's
 
-/// The host configuration: which volumes to catalogue, what of them, and the thresholds.
-/// Loaded on the main thread before any other thread starts and only read afterwards, hence no lock.
+/// The host configuration: which volumes to catalogue, which parts of them, and the thresholds. It is loaded on the
+/// main thread before any other thread starts and is only read afterwards. So it needs no lock, and any thread may read
+/// it.
 class QuarrowConfig {
 public:
-    /// The configuration of the process. First called on the main thread, before other threads exist.
+    /// The configuration of the process. The first call makes it: on the main thread, before other threads exist.
     static QuarrowConfig* getInstance();
 
-    /// Fixes the file's path: QUARROW_CONFIG_FILE when it is set, even to nothing, else the appliance's default.
+    /// Fixes the file's path: the value of QUARROW_CONFIG_FILE when that is set, an empty one too, else the appliance's
+    /// default.
     QuarrowConfig();
 
-    /// Reads the file. False when it cannot be parsed (logged) or lacks something that the daemon needs (not logged):
-    /// a version, a purge threshold other than 0, a last update stamp other than 0, at least one volume.
+    /// Reads the file. False when it cannot be parsed, which is logged. False, without a log line, when it lacks
+    /// something that the daemon needs: a version, a purge threshold other than 0, a last_updated_time other than 0, a
+    /// volume.
     bool load();
 
-    /// Seconds that a deleted row is kept.
+    /// How many seconds a deleted row is kept at least.
     int getPurgeThreshold() const;
     /// Volume name -> root path, as written in the file.
     const std::map<std::string, std::string>& getQuarrowVolumes() const;
@@ -38,10 +41,10 @@ private:
     static QuarrowConfig* instance;
 
     std::string version;
-    bool enabled = false;                   ///< stored for the file's sake: nothing asks for it
+    bool enabled = false;                   ///< read from the file, but nothing asks for it
     int lastUpdatedTime = 0;                ///< seconds since the epoch
     int purgeThreshold = 60 * 24 * 60 * 60; ///< seconds
-    int rewalkThreshold = 4 * 60 * 60;      ///< seconds; stored for the file's sake: nothing asks for it
+    int rewalkThreshold = 4 * 60 * 60;      ///< seconds; read from the file, but nothing asks for it
     oru::db::CategoryMapper categoryMapper; ///< built here so that the MIME table is loaded before the threads start
     std::map<std::string, std::string> volumes;
     std::multimap<std::string, std::string> crawlPaths;

@@ -53,8 +53,8 @@ std::string defaultDocument()
     return reinterpret_cast<const char*>(xmlBufferContent(buffer.get()));
 }
 
-/// Writes a file that has no name yet and names it once it is complete, so that a power cut never leaves half of it.
-/// False when nothing was made: not every file system has nameless files.
+/// Writes a file without a name and names it once it is complete, so that a power cut never leaves half of it. False
+/// when nothing was made: not every file system has nameless files.
 bool createNameless(const HeldFolder& folder, const std::string& name, const std::string& text)
 {
     const FileDescriptor made(folder.open(".", O_TMPFILE | O_WRONLY, readableByAll));
@@ -69,8 +69,7 @@ std::string temporaryNameOf(const std::string& name) { return name + ".tmp"; }
 
 enum class Outcome { notOpened, incomplete, complete };
 
-/// Writes the text beside its place. Nothing is left of what came out incomplete: half a file would be taken for a
-/// broken one at the next start.
+/// Writes the text to the temporary file beside `name`. An incomplete file is removed.
 Outcome writeTemporary(const HeldFolder& folder, const std::string& name, const std::string& text)
 {
     const std::string temporaryName = temporaryNameOf(name);
@@ -85,19 +84,19 @@ Outcome writeTemporary(const HeldFolder& folder, const std::string& name, const 
     return Outcome::incomplete;
 }
 
-/// For a new file. False when none could be opened for it.
+/// Makes the file by way of a temporary one. False when the temporary file could not be opened.
 bool createBeside(const HeldFolder& folder, const std::string& name, const std::string& text)
 {
     struct stat64 status;
     if (fstatat64(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
-        return false; // a folder, or a link that leads nowhere
+        return false; // a folder, or a link that leads nowhere: it is not replaced
     const Outcome outcome = writeTemporary(folder, name, text);
     if (outcome == Outcome::complete && !folder.rename(temporaryNameOf(name), name))
         folder.remove(temporaryNameOf(name));
     return outcome != Outcome::notOpened;
 }
 
-/// In the document's own encoding when `encoding` is a null pointer.
+/// The document as text, in its own encoding when `encoding` is nullptr.
 std::string dump(const XmlDocument& document, const char* encoding)
 {
     xmlChar* text = nullptr;
@@ -179,8 +178,8 @@ void VolumeManagerConfig::create() const
         std::puts("testXmlwriterMemory: Error at fopen");
 }
 
-/// The file with both times set, as a whole. The turn at libxml2 ends here: the disk of one volume, which may stall,
-/// must not hold up the others.
+/// The text of the file with both times set. The turn at libxml2 ends with this function, before the text is written:
+/// the disk of one volume may stall, and must not hold up the other volumes.
 std::string VolumeManagerConfig::updatedDocument(int t)
 {
     const int now = static_cast<int>(std::time(nullptr));
@@ -203,7 +202,7 @@ std::string VolumeManagerConfig::updatedDocument(int t)
             }
         }
     }
-    // Some encodings (UTF-7) can be read where they only look like another, and cannot be read as they are written.
+    // In some encodings (such as UTF-7) libxml2 writes a document that it cannot read again. UTF-8 is safe.
     const std::string text = dump(document, nullptr);
     return isReadable(text) ? text : dump(document, "UTF-8");
 }
@@ -212,7 +211,7 @@ void VolumeManagerConfig::rewrite(int t)
 {
     const std::string text = updatedDocument(t);
     const bool isUsable
-        = !text.empty() && text.length() <= XmlDocument::largestUntrusted; // else no start could read it
+        = !text.empty() && text.length() <= XmlDocument::largestUntrusted; // the next start reads no larger one
     const HeldFolder folder(filePath);
     const std::string name = HeldFolder::nameOf(filePath);
     if (!isUsable || writeTemporary(folder, name, text) != Outcome::complete)

@@ -3,20 +3,23 @@
 #include <atomic>
 #include <string>
 
-/// The state file of one volume: when its catalogue was last updated and when deleted rows were last purged.
-/// An object belongs to one volume manager, which writes it under its own lock; the times may be read on any thread.
+/// The state file of one volume: when its catalogue was last updated and when deleted rows were last purged. An object
+/// belongs to one volume manager, which makes and deletes it while no other thread uses it.
 class VolumeManagerConfig {
 public:
-    /// Loads the file, or makes it when there is none; a file that cannot be made leaves the initial values.
-    /// Throws a bare `const char*` when an existing file cannot be parsed: not a std::exception, callers catch both.
+    /// Loads the file, or makes it when there is none. When it cannot be made, the times are 0. Throws a bare
+    /// `const char*` when an existing file cannot be parsed or is behind another user's link: that is no
+    /// std::exception, so callers catch both.
     explicit VolumeManagerConfig(const std::string& path);
     virtual ~VolumeManagerConfig();
 
-    /// Seconds since the epoch, 0 when nothing was ever purged. Any thread.
+    /// The time that was recorded last, in seconds since the epoch; 0 when none was. Any thread, without a lock.
     int getLastPurgeTime();
 
-    /// Records a purge at `t` (seconds since the epoch), stamps the update time and rewrites the file as a whole.
-    /// Does nothing when the file has gone. Throws a bare `const char*` when it cannot be parsed.
+    /// Records `t` (seconds since the epoch) as the purge time and the present as the update time, and replaces the
+    /// file as a whole. The caller holds the volume's lock. Does nothing when the file is gone. When the file cannot be
+    /// replaced, it stays as it was, and the new time counts until the next start. Throws a bare `const char*` when the
+    /// file cannot be parsed.
     void setLastPurgeTime(int t);
 
 private:

@@ -16,13 +16,14 @@ static std::mutex libxmlMutex;
 XmlTurn::XmlTurn()
     : turn(libxmlMutex)
 {
-    // Also where nothing is parsed: the clean-up does nothing without it, and the next thread's state would leak.
+    // Called also where nothing is parsed: without it the clean-up does nothing, and the thread's state would leak.
     xmlInitParser();
 }
 
 XmlTurn::~XmlTurn() { xmlCleanupParser(); }
 
-/// The content of a regular file; empty, which is no document, when it is none, too large or cannot be read.
+/// The content of a regular file. Empty, which is no XML document, when the path leads to anything else, the file is
+/// too large, or it cannot be read.
 static std::string readRegularFile(const std::string& path)
 {
     const int descriptor = openWithoutLinks(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -42,8 +43,8 @@ static std::string readRegularFile(const std::string& path)
     return text;
 }
 
-/// The parser bounds what entities of the content multiply to, but not what those of declarations do: a kilobyte keeps
-/// it busy for hours. No state file has any.
+/// Stops the parser at the first parameter entity. The parser limits how far entities of the content multiply, but not
+/// how far those of declarations do: a kilobyte of them keeps it busy for hours. No state file has any.
 static void refuseEntitiesOfDeclarations(
     void* context, const xmlChar* name, int type, const xmlChar* publicId, const xmlChar* systemId, xmlChar* content)
 {

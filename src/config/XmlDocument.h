@@ -5,11 +5,12 @@
 #include <mutex>
 #include <string>
 
-/// The process-wide turn at libxml2. xmlCleanupParser() tears down state that every thread of the process shares, so
-/// from the first call to the clean-up only one thread may be inside.
+/// The process-wide turn at libxml2: a lock that is held from the first call of the library to the clean-up.
+/// xmlCleanupParser() destroys state that all threads of the process share, so only one thread may be inside. Any
+/// thread may take the turn, with or without a volume's lock, and it takes no other lock while it has the turn.
 class XmlTurn {
 public:
-    XmlTurn();
+    XmlTurn();  ///< waits for the turn; not recursive
     ~XmlTurn(); ///< calls xmlCleanupParser()
     XmlTurn(const XmlTurn&) = delete;
     XmlTurn& operator=(const XmlTurn&) = delete;
@@ -21,12 +22,12 @@ private:
 /// An XML file read into a tree, freed with the object. Holds the turn at libxml2 for its whole life.
 class XmlDocument {
 public:
-    /// `trusted`: read whatever the path leads to, as an administrator's file is. `untrusted`: a regular file alone,
-    /// under its own name and of a sensible size, by parseUntrusted(); users of a volume can put links, pipes and any
-    /// content there.
+    /// `trusted`: an administrator's file, read whatever the path leads to. `untrusted`: users of the volume can put
+    /// links, pipes and any content there, so only a regular file of limited size is read, without following links, and
+    /// parseUntrusted() parses it.
     enum Origin { trusted, untrusted };
-    /// Bytes. A state file has a few hundred. The parser takes time and memory that grow faster than a document of many
-    /// attributes or declarations, and it is every volume's turn that such a document takes.
+    /// Bytes. A state file has a few hundred. The parser's time and memory grow faster than a document with many
+    /// attributes or declarations, and all volumes wait for the turn meanwhile.
     static constexpr std::string::size_type largestUntrusted = 16384;
 
     XmlDocument(const std::string& path, Origin origin);
@@ -39,17 +40,18 @@ public:
     xmlNodePtr root() const;
 
 private:
-    const std::string untrustedText; ///< read before the turn begins: one stalled volume must not hold up the others
+    const std::string untrustedText; ///< read before the turn begins, since one volume's disk may stall
     XmlTurn turn;
     xmlDocPtr document;
 };
 
-/// A document of text that a user may have written, with libxml2's parser options; nullptr when it is none, or declares
-/// entities for its declarations. `path` is what messages call it. In a turn at libxml2 only; to be freed by
-/// xmlFreeDoc().
+/// Parses text that a user may have written. `path` is the name of the document in messages; `options` are libxml2's.
+/// nullptr when the text is no XML, and when it declares parameter entities. The caller has the turn at libxml2, and
+/// frees the document by xmlFreeDoc().
 xmlDocPtr parseUntrusted(const std::string& text, const std::string& path, int options);
 
+/// Whether the node is an element of that name. False for nullptr.
 bool isElement(const xmlNode* node, const char* name);
 
-/// The content of the element's first child; nullptr when there is no child or it holds no text of its own.
+/// The content of the element's first child; nullptr when there is no child, or the child has no text of its own.
 const char* elementText(const xmlNode* element);

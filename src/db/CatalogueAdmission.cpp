@@ -71,8 +71,8 @@ private:
         return foreign || marked ? untrusted : trusted;
     }
 
-    /// Not one that was somebody else's. And not one of a transaction over several files, which no catalogue has: it
-    /// names another file, for SQLite to remove it.
+    /// Refuses a journal that was another user's. Also refuses one of a transaction over several files: it names
+    /// another file, which SQLite would remove, and no catalogue has such transactions.
     bool isJournalFit() const
     {
         const CatalogueName& journal = *files[journalFile];
@@ -80,6 +80,7 @@ private:
             return true;
         if (journal.isForeign() || journal.isMarked())
             return false;
+        // The last bytes of a journal that names another file.
         static constexpr char endOfName[] = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
         constexpr std::size_t length = sizeof endOfName - 1;
         const FileDescriptor file(folder.open(nameFor(journalFile), O_RDONLY | O_NONBLOCK));
@@ -92,7 +93,8 @@ private:
             || std::memcmp(end, endOfName, length) != 0;
     }
 
-    /// The former owner of an index may still have it open, and could cut it off under the daemon, which maps it.
+    /// Removes an index that was another user's. The former owner may still have it open and could shorten it, which
+    /// would kill the daemon: it maps the index. False when the index cannot be removed.
     bool renewIndex()
     {
         if (!files[indexFile]->isForeign() && !files[indexFile]->isMarked())

@@ -22,7 +22,7 @@
 namespace {
 
 constexpr mode_t readableByAll = 0644;
-/// Whoever has the shared index open holds a lock on this byte of it: SQLite's "deadman switch".
+/// Every program that has the shared index open holds a lock on this byte of it: SQLite's "deadman switch".
 constexpr off_t indexInUseByte = 128;
 
 bool addFlag(int descriptor, int flag)
@@ -36,7 +36,8 @@ bool addFlag(int descriptor, int flag)
     return ioctl(descriptor, FS_IOC_SETFLAGS, &flags) == 0;
 }
 
-/// Only an empty file can be marked. An index that nobody uses is as good as none: SQLite makes it anew from the log.
+/// Empties and marks an index that nobody uses: only an empty file can be marked, and SQLite makes the content anew
+/// from the log.
 void markLeftIndex(const std::string& path)
 {
     const FileDescriptor index(openWithoutLinks(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -54,7 +55,7 @@ void markLeftIndex(const std::string& path)
 
 bool isLockedByAnother(int descriptor) { return flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
 
-/// The temporary file, locked and empty; -1 when another daemon is at work in it, or when none can be made.
+/// Makes the temporary file and locks it. -1 when another daemon has it locked, and when it cannot be made.
 int openTemporary(const HeldFolder& folder, const std::string& name)
 {
     if (CatalogueName(folder, name).isFit()) {
@@ -65,7 +66,7 @@ int openTemporary(const HeldFolder& folder, const std::string& name)
     folder.remove(name); // left by a start that was cut short, or planted
     const int made = folder.open(name, O_WRONLY | O_CREAT | O_EXCL, readableByAll);
     struct stat64 status;
-    // Another daemon may have taken it for a left-over before it was locked.
+    // Before it was locked, another daemon may have removed it as a left-over.
     if (made < 0 || (!isLockedByAnother(made) && fstat64(made, &status) == 0 && status.st_nlink == 1))
         return made;
     close(made);
@@ -74,10 +75,10 @@ int openTemporary(const HeldFolder& folder, const std::string& name)
 
 int statusOf(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG ? SQLITE_FULL : SQLITE_IOERR; }
 
-/// Moves the complete file to its place, where still nothing is.
+/// Moves the complete file to its place, unless something is there by now.
 int moveToItsPlace(const HeldFolder& folder, const std::string& temporaryName, const std::string& name)
 {
-    // Asked again, now that the file is locked: whoever had the lock before may be at work in a catalogue that it made.
+    // Asked again with the lock held: another daemon that had the lock before may have made the catalogue.
     struct stat64 status;
     if (folder.find(name, status)) {
         folder.remove(temporaryName);
@@ -85,7 +86,7 @@ int moveToItsPlace(const HeldFolder& folder, const std::string& temporaryName, c
     }
     if (errno != ENOENT)
         return SQLITE_CANTOPEN; // what cannot be looked at may be a good catalogue
-    // What is left of a catalogue that somebody removed would be taken for the new one's log, and replayed into it.
+    // The side files of a removed catalogue would be taken for those of the new one, and replayed into it.
     for (const char* leftOver : { "-wal", "-shm", "-journal" })
         folder.remove(name + leftOver);
     if (!folder.rename(temporaryName, name))
@@ -102,7 +103,7 @@ void keepOwnFile(const std::string& path, const FileIdentity& inUse)
         return;
     const CatalogueName file(HeldFolder(path), HeldFolder::nameOf(path));
     if (file.is(inUse) && file.isForeign() && file.isFit())
-        file.giveToRoot(CatalogueName::marked); // the next start looks into it: it may have been changed meanwhile
+        file.giveToRoot(CatalogueName::marked); // it may have been changed meanwhile, so the next start checks it
 }
 
 bool avoidCopyOnWrite(const std::string& path)
@@ -117,8 +118,8 @@ void avoidCopyOnWriteOfIndex(const std::string& path)
     struct stat64 status;
     if (lstat64(index.c_str(), &status) != 0)
         return;
-    // With a table of descriptors of its own: to close the file would else take away the locks that this process has on
-    // it by another connection, and its lock would not be told from ours.
+    // On a thread with a descriptor table of its own. With the shared one, closing the file would release the locks
+    // that this process has on it through another connection, and F_SETLK would not see those locks as another's.
     std::thread([&index] {
         if (unshare(CLONE_FILES) == 0)
             markLeftIndex(index);
@@ -133,7 +134,7 @@ bool canMapIndex(const std::string& path)
     constexpr std::size_t length = 1;
     void* const mapped = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, index.get(), 0);
     if (mapped == MAP_FAILED)
-        return errno == ENOMEM || errno == EAGAIN; // a passing want
+        return errno == ENOMEM || errno == EAGAIN; // these pass and say nothing about the file system
     munmap(mapped, length);
     return true;
 }

@@ -4,26 +4,28 @@
 
 #include <string>
 
-// The files of a catalogue on the disk: made, kept as the daemon's own, and marked not to be copied on write.
-// `.quarrow` may belong to a user of the volume, who can put anything there, and exchange it at any moment. All paths
-// are those that resolveOwnLinks() has returned: what has become a link since is not followed.
+// The files of a catalogue on the disk: how they are made, kept in the daemon's ownership, and marked not to be copied
+// on write. `.quarrow` may belong to a user of the volume, who can put anything there and exchange it at any moment.
+// All paths are the catalogue's, unless stated otherwise, and come from resolveOwnLinks(): what has become a link since
+// then is not followed.
 
-/// Makes root, when the daemon runs as that, the owner of one of the open catalogue's files again: `chown -R` of a
-/// volume gives them away. Nothing is done to another file that is at the path.
+/// Gives one of the open catalogue's files, at `path`, back to root when another user owns it by now: a `chown -R` of
+/// the volume does that. Does nothing when the daemon does not run as root, and when the file at the path is not
+/// `inUse`.
 void keepOwnFile(const std::string& path, const FileIdentity& inUse);
 
-/// Keeps what is in the catalogue's folder, as far as the file system knows of such a thing, from being copied on each
-/// write: on a full volume there would be no room for the copy of a page of the mapped index, which ends the process.
-/// What is in the folder already stays as it is. False when the file system knows of no such thing.
+/// Marks the catalogue's folder, so that the file system does not copy its new files on each write. On a full volume
+/// there would be no room for the copy of a page of the mapped index, and that ends the process. Files that are already
+/// in the folder stay unmarked. False when the file system has no such mark.
 bool avoidCopyOnWrite(const std::string& path);
 
-/// The same for an index that a kill has left, when nobody uses it. The catalogue must have been admitted.
+/// Marks an index that a killed daemon has left, when nobody uses it. The catalogue must have been admitted.
 void avoidCopyOnWriteOfIndex(const std::string& path);
 
-/// Whether files beside the catalogue can be mapped for sharing, as far as its index, which nobody uses, shows.
+/// Whether the index, which nobody may be using, can be mapped for sharing. True when it cannot be tried.
 bool canMapIndex(const std::string& path);
 
-/// Puts a file with that content at `path`, where there is none yet: complete or not at all, also when two daemons are
-/// at it. Nothing else is left behind. An SQLite status: SQLITE_OK also when somebody else was faster, SQLITE_FULL
-/// without room, SQLITE_CANTOPEN when no file can be made, SQLITE_IOERR for other failures.
+/// Makes the file at `path` with that content, complete or not at all. Two daemons may do so at the same moment. No
+/// temporary file stays. Returns an SQLite status: SQLITE_OK also when another program has made the file meanwhile,
+/// SQLITE_FULL when there is no room, SQLITE_CANTOPEN when no file can be made, SQLITE_IOERR for other failures.
 int createCatalogueFile(const std::string& path, const std::string& content);

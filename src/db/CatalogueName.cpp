@@ -10,10 +10,10 @@
 
 namespace {
 
-constexpr mode_t permissionBits = 0777; // a program that is set-uid must not become root's
+constexpr mode_t permissionBits = 0777; // without the set-uid bit: no such program may become root's
 constexpr mode_t writableByOthers = 0022;
-/// The mark of a file that is root's already and not yet looked into. This bit has no effect on a regular file. A log
-/// has a mark of its own, since somebody could put it beside another catalogue.
+/// The mark of a file that belongs to root by now, but whose content has not been checked. This bit has no effect on a
+/// regular file. The log carries a mark too, because somebody could put it beside another catalogue.
 constexpr mode_t notLookedInto = S_ISVTX;
 
 } // namespace
@@ -47,8 +47,8 @@ bool CatalogueName::giveToRoot(Mark mark) const
     const std::string self = "/proc/self/fd/" + std::to_string(file.get());
     const mode_t kept = status.st_mode & permissionBits & ~(writableByOthers | notLookedInto);
     const mode_t mode = mark == marked ? kept | notLookedInto : kept;
-    // The mode is set twice on purpose. Before the change of owner: a kill in between must not leave a file that is
-    // root's and has no mark. After it: the change of owner may take the mark away.
+    // The mode is set twice on purpose. It is set before the change of owner, so that a kill in between leaves no file
+    // of root's without the mark. It is set after it again, because the change of owner may clear the mark.
     return absent
         || (chmod(self.c_str(), mode) == 0 && fchownat(file.get(), "", 0, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0
             && chmod(self.c_str(), mode) == 0);

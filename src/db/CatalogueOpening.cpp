@@ -19,18 +19,19 @@ namespace {
 
 constexpr std::string::size_type longestForSqlite = 512 - std::string_view("-journal").length();
 
-/// Whether SQLite takes the path for that of a file. It makes databases of its own of some others, in memory or
-/// nowhere.
+/// False for the paths that SQLite does not take for a file: for those it makes a database in memory or a temporary
+/// one.
 bool isFilePath(const std::string& path)
 {
     return !path.empty() && path != ":memory:" && path.compare(0, 5, "file:") != 0;
 }
 
-/// Makes a new catalogue, complete or absent: a schema is only ever made for a new file, so half of one would never be
-/// completed. An SQLite status.
+/// Makes a new catalogue, complete or not at all: a schema is made for a new file only, so half a schema would stay
+/// half for ever. Returns an SQLite status.
 int make(const std::string& path)
 {
-    // What cannot be looked at may be a good catalogue on a disk with a fault. An empty one must not replace it.
+    // When the path cannot be looked at, a good catalogue may be there, on a disk with a fault. It must not be
+    // replaced.
     struct stat64 status;
     if (stat64(path.c_str(), &status) == 0 || errno != ENOENT)
         return SQLITE_CANTOPEN;
@@ -99,7 +100,7 @@ bool makeFoldersAbove(const char* path)
          slash = whole.find('/', slash + 1)) {
         const std::string prefix = whole.substr(0, slash);
         if (!isDirectory(prefix.c_str()) && errno == ENOENT)
-            mkdir(prefix.c_str(), 0755); // what fails here shows when the catalogue is opened
+            mkdir(prefix.c_str(), 0755); // a failure shows when the catalogue is opened
     }
     return false;
 }

@@ -18,5 +18,5 @@ int VolumeDBManager::getPathElementCount(std::string path)
 
 std::string VolumeDBManager::getLastElementOfPathFromFullPath(std::string path)
 {
-    return path.substr(path.rfind('/') + 1); // without any slash: npos + 1 is 0, the whole path
+    return path.substr(path.rfind('/') + 1); // without a slash npos + 1 is 0, which gives the whole path
 }

@@ -13,25 +13,26 @@
 
 namespace {
 
-/// Texts, order and names stay as they are: this system's readers rely on them.
+/// Texts, order and names stay as they are, because programs that read catalogues rely on them.
 const char* const schemaStatements[] = {
     "create table Folders(folder_id integer primary key AUTOINCREMENT, parent_id integer not null, path text not null , name text not null, category int default(-1) not null, created_time int not null, modified_time int not null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, is_system boolean default(0) not null, last_updated_time int not null)",
-    // The blank at the end is part of the text that sqlite_master keeps.
+    // The blank at the end stays: every catalogue has it in the text that sqlite_master keeps.
     "create table Files(file_id integer primary key AUTOINCREMENT, folder_id integer not null, path text not null, name text not null, category int not null, size int not null, modified_time int not null, created_time int not null, is_deleted boolean not null, is_backup boolean default(0) not null, is_hidden boolean default(0) not null, is_system boolean default(0) not null, last_updated_time int not null, FOREIGN KEY(folder_id) REFERENCES Folders(folder_id) ON DELETE CASCADE) ",
     "create index Files_path on Files(path)",
     "create index Files_last_updated_time on Files(last_updated_time)",
     "create index Files_folder_id on Files(folder_id)",
     "create index Files_name on Files(name)",
-    "create index if not exists Files_path_pame on Files(path, name)", // "pame": catalogues in the field have this name
+    "create index if not exists Files_path_pame on Files(path, name)", // "pame" on purpose: every catalogue has this
+                                                                       // name
     "create index Folders_path on Folders(path)",
     "create index Folders_last_updated_time on Folders(last_updated_time)",
     "create index Folders_parent_id on Folders(parent_id)",
     "create index Folders_name on Folders(name)",
 };
 
-constexpr int stepsToReadSchema = 2000; // virtual machine steps, ten times what the schema of a catalogue takes
+constexpr int stepsToReadSchema = 2000; // virtual machine steps, ten times what a catalogue needs
 
-/// The texts in a schema, as SQLite keeps them. An SQLite status.
+/// Adds the texts of the schema, as SQLite keeps them. Returns an SQLite status.
 int readSchemaTexts(sqlite3* schema, std::set<std::string>& texts)
 {
     return sqlite3_exec(
@@ -63,7 +64,7 @@ private:
     int status;
 };
 
-/// Of the last statement alone.
+/// Returns the SQLite status of the last statement alone.
 int runSchemaStatements(sqlite3* database)
 {
     int rc = SQLITE_OK;
@@ -87,7 +88,7 @@ void makeCatalogueSchema(sqlite3* database)
 {
     syslog(LOG_LOCAL5 | LOG_INFO, "Generating schema");
     const int rc = runSchemaStatements(database);
-    // Only the last one counts, on purpose: tables that are there already are no reason to refuse a catalogue.
+    // Only the last statement counts, on purpose: tables that exist already are no reason to refuse a catalogue.
     if (rc != SQLITE_OK) {
         syslog(LOG_LOCAL5 | LOG_ERR, "createDBStructure() failed, handleStatus: %d\n", rc);
         throw DBOperationException();
@@ -101,7 +102,7 @@ std::string emptyCatalogue()
         return {};
     makeCatalogueSchema(made.get());
     if (!isComplete(made.get()))
-        return {}; // makeCatalogueSchema() ignores the failures of all statements but the last one
+        return {}; // a statement before the last one has failed
     sqlite3_int64 size = 0;
     const std::unique_ptr<unsigned char, void (*)(void*)> bytes(
         sqlite3_serialize(made.get(), "main", &size, 0), sqlite3_free);
@@ -109,10 +110,10 @@ std::string emptyCatalogue()
                             : std::string(reinterpret_cast<const char*>(bytes.get()), static_cast<std::size_t>(size));
 }
 
-/// By the texts alone, since these are what SQLite parses.
+/// Compares the texts alone, because they are all that SQLite parses.
 int lookForForeignSql(sqlite3* database)
 {
-    // A schema may have any size, and is read as a whole.
+    // Another user's schema may have any size, so reading it is limited.
     sqlite3_progress_handler(
         database, stepsToReadSchema, [](void*) { return 1; }, nullptr);
     std::set<std::string> texts;

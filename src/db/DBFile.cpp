@@ -13,7 +13,7 @@ void DBFile::reset()
     created_time = 0;
     last_updated_time = 0;
     modified_time = 0;
-    // is_deleted is left alone on purpose: callers that rely on it survive a reset of the rest.
+    // is_deleted stays as it was, on purpose: programs that reuse records rely on it.
 }
 
 std::string DBFile::toString() const { return path + " | " + name; }

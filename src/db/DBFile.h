@@ -32,8 +32,8 @@ public:
     void setCreated_time(int seconds) { created_time = seconds; }
     void setIs_deleted(bool deleted) { is_deleted = deleted; }
 
-    /// Ids and category become -1, the strings empty, size and times 0. `is_deleted` stays as it is: whoever reuses
-    /// the record of a deleted row says himself what the new one is.
+    /// Ids and category become -1, the strings empty, size and times 0. `is_deleted` stays as it was: code that reuses
+    /// the record of a deleted row sets it.
     void reset();
 
     /// "path | name"

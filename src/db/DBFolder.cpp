@@ -18,5 +18,5 @@ std::string DBFolder::toString() const { return path; }
 
 bool DBFolder::operator==(const DBFolder& other) const { return path == other.path; }
 
-// <= on purpose: programs that sort these records know this order. std::list::sort copes, std::sort reads past its end.
+// <= on purpose: programs that sort these records rely on it. std::list::sort copes, std::sort reads past the end.
 bool DBFolder::operator<(const DBFolder& other) const { return path <= other.path; }

@@ -11,7 +11,7 @@ public:
     DBFolder& operator=(const DBFolder&) = default;
 
     int getFolder_id() const { return folder_id; }
-    int getParent_id() const { return parent_id; } ///< -1: the root of a volume or crawl path
+    int getParent_id() const { return parent_id; } ///< -1: the volume's root or a crawl path
     std::string getPath() const { return path; }   ///< volume-relative
     std::string getName() const { return name; }
     bool getIs_deleted() const { return is_deleted; }
@@ -28,7 +28,7 @@ public:
     void setCreated_time(int seconds) { created_time = seconds; }
     void setModified_time(int seconds) { modified_time = seconds; }
 
-    /// Everything becomes 0, empty or false: the ids too (not -1 as in DBFile), and `is_deleted` too.
+    /// Everything becomes 0, empty or false. Unlike DBFile::reset(), that includes the ids and `is_deleted`.
     void resetFolder();
 
     /// The path.
@@ -36,7 +36,8 @@ public:
 
     /// Compares the path only.
     bool operator==(const DBFolder& other) const;
-    /// Not strict: equal paths are each "less" than the other. Good for std::list::sort, not for std::sort.
+    /// Whether the path is less or equal: not a strict order, since equal paths are each "less" than the other. It
+    /// serves std::list::sort, but not std::sort.
     bool operator<(const DBFolder& other) const;
 
 private:

@@ -2,7 +2,8 @@
 
 #include <exception>
 
-/// For programs that embed the catalogue; a catalogue that cannot be opened surfaces as DBOperationException.
+/// Kept for programs that embed the catalogue. Nothing here throws it: VolumeDBManager::open() throws
+/// DBOperationException.
 class DBOpenException : public std::exception {
 public:
     /// "DBOpenException occurred"

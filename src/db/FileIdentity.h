@@ -5,18 +5,18 @@
 
 #include <string>
 
-/// Which file it is, whatever its name: its device and its number there. The number alone would not do, since two disks
-/// that were set up alike have the same ones.
+/// Identifies a file whatever its name: by its device and its inode number. The number alone is not enough, because two
+/// disks that were set up alike have the same numbers.
 class FileIdentity {
 public:
-    FileIdentity() = default; ///< that of no file
-    /// That of the file at `path`; that of no file when it cannot be looked at.
+    FileIdentity() = default; ///< of no file
+    /// Of the file at `path`, links followed; of no file when there is none or it cannot be looked at.
     static FileIdentity of(const std::string& path);
 
     bool isKnown() const { return inode != 0; }
-    /// Whether this very file is at `path`.
+    /// Whether this very file is at `path`. Only for a known file.
     bool isAt(const std::string& path) const;
-    /// Whether that is what was found out about this very file.
+    /// Whether `status` is that of this very file. False for an unknown file.
     bool isOf(const struct stat64& status) const;
 
 private:

@@ -11,8 +11,9 @@ bool VolumeDBManager::insertFile(DBFile& f)
         return false;
     DBFolder folder;
     folder.setPath(folderPathOf(f.getPath()));
-    // A folder made here is not looked up again, on purpose: the file is filed under the id that insertFolder() leaves,
-    // the climbed-to root's or 0. Walks insert folders before their files, and move such a file when they meet it.
+    // A folder that is made here is not looked up again, on purpose: the file is filed under the id that insertFolder()
+    // leaves, which is 0 or that of the root above. Walks insert folders before their files, so it does not concern
+    // them.
     if (!folderExists(folder))
         insertFolder(folder, false);
 
@@ -32,9 +33,10 @@ bool VolumeDBManager::insertFile(DBFile& f)
     syslog(LOG_LOCAL5 | LOG_INFO, "Row for file %s exists in the DB so updating it\n", path.c_str());
     Statement stmt(*connection,
         "update files set folder_id=?, size=?, last_updated_time=strftime('%s', 'now'), is_deleted=0, modified_time=?, created_time=?, category=? where file_id=?");
-    // The low 32 bits of the size on purpose: a revived row of a large file is put right by the next walk.
+    // Only the low 32 bits of the size, on purpose: readers know it, and the next walk of the folder writes the size
+    // whole.
     stmt.bind(folder.getFolder_id()).bind(static_cast<int>(f.getSize())).bind(f.getModified_time());
     stmt.bind(f.getCreated_time()).bind(f.getCategory()).bind(f.getFile_id());
-    stmt.run("updateFolder() failed, handleStatus: %d\n"); // the text of updateFolder(): log readers know no other
+    stmt.run("updateFolder() failed, handleStatus: %d\n"); // on purpose updateFolder()'s text: log readers know it
     return true;
 }

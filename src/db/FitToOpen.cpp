@@ -33,6 +33,6 @@ bool hasItsName(int descriptor)
     std::snprintf(self, sizeof self, "/proc/self/fd/%d", descriptor);
     const ssize_t n = readlink(self, target, sizeof target);
     if (n < 0)
-        return errno == ENOENT; // no process file system; a path that is too long hides the answer
+        return errno == ENOENT; // true where /proc is missing; other failures hide the answer
     return n < static_cast<ssize_t>(length) || std::memcmp(target + n - length, gone, length) != 0;
 }

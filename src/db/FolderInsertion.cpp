@@ -8,7 +8,7 @@
 #include <sqlite3.h>
 #include <syslog.h>
 
-/// Every path that leads down to the folder, the first element's first: the folder itself is on top.
+/// The paths of the folder and of all folders above it, the shortest first. So the folder itself is on top.
 static std::stack<std::string> pathsDownTo(const std::string& folderPath)
 {
     std::stack<std::string> paths;
@@ -23,7 +23,7 @@ static std::stack<std::string> pathsDownTo(const std::string& folderPath)
 
 int VolumeDBManager::insertIndividualFolder(DBFolder& f)
 {
-    DBFolder row; // of its own: what the old row had as its parent must not replace what the caller asks for
+    DBFolder row; // not `f`: the old row's parent must not replace the parent that the caller asks for
     row.setPath(f.getPath());
     if (!folderRowExists(row)) {
         const std::string path = f.getPath();
@@ -44,7 +44,7 @@ int VolumeDBManager::insertIndividualFolder(DBFolder& f)
     Statement stmt(*connection,
         "update folders   set is_deleted = 0, modified_time=?, last_updated_time=strftime('%s', 'now') , created_time=?, parent_id=?  where folder_id=?");
     stmt.bind(f.getModified_time()).bind(f.getCreated_time()).bind(f.getParent_id()).bind(f.getFolder_id());
-    stmt.run("updateFolder() failed, handleStatus: %d\n"); // the text of updateFolder(): log readers know no other
+    stmt.run("updateFolder() failed, handleStatus: %d\n"); // on purpose updateFolder()'s text: log readers know it
     return f.getFolder_id();
 }
 
@@ -65,8 +65,8 @@ bool VolumeDBManager::insertFolder(DBFolder& f, bool isRoot)
         work.setPath(paths.top());
         paths.pop();
         if (!folderExists(work)) {
-            // The look-up takes the parent's path off the stack too, so a missing parent is passed over and the folder
-            // hangs on -1. Walks insert from the top down, where parents exist.
+            // The look-up takes the parent's path off the stack as well, on purpose: a missing parent is passed over,
+            // and the folder gets the parent_id -1. Walks insert from the top down, so their folders have parents.
             work.setParent_id(findParentIdForFolderPath(&paths));
             if (work.getPath() == f.getPath()) {
                 work.setModified_time(f.getModified_time());
@@ -77,7 +77,7 @@ bool VolumeDBManager::insertFolder(DBFolder& f, bool isRoot)
             break;
         }
     }
-    // What the climb ended with, on purpose, not the row just inserted: insertFile() files by it (see there).
+    // On purpose the last folder of the climb, not the row that was inserted: insertFile() uses it, see there.
     f.setFolder_id(work.getFolder_id());
     f.setParent_id(work.getParent_id());
     f.setName(work.getName());
@@ -90,6 +90,6 @@ int VolumeDBManager::findParentIdForFolderPath(std::stack<std::string>* paths)
     if (!paths->empty()) {
         parent.setPath(paths->top());
         paths->pop();
-    } // else the empty path: a top-level folder hangs on the volume's own row, and is found deleted through it
+    } // else the empty path: the parent of a top-level folder is the volume's own row, if there is one
     return folderExists(parent) ? parent.getFolder_id() : -1;
 }

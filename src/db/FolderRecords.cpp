@@ -4,7 +4,7 @@
 
 namespace {
 
-/// The folder select list, in its order.
+/// Reads all columns of the folder select list, in its order.
 void readFolderRow(const Statement& row, DBFolder& f)
 {
     f.setFolder_id(row.columnInt(0));
@@ -47,10 +47,10 @@ bool VolumeDBManager::folderRowExists(DBFolder& f)
         f.setParent_id(stmt.columnInt(1));
         f.setPath(stmt.columnText(2));
         f.setName(stmt.columnText(7));
-        f.setIs_deleted(false); // whatever the column holds: the callers are about to bring the row back to life
+        f.setIs_deleted(false); // whatever the column holds: the caller is about to revive the row
         found = true;
     }
-    stmt.check("folderExists() failed, handleStatus: %d\n"); // the text of its sibling: log readers know no other
+    stmt.check("folderExists() failed, handleStatus: %d\n"); // on purpose folderExists()'s text: log readers know it
     return found;
 }
 

@@ -28,12 +28,12 @@ void VolumeDBManager::updateDeletedFlagForFolders(int folderId)
     });
 }
 
-/// Depth first, each child before its own children, with a stack of its own: a tree may be deeper than the stack of a
-/// walk thread. A child's children are listed after `visit` was called for it. No folder is visited twice: in a damaged
-/// catalogue one can be its own descendant.
+/// Calls `visit` for every folder below, depth first, each child before its own children. It does not recurse, because
+/// a tree may be deeper than the stack of a walk thread. A child's children are listed after `visit` was called for the
+/// child. No folder is visited twice: in a damaged catalogue a folder can be its own descendant.
 void VolumeDBManager::forEachFolderBelow(int folderId, const std::function<void(int)>& visit)
 {
-    std::stack<std::vector<int>> levels; // the ids that are still to be done, the next one last
+    std::stack<std::vector<int>> levels; // the ids still to visit, the next one last
     std::unordered_set<int> seen { folderId };
     const auto descend = [&](int id) {
         const std::vector<int> children = getListOfFolders(id);

@@ -13,8 +13,8 @@
 
 namespace {
 
-/// The path of something below `from` as it is below `to`. What is replaced begins at the first character that occurs
-/// in `from` at all and is as long as `from`; since both begin with a slash, that is the beginning.
+/// The path of an entry below `from`, with `from` replaced by `to`. The replaced part begins at the first character of
+/// the path that occurs anywhere in `from`. Both begin with a slash, so that is the beginning of the path.
 std::string movedPath(std::string path, const std::string& from, const std::string& to)
 {
     const std::string::size_type start = path.find_first_of(from);
@@ -49,11 +49,11 @@ bool VolumeDBManager::moveFolder(DBFolder& src, DBFolder& dst)
 {
     std::printf("Moving %s to %s\n", src.getPath().c_str(), dst.getPath().c_str());
     const std::string inside = src.getPath() + "/";
-    // No disk moves a folder into itself: the source row is stale, and its copies would be copied for ever.
+    // No disk moves a folder into itself, so the source row is out of date. The copies would be copied again, for ever.
     if (folderExists(dst) || dst.getPath().compare(0, inside.length(), inside) == 0)
         return false;
     const std::time_t start = std::time(nullptr);
-    std::queue<DBFolder> folders; // breadth first, so that parents are there before their children
+    std::queue<DBFolder> folders; // breadth first, so that parents have rows before their children
     folders.push(src);
     std::unordered_set<int> seen { src.getFolder_id() }; // see forEachFolderBelow()
     while (!folders.empty()) {

@@ -9,7 +9,7 @@ namespace {
 int purgeCutoff(int threshold)
 {
     const auto now = static_cast<unsigned>(std::time(nullptr));
-    return static_cast<int>(now - static_cast<unsigned>(threshold)); // wraps in 32 bits, as the stored times do
+    return static_cast<int>(now - static_cast<unsigned>(threshold)); // wraps in 32 bits, like the stored times
 }
 
 } // namespace

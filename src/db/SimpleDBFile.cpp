@@ -22,5 +22,6 @@ void SimpleDBFile::reset()
 
 bool SimpleDBFile::operator==(const SimpleDBFile& other) const { return name == other.name && path == other.path; }
 
-// Both comparisons on purpose: a record whose path sorts first but whose name sorts later is not "less".
+// <= twice, on purpose: programs that sort these records rely on it. A record with the lesser path and the greater name
+// is not "less".
 bool SimpleDBFile::operator<(const SimpleDBFile& other) const { return path <= other.path && name <= other.name; }

@@ -2,10 +2,10 @@
 
 #include <string>
 
-/// A file as the walk compares it: what the catalogue lists against what the directory lists.
+/// A file of the catalogue in the short form that a walk compares with the disk.
 class SimpleDBFile {
 public:
-    SimpleDBFile(std::string filePath, std::string fileName, int modified, int created); ///< times as below
+    SimpleDBFile(std::string filePath, std::string fileName, int modified, int created); ///< times: seconds
     virtual ~SimpleDBFile();
     SimpleDBFile(const SimpleDBFile&) = default;
     SimpleDBFile& operator=(const SimpleDBFile&) = default;
@@ -20,7 +20,8 @@ public:
 
     /// Compares name and path only.
     bool operator==(const SimpleDBFile& other) const;
-    /// Path and name both not greater: neither strict nor lexicographic. The walk sorts by name instead.
+    /// Whether path and name are both less or equal: neither a strict nor a lexicographic order. The walk sorts by name
+    /// instead.
     bool operator<(const SimpleDBFile& other) const;
 
 private:

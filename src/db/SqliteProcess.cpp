@@ -15,18 +15,18 @@
 
 static constexpr mode_t notForOthers = S_IWOTH;
 
-/// In place of open(), for every file that SQLite opens. The names of a catalogue were looked at before; a user of the
-/// volume may have exchanged a file or the folder since, or does so while the catalogue is in use. A pipe is not waited
-/// for.
+/// SQLite calls this in place of open(). The files of a catalogue were checked before, but a user of the volume may
+/// have exchanged a file or the folder since, or may do so while the catalogue is in use. So the file is checked again
+/// once it is open. O_NONBLOCK keeps it from waiting for a pipe.
 static int openRegularFile(const char* path, int flags, int mode)
 {
-    // Before as well: to open and close another catalogue would take away the locks on it.
+    // Also checked before it is opened: opening and closing another open catalogue would release the locks on it.
     struct stat64 status;
     if (lstat64(path, &status) == 0 && !(isFitToOpen(status) && CatalogueAdmission::allows(path, status))) {
         errno = EACCES;
         return -1;
     }
-    // A temporary file, under a name that nobody knows, is made in the system's folder, which may be a link.
+    // O_EXCL means one of SQLite's temporary files. It is made in the system's folder, which may be a link.
     const auto openIt = (flags & O_EXCL) != 0
         ? [](const char* name, int how, mode_t bits) { return open(name, how, bits); }
         : openWithoutLinks;
@@ -42,8 +42,9 @@ static int openRegularFile(const char* path, int flags, int mode)
     return -1;
 }
 
-/// In place of fchown() and fchmod(). SQLite gives side files the owner and mode of what is at the catalogue's path
-/// just then, which may be a user's. They stay the daemon's, and nobody else's to write.
+/// This and the next one stand in for fchown() and fchmod(). SQLite gives side files the owner and the mode of what is
+/// at the catalogue's path at that moment, which may be a user's file. The side files stay the daemon's own, and others
+/// cannot write them.
 static int keepOwner(int descriptor, uid_t owner, gid_t group)
 {
     return fchown(descriptor, isOwnUser(owner) ? owner : static_cast<uid_t>(-1), group);
@@ -56,8 +57,8 @@ static bool endsWith(std::string_view text, std::string_view end)
     return text.length() >= end.length() && text.substr(text.length() - end.length()) == end;
 }
 
-/// In place of unlink(). A journal can name another file for SQLite to remove, but the daemon makes no such journals:
-/// nothing goes but what is named like a side file or one of SQLite's own temporary files.
+/// Stands in for unlink(). A prepared journal can name any file for SQLite to remove. So only files are removed that
+/// are named like a side file, or like one of SQLite's own temporary files.
 static int unlinkSideFile(const char* path)
 {
     for (const char* side : { "-wal", "-shm", "-journal" }) {
@@ -74,8 +75,8 @@ static int unlinkSideFile(const char* path)
 
 void setUpSqliteForDaemon()
 {
-    // SQLite counts the memory it uses, with a lock around each allocation: a quarter of the time of a short statement.
-    // Nobody asks for the figures.
+    // SQLite would count the memory that it uses, with a lock around each allocation. That takes a quarter of the time
+    // of a short statement, and nobody asks for the figures.
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     sqlite3_vfs* files = sqlite3_vfs_find(nullptr);
     if (files == nullptr || files->iVersion < 3)

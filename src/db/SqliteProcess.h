@@ -1,5 +1,6 @@
 #pragma once
 
-/// Sets SQLite up for a process that is the daemon. Programs that embed the classes have an SQLite of their own
-/// business: they call this only if they want the same. Before SQLite is used, while there is one thread.
+/// Sets SQLite up for the daemon's process: memory is not counted, and every file is opened, removed and given away
+/// through checks. It counts for the whole process, so a program that embeds the classes calls it only when it wants
+/// the same. Called before SQLite is used, while there is one thread.
 void setUpSqliteForDaemon();

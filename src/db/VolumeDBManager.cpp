@@ -47,7 +47,7 @@ void VolumeDBManager::closeCatalogue()
         if (connection->isOpen())
             writeAheadLog->leave();
     } catch (const std::exception&) {
-        // SQLite puts its log into the file all the same; at the worst the next start does.
+        // The rows are not lost: SQLite copies its log into the file when it closes, or the next start does.
     }
     connection->close();
 }

@@ -34,20 +34,20 @@ void WriteAheadLog::forget()
 void WriteAheadLog::use()
 {
     if (log.isKnown())
-        return; // in use; as long as this connection is there nobody can change that
+        return; // in use: no program can change that while this connection is open
     if (!catalogue.isOpen() || isUnusable)
         return;
     if (catalogue.hasMoved())
-        return; // the log is found by name: it would be that of the other catalogue
+        return; // SQLite finds the log by name: it would be another catalogue's
     bool inUse = isEntered();
-    // Any PRAGMA that reads the file makes the log and its index. The value does not matter.
+    // The value does not matter: any PRAGMA that reads the file makes the log and its index.
     if (inUse)
         execute("PRAGMA schema_version");
     if (sqlite3_extended_errcode(catalogue.get()) == SQLITE_IOERR_SHMMAP) {
         takeBack();
         inUse = false;
     }
-    // Without a log, full syncs are what a catalogue needs to survive a power cut.
+    // Without a log, only full syncs let a catalogue survive a power cut.
     execute(inUse ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=FULL");
     if (inUse && !catalogue.hasMoved()) {
         log = FileIdentity::of(logPath());
@@ -61,20 +61,20 @@ void WriteAheadLog::keepFiles() const
     keepOwnFile(indexPath(), index);
 }
 
-/// Whether the main file is one with a log, either already or from now on.
+/// Switches the main file to a log where that is possible. True when the file has one, now or before.
 bool WriteAheadLog::isEntered() const
 {
-    // The first look at the file: it brings back, with full syncs, what a kill has left half done. The answer is empty
-    // when somebody is in the way.
+    // This is the first read of the file. It undoes, with full syncs, what a kill has left half done. The answer is
+    // empty while another program prevents the read.
     std::string mode = journalModeAfter("PRAGMA journal_mode");
-    if (mode == "memory" || mode == "off") // left by a try that failed half-way: a kill could damage the catalogue
+    if (mode == "memory" || mode == "off") // left by a failed try; with it a kill could damage the catalogue
         mode = journalModeAfter("PRAGMA journal_mode=DELETE");
     return mode == "wal" || (mode == "delete" && hasRoom() && hasDescriptors() && enter());
 }
 
-/// A kill between the switch of the file and the making of the log leaves a catalogue that readers without write
-/// permission cannot open. So the switch, which is one write to the first page, goes without a journal and without
-/// syncs: they would take most of that time, and neither order of the two writes is wrong after a power cut.
+/// Switches the file to a log. A kill between the switch and the making of the log leaves a catalogue that readers
+/// without write permission cannot open. Syncs and a journal would take most of that time. So the switch, which is one
+/// write to the first page, goes without both. After a power cut neither order of the two writes is wrong.
 bool WriteAheadLog::enter() const
 {
     execute("PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY");
@@ -84,19 +84,20 @@ bool WriteAheadLog::enter() const
     return inUse;
 }
 
-/// A file that has been switched to a log which then finds no room for its index cannot even be read.
+/// Whether the volume has room for a log. A file that was switched to a log cannot even be read when the log's index
+/// finds no room.
 bool WriteAheadLog::hasRoom() const
 {
     struct statvfs64 volume;
     const char* path = catalogue.path();
     if (path == nullptr || statvfs64(path, &volume) != 0)
         return true;
-    const bool countsInodes = volume.f_files != 0; // where they are made as needed there is nothing to count
+    const bool countsInodes = volume.f_files != 0; // some file systems make inodes as needed and report 0
     return volume.f_bavail * volume.f_frsize >= roomForLogBytes && (!countsInodes || volume.f_favail >= logFiles);
 }
 
-/// For the log, its index and one to spare. A file that has been switched to a log whose index then cannot be opened is
-/// likewise lost to readers.
+/// Whether three descriptors are free: for the log, its index and one to spare. A file that was switched to a log
+/// cannot be read either when the index cannot be opened.
 bool WriteAheadLog::hasDescriptors()
 {
     int taken[3];
@@ -110,15 +111,16 @@ bool WriteAheadLog::hasDescriptors()
 
 // Out of it
 
-/// Where files cannot be mapped for sharing (some network and user-space file systems), nobody could read the
-/// catalogue. A connection that has it for itself from its beginning needs no mapping. While another program uses the
-/// catalogue it stays as it is until the next try.
+/// Switches the file back from a log that cannot be used, because nobody could read the catalogue: some network and
+/// user-space file systems cannot map files for sharing. A connection that is exclusive from its beginning needs no
+/// mapping, so one is opened for the switch. While another program uses the catalogue, it stays as it is until the next
+/// try.
 void WriteAheadLog::takeBack()
 {
     const std::string path = catalogue.path();
     catalogue.close();
     if (openAdmittedCatalogue(catalogue, path, false) != SQLITE_OK || catalogue.hasMoved()) {
-        catalogue.close(); // operations fail as before open()
+        catalogue.close(); // from now on every operation fails, as before open()
         return;
     }
     execute("PRAGMA locking_mode=EXCLUSIVE");
@@ -126,30 +128,30 @@ void WriteAheadLog::takeBack()
         isUnusable = !canMapIndex(path);
         unlinkWithoutLinks((path + "-shm").c_str());
     }
-    // SQLite gives up the exclusive lock only with the next look at the file.
+    // SQLite releases the exclusive lock only when it next reads the file.
     execute("PRAGMA locking_mode=NORMAL; PRAGMA schema_version");
     catalogue.configure();
 }
 
-/// With a reader in the way the log stays, files and all: a reader that may not write can open a log that is there, but
-/// not make one.
+/// When a reader prevents the switch, the log and its index stay: a reader without write permission can open a log that
+/// is there, but not make one.
 void WriteAheadLog::leave()
 {
     catalogue.endAbandonedTransaction();
-    if (catalogue.hasMoved()) { // SQLite would take away, by name, the log of the other catalogue
+    if (catalogue.hasMoved()) { // SQLite would remove, by name, the log of the other catalogue
         keepFilesAtClose(true);
         removeOwn();
         return;
     }
     keepFilesAtClose(false);
-    // As in enter(), if the log is in the file and on the disk by now: then nothing else needs a sync.
+    // Without syncs, as in enter(), when the whole log is in the main file and on the disk by now.
     const int rc = sqlite3_exec(catalogue.get(),
         isCopied() ? "PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY" : "PRAGMA journal_mode=DELETE", nullptr,
         nullptr, nullptr);
     keepFilesAtClose(rc != SQLITE_OK);
 }
 
-/// Our log beside somebody else's catalogue would be replayed into that.
+/// Removes our log from beside another catalogue, into which SQLite would replay it.
 void WriteAheadLog::removeOwn() const
 {
     if (!log.isKnown() || !log.isAt(logPath()))
@@ -158,7 +160,7 @@ void WriteAheadLog::removeOwn() const
     unlinkWithoutLinks(indexPath().c_str());
 }
 
-/// Whether the main file has all of the log after a checkpoint.
+/// Makes a checkpoint. True when the main file then holds the whole log.
 bool WriteAheadLog::isCopied() const
 {
     int logPages = -1;
@@ -186,7 +188,7 @@ std::string WriteAheadLog::logPath() const { return std::string(catalogue.path()
 
 std::string WriteAheadLog::indexPath() const { return std::string(catalogue.path()) + "-shm"; }
 
-/// The journal mode that a PRAGMA answers with; empty when it fails.
+/// Runs a PRAGMA and returns the journal mode that it answers with; empty when it fails.
 std::string WriteAheadLog::journalModeAfter(const char* pragma) const
 {
     std::string mode;
@@ -200,5 +202,5 @@ std::string WriteAheadLog::journalModeAfter(const char* pragma) const
     return mode;
 }
 
-/// What fails here shows in the journal mode, or with the first statement of an operation.
+/// The result is ignored: a failure shows in the journal mode, or in the first statement of an operation.
 void WriteAheadLog::execute(const char* sql) const { sqlite3_exec(catalogue.get(), sql, nullptr, nullptr, nullptr); }

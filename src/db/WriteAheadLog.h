@@ -6,24 +6,25 @@
 
 class CatalogueConnection;
 
-/// The write-ahead log of the open catalogue: a file and its index beside the main file, found by their names. Readers
-/// and the daemon then do not hinder one another, and a transaction needs no sync.
+/// The write-ahead log of the open catalogue: a file and its index beside the main file, which SQLite finds by name.
+/// With it, readers and the daemon do not hinder each other, and a transaction needs no sync. The caller holds the
+/// volume's lock, unless no other thread knows the catalogue.
 class WriteAheadLog {
 public:
     explicit WriteAheadLog(CatalogueConnection& connection);
 
-    /// Forgets what was found out about another catalogue, which was open before.
+    /// Forgets what is known about the catalogue that was open before.
     void forget();
-    /// Goes (back) to write-ahead logging; does nothing when that is in use. A catalogue that is foreign, locked,
-    /// read-only or no database at all is used as far as it goes. It stays as it is when another program stands in the
-    /// way, when the volume is all but full, or when the file system cannot map files for sharing.
+    /// Goes to write-ahead logging unless that is in use. The catalogue stays as it is while another program prevents
+    /// it, when the volume is almost full, when the file system cannot map files for sharing, and when the file is
+    /// read-only or no database. Failures are not reported.
     void use();
-    /// Leaves one plain file that anybody can read from anywhere, unless a reader is in the way. Before the connection
-    /// is closed; the catalogue must be open.
+    /// Leaves one plain file that every program can read, unless a reader prevents it. Called before the connection is
+    /// closed; the catalogue must be open.
     void leave();
-    /// Keeps the files of the log that is in use its own.
+    /// Gives the files of the log in use back to root when another user has become their owner. Only as root.
     void keepFiles() const;
-    /// Copies what the log holds into the main file, as far as readers allow.
+    /// Copies the content of the log into the main file, as far as readers allow. Failures are not reported.
     void checkpoint();
 
 private:
@@ -41,7 +42,7 @@ private:
     void execute(const char* sql) const;
 
     CatalogueConnection& catalogue;
-    FileIdentity log;        ///< the one that is in use
-    FileIdentity index;      ///< of that log
-    bool isUnusable = false; ///< it was tried: files cannot be mapped for sharing here
+    FileIdentity log;        ///< of the log in use; unknown when none is
+    FileIdentity index;      ///< of the index of that log
+    bool isUnusable = false; ///< a try has shown that files cannot be mapped for sharing here
 };

@@ -7,6 +7,7 @@
 #include "volume/DiskFacts.h"
 #include "volume/VolumeAccess.h"
 
+#include <fcntl.h>
 #include <syslog.h>
 
 #include <exception>
@@ -86,7 +87,20 @@ bool EntryChecks::findParentOfStray(const std::string& path, DBFolder& folder) c
 bool EntryChecks::checkFile(const std::string& fileName, const std::string& fullPath) const
 {
     struct stat64 status;
-    if (lstat64(fullPath.c_str(), &status) != 0 || S_ISLNK(status.st_mode))
+    return lstat64(fullPath.c_str(), &status) == 0 && updateFileRow(fileName, fullPath, status);
+}
+
+bool EntryChecks::checkFileIn(int folder, const std::string& fileName, const std::string& fullPath) const
+{
+    struct stat64 status;
+    return fstatat64(folder, fileName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
+        && updateFileRow(fileName, fullPath, status);
+}
+
+bool EntryChecks::updateFileRow(
+    const std::string& fileName, const std::string& fullPath, const struct stat64& status) const
+{
+    if (S_ISLNK(status.st_mode))
         return false; // a link has taken the file's place: the file is gone
     try {
         DBFile file;

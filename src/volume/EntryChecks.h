@@ -20,10 +20,13 @@ public:
     /// `fullPath` is absolute. True when the file's row is live and up to date now. False when the file is gone or a
     /// link has taken its place, and when the catalogue failed.
     bool checkFile(const std::string& fileName, const std::string& fullPath) const;
+    /// As checkFile(), for a file of the folder that is open as `folder`: the kernel need not go down the whole path.
+    bool checkFileIn(int folder, const std::string& fileName, const std::string& fullPath) const;
 
 private:
     bool findFolderOnDisk(const std::string& path, bool isStart, struct stat64& status) const;
     void updateFolderRow(const std::string& path, bool isRootWalk, bool isStart, const struct stat64& status) const;
+    bool updateFileRow(const std::string& fileName, const std::string& fullPath, const struct stat64& status) const;
     bool findParentOfStray(const std::string& path, DBFolder& folder) const;
 
     const VolumeAccess& volume;

@@ -18,6 +18,8 @@ public:
     FolderReader& operator=(const FolderReader&) = delete;
 
     bool isOpen() const { return directory != nullptr; }
+    /// The open folder, to look at its entries with. Valid as long as the object, and only while it is open.
+    int descriptor() const { return dirfd(directory); }
     /// The next entry, valid until the next call; nullptr at the end and after a failure. Only while isOpen().
     const dirent* next();
     /// Whether reading failed before the end of the folder. Entries that were not listed may exist then.

@@ -60,12 +60,13 @@ void FolderReconciliation::run(const Transaction& transaction)
     // The watch comes before the read: an entry that is made between the two is then read, reported, or both.
     std::string watched = path;
     VolumeWatcher::getInstance()->addDirectoryToWatch(volume.name, watched);
-    if (!listDisk(folder))
+    FolderReader reader(path, configuredPath);
+    if (!reader.isOpen() || !listDisk(reader, folder))
         return;
 
     std::sort(diskFiles.begin(), diskFiles.end());
     std::sort(diskFolders.begin(), diskFolders.end());
-    mergeFiles(transaction);
+    mergeFiles(reader.descriptor(), transaction);
     mergeFolders();
 }
 
@@ -91,11 +92,8 @@ void FolderReconciliation::listCatalogue(DBFolder& folder)
 }
 
 /// False when the folder could not be read to its end: entries that were not listed may exist then.
-bool FolderReconciliation::listDisk(DBFolder& folder)
+bool FolderReconciliation::listDisk(FolderReader& reader, DBFolder& folder)
 {
-    FolderReader reader(path, configuredPath);
-    if (!reader.isOpen())
-        return false;
     while (!volume.stopRequest.isMade()) { // not isMadeOrPending(), here and below: a system call for each entry
         const dirent* entry = reader.next();
         if (entry == nullptr)
@@ -115,19 +113,19 @@ bool FolderReconciliation::listDisk(DBFolder& folder)
     return !reader.hasFailed();
 }
 
-void FolderReconciliation::mergeFiles(const Transaction& transaction)
+void FolderReconciliation::mergeFiles(int folderOnDisk, const Transaction& transaction)
 {
     const auto known = sortedBy(cataloguedFiles, [](const SimpleDBFile& file) { return file.getName(); });
     auto disk = diskFiles.begin();
     auto row = known.begin();
     while (!volume.stopRequest.isMade() && (disk != diskFiles.end() || row != known.end())) {
         if (row == known.end() || (disk != diskFiles.end() && *disk < row->first)) {
-            updateFile(*disk++, transaction);
+            updateFile(folderOnDisk, *disk++, transaction);
             ++counters.addFileCount;
         } else if (disk == diskFiles.end() || *disk > row->first) {
             removeVanishedFile(*row++->second);
         } else {
-            updateFile(*disk++, transaction);
+            updateFile(folderOnDisk, *disk++, transaction);
             ++row;
         }
     }
@@ -152,9 +150,9 @@ void FolderReconciliation::mergeFolders()
     }
 }
 
-void FolderReconciliation::updateFile(const std::string& fileName, const Transaction& transaction)
+void FolderReconciliation::updateFile(int folderOnDisk, const std::string& fileName, const Transaction& transaction)
 {
-    if (!entryChecks.checkFile(fileName, path + "/" + fileName))
+    if (!entryChecks.checkFileIn(folderOnDisk, fileName, path + "/" + fileName))
         transaction.requireOpen();
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 class EntryChecks;
+class FolderReader;
 class Transaction;
 struct VolumeAccess;
 
@@ -41,10 +42,10 @@ public:
 
 private:
     void listCatalogue(DBFolder& folder);
-    bool listDisk(DBFolder& folder);
-    void mergeFiles(const Transaction& transaction);
+    bool listDisk(FolderReader& reader, DBFolder& folder);
+    void mergeFiles(int folderOnDisk, const Transaction& transaction);
     void mergeFolders();
-    void updateFile(const std::string& fileName, const Transaction& transaction);
+    void updateFile(int folderOnDisk, const std::string& fileName, const Transaction& transaction);
     void removeVanishedFile(const SimpleDBFile& file);
     void removeVanishedFolder(const DBFolder& folder);
 

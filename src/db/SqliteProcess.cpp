@@ -3,6 +3,7 @@
 #include "core/WithoutLinks.h"
 #include "db/CatalogueAdmission.h"
 #include "db/FitToOpen.h"
+#include "db/SqliteMemory.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -78,6 +79,7 @@ void setUpSqliteForDaemon()
     // SQLite would count the memory that it uses, with a lock around each allocation. That takes a quarter of the time
     // of a short statement, and nobody asks for the figures.
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    giveSqliteMemoryPerThread();
     sqlite3_vfs* files = sqlite3_vfs_find(nullptr);
     if (files == nullptr || files->iVersion < 3)
         return;

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <syslog.h>
 
+#include <climits>
 #include <exception>
 
 /// This one bit, not the whole type field, on purpose: sockets and block devices have it too, and one in a folder's
@@ -92,6 +93,8 @@ bool EntryChecks::checkFile(const std::string& fileName, const std::string& full
 
 bool EntryChecks::checkFileIn(int folder, const std::string& fileName, const std::string& fullPath) const
 {
+    if (fullPath.length() >= PATH_MAX)
+        return false; // by its path nobody can reach the file
     struct stat64 status;
     return fstatat64(folder, fileName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
         && updateFileRow(fileName, fullPath, status);

@@ -3,12 +3,11 @@
 #include "core/ForeignWriter.h"
 #include "core/Quarrow.h"
 #include "core/SignalMask.h"
+#include "core/VolumesFixture.h"
 #include "support/SyslogCapture.h"
-#include "support/TemporaryFolder.h"
 #include "support/Waiting.h"
-#include "watch/TestClock.h"
+#include "watch/SelectAndSystem.h"
 
-#include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -24,16 +23,14 @@
 #include <vector>
 
 /// The whole daemon but its entry point, in the test's process: the test's thread is the main thread, with the signals
-/// and handlers of the daemon. The time stands still, and a burst needs no quiet time.
-class DaemonFixture : public ::testing::Test {
+/// and handlers of the daemon. A burst needs no quiet time.
+class DaemonFixture : public VolumesFixture {
 protected:
-    static constexpr time_t aMoment = 1700000000;
     /// A threshold with which no purge is due for years.
     static constexpr int never = 1000000000;
 
     DaemonFixture()
     {
-        setTime(aMoment);
         setQuietTime(std::chrono::milliseconds(0));
         const sigset_t blocked = servedSignals();
         pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
@@ -142,24 +139,4 @@ protected:
     {
         return "Woke up too soon. Going back " + std::to_string(lastWalk) + " === " + std::to_string(elapsed) + "\n";
     }
-    static std::string failure(const std::string& name)
-    {
-        return "Got an exception during the walking of volumeManager " + name + "\n";
-    }
-    std::string catalogue(const std::string& name) const { return folder.path(name + "/.quarrow/quarrow.db"); }
-    void spoilStateFile(const std::string& name) const
-    {
-        folder.writeFile(name + "/.quarrow/quarrow-volume.xml", "garbage");
-    }
-    static std::vector<LogLine> errors()
-    {
-        std::vector<LogLine> lines;
-        for (const LogLine& line : loggedLines()) {
-            if (line.priority == LOG_ERR)
-                lines.push_back(line);
-        }
-        return lines;
-    }
-
-    TemporaryFolder folder;
 };

@@ -63,7 +63,7 @@ TEST_F(QuarrowRun, aWakeUpBefore300SecondsOnlySaysSo)
     std::vector<LogLine> log;
     run([&] {
         passFirstRound();
-        advanceTime(299);
+        clock.advance(299);
         wake();
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, "Going to sleep.\n"));
         log = loggedLines();
@@ -77,14 +77,14 @@ TEST_F(QuarrowRun, after300SecondsEveryVolumeIsWalkedAndPurged)
     startWithoutPurgeThread(2);
     run([&] {
         passFirstRound();
-        advanceTime(300);
+        clock.advance(300);
         wakeUntilLogged({ LOG_INFO, "Purging the DB at 1700000300\n" }, 2);
         waitForWalks(2);
         EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + folder.path("a/m") + "\n"));
         EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + folder.path("b/m") + "\n"));
         wakeUntilLogged({ LOG_INFO, tooSoon(aMoment + 300, 0) }, 1);
     });
-    EXPECT_EQ(std::vector<LogLine>(), errors());
+    EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
     EXPECT_NE(std::string::npos,
         folder.readFile("a/.quarrow/quarrow-volume.xml").find("<last_purge_time>1700000100</last_purge_time>"))
         << "with the configured threshold";
@@ -96,12 +96,12 @@ TEST_F(QuarrowRun, theNextWalkIsDue300SecondsAfterTheLastStarted)
     start(1);
     run([&] {
         passFirstRound();
-        advanceTime(300 + 41);
+        clock.advance(300 + 41);
         wakeUntilLogged({ LOG_INFO, endOfWalk }, 1);
         wakeUntilLogged({ LOG_INFO, tooSoon(aMoment + 341, 0) }, 1); // the loop has taken the time of the walk
-        advanceTime(299);
+        clock.advance(299);
         wakeUntilLogged({ LOG_INFO, tooSoon(aMoment + 341, 299) }, 1);
-        advanceTime(1);
+        clock.advance(1);
         wakeUntilLogged({ LOG_INFO, endOfWalk }, 2);
     });
 }
@@ -126,7 +126,7 @@ TEST_F(QuarrowRun, anInterruptedWaitIsTreatedAsAWakeUp)
     std::vector<LogLine> log;
     run([&] {
         passFirstRound();
-        advanceTime(42);
+        clock.advance(42);
         wakeUntilLogged({ LOG_INFO, "Woke up after the sleep at 1700000042.\n" }, 1);
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, "Going to sleep.\n"));
         log = loggedLines();
@@ -145,7 +145,7 @@ TEST_F(QuarrowRun, anInterruptedWaitAfter300SecondsWalks)
     start(1);
     run([&] {
         passFirstRound();
-        advanceTime(300);
+        clock.advance(300);
         wakeUntilLogged({ LOG_INFO, endOfWalk }, 1);
         EXPECT_EQ(0, timesLogged(LOG_INFO, served));
     });
@@ -159,12 +159,12 @@ TEST_F(QuarrowRun, aVolumeThatIsWalkingIsSkippedSilently)
         passFirstRound();
         {
             ForeignWriter writer(catalogue("a")); // holds the next walk up
-            advanceTime(300);
+            clock.advance(300);
             wakeUntilLogged({ LOG_INFO, walking }, 1);
             wakeUntilLogged({ LOG_INFO, tooSoon(aMoment + 300, 0) }, 1);
             settle();
             clearLog();
-            advanceTime(300);
+            clock.advance(300);
             wake();
             EXPECT_TRUE(waitUntilLogged(LOG_INFO, "Going to sleep.\n", 1));
             wake();
@@ -183,11 +183,11 @@ TEST_F(QuarrowRun, whatOneVolumeThrowsDoesNotKeepTheOthersFromTheirWalk)
         passFirstRound();
         spoilStateFile("a");
         spoilStateFile("c");
-        advanceTime(300);
+        clock.advance(300);
         wakeUntilLogged({ LOG_ERR, failure("c") }, 1);
         EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "Could not parse the config xml\n" }, { LOG_ERR, failure("a") },
                       { LOG_ERR, "Could not parse the config xml\n" }, { LOG_ERR, failure("c") } }),
-            errors())
+            loggedErrors())
             << "in the order of their names";
         EXPECT_EQ(1, timesLogged(LOG_INFO, "Done with the purge 1700000300\n"));
         waitForWalks(3);
@@ -202,7 +202,7 @@ TEST_F(QuarrowRun, aVolumeThatThrewDoesNotCountAsWalked)
     run([&] {
         passFirstRound();
         spoilStateFile("a");
-        advanceTime(300);
+        clock.advance(300);
         wakeUntilLogged({ LOG_ERR, failure("a") }, 2);
     });
     EXPECT_EQ(0, timesLogged(LOG_INFO, tooSoon(aMoment + 300, 0)));
@@ -216,7 +216,7 @@ TEST_F(QuarrowRun, aBrokenCatalogueEndsNeitherTheLoopNorCountsAsWalked)
     run([&] {
         passFirstRound();
         changeCatalogue(catalogue("a"), "drop table Files");
-        advanceTime(300);
+        clock.advance(300);
         wakeUntilLogged({ LOG_INFO, "Purging the DB at 1700000300\n" }, 2);
         EXPECT_EQ(0, timesLogged(LOG_INFO, "Done with the purge 1700000300\n"));
         EXPECT_EQ(0, timesLogged(LOG_INFO, tooSoon(aMoment + 300, 0)));
@@ -230,7 +230,7 @@ TEST_F(QuarrowRun, theTimeSinceTheLastWalkHas32BitsAndASign)
     start();
     run([&] {
         passFirstRound();
-        setTime(aMoment + 2147483648L);
+        clock.set(aMoment + 2147483648L);
         wake();
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, "Going to sleep.\n"));
         EXPECT_EQ(1, timesLogged(LOG_INFO, tooSoon(aMoment, -2147483647 - 1)));

@@ -5,10 +5,6 @@
 
 #include <fcntl.h>
 
-#include <filesystem>
-
-namespace fs = std::filesystem;
-
 namespace {
 
 class QuarrowStart : public DaemonFixture {
@@ -43,7 +39,7 @@ TEST_F(QuarrowStart, cataloguesEveryVolume)
     start(2);
     EXPECT_EQ("/m/Music\n", queryCatalogue(catalogue("a"), "select path from Folders where path = '/m/Music'"));
     EXPECT_EQ("/m/Films\n", queryCatalogue(catalogue("b"), "select path from Folders where path = '/m/Films'"));
-    EXPECT_EQ(std::vector<LogLine>(), errors());
+    EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
 }
 
 TEST_F(QuarrowStart, startsTheWatcherAndThePurgeThread)
@@ -116,7 +112,7 @@ TEST_F(QuarrowStart, volumesThatCannotBeInitialisedAreLoggedAndLeftOut)
     folder.makeFolder("m/m/Music");
     start(1);
     std::vector<LogLine> skipped;
-    for (const LogLine& line : errors()) {
+    for (const LogLine& line : loggedErrors()) {
         if (line.text.compare(0, 10, "Could not ") == 0)
             skipped.push_back(line);
     }
@@ -137,7 +133,7 @@ TEST_F(QuarrowStart, aStateFileOfGarbageLeavesTheVolumeOut)
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "Could not parse the config xml\n" },
                   { LOG_ERR, "Could not open the volume cfg file Could not parse the config xml\n" },
                   { LOG_ERR, "Could not initialize the manager for the volume a\n" } }),
-        errors());
+        loggedErrors());
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + folder.path("b/m") + "\n"));
     EXPECT_EQ(0, timesLogged(LOG_INFO, "Finished walk. Walk started at " + folder.path("a/m") + "\n"));
 }
@@ -187,7 +183,7 @@ TEST_F(QuarrowStart, aRootOfOneSlashBecomesTheEmptyPath)
         Quarrow::getInstance()->stop();
     }
     EXPECT_TRUE(folder.exists(".quarrow/quarrow.db"));
-    EXPECT_EQ(std::vector<LogLine>(), errors());
+    EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
 }
 
 TEST_F(QuarrowStart, inStandbyNoWalkStarts)
@@ -198,7 +194,7 @@ TEST_F(QuarrowStart, inStandbyNoWalkStarts)
     Quarrow::getInstance()->stop();
     std::remove("/tmp/standby");
     EXPECT_EQ(0, timesLogged(LOG_INFO, startingAt(folder.path("a"))));
-    EXPECT_EQ(std::vector<LogLine>(), errors());
+    EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
 }
 
 } // namespace

@@ -109,7 +109,7 @@ TEST_F(QuarrowStop, endsAWalkThatSomebodyElseHoldsUp)
     run([&] {
         passFirstRound();
         const ForeignWriter writer(catalogue("a"));
-        advanceTime(300);
+        clock.advance(300);
         wakeUntilLogged({ LOG_INFO, walking });
         kill(getpid(), SIGTERM);
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, closed)) << "although the catalogue is still locked";
@@ -139,7 +139,7 @@ TEST_F(QuarrowStop, endsAPurgeOfTheLoopThatSomebodyElseHoldsUp)
     run([&] {
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, tooSoon(aMoment, 0)));
         const ForeignWriter writer(catalogue("a"));
-        advanceTime(300);
+        clock.advance(300);
         wakeUntilLogged({ LOG_INFO, "Purging the DB at " + std::to_string(aMoment + 300) + "\n" });
         kill(getpid(), SIGTERM);
         EXPECT_TRUE(waitUntilLogged(LOG_INFO, closed)) << "although the catalogue is still locked";

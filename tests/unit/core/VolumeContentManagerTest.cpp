@@ -3,12 +3,12 @@
 #include "core/FailingCalls.h"
 #include "core/ForeignWriter.h"
 #include "core/Threads.h"
+#include "core/VolumesFixture.h"
 #include "core/WakeUps.h"
 #include "support/CatalogueReader.h"
 #include "support/SyslogCapture.h"
 #include "support/TemporaryFolder.h"
 #include "volume/VolumeManager.h"
-#include "watch/TestClock.h"
 #include "watch/VolumeWatcher.h"
 
 #include <gtest/gtest.h>
@@ -23,18 +23,16 @@
 
 namespace {
 
-constexpr time_t aMoment = 1700000000;
 constexpr const char* oneVisit = "Volume in standby, ignoring purge"; ///< what a visit logs while in standby
 constexpr const char* purging = "Purging the DB at 1700000000\n";
 constexpr const char* purged = "Done with the purge 1700000000\n";
 
 /// The purge thread with real volumes. Their first purge is due at once; in standby a visit only leaves a line.
-class PurgeThread : public ::testing::Test {
+class PurgeThread : public VolumesFixture {
 protected:
     PurgeThread()
         : manager(*VolumeContentManager::getInstance())
     {
-        setTime(aMoment);
         // Threads share these: as in the daemon they are made before the first thread.
         SignalObject::getInstance();
         QuarrowConfig::getInstance();
@@ -56,28 +54,9 @@ protected:
         manager.addVolumeManager(name, volume.get());
         return *(volumes[name] = std::move(volume));
     }
-    std::string catalogue(const std::string& name) const { return folder.path(name + "/.quarrow/quarrow.db"); }
-    void spoilStateFile(const std::string& name) const
-    {
-        folder.writeFile(name + "/.quarrow/quarrow-volume.xml", "garbage");
-    }
     static void enterStandby() { std::ofstream("/tmp/standby").close(); }
     static void leaveStandby() { std::remove("/tmp/standby"); }
-    static std::string failure(const std::string& name)
-    {
-        return "Got an exception during the walking of volumeManager " + name + "\n";
-    }
-    static std::vector<LogLine> errors()
-    {
-        std::vector<LogLine> lines;
-        for (const LogLine& line : loggedLines()) {
-            if (line.priority == LOG_ERR)
-                lines.push_back(line);
-        }
-        return lines;
-    }
 
-    TemporaryFolder folder;
     VolumeContentManager& manager;
     std::map<std::string, std::unique_ptr<VolumeManager>> volumes;
 };
@@ -203,7 +182,7 @@ TEST_F(PurgeThread, visitsTheVolumesInTheOrderOfTheirNames)
         expected.push_back({ LOG_ERR, "Could not parse the config xml\n" });
         expected.push_back({ LOG_ERR, failure(name) });
     }
-    EXPECT_EQ(expected, errors());
+    EXPECT_EQ(expected, loggedErrors());
 }
 
 TEST_F(PurgeThread, aStateFileOfGarbageDoesNotStarveTheOthers)
@@ -214,7 +193,7 @@ TEST_F(PurgeThread, aStateFileOfGarbageDoesNotStarveTheOthers)
     manager.start();
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, purged));
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "Could not parse the config xml\n" }, { LOG_ERR, failure("a") } }),
-        errors());
+        loggedErrors());
     SignalObject::getInstance()->notify();
     EXPECT_TRUE(waitUntilLogged(LOG_ERR, failure("a"), 2)) << "it is due for as long as it fails";
     manager.stop();
@@ -242,8 +221,7 @@ TEST_F(PurgeThread, stopEndsAPassAtTheNextVolume)
     manager.start();
     ASSERT_TRUE(waitUntilLogged(LOG_INFO, purging));
     std::thread releaser([&] {
-        while (manager.isRunning())
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(waitUntil([this] { return !manager.isRunning(); }));
         writer.release();
     });
     manager.stop();
@@ -266,7 +244,7 @@ TEST_F(PurgeThread, aLaterManagerOfANameReplacesTheEarlier)
     leaveStandby();
     SignalObject::getInstance()->notify();
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, purged));
-    EXPECT_EQ(std::vector<LogLine>(), errors());
+    EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
 }
 
 TEST_F(PurgeThread, aNullManagerIsSkipped)

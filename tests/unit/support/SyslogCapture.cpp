@@ -66,6 +66,14 @@ std::vector<LogLine> loggedLines()
     return lines;
 }
 
+std::vector<LogLine> loggedErrors()
+{
+    std::vector<LogLine> errors = loggedLines();
+    const auto isNoError = [](const LogLine& line) { return line.priority != LOG_ERR; };
+    errors.erase(std::remove_if(errors.begin(), errors.end(), isNoError), errors.end());
+    return errors;
+}
+
 void clearLog()
 {
     const std::lock_guard<std::mutex> held(mutex);

@@ -16,6 +16,8 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
 /// Everything logged since the start or the last clearLog(), in order.
 std::vector<LogLine> loggedLines();
+/// Of these the errors.
+std::vector<LogLine> loggedErrors();
 void clearLog();
 
 /// How many lines are exactly this.

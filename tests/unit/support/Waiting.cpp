@@ -2,9 +2,9 @@
 
 #include <thread>
 
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds pause)
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds pause, std::chrono::milliseconds bound)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto deadline = std::chrono::steady_clock::now() + bound;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;

@@ -63,10 +63,8 @@ protected:
     static std::vector<std::string> errorLines()
     {
         std::vector<std::string> lines;
-        for (const LogLine& line : loggedLines()) {
-            if (line.priority == LOG_ERR)
-                lines.push_back(line.text);
-        }
+        for (const LogLine& line : loggedErrors())
+            lines.push_back(line.text);
         return lines;
     }
 

@@ -1,5 +1,7 @@
 #include "volume/FairLock.h"
 
+#include "support/Waiting.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,8 +24,7 @@ TEST(FairLock, whoGivesItUpAndWantsItBackWaitsForTheOthers)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     });
-    while (turns == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(waitUntil([&turns] { return turns > 0; }));
     for (int round = 0; round < 50; ++round) {
         const int before = turns;
         const FairLock held(door, &semaphore);

@@ -84,14 +84,14 @@ TEST_P(FailingFolderStatement, isLoggedWithoutAWalkAndTheNextEventIsServed)
     std::vector<LogLine> expected { err(place == std::string::npos ? error : error.replace(place, 4, root)) };
     if (GetParam().operation != nullptr)
         expected.insert(expected.begin(), err(std::string(GetParam().operation) + "() failed, handleStatus: 21\n"));
-    EXPECT_EQ(expected, errors());
+    EXPECT_EQ(expected, loggedErrors());
     EXPECT_EQ(0, walks());
     EXPECT_EQ(GetParam().trace, trace.text());
     EXPECT_EQ(before, rows());
     EXPECT_EQ(4, watches());
 
     newFolder("/Films/New");
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ(1, walks());
     EXPECT_EQ(nothing, errorsOfAFullWalk());
     EXPECT_EQ("[/Films] root\n[/Films/New] in [/Films]\n[/Music] root\n[/Music/Rock] in [/Music]\n"
@@ -112,14 +112,14 @@ TEST_F(FolderChanges, moveThatACommitCannotEndIsUndoneAlsoWhenSqliteHasDoneSo)
     moveFolder("/Music/Rock", "/Films/Pop");
     EXPECT_EQ((std::vector<LogLine> {
                   err("insertFile() failed, handleStatus: 1\n"), err("Error in moving folder Rock to Pop\n") }),
-        errors());
+        loggedErrors());
     EXPECT_EQ("(Bs)", trace.text());
     EXPECT_EQ(before, rows());
     EXPECT_TRUE(endsWatchOf("/Music/Rock")) << "nobody walked";
 
     change("drop trigger refuse");
     moveFolder("/Music/Rock", "/Films/Pop");
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ(nothing, errorsOfAFullWalk());
     EXPECT_EQ("[/Films/Pop/Live/b.mp3] 2 in [/Films/Pop/Live]\n[/Films/Pop/a.mp3] 2 in [/Films/Pop]\n"
               "[/Music/Rock/Live/b.mp3] 2 in [/Music/Rock/Live] deleted\n"
@@ -132,16 +132,16 @@ TEST_F(FolderChanges, tableThatIsGoneAndComesBackIsSurvived)
     volume.makeFolder("Films/New");
     change("alter table Folders rename to Gone");
     newUnknown(*this);
-    EXPECT_EQ(err("Error in updating/inserting of the folder New\n"), errors().back());
+    EXPECT_EQ(err("Error in updating/inserting of the folder New\n"), loggedErrors().back());
     removeIt(*this);
-    EXPECT_EQ(err("Error in deleting folder " + root + "/Music/Rock\n"), errors().back());
+    EXPECT_EQ(err("Error in deleting folder " + root + "/Music/Rock\n"), loggedErrors().back());
     move(*this);
-    EXPECT_EQ(err("Error in moving folder Rock to New\n"), errors().back());
+    EXPECT_EQ(err("Error in moving folder Rock to New\n"), loggedErrors().back());
     EXPECT_EQ(0, walks());
     change("alter table Gone rename to Folders");
     EXPECT_EQ(before, rows());
     newUnknown(*this);
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ(nothing, errorsOfAFullWalk());
 }
 
@@ -158,13 +158,13 @@ TEST_F(FolderChanges, moveThatFillsTheCatalogueIsUndone)
     moveFolder("/Music/Rock", "/Films/Pop");
     ASSERT_EQ((std::vector<LogLine> {
                   err("insertFile() failed, handleStatus: 1\n"), err("Error in moving folder Rock to Pop\n") }),
-        errors());
+        loggedErrors());
     EXPECT_EQ(rowsBefore, rows());
     EXPECT_EQ(0, walks());
 
     runOnItsConnection("pragma max_page_count = 1000000");
     moveFolder("/Music/Rock", "/Films/Pop");
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ("102 102\n", query("select sum(is_deleted), sum(not is_deleted) from Files"));
     EXPECT_EQ(nothing, errorsOfAFullWalk());
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
@@ -178,7 +178,7 @@ TEST_F(FolderChanges, stopInTheMiddleOfAMoveUndoesIt)
             manager->requestStop();
     });
     moveFolder("/Music/Rock", "/Films/Pop");
-    EXPECT_EQ(nothing, errors()) << "a stop is no failure";
+    EXPECT_EQ(nothing, loggedErrors()) << "a stop is no failure";
     EXPECT_EQ(before, rows());
 }
 

@@ -1,3 +1,4 @@
+#include "support/FakeClock.h"
 #include "volume/HandlerTest.h"
 
 #include <filesystem>
@@ -19,7 +20,7 @@ TEST_F(FolderChanges, newFolderIsCataloguedWithItsContentAndWatched)
         rows());
     EXPECT_EQ(changeTime("Films/New"), createdTime("/Films/New"));
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + root + "/Films/New\n"));
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ(6, watches());
     EXPECT_TRUE(endsWatchOf("/Films/New"));
     EXPECT_TRUE(endsWatchOf("/Films/New/Deep"));
@@ -201,7 +202,7 @@ TEST_F(FolderChanges, movedFolderGetsNewRowsAndItsWatchesTheirNewPaths)
     EXPECT_EQ("50\n", createdTime("/Films/Pop"));
     EXPECT_EQ(info("The time taken to move /Music/Rock to /Films/Pop is 0\n"), firstLine());
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + root + "/Films/Pop\n"));
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ(4, watches());
     EXPECT_FALSE(endsWatchOf("/Music/Rock"));
     EXPECT_FALSE(endsWatchOf("/Music/Rock/Live"));
@@ -235,7 +236,7 @@ TEST_F(FolderChanges, movedFolderWithoutALiveSourceRowIsANewFolder)
         rows());
     EXPECT_EQ(changeTime("Films/Pop"), createdTime("/Films/Pop"));
     EXPECT_EQ(info("The old folder /Music/Rock does not exist. So treating the move as a new folder\n"), firstLine());
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ(5, watches());
     EXPECT_TRUE(endsWatchOf("/Films/Pop"));
 }
@@ -281,11 +282,11 @@ TEST_F(FolderChanges, namesPassUnchanged)
 
     const BrokenStatement broken("select folder_id");
     moveFolder(at, moved);
-    EXPECT_EQ(err("Error in moving folder " + oddName + " to moved" + oddName + "\n"), errors().back());
+    EXPECT_EQ(err("Error in moving folder " + oddName + " to moved" + oddName + "\n"), loggedErrors().back());
     newFolder(moved);
-    EXPECT_EQ(err("Error in updating/inserting of the folder moved" + oddName + "\n"), errors().back());
+    EXPECT_EQ(err("Error in updating/inserting of the folder moved" + oddName + "\n"), loggedErrors().back());
     deleteFolder(moved);
-    EXPECT_EQ(err("Error in deleting folder " + root + moved + "\n"), errors().back());
+    EXPECT_EQ(err("Error in deleting folder " + root + moved + "\n"), loggedErrors().back());
 }
 
 // The lock

@@ -67,23 +67,13 @@ public:
     /// "folder 2 'Rock' in 1 /Music/Rock 77" and "file 1 'a.mp3' in 2 /Music/Rock/a.mp3 2 5 88 written"
     std::string rows() const { return dumpRowsById(dbPath()); }
 
-    static std::vector<LogLine> errors()
-    {
-        std::vector<LogLine> failures;
-        for (const LogLine& line : loggedLines()) {
-            if (line.priority == LOG_ERR)
-                failures.push_back(line);
-        }
-        return failures;
-    }
-
     /// A full walk of both crawl paths, which every handler must leave possible; the errors that it logged.
     std::vector<LogLine> errorsOfAFullWalk()
     {
         walk("/Music");
-        std::vector<LogLine> failures = errors();
+        std::vector<LogLine> failures = loggedErrors();
         walk("/Films");
-        const std::vector<LogLine> more = errors();
+        const std::vector<LogLine> more = loggedErrors();
         failures.insert(failures.end(), more.begin(), more.end());
         return failures;
     }

@@ -2,6 +2,7 @@
 #include "VolumeTest.h"
 
 #include "db/DBOperationException.h"
+#include "support/FakeClock.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -36,7 +36,7 @@ TEST_F(RoutedEvents, movedFolderKeepsItsWatchesUnderTheirNewPaths)
     const int wdBelow = descriptorOf("/Music/Rock/Live");
     rename("/Music/Rock", "/Films/Pop");
     watcher->handleMoveFolder(event("/Music", "Rock").get(), event("/Films", "Pop").get());
-    EXPECT_EQ(nothing, errors());
+    EXPECT_EQ(nothing, loggedErrors());
     EXPECT_EQ(4, watches());
     EXPECT_FALSE(endsWatchOf("/Music/Rock"));
     EXPECT_FALSE(endsWatchOf("/Music/Rock/Live"));
@@ -54,7 +54,7 @@ TEST_F(RoutedEvents, folderWhoseMoveFailedIsWatchedAtItsNewPlaceAndTheNextWalkDo
         const BrokenStatement broken("COMMIT");
         watcher->handleMoveFolder(event("/Music", "Rock").get(), event("/Films", "Pop").get());
     }
-    EXPECT_EQ(std::vector<LogLine> { err("Error in moving folder Rock to Pop\n") }, errors());
+    EXPECT_EQ(std::vector<LogLine> { err("Error in moving folder Rock to Pop\n") }, loggedErrors());
     EXPECT_EQ(before, rows());
     EXPECT_EQ(4, watches());
     EXPECT_FALSE(endsWatchOf("/Music/Rock"));

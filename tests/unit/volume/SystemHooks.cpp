@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <sqlite3.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +10,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <utility>
 
@@ -21,13 +21,6 @@ Function* systems(const char* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
-
-std::atomic<bool> clockFixed = false;
-std::atomic<bool> clockTicks = false;
-std::atomic<time_t> clockNow = 0;
-
-std::atomic<long> millisPerLook = 0;
-std::atomic<long> looks = 0;
 
 OnReaddir::Hook readdirHook;
 thread_local bool insideReaddirHook = false;
@@ -75,27 +68,6 @@ std::string folderOf(DIR* directory)
 
 } // namespace
 
-extern "C" time_t time(time_t* result) noexcept
-{
-    static const auto system = systems<time_t(time_t*)>("time");
-    if (!clockFixed)
-        return system(result);
-    const time_t now = clockTicks ? clockNow++ : clockNow.load();
-    if (result != nullptr)
-        *result = now;
-    return now;
-}
-
-extern "C" int gettimeofday(timeval* result, void* zone) noexcept
-{
-    static const auto system = systems<int(timeval*, void*)>("gettimeofday");
-    if (millisPerLook == 0)
-        return system(result, zone);
-    const long millis = 1600000000700L + millisPerLook * looks++;
-    *result = { millis / 1000, millis % 1000 * 1000 };
-    return 0;
-}
-
 extern "C" dirent* readdir(DIR* directory)
 {
     static const auto system = systems<dirent*(DIR*)>("readdir64");
@@ -128,7 +100,7 @@ extern "C" int pthread_create(
     }
     if (!newThreadsSleep)
         return system(thread, attributes, routine, argument);
-    return system(thread, attributes, sleepThenRun, new ThreadStart { routine, argument });
+    return system(thread, attributes, sleepThenRun, new (std::nothrow) ThreadStart { routine, argument });
 }
 
 extern "C" int pthread_join(pthread_t thread, void** result)
@@ -214,26 +186,6 @@ extern "C" int sqlite3_step(sqlite3_stmt* statement)
         tellOfStatement(sqlite3_sql(statement), sqlite3_db_handle(statement));
     return system(statement);
 }
-
-ClockAt::ClockAt(time_t now)
-{
-    clockNow = now;
-    clockFixed = true;
-}
-
-ClockAt::~ClockAt() { clockFixed = clockTicks = false; }
-
-void ClockAt::set(time_t now) { clockNow = now; }
-
-void ClockAt::tick() { clockTicks = true; }
-
-SlowMachine::SlowMachine(long millis)
-{
-    looks = 0;
-    millisPerLook = millis;
-}
-
-SlowMachine::~SlowMachine() { millisPerLook = 0; }
 
 OnReaddir::OnReaddir(Hook hook) { readdirHook = std::move(hook); }
 

@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <semaphore.h>
 
-#include <ctime>
 #include <functional>
 #include <string>
 
@@ -12,28 +11,6 @@ struct sqlite3;
 
 // This test program has a version of its own of a few calls, which do what the system's do until one of these objects
 // says otherwise. An object is made before the threads that it shall affect, and outlives them.
-
-/// What time() tells.
-class ClockAt {
-public:
-    explicit ClockAt(time_t now);
-    ~ClockAt();
-    ClockAt(const ClockAt&) = delete;
-    ClockAt& operator=(const ClockAt&) = delete;
-
-    void set(time_t now);
-    /// From now on every look at the clock is a second later than the one before.
-    void tick();
-};
-
-/// Every look at the clock of gettimeofday() is this much later than the one before.
-class SlowMachine {
-public:
-    explicit SlowMachine(long millisPerLook);
-    ~SlowMachine();
-    SlowMachine(const SlowMachine&) = delete;
-    SlowMachine& operator=(const SlowMachine&) = delete;
-};
 
 /// Is shown every entry that is read from a folder (absolute path), and the null pointer at its end, and says what the
 /// reader gets instead. What the hook itself reads is not shown to it.

@@ -24,17 +24,6 @@ protected:
     {
         return err("Got an exception during the walking of volumeManager " + name + "\n");
     }
-
-    /// The errors that were logged.
-    static std::vector<LogLine> errors()
-    {
-        std::vector<LogLine> failures;
-        for (const LogLine& line : loggedLines()) {
-            if (line.priority == LOG_ERR)
-                failures.push_back(line);
-        }
-        return failures;
-    }
 };
 
 TEST_F(TreeWalkCatalogueFailure, withoutFolderTableTheFolderIsSkipped)
@@ -43,7 +32,7 @@ TEST_F(TreeWalkCatalogueFailure, withoutFolderTableTheFolderIsSkipped)
     walk("/Music");
     EXPECT_EQ((std::vector<LogLine> { err("folderExists() failed, handleStatus: 21\n"),
                   err("Error in checking for the file " + root + "/Music in the DB\n") }),
-        errors());
+        loggedErrors());
     expectSummary("/Music", 0, 0, 0, 0);
     EXPECT_EQ(0, watches());
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
@@ -60,7 +49,7 @@ TEST_F(TreeWalkCatalogueFailure, withoutFileTableTheListsAreEmptyAndTheWalkGoesO
                   err("fileExists() failed, handleStatus: 21\n"), err("Error in insert/update of the file a.mp3\n"),
                   err("getSimpleFileListByFolder() failed, handleStatus: 21\n"),
                   err("Error in getting the file/folder list for " + root + "/Music/Rock\n") }),
-        errors());
+        loggedErrors());
     EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders());
     expectSummary("/Music", 1, 0, 0, 0); // everything on disk counts as new
     EXPECT_EQ(2, watches());
@@ -93,7 +82,7 @@ TEST_F(TreeWalkCatalogueFailure, failedFolderListLeavesTheFileListAsItIs)
     walk("/Music");
     EXPECT_EQ((std::vector<LogLine> { err("getFolderListByFolder() failed, handleStatus: 21\n"),
                   err("Error in getting the file/folder list for " + root + "/Music\n") }),
-        errors());
+        loggedErrors());
     expectSummary("/Music", 0, 1, 0, 0);
     EXPECT_EQ("[/Music] root\n[/Music/gone] in [/Music]\n", folders());
 }
@@ -110,7 +99,7 @@ TEST_F(TreeWalkCatalogueFailure, oneFileThatFailsDoesNotKeepTheOthersOut)
     walk("/Music");
     EXPECT_EQ((std::vector<LogLine> {
                   err("updateFile() failed, handleStatus: 21\n"), err("Error in insert/update of the file b.mp3\n") }),
-        errors());
+        loggedErrors());
     EXPECT_EQ("4\n", query("select count(*) from Files where is_deleted=0"));
 }
 
@@ -125,7 +114,8 @@ TEST_F(TreeWalkCatalogueFailure, folderIsUndoneAndTheWalkGoesOnBelowIt)
         const BrokenStatement broken("update files set is_deleted=1, last_updated_time=strftime('%s','now') where");
         walk("/Music");
     }
-    EXPECT_EQ((std::vector<LogLine> { err("deleteFile() failed, handleStatus: 21\n"), gotAnException() }), errors());
+    EXPECT_EQ(
+        (std::vector<LogLine> { err("deleteFile() failed, handleStatus: 21\n"), gotAnException() }), loggedErrors());
     EXPECT_EQ(0, timesLogged(LOG_INFO, "For folder " + root + "/Music"));
     expectSummary("/Music/Rock", 1, 0, 0, 0);
     EXPECT_EQ("[/Music/Rock/b.mp3] 2 in [/Music/Rock]\n[/Music/gone.mp3] 2 in [/Music]\n", files());
@@ -142,7 +132,7 @@ TEST_F(TreeWalkCatalogueFailure, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
         const BrokenStatement broken("COMMIT");
         walk("/Music");
     }
-    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, errors());
+    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, loggedErrors());
     EXPECT_EQ("", folders());                    // a row for /Music/Rock would hang on no parent for ever
     EXPECT_EQ(0, timesLoggedFrom("For folder")); // nothing was done that a summary could tell of
     walk("/Music");
@@ -157,7 +147,7 @@ TEST_F(TreeWalkCatalogueFailure, transactionThatCannotBeginAbandonsTheFolder)
         const BrokenStatement broken("BEGIN");
         walk("/Music");
     }
-    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, errors());
+    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, loggedErrors());
     EXPECT_EQ("", files());
     EXPECT_EQ(1, timesLoggedFrom("Finished walk."));
     walk("/Music");
@@ -194,7 +184,7 @@ TEST_F(TreeWalkCatalogueFailure, nothingIsWrittenOnceTheListingHasUndoneTheTrans
         });
         walk("/Music");
     }
-    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, errors());
+    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, loggedErrors());
     EXPECT_EQ("", writtenRows());
     walk("/Music");
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
@@ -287,11 +277,11 @@ TEST_F(TreeWalkOnAFullVolume, folderThatDoesNotFitIsAbandonedAtItsCommit)
     makeFiles(1000, 20);
     fill();
     walk("/Music");
-    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, errors());
+    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, loggedErrors());
     EXPECT_EQ("[/Music/small/a.mp3] 2 in [/Music/small]\n", files());
     makeRoom();
     walk("/Music");
-    EXPECT_EQ(std::vector<LogLine> {}, errors());
+    EXPECT_EQ(std::vector<LogLine> {}, loggedErrors());
     EXPECT_EQ("1001\n", query("select count(*) from Files where is_deleted=0"));
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
@@ -303,12 +293,12 @@ TEST_F(TreeWalkOnAFullVolume, nothingMoreIsWrittenForAFolderThatFailedHalfWay)
     walk("/Music");
     EXPECT_EQ(1, timesLoggedFrom("insertFile() failed, handleStatus: "));
     EXPECT_EQ(1, timesLoggedFrom("Error in insert/update of the file "));
-    EXPECT_EQ(gotAnException(), errors().back());
-    EXPECT_EQ(3U, errors().size());
+    EXPECT_EQ(gotAnException(), loggedErrors().back());
+    EXPECT_EQ(3U, loggedErrors().size());
     EXPECT_EQ("[/Music/small/a.mp3] 2 in [/Music/small]\n", files());
     makeRoom();
     walk("/Music");
-    EXPECT_EQ(std::vector<LogLine> {}, errors());
+    EXPECT_EQ(std::vector<LogLine> {}, loggedErrors());
     EXPECT_EQ("2501\n", query("select count(*) from Files where is_deleted=0"));
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }

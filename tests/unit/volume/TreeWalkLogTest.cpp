@@ -1,6 +1,8 @@
 #include "SystemHooks.h"
 #include "VolumeTest.h"
 
+#include "support/FakeClock.h"
+
 namespace {
 
 /// What a walk logs, whole.
@@ -147,14 +149,14 @@ TEST_F(TreeWalkLog, figuresStartAtNothingInTheNextFolder)
 
 TEST_F(TreeWalkLog, listingOf1500MillisecondsTakesSomeTime)
 {
-    const SlowMachine slow(1500);
+    const SlowMachine slow(std::chrono::milliseconds(1500));
     const std::vector<LogLine> log = logOfOneFolder();
     EXPECT_EQ(withFirstLine("Taking some time for " + root + "/Music as list are file=0 folder=0\n"), log);
 }
 
 TEST_F(TreeWalkLog, listingOf1499MillisecondsDoesNot)
 {
-    const SlowMachine slow(1499);
+    const SlowMachine slow(std::chrono::milliseconds(1499));
     EXPECT_EQ(complete(summary("/Music", 0, 0, 0, 0), "1/0", 1), logOfOneFolder());
 }
 
@@ -164,7 +166,7 @@ TEST_F(TreeWalkLog, slowListingTellsWhatItListed)
     volume.writeFile("Music/b");
     volume.makeFolder("Music/Rock");
     walk("/Music");
-    const SlowMachine slow(2000);
+    const SlowMachine slow(std::chrono::milliseconds(2000));
     walk("/Music");
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Taking some time for " + root + "/Music as list are file=2 folder=1\n"));
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Taking some time for " + root + "/Music/Rock as list are file=0 folder=0\n"));

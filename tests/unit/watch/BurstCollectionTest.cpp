@@ -1,5 +1,4 @@
 #include "core/WakeUps.h"
-#include "watch/TestClock.h"
 #include "watch/WatcherFixture.h"
 
 #include <fcntl.h>
@@ -7,17 +6,9 @@
 
 namespace {
 
-constexpr time_t aMoment = 1000000000;
-
 /// The reads of a burst. The time stands still and the quiet time is over at once, unless a test says otherwise.
-class BurstCollectionTest : public WatcherFixture {
+class BurstCollectionTest : public BurstFixture {
 protected:
-    BurstCollectionTest()
-    {
-        setTime(aMoment);
-        setQuietTime(std::chrono::milliseconds(0));
-    }
-
     /// Runs the thread until it handled so many bursts; its log without the first line.
     std::vector<LogLine> run(int bursts = 1)
     {
@@ -59,10 +50,10 @@ TEST_F(BurstCollectionTest, aBurstGoesOnWhileEventsCome)
 TEST_F(BurstCollectionTest, aBurstEndsAfterFiveQuietSeconds)
 {
     setQuietTime(std::chrono::milliseconds(5000));
-    setTime(0);
+    clock.release();
     const std::string path = watchNew("a");
     watcher->start();
-    ASSERT_TRUE(waitUntilAsked(1));
+    ASSERT_TRUE(clock.waitUntilAsked(1));
     change(path);
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, "======\n"));
     EXPECT_EQ(quietTimeWait(), latestSelect());
@@ -76,7 +67,7 @@ TEST_F(BurstCollectionTest, aBurstIsCutAfterMoreThan299Seconds)
     const FedDescriptor fed(descriptor);
     for (int packet = 0; packet < 5; ++packet)
         fed.send({ 1 });
-    onSelect([](int before) { advanceTime(before == 0 ? 299 : 1); });
+    onSelect([this](int before) { clock.advance(before == 0 ? 299 : 1); });
     EXPECT_EQ(burstLog({ 2, 3 }), run(2)) << "at 299 seconds it goes on, at 300 it ends with more to be read";
     watcher->stop();
 }
@@ -86,8 +77,8 @@ TEST_F(BurstCollectionTest, aBurstEndsAfterItsFirstReadWhenThatWaitedForLong)
     watchNew("a");
     const FedDescriptor fed(descriptor);
     watcher->start();
-    ASSERT_TRUE(waitUntilAsked(1)); // the burst has begun, with the wait for its first read
-    advanceTime(300);
+    ASSERT_TRUE(clock.waitUntilAsked(1)); // the burst has begun, with the wait for its first read
+    clock.advance(300);
     onSelect([&fed](int before) {
         if (before == 0)
             fed.send({ 1, 1 });
@@ -184,7 +175,7 @@ TEST_F(BurstCollectionTest, aFailingReadGivesABurstWithoutRecords)
 TEST_F(BurstCollectionTest, theRateIsTheTimeOfAllReadsButTheFirstByEvents)
 {
     watchNew("a");
-    setClockStep(250900); // each read takes 250.9 ms
+    const SlowMachine slow(std::chrono::microseconds(250900)); // each read takes 250.9 ms
     const FedDescriptor fed(descriptor);
     fed.send({ 1 });
     fed.send({ 1, 1 });
@@ -198,7 +189,7 @@ TEST_F(BurstCollectionTest, theRateIsTheTimeOfAllReadsButTheFirstByEvents)
 TEST_F(BurstCollectionTest, theFirstReadOfEachBurstIsNotTimed)
 {
     watchNew("a");
-    setClockStep(5000000);
+    const SlowMachine slow(std::chrono::seconds(5));
     const FedDescriptor fed(descriptor);
     fed.send({ 1 });
     run();
@@ -211,7 +202,7 @@ TEST_F(BurstCollectionTest, theFirstReadOfEachBurstIsNotTimed)
 TEST_F(BurstCollectionTest, aRateBelowNothingIsRoundedUp)
 {
     watchNew("a");
-    setClockStep(-1000000); // the clock is set back all the time
+    const SlowMachine slow(std::chrono::seconds(-1)); // the clock is set back all the time
     const FedDescriptor fed(descriptor);
     fed.send({ 1 });
     fed.send({ 1 });

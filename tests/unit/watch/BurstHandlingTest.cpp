@@ -1,5 +1,4 @@
 #include "core/WakeUps.h"
-#include "watch/TestClock.h"
 #include "watch/WatcherFixture.h"
 
 #include <atomic>
@@ -11,18 +10,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr time_t aMoment = 1000000000;
-
 /// Bursts of real events that are all in the kernel's queue before the thread starts: they come in one read, and the
 /// quiet time is over at once. The time stands still.
-class BurstHandlingTest : public WatcherFixture {
+class BurstHandlingTest : public BurstFixture {
 protected:
-    BurstHandlingTest()
-    {
-        setTime(aMoment);
-        setQuietTime(std::chrono::milliseconds(0));
-    }
-
     /// Runs the thread until it handled so many bursts; what was logged.
     std::vector<LogLine> run(int bursts = 1)
     {
@@ -249,8 +240,8 @@ TEST_F(BurstHandlingTest, whatAListenerThrowsEndsOnlyItsFolder)
 TEST_F(BurstHandlingTest, theTimeOfHandlingIsLogged)
 {
     change(watchNew("a"));
-    onSelect([](int) { advanceTime(100); }); // collecting is not handling
-    listener.onChange = [](std::string&) { advanceTime(7); };
+    onSelect([this](int) { clock.advance(100); }); // collecting is not handling
+    listener.onChange = [this](std::string&) { clock.advance(7); };
     run();
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Handled 1 events in 7 seconds "));
 }

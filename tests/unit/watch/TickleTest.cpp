@@ -1,6 +1,6 @@
 #include "watch/Tickle.h"
 
-#include "watch/TestClock.h"
+#include "watch/SelectAndSystem.h"
 #include "watch/WatcherFixture.h"
 
 #include <filesystem>

@@ -1,5 +1,4 @@
 #include "watch/KernelCalls.h"
-#include "watch/TestClock.h"
 #include "watch/WatcherFixture.h"
 
 #include <sys/mount.h>
@@ -13,20 +12,8 @@ namespace {
 
 /// Stops that have little to wake the thread with. stop() has to end in every case: a test that hangs is a test that
 /// failed.
-class VolumeWatcherStopTest : public WatcherFixture {
+class VolumeWatcherStopTest : public BurstFixture {
 protected:
-    VolumeWatcherStopTest()
-    {
-        setTime(1000000000);
-        setQuietTime(std::chrono::milliseconds(0));
-    }
-
-    void startAndWait()
-    {
-        watcher->start();
-        ASSERT_TRUE(waitUntilAsked(1));
-    }
-
     void makeWatcherWithoutEventfd()
     {
         watcher->stop();
@@ -96,7 +83,7 @@ TEST_F(VolumeWatcherStopTest, stopEndsWithAVanishedFirstFolder)
     const std::string path = watchNew("gone");
     fs::remove(path); // the kernel ends the watch and says so: a burst
     watcher->start();
-    ASSERT_TRUE(waitUntilAsked(4)); // three times in that burst, then at the start of the next, where it waits
+    ASSERT_TRUE(clock.waitUntilAsked(4)); // three times in that burst, then at the start of the next, where it waits
     watcher->stop();
     EXPECT_EQ(2, timesLogged(LOG_INFO, "======\n"));
     EXPECT_FALSE(folder.exists("gone"));
@@ -108,7 +95,7 @@ TEST_F(VolumeWatcherStopTest, stopEndsWithALinkThatLeadsTheTouchElsewhere)
     folder.makeFolder("elsewhere");
     fs::create_symlink(folder.path("elsewhere/target"), path + "/.tickle"); // one event, one burst
     watcher->start();
-    ASSERT_TRUE(waitUntilAsked(4)); // as above
+    ASSERT_TRUE(clock.waitUntilAsked(4)); // as above
     watcher->stop();
     EXPECT_EQ(2, timesLogged(LOG_INFO, "======\n"));
     EXPECT_TRUE(folder.exists("elsewhere/target")) << "the touch went where no watch is";

@@ -1,33 +1,19 @@
 #include "core/Threads.h"
 #include "core/WakeUps.h"
+#include "support/Waiting.h"
 #include "watch/KernelCalls.h"
-#include "watch/TestClock.h"
 #include "watch/WatcherFixture.h"
 
 #include <fcntl.h>
 
 #include <fstream>
 #include <future>
-#include <thread>
 
 namespace {
 
 /// Starting and stopping. stop() has to end in every case: a test that hangs is a test that failed.
-class VolumeWatcherTest : public WatcherFixture {
+class VolumeWatcherTest : public BurstFixture {
 protected:
-    VolumeWatcherTest()
-    {
-        setTime(1000000000);
-        setQuietTime(std::chrono::milliseconds(0));
-    }
-
-    /// Starts the thread and waits until it is in its first burst, where it waits for events.
-    void startAndWait()
-    {
-        watcher->start();
-        ASSERT_TRUE(waitUntilAsked(1));
-    }
-
     /// The kernel's watches of an inotify descriptor, one a line.
     static std::string watchesOf(int inotify)
     {
@@ -154,8 +140,7 @@ TEST_F(VolumeWatcherTest, stopDuringTheHandlingEndsItBeforeTheNextFolder)
     std::promise<void> inHandling;
     listener.onChange = [&](std::string&) {
         inHandling.set_value();
-        while (watcher->isRunning())
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(waitUntil([this] { return !watcher->isRunning(); }));
     };
     watcher->start();
     ASSERT_EQ(std::future_status::ready, inHandling.get_future().wait_for(std::chrono::seconds(60)));
@@ -177,8 +162,7 @@ TEST_F(VolumeWatcherTest, stopDuringTheQuietTimeEndsTheBurst)
         EXPECT_EQ(0, before) << "it does not wait for more once it was stopped";
         change(path); // there is more to read, which is read and not walked
         inQuietTime.set_value();
-        while (watcher->isRunning())
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(waitUntil([this] { return !watcher->isRunning(); }));
     });
     watcher->start();
     ASSERT_EQ(std::future_status::ready, inQuietTime.get_future().wait_for(std::chrono::seconds(60)));
@@ -235,8 +219,8 @@ TEST_F(VolumeWatcherTest, anEventNeverMeetsAFolderThatIsNotInTheRegistryYet)
     startAndWait();
     onWatchAdded([&] {
         change(path); // the thread may read it at once, but not look its folder up before the registry knows it
-        for (int i = 0; i < 100 && timesLogged(LOG_INFO, "Processed 1 events\n") == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        const auto isRead = [] { return timesLogged(LOG_INFO, "Processed 1 events\n") > 0; };
+        waitUntil(isRead, std::chrono::milliseconds(5), std::chrono::milliseconds(500)); // or not: both are right
     });
     watch(path);
     onWatchAdded(nullptr);

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "core/SignalObject.h"
+#include "support/FakeClock.h"
 #include "support/SyslogCapture.h"
 #include "support/TemporaryFolder.h"
 #include "watch/RecordingListener.h"
+#include "watch/SelectAndSystem.h"
 #include "watch/VolumeWatcher.h"
 
 #include <gtest/gtest.h>
@@ -84,6 +86,23 @@ protected:
     int descriptor; ///< inotify's
     std::string music = "music";
     int files = 0;
+};
+
+/// The same where the time stands still and the quiet time is over at once, unless a test says otherwise.
+class BurstFixture : public WatcherFixture {
+protected:
+    static constexpr time_t aMoment = 1000000000;
+
+    BurstFixture() { setQuietTime(std::chrono::milliseconds(0)); }
+
+    /// Starts the thread and waits until it is in its first burst, where it waits for events.
+    void startAndWait()
+    {
+        watcher->start();
+        ASSERT_TRUE(clock.waitUntilAsked(1));
+    }
+
+    ClockAt clock { aMoment };
 };
 
 /// Takes the place of the kernel behind an inotify descriptor: the watcher reads what the test sends, one packet a

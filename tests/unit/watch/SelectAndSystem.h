@@ -1,25 +1,13 @@
 #pragma once
 
 #include <chrono>
-#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
 
-/// The test programs that link this have a time(), gettimeofday(), select() and system() of their own, which do the
-/// real thing until a test says otherwise: minutes pass at once, a burst needs no quiet time, and what goes on between
-/// two steps of a thread can be arranged. Any thread.
-
-/// From now on time() stands still at `now`.
-void setTime(time_t now);
-/// Moves the time that setTime() set.
-void advanceTime(int seconds);
-/// How often time() was asked, and waits, up to a generous bound, until it was asked `times` times.
-int timesAsked();
-bool waitUntilAsked(int times);
-
-/// From now on each gettimeofday() finds `micros` more than the one before.
-void setClockStep(long micros);
+// The test programs that link this have a select() and a system() of their own, which do the real thing until a test
+// says otherwise: a burst needs no quiet time, and what goes on between two steps of a thread can be arranged. Any
+// thread.
 
 /// How long select() really waits, whatever the caller wants.
 void setQuietTime(std::chrono::milliseconds quiet);

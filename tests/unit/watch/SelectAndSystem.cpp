@@ -1,22 +1,14 @@
-#include "watch/TestClock.h"
+#include "watch/SelectAndSystem.h"
 
 #include <dlfcn.h>
 #include <sys/select.h>
-#include <sys/time.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <new>
 #include <optional>
-#include <thread>
 
 namespace {
-
-std::atomic<time_t> frozenTime = 0;
-std::atomic<int> timeCalls = 0;
-std::atomic<long> clockStep = 0;
-std::atomic<long> clockMicros = 0;
 
 std::mutex mutex; // guards everything below
 std::optional<std::chrono::milliseconds> quietTime;
@@ -38,33 +30,6 @@ std::string describe(int descriptors, const fd_set* readable, const timeval& tim
 }
 
 } // namespace
-
-extern "C" time_t time(time_t* out)
-{
-    ++timeCalls;
-    time_t now = frozenTime;
-    if (now == 0) {
-        timespec real;
-        clock_gettime(CLOCK_REALTIME_COARSE, &real);
-        now = real.tv_sec;
-    }
-    if (out != nullptr)
-        *out = now;
-    return now;
-}
-
-extern "C" int gettimeofday(timeval* out, void*) noexcept
-{
-    if (clockStep != 0) {
-        const long micros = clockMicros += clockStep;
-        *out = { micros / 1000000, micros % 1000000 };
-        return 0;
-    }
-    timespec real;
-    clock_gettime(CLOCK_REALTIME, &real);
-    *out = { real.tv_sec, real.tv_nsec / 1000 };
-    return 0;
-}
 
 extern "C" int select(int descriptors, fd_set* readable, fd_set* writable, fd_set* special, timeval* timeout)
 {
@@ -97,22 +62,6 @@ extern "C" int system(const char* command)
     static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "system"));
     return real(command);
 }
-
-void setTime(time_t now) { frozenTime = now; }
-
-void advanceTime(int seconds) { frozenTime += seconds; }
-
-int timesAsked() { return timeCalls; }
-
-bool waitUntilAsked(int times)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (timeCalls < times && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return timeCalls >= times;
-}
-
-void setClockStep(long micros) { clockStep = micros; }
 
 void setQuietTime(std::chrono::milliseconds quiet)
 {

@@ -305,16 +305,18 @@ void reconcile(const std::string& fullPath, const std::string& path, int watcher
     for (auto* list : { &rowFiles, &rowFolders, &diskFiles, &diskFolders })
         std::sort(list->begin(), list->end());
 
+    const std::string inFolder = path + "/";
+    const std::string onDisk = fullPath + "/";
     auto row = rowFiles.begin();
     for (const std::string& name : diskFiles) {
         for (; row != rowFiles.end() && *row < name; ++row)
-            deleteFile(path + "/" + *row, *row);
+            deleteFile(inFolder + *row, *row);
         if (row != rowFiles.end() && *row == name)
             ++row;
-        checkFile(fullPath + "/" + name, path + "/" + name, name);
+        checkFile(onDisk + name, inFolder + name, name);
     }
     for (; row != rowFiles.end(); ++row)
-        deleteFile(path + "/" + *row, *row);
+        deleteFile(inFolder + *row, *row);
     if (!std::includes(diskFolders.begin(), diskFolders.end(), rowFolders.begin(), rowFolders.end()))
         fail("a catalogued folder is gone; the floor is for a tree that stays as it is");
 }

@@ -49,7 +49,7 @@ int main(int argc, char** argv)
         return 2;
     }
     prctl(PR_SET_PDEATHSIG, SIGTERM); // no receiver stays behind when the runner is killed
-    std::strcpy(address.sun_path, argv[1]);
+    std::memcpy(address.sun_path, argv[1], std::strlen(argv[1]) + 1);
     const int receiver = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (receiver < 0 || bind(receiver, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         std::perror("bench_log_sink");

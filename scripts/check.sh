@@ -1,13 +1,14 @@
 #!/bin/sh
 # Looks for faults that no test asks for: shellcheck and pyflakes read the scripts, each header of src/ is compiled alone,
-# cppcheck and clang-tidy, the clang analyzer's checks among it, read src/, and valgrind watches a run of the daemon.
-# Whatever one of them finds is fatal. Installs what is missing first, and says so; builds in build/release.
+# cppcheck reads src/, clang-tidy all of src/, tests/ and bench/, and valgrind watches a run of the daemon. Whatever one of
+# them finds is fatal. Installs what is missing first, and says so; builds in build/release, and looks up in build/fuzz
+# how the fuzz targets and bench/ are compiled.
 set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
 # shellcheck disable=SC2086 # a list of words
-install_packages $build_packages libgtest-dev python3 util-linux shellcheck pyflakes3 cppcheck clang-tidy valgrind
+install_packages $build_packages libgtest-dev python3 util-linux shellcheck pyflakes3 cppcheck clang clang-tidy valgrind
 
 echo '== shellcheck'
 git ls-files -z '*.sh' .ci/run | xargs -0 shellcheck -x
@@ -24,6 +25,7 @@ find src -name '*.h' -printf '%P\0' | xargs -0 -P "$(nproc)" -I '{}' sh -c '
 
 echo '== Build: release'
 cmake --preset release >/dev/null # the tests too: clang-tidy looks up how each file is compiled
+cmake --preset fuzz -DQUARROW_BENCH=ON >/dev/null
 cmake --build --preset release --target quarrow
 
 echo '== cppcheck'
@@ -33,7 +35,9 @@ cppcheck --enable=warning,performance,portability --inline-suppr --error-exitcod
     --library=posix -D_GNU_SOURCE -I src --suppress=passedByValue --suppress=readdirCalled src
 
 echo '== clang-tidy'
-find src -name '*.cpp' -print0 | xargs -0 -P "$(nproc)" -n 4 clang-tidy -p build/release --quiet
+# tests/.clang-tidy says what is not looked for in the tests.
+git ls-files -z 'src/*.cpp' 'tests/unit/*.cpp' | xargs -0 -P "$(nproc)" -n 4 clang-tidy -p build/release --quiet
+git ls-files -z 'tests/fuzz/*.cpp' 'bench/*.cpp' | xargs -0 -P "$(nproc)" -n 3 clang-tidy -p build/fuzz --quiet
 
 echo '== valgrind'
 /usr/bin/python3 scripts/memcheck.py build/release/quarrow

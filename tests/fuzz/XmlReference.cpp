@@ -112,7 +112,7 @@ std::string XmlReference::withTextIn(const std::function<bool(const Element&)>& 
     xmlChar* dumped = nullptr;
     int length = 0;
     xmlDocDumpMemoryEnc(document.get(), &dumped, &length, "UTF-8"); // to be compared, whatever its encoding is
-    const std::string whole(reinterpret_cast<const char*>(dumped), static_cast<std::size_t>(length));
+    std::string whole(reinterpret_cast<const char*>(dumped), static_cast<std::size_t>(length));
     xmlFree(dumped);
     return whole;
 }

@@ -43,7 +43,7 @@ protected:
     /// The same with a log that somebody else owns.
     std::string makeWithForeignLog()
     {
-        const std::string path = makeWith("/Music");
+        std::string path = makeWith("/Music");
         change("pragma journal_mode=wal");
         giveToSomebody(volume.writeFile(".quarrow/quarrow.db-wal"));
         return path;

@@ -278,6 +278,7 @@ TEST_F(StatementCacheTest, eachRunHasItsOwnTime)
 TEST_F(StatementCacheTest, moreTextsThanThereIsRoomForAreRunAllTheSame)
 {
     std::vector<std::string> texts;
+    texts.reserve(100);
     for (int number = 0; number < 100; ++number)
         texts.push_back("select " + std::to_string(number));
     begin();

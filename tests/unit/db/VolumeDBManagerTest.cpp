@@ -55,28 +55,28 @@ TEST_F(VolumeDBManagerTest, aSecondOpenClosesTheFirst)
 
 TEST_F(VolumeDBManagerTest, beforeOpenEveryOperationFailsInAnOrderlyWay)
 {
-    VolumeDBManager closed;
+    VolumeDBManager unopened;
     DBFolder folder = folderAt("/Music");
     DBFile file = fileAt("/Music/a.mp3");
     for (const std::function<void()>& operation : std::initializer_list<std::function<void()>> {
-             [&] { closed.folderExists(folder); },
-             [&] { closed.insertFolder(folder, true); },
-             [&] { closed.insertIndividualFolder(folder); },
-             [&] { closed.insertFile(file); },
-             [&] { closed.deleteFolder(folder); },
-             [&] { closed.getListOfFolders(1); },
-             [&] { closed.purgeDeletedFiles(0); },
-             [&] { closed.updatePathForIndividualFolder(1, 0, "x"); },
-             [&] { closed.createDBStructure(); },
-             [&] { closed.beginTransaction(); },
-             [&] { closed.commitTransaction(); },
-             [&] { closed.rollbackTransaction(); },
+             [&] { unopened.folderExists(folder); },
+             [&] { unopened.insertFolder(folder, true); },
+             [&] { unopened.insertIndividualFolder(folder); },
+             [&] { unopened.insertFile(file); },
+             [&] { unopened.deleteFolder(folder); },
+             [&] { unopened.getListOfFolders(1); },
+             [&] { unopened.purgeDeletedFiles(0); },
+             [&] { unopened.updatePathForIndividualFolder(1, 0, "x"); },
+             [&] { unopened.createDBStructure(); },
+             [&] { unopened.beginTransaction(); },
+             [&] { unopened.commitTransaction(); },
+             [&] { unopened.rollbackTransaction(); },
          })
         EXPECT_TRUE(throwsOperationException(operation));
-    closed.useWriteAheadLog();
-    closed.keepFiles();
-    closed.checkpoint();
-    closed.abandonTransaction();
-    EXPECT_FALSE(closed.isInTransaction());
-    EXPECT_EQ(SQLITE_MISUSE, closed.executeSQLStmt(nullptr));
+    unopened.useWriteAheadLog();
+    unopened.keepFiles();
+    unopened.checkpoint();
+    unopened.abandonTransaction();
+    EXPECT_FALSE(unopened.isInTransaction());
+    EXPECT_EQ(SQLITE_MISUSE, unopened.executeSQLStmt(nullptr));
 }

@@ -143,7 +143,7 @@ TEST_P(RefusedChange, isLoggedAndTheNextEventIsServed)
 
 TEST_F(FileChanges, tableThatIsGoneAndComesBackIsSurvived)
 {
-    const auto failsWith = [this](const std::string& error) {
+    const auto failsWith = [](const std::string& error) {
         ASSERT_EQ(2U, loggedLines().size()) << error;
         EXPECT_EQ(1, timesLoggedFrom("fileExists() failed, handleStatus: "));
         EXPECT_EQ(err(error), loggedLines().back());

@@ -116,8 +116,8 @@ TEST_F(BurstReductionTest, anOverflowAloneGivesTheEmptyPath) { EXPECT_EQ("[]", f
 
 TEST_F(BurstReductionTest, whatHappenedDoesNotMatter)
 {
-    for (const unsigned mask : { IN_CREATE, IN_DELETE, IN_IGNORED, IN_Q_OVERFLOW, IN_MOVED_FROM | IN_ISDIR })
-        add(1, "name", 16, mask);
+    for (const int mask : { IN_CREATE, IN_DELETE, IN_IGNORED, IN_Q_OVERFLOW, IN_MOVED_FROM | IN_ISDIR })
+        add(1, "name", 16, static_cast<std::uint32_t>(mask));
     reduce();
     EXPECT_EQ("[/v/a]", folders());
     EXPECT_EQ(5, burst.eventCount);

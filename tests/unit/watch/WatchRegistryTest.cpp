@@ -240,6 +240,7 @@ TEST_F(WatchRegistryTest, threadsMayChangeItAtTheSameTime)
 {
     constexpr int threads = 4;
     std::vector<std::thread> walkers;
+    walkers.reserve(threads);
     for (int i = 0; i < threads; ++i) {
         walkers.emplace_back([this, i] {
             const std::string stays = folder.makeFolder("stays" + std::to_string(i));

@@ -16,7 +16,7 @@ using oru::util::MimeTypeMapper;
 namespace {
 
 /// The table of the process is read once, so each of these tests is right only in a process of its own.
-class Categories : public ::testing::Test {
+class CategoryMapperTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -33,7 +33,7 @@ protected:
     }
 };
 
-TEST_F(Categories, tellVideoAudioImageAndOtherApart)
+TEST_F(CategoryMapperTest, tellVideoAudioImageAndOtherApart)
 {
     const PrivateMimeTable table(
         "video/mp4 mp4\naudio/mpeg mp3\nimage/jpeg jpg\napplication/ogg ogx\ntext/plain txt\n");
@@ -43,57 +43,57 @@ TEST_F(Categories, tellVideoAudioImageAndOtherApart)
             + std::to_string(CategoryMapper::categoryImage) + " " + std::to_string(CategoryMapper::categoryOther));
 }
 
-TEST_F(Categories, lookAtTheFirstFiveCharactersOnly)
+TEST_F(CategoryMapperTest, lookAtTheFirstFiveCharactersOnly)
 {
     const PrivateMimeTable table("videos/x a\nvideo b\naudio c\naudiobook/y d\nimagery/z e\nimage f\n");
     EXPECT_EQ("112233", of({ "a", "b", "c", "d", "e", "f" }));
 }
 
-TEST_F(Categories, areOtherForEveryOtherBeginning)
+TEST_F(CategoryMapperTest, areOtherForEveryOtherBeginning)
 {
     const PrivateMimeTable table("vide/x a\nVideo/mp4 b\nAUDIO/mpeg c\nx-image/y d\napplication/video e\n"
                                  "aud f\n.image/png g\nvidéo/z h\n");
     EXPECT_EQ("44444444", of({ "a", "b", "c", "d", "e", "f", "g", "h" }));
 }
 
-TEST_F(Categories, areOtherForAnUnknownExtension)
+TEST_F(CategoryMapperTest, areOtherForAnUnknownExtension)
 {
     const PrivateMimeTable table("video/mp4 mp4\n");
     EXPECT_EQ("1444444", of({ "mp4", "", "avi", ".mp4", "mp4 ", "video", "video/mp4" }));
 }
 
-TEST_F(Categories, foldNoCase)
+TEST_F(CategoryMapperTest, foldNoCase)
 {
     const PrivateMimeTable table("video/mp4 mp4\nimage/jpeg JPG\n");
     EXPECT_EQ("1443", of({ "mp4", "MP4", "jpg", "JPG" }));
 }
 
-TEST_F(Categories, coverExtensionsThatOnlyALaterLineOfTheTypeNames)
+TEST_F(CategoryMapperTest, coverExtensionsThatOnlyALaterLineOfTheTypeNames)
 {
     const PrivateMimeTable table("image/jpeg jpg\nvideo/mp4 mp4\nimage/jpeg jpeg\n");
     EXPECT_EQ("33", of({ "jpg", "jpeg" }));
     EXPECT_EQ(1U, MimeTypeMapper::Instance().MimeTypeToExtensions("image/jpeg").size());
 }
 
-TEST_F(Categories, goByTheFirstTypeOfAnExtension)
+TEST_F(CategoryMapperTest, goByTheFirstTypeOfAnExtension)
 {
     const PrivateMimeTable table("application/ogg ogg\naudio/ogg ogg oga\n");
     EXPECT_EQ("42", of({ "ogg", "oga" }));
 }
 
-TEST_F(Categories, areAllOtherWithAnEmptyTable)
+TEST_F(CategoryMapperTest, areAllOtherWithAnEmptyTable)
 {
     const PrivateMimeTable table("");
     EXPECT_EQ("4444", of({ "mp4", "mp3", "jpg", "" }));
 }
 
-TEST_F(Categories, areAllOtherWithoutATable)
+TEST_F(CategoryMapperTest, areAllOtherWithoutATable)
 {
     const PrivateMimeTable table;
     EXPECT_EQ("4444", of({ "mp4", "mp3", "jpg", "" }));
 }
 
-TEST_F(Categories, areOtherForFoldersWhateverIsKnown)
+TEST_F(CategoryMapperTest, areOtherForFoldersWhateverIsKnown)
 {
     const PrivateMimeTable table("video/mp4 mp4\n");
     const CategoryMapper mapper;
@@ -102,7 +102,7 @@ TEST_F(Categories, areOtherForFoldersWhateverIsKnown)
     EXPECT_EQ(4, mapper.FolderToCategory(std::string("/Films.mp4"), 1, 2.5, nullptr));
 }
 
-TEST_F(Categories, areTheSameInAMapperOfOnesOwn)
+TEST_F(CategoryMapperTest, areTheSameInAMapperOfOnesOwn)
 {
     const PrivateMimeTable table("video/mp4 mp4\n");
     const CategoryMapper own;
@@ -113,7 +113,7 @@ TEST_F(Categories, areTheSameInAMapperOfOnesOwn)
     EXPECT_EQ(&MimeTypeMapper::Instance(), &MimeTypeMapper::Instance());
 }
 
-TEST_F(Categories, comeFromTheTableAsItWasAtFirstUse)
+TEST_F(CategoryMapperTest, comeFromTheTableAsItWasAtFirstUse)
 {
     const PrivateMimeTable table("video/mp4 mp4\n");
     EXPECT_EQ("14", of({ "mp4", "mp3" }));
@@ -122,7 +122,7 @@ TEST_F(Categories, comeFromTheTableAsItWasAtFirstUse)
     EXPECT_EQ(4, CategoryMapper().ExtensionToCategory("mp3"));
 }
 
-TEST_F(Categories, areRightForThreadsThatAllAskFirst)
+TEST_F(CategoryMapperTest, areRightForThreadsThatAllAskFirst)
 {
     const PrivateMimeTable table("video/mp4 mp4\nimage/jpeg jpg\n");
     std::mutex mutex;
@@ -153,7 +153,7 @@ TEST_F(Categories, areRightForThreadsThatAllAskFirst)
     }
 }
 
-TEST_F(Categories, areThoseOfTheShippedTableOnAnAppliance)
+TEST_F(CategoryMapperTest, areThoseOfTheShippedTableOnAnAppliance)
 {
     // No table of the test's own: the one that lies where the daemon looks.
     EXPECT_EQ("1123344", of({ "mp4", "MKV", "mp3", "jpg", "PNG", "txt", "iso" }));

@@ -21,7 +21,7 @@ std::string joined(const std::list<std::string>& words)
     return all;
 }
 
-class MimeTypes : public ::testing::Test {
+class MimeTypeMapperTest : public ::testing::Test {
 protected:
     MimeTypeMapper read(const std::string& content) const
     {
@@ -42,7 +42,7 @@ protected:
     TemporaryFolder folder;
 };
 
-TEST_F(MimeTypes, readsOneTypeALineWithItsExtensionsInFileOrder)
+TEST_F(MimeTypeMapperTest, readsOneTypeALineWithItsExtensionsInFileOrder)
 {
     const MimeTypeMapper table = read("video/mpeg mpeg mpg mpe\nimage/jpeg jpg jpeg\n");
     EXPECT_EQ("image/jpeg: jpg jpeg\nvideo/mpeg: mpeg mpg mpe\n", dump(table));
@@ -51,34 +51,34 @@ TEST_F(MimeTypes, readsOneTypeALineWithItsExtensionsInFileOrder)
     EXPECT_EQ("image/jpeg", table.ExtensionToMimeType("jpg"));
 }
 
-TEST_F(MimeTypes, separatesWordsAtAnyWhiteSpace)
+TEST_F(MimeTypeMapperTest, separatesWordsAtAnyWhiteSpace)
 {
     EXPECT_EQ("a/b: c d e f g\n", dumpOf(" \t\v\f\ra/b\tc \v d\fe\r f  g \t\n"));
     EXPECT_EQ("a/b: c\nd/e: f\n", dumpOf("a/b c\r\nd/e f\r\n"));
 }
 
-TEST_F(MimeTypes, takesOtherBytesAsPartOfAWord)
+TEST_F(MimeTypeMapperTest, takesOtherBytesAsPartOfAWord)
 {
     // White space is that of the POSIX locale: neither a no-break space nor a next-line byte separates.
     const std::string word("x\xA0y\x85\x1f\x7f\0z", 8);
     EXPECT_EQ("a/b: " + word + " \xc3\xa9\n", dumpOf("a/b " + word + " \xc3\xa9\n"));
 }
 
-TEST_F(MimeTypes, readsALastLineWithoutNewline) { EXPECT_EQ("a/b: c\nd/e: f\n", dumpOf("a/b c\nd/e f")); }
+TEST_F(MimeTypeMapperTest, readsALastLineWithoutNewline) { EXPECT_EQ("a/b: c\nd/e: f\n", dumpOf("a/b c\nd/e f")); }
 
-TEST_F(MimeTypes, skipsBlankLinesAndComments)
+TEST_F(MimeTypeMapperTest, skipsBlankLinesAndComments)
 {
     EXPECT_EQ("a/b: c\n", dumpOf("\n \t \n\r\n#video/x v\n  \t# video/y w\n#\n ##\na/b c\n\n"));
 }
 
-TEST_F(MimeTypes, endsALineAtACommentBehindItsWords)
+TEST_F(MimeTypeMapperTest, endsALineAtACommentBehindItsWords)
 {
     EXPECT_EQ("a/b: c d\n", dumpOf("a/b c d # e f\n"));
     EXPECT_EQ("a/b: c\n", dumpOf("a/b c #d e\n"));
     EXPECT_EQ("a/b: c\n", dumpOf("a/b c #\n"));
 }
 
-TEST_F(MimeTypes, takesAHashInsideAWordAsOrdinary)
+TEST_F(MimeTypeMapperTest, takesAHashInsideAWordAsOrdinary)
 {
     const MimeTypeMapper table = read("text/x#y c# a#b # d\n");
     EXPECT_EQ("text/x#y: c# a#b\n", dump(table));
@@ -86,7 +86,7 @@ TEST_F(MimeTypes, takesAHashInsideAWordAsOrdinary)
     EXPECT_EQ("", table.ExtensionToMimeType("c"));
 }
 
-TEST_F(MimeTypes, skipsATypeWithoutExtensions)
+TEST_F(MimeTypeMapperTest, skipsATypeWithoutExtensions)
 {
     EXPECT_EQ("d/e: f\n", dumpOf("video/a\nvideo/b  \nvideo/c # x y\nvideo/d #\nd/e f\n"));
     const MimeTypeMapper table = read("video/c # x y\nd/e x\n");
@@ -94,12 +94,12 @@ TEST_F(MimeTypes, skipsATypeWithoutExtensions)
     EXPECT_EQ("", table.ExtensionToMimeType("y"));
 }
 
-TEST_F(MimeTypes, letsALineWithoutExtensionsNotTakeTheTypeFromALaterOne)
+TEST_F(MimeTypeMapperTest, letsALineWithoutExtensionsNotTakeTheTypeFromALaterOne)
 {
     EXPECT_EQ("video/a: x\n", dumpOf("video/a\nvideo/a x\n"));
 }
 
-TEST_F(MimeTypes, keepsTheFirstListOfATypeYetLetsLaterLinesClaimNewExtensions)
+TEST_F(MimeTypeMapperTest, keepsTheFirstListOfATypeYetLetsLaterLinesClaimNewExtensions)
 {
     const MimeTypeMapper table = read("image/jpeg jpg\nimage/png png\nimage/jpeg jpeg jpe jpg\n");
     EXPECT_EQ("image/jpeg: jpg\nimage/png: png\n", dump(table));
@@ -107,7 +107,7 @@ TEST_F(MimeTypes, keepsTheFirstListOfATypeYetLetsLaterLinesClaimNewExtensions)
         EXPECT_EQ("image/jpeg", table.ExtensionToMimeType(extension)) << extension;
 }
 
-TEST_F(MimeTypes, leavesAnExtensionToTheFirstTypeThatListsIt)
+TEST_F(MimeTypeMapperTest, leavesAnExtensionToTheFirstTypeThatListsIt)
 {
     const MimeTypeMapper table = read("video/ogg ogg\naudio/ogg oga ogg\n");
     EXPECT_EQ("video/ogg", table.ExtensionToMimeType("ogg"));
@@ -115,9 +115,9 @@ TEST_F(MimeTypes, leavesAnExtensionToTheFirstTypeThatListsIt)
     EXPECT_EQ("audio/ogg: oga ogg\nvideo/ogg: ogg\n", dump(table)); // the lists stay as they were written
 }
 
-TEST_F(MimeTypes, keepsARepeatedExtensionOfOneLine) { EXPECT_EQ("a/b: c c d\n", dumpOf("a/b c c d\n")); }
+TEST_F(MimeTypeMapperTest, keepsARepeatedExtensionOfOneLine) { EXPECT_EQ("a/b: c c d\n", dumpOf("a/b c c d\n")); }
 
-TEST_F(MimeTypes, comparesByteByByte)
+TEST_F(MimeTypeMapperTest, comparesByteByByte)
 {
     const MimeTypeMapper table = read("image/jpeg jpg JPEG\nIMAGE/JPEG jpe\n");
     EXPECT_EQ("IMAGE/JPEG: jpe\nimage/jpeg: jpg JPEG\n", dump(table));
@@ -127,14 +127,14 @@ TEST_F(MimeTypes, comparesByteByByte)
         EXPECT_EQ("", table.ExtensionToMimeType(unknown)) << unknown;
 }
 
-TEST_F(MimeTypes, neitherAddsNorRemovesADot)
+TEST_F(MimeTypeMapperTest, neitherAddsNorRemovesADot)
 {
     const MimeTypeMapper table = read("a/b .c\n");
     EXPECT_EQ("a/b", table.ExtensionToMimeType(".c"));
     EXPECT_EQ("", table.ExtensionToMimeType("c"));
 }
 
-TEST_F(MimeTypes, hasNoTypeForAnUnknownExtensionNotEvenTheCatchAll)
+TEST_F(MimeTypeMapperTest, hasNoTypeForAnUnknownExtensionNotEvenTheCatchAll)
 {
     EXPECT_EQ("*/*", catchAllMimeType);
     const MimeTypeMapper table = read("a/b c\n");
@@ -142,7 +142,7 @@ TEST_F(MimeTypes, hasNoTypeForAnUnknownExtensionNotEvenTheCatchAll)
     EXPECT_TRUE(table.MimeTypeToExtensions(catchAllMimeType).empty());
 }
 
-TEST_F(MimeTypes, sharesOneEmptyListAmongUnknownTypes)
+TEST_F(MimeTypeMapperTest, sharesOneEmptyListAmongUnknownTypes)
 {
     const MimeTypeMapper table = read("a/b c\n");
     const MimeTypeMapper other = read("d/e f\n");
@@ -155,7 +155,7 @@ TEST_F(MimeTypes, sharesOneEmptyListAmongUnknownTypes)
     EXPECT_EQ(&table.MimeTypeToExtensions("a/b"), &table.MimeTypeToExtensions("a/b"));
 }
 
-TEST_F(MimeTypes, areNoneWhenTheFileCannotBeRead)
+TEST_F(MimeTypeMapperTest, areNoneWhenTheFileCannotBeRead)
 {
     clearLog();
     ::testing::internal::CaptureStdout();
@@ -168,9 +168,9 @@ TEST_F(MimeTypes, areNoneWhenTheFileCannotBeRead)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(MimeTypes, areNoneInAnEmptyFile) { EXPECT_EQ("", dumpOf("")); }
+TEST_F(MimeTypeMapperTest, areNoneInAnEmptyFile) { EXPECT_EQ("", dumpOf("")); }
 
-TEST_F(MimeTypes, areDumpedInSilence)
+TEST_F(MimeTypeMapperTest, areDumpedInSilence)
 {
     clearLog();
     const MimeTypeMapper table = read("a/b c\n");
@@ -183,7 +183,7 @@ TEST_F(MimeTypes, areDumpedInSilence)
     EXPECT_EQ("a/b: c\n", dump(table));
 }
 
-TEST_F(MimeTypes, readLongLinesWhole)
+TEST_F(MimeTypeMapperTest, readLongLinesWhole)
 {
     const std::string word(100000, 'x');
     std::string line = "a/b";
@@ -196,7 +196,7 @@ TEST_F(MimeTypes, readLongLinesWhole)
     EXPECT_EQ(3001U, table.MimeTypeToExtensions("a/b").size());
 }
 
-TEST_F(MimeTypes, areOneTableAndOneEmptyListForAllThreads)
+TEST_F(MimeTypeMapperTest, areOneTableAndOneEmptyListForAllThreads)
 {
     const MimeTypeMapper table = read("a/b c\n");
     const MimeTypeMapper* daemonTable = nullptr;

@@ -25,9 +25,9 @@ struct Entry {
 
 /// The table that is shipped, read by a stricter reader than the daemon's own: the daemon skips what it does not
 /// understand in silence, so a slip in the file would show only as photos that nobody finds.
-class MimeTypesFile : public ::testing::Test {
+class MimeTypesFileTest : public ::testing::Test {
 protected:
-    MimeTypesFile()
+    MimeTypesFileTest()
     {
         std::ifstream file(QUARROW_MIME_TABLE, std::ios::binary);
         readable = file.is_open();
@@ -109,7 +109,7 @@ protected:
     std::map<std::string, std::string> types; ///< extension -> type, the first line wins
 };
 
-TEST_F(MimeTypesFile, isPlainTextThatEndsWithANewline)
+TEST_F(MimeTypesFileTest, isPlainTextThatEndsWithANewline)
 {
     ASSERT_TRUE(readable) << QUARROW_MIME_TABLE;
     ASSERT_FALSE(text.empty());
@@ -118,7 +118,7 @@ TEST_F(MimeTypesFile, isPlainTextThatEndsWithANewline)
     EXPECT_EQ(text.end(), odd) << "at byte " << odd - text.begin();
 }
 
-TEST_F(MimeTypesFile, explainsItselfAtTheTop)
+TEST_F(MimeTypesFileTest, explainsItselfAtTheTop)
 {
     const std::string header = text.substr(0, text.find("\n\n"));
     EXPECT_EQ(0U, header.find("# "));
@@ -127,14 +127,14 @@ TEST_F(MimeTypesFile, explainsItselfAtTheTop)
         EXPECT_NE(std::string::npos, header.find(word)) << word;
 }
 
-TEST_F(MimeTypesFile, hasOnlyWellFormedLines)
+TEST_F(MimeTypesFileTest, hasOnlyWellFormedLines)
 {
     EXPECT_FALSE(entries.empty());
     for (const std::string& line : malformed)
         ADD_FAILURE() << "line " << line;
 }
 
-TEST_F(MimeTypesFile, usesOnlyRegisteredTopLevelNames)
+TEST_F(MimeTypesFileTest, usesOnlyRegisteredTopLevelNames)
 {
     // A slip such as "vidoe/mp4" would be well formed and turn the films of a household into "other".
     const std::set<std::string> known { "application", "audio", "font", "image", "message", "model", "text", "video" };
@@ -142,7 +142,7 @@ TEST_F(MimeTypesFile, usesOnlyRegisteredTopLevelNames)
         EXPECT_EQ(1U, known.count(entry.type.substr(0, entry.type.find('/')))) << "line " << entry.line;
 }
 
-TEST_F(MimeTypesFile, namesEachTypeOnOneLineOnly)
+TEST_F(MimeTypesFileTest, namesEachTypeOnOneLineOnly)
 {
     std::map<std::string, int> lineOf;
     for (const Entry& entry : entries) {
@@ -151,7 +151,7 @@ TEST_F(MimeTypesFile, namesEachTypeOnOneLineOnly)
     }
 }
 
-TEST_F(MimeTypesFile, namesEachExtensionOnce)
+TEST_F(MimeTypesFileTest, namesEachExtensionOnce)
 {
     std::map<std::string, int> lineOf;
     for (const Entry& entry : entries)
@@ -161,7 +161,7 @@ TEST_F(MimeTypesFile, namesEachExtensionOnce)
         }
 }
 
-TEST_F(MimeTypesFile, givesAllSpellingsOfAnExtensionOneCategory)
+TEST_F(MimeTypesFileTest, givesAllSpellingsOfAnExtensionOneCategory)
 {
     std::map<std::string, std::string> first;
     for (const auto& [extension, type] : types) {
@@ -170,7 +170,7 @@ TEST_F(MimeTypesFile, givesAllSpellingsOfAnExtensionOneCategory)
     }
 }
 
-TEST_F(MimeTypesFile, listsMediaInLowerUpperAndCapitalisedSpelling)
+TEST_F(MimeTypesFileTest, listsMediaInLowerUpperAndCapitalisedSpelling)
 {
     for (const auto& [extension, type] : types) {
         if (category(type) == "other")
@@ -180,7 +180,7 @@ TEST_F(MimeTypesFile, listsMediaInLowerUpperAndCapitalisedSpelling)
     }
 }
 
-TEST_F(MimeTypesFile, coversWhatPeopleHave)
+TEST_F(MimeTypesFileTest, coversWhatPeopleHave)
 {
     EXPECT_LE(90U, countDistinct("video"));
     EXPECT_LE(90U, countDistinct("audio"));
@@ -188,7 +188,7 @@ TEST_F(MimeTypesFile, coversWhatPeopleHave)
     EXPECT_LE(150U, countDistinct("other"));
 }
 
-TEST_F(MimeTypesFile, knowsVideos)
+TEST_F(MimeTypesFileTest, knowsVideos)
 {
     expectMedia("video",
         "mp4 m4v mov qt avi divx mkv mk3d webm ogv ogm ogx mpg mpeg mpe m1v m2v vob vro ts m2ts mts m2t tp trp tod "
@@ -196,7 +196,7 @@ TEST_F(MimeTypesFile, knowsVideos)
         "y4m r3d braw crm lrv insv 360 dav mlv fli flc bik nsv amv mng m4s movie m4u");
 }
 
-TEST_F(MimeTypesFile, knowsAudio)
+TEST_F(MimeTypesFileTest, knowsAudio)
 {
     expectMedia("audio",
         "mp3 mp2 mpga m4a m4b m4p m4r aac ogg oga spx opus flac ape wv tta tak shn wav wave bwf w64 aif aiff aifc "
@@ -205,7 +205,7 @@ TEST_F(MimeTypesFile, knowsAudio)
         "ofr dss wax pcm f4a vqf imy aob gsf usf");
 }
 
-TEST_F(MimeTypesFile, knowsImages)
+TEST_F(MimeTypesFileTest, knowsImages)
 {
     expectMedia("image",
         "jpg jpeg jpe jfif png apng gif bmp tif tiff webp heic heics heif hif avif jxl jp2 j2k jpx jxr cr2 cr3 crw "
@@ -214,7 +214,7 @@ TEST_F(MimeTypesFile, knowsImages)
         "ppm pam xbm xpm pcd pict sgi ilbm emf wmf cdr qoi wbmp fits");
 }
 
-TEST_F(MimeTypesFile, keepsWhatIsNotMediaApart)
+TEST_F(MimeTypesFileTest, keepsWhatIsNotMediaApart)
 {
     std::istringstream words("pdf PDF doc docx DOCX xls xlsx ppt pptx odt ods odp rtf txt TXT md html csv xml json "
                              "epub mobi azw3 fb2 cbz cbr srt SRT sub ass ssa vtt smi zip ZIP rar 7z tar gz bz2 "
@@ -225,7 +225,7 @@ TEST_F(MimeTypesFile, keepsWhatIsNotMediaApart)
         EXPECT_EQ("other", categoryOf(word)) << word;
 }
 
-TEST_F(MimeTypesFile, namesTheUsualTypes)
+TEST_F(MimeTypesFileTest, namesTheUsualTypes)
 {
     std::istringstream usual("mp4 video/mp4 MOV video/quicktime mkv video/x-matroska webm video/webm "
                              "avi video/x-msvideo mpg video/mpeg vob video/mpeg MTS video/mp2t m2ts video/mp2t "
@@ -241,7 +241,7 @@ TEST_F(MimeTypesFile, namesTheUsualTypes)
         EXPECT_EQ(type, typeOf(extension)) << extension;
 }
 
-TEST_F(MimeTypesFile, isReadByTheDaemonAsItStands)
+TEST_F(MimeTypesFileTest, isReadByTheDaemonAsItStands)
 {
     const oru::util::MimeTypeMapper mapper(QUARROW_MIME_TABLE);
     ASSERT_FALSE(entries.empty());
@@ -256,7 +256,7 @@ TEST_F(MimeTypesFile, isReadByTheDaemonAsItStands)
         EXPECT_TRUE(mapper.MimeTypeToExtensions(unknown).empty()) << unknown;
 }
 
-TEST_F(MimeTypesFile, listsTheRestInLowerAndUpperSpellingAndSourceTextInLowerOnly)
+TEST_F(MimeTypesFileTest, listsTheRestInLowerAndUpperSpellingAndSourceTextInLowerOnly)
 {
     const auto start = text.begin() + static_cast<std::ptrdiff_t>(text.find("# Other: source text"));
     const auto firstLineOfSource = static_cast<int>(std::count(text.begin(), start, '\n')) + 1;

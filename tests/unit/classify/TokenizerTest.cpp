@@ -25,7 +25,7 @@ std::string split(const std::string& text, const std::string& delimiters)
     return remaining(tokenizer);
 }
 
-TEST(Tokenizer, takesAPathApart)
+TEST(TokenizerTest, takesAPathApart)
 {
     Tokenizer tokenizer("/Music/Rock/Live", "/");
     EXPECT_EQ("Music", tokenizer.next());
@@ -34,13 +34,13 @@ TEST(Tokenizer, takesAPathApart)
     EXPECT_EQ("", tokenizer.next());
 }
 
-TEST(Tokenizer, makesNoEmptyTokensOfLeadingRepeatedAndTrailingDelimiters)
+TEST(TokenizerTest, makesNoEmptyTokensOfLeadingRepeatedAndTrailingDelimiters)
 {
     EXPECT_EQ("[a][b]", split("/a//b/", "/"));
     EXPECT_EQ("[a][b]", split("////a///b", "/"));
 }
 
-TEST(Tokenizer, staysAtTheEndOnEveryFurtherCall)
+TEST(TokenizerTest, staysAtTheEndOnEveryFurtherCall)
 {
     Tokenizer tokenizer("/a//b/", "/");
     EXPECT_EQ("[a][b]", remaining(tokenizer));
@@ -48,7 +48,7 @@ TEST(Tokenizer, staysAtTheEndOnEveryFurtherCall)
         EXPECT_EQ("", tokenizer.next());
 }
 
-TEST(Tokenizer, findsNothingInAnEmptyTextOrInDelimitersAlone)
+TEST(TokenizerTest, findsNothingInAnEmptyTextOrInDelimitersAlone)
 {
     EXPECT_EQ("", split("", "/"));
     EXPECT_EQ("", split("", ""));
@@ -56,22 +56,25 @@ TEST(Tokenizer, findsNothingInAnEmptyTextOrInDelimitersAlone)
     EXPECT_EQ("", split("////", "/"));
 }
 
-TEST(Tokenizer, takesTheWholeTextAsOneTokenWithoutDelimiters) { EXPECT_EQ("[/a b\t//c/]", split("/a b\t//c/", "")); }
+TEST(TokenizerTest, takesTheWholeTextAsOneTokenWithoutDelimiters)
+{
+    EXPECT_EQ("[/a b\t//c/]", split("/a b\t//c/", ""));
+}
 
-TEST(Tokenizer, takesEachCharacterOfTheSetAsADelimiter)
+TEST(TokenizerTest, takesEachCharacterOfTheSetAsADelimiter)
 {
     EXPECT_EQ("[a][b][c][d e]", split("a/b;/;c,d e", "/;,"));
     EXPECT_EQ("[a:][:b]", split("a:/:b", "/"));
 }
 
-TEST(Tokenizer, startsEmptyWhenMadeOfNothing)
+TEST(TokenizerTest, startsEmptyWhenMadeOfNothing)
 {
     Tokenizer tokenizer;
     EXPECT_EQ("", tokenizer.next());
     EXPECT_EQ("", tokenizer.next());
 }
 
-TEST(Tokenizer, splitsAtTheSixWhiteSpaceCharactersByDefault)
+TEST(TokenizerTest, splitsAtTheSixWhiteSpaceCharactersByDefault)
 {
     Tokenizer tokenizer;
     tokenizer.setString(" a\tb\vc\nd\re\ff \t\v\n\r\f g");
@@ -83,7 +86,7 @@ TEST(Tokenizer, splitsAtTheSixWhiteSpaceCharactersByDefault)
         remaining(tokenizer));
 }
 
-TEST(Tokenizer, knowsItsDelimiters)
+TEST(TokenizerTest, knowsItsDelimiters)
 {
     Tokenizer byDefault;
     for (const char c : std::string(" \t\v\n\r\f"))
@@ -97,7 +100,7 @@ TEST(Tokenizer, knowsItsDelimiters)
     EXPECT_FALSE(Tokenizer("/a", "").isDelimiter('/'));
 }
 
-TEST(Tokenizer, skipsTheDelimitersAheadAndNothingElse)
+TEST(TokenizerTest, skipsTheDelimitersAheadAndNothingElse)
 {
     Tokenizer tokenizer("//a//b", "/");
     tokenizer.skipDelimiter();
@@ -109,7 +112,7 @@ TEST(Tokenizer, skipsTheDelimitersAheadAndNothingElse)
     EXPECT_EQ("", tokenizer.next());
 }
 
-TEST(Tokenizer, startsAgainFromTheFirstTokenWhenTheDelimitersChange)
+TEST(TokenizerTest, startsAgainFromTheFirstTokenWhenTheDelimitersChange)
 {
     Tokenizer tokenizer("/a/b c/d", "/");
     EXPECT_EQ("a", tokenizer.next());
@@ -123,7 +126,7 @@ TEST(Tokenizer, startsAgainFromTheFirstTokenWhenTheDelimitersChange)
     EXPECT_EQ("[a][b c][d]", remaining(tokenizer));
 }
 
-TEST(Tokenizer, startsAgainWithANewTextAndKeepsTheDelimiters)
+TEST(TokenizerTest, startsAgainWithANewTextAndKeepsTheDelimiters)
 {
     Tokenizer tokenizer("/a/b", "/");
     EXPECT_EQ("a", tokenizer.next());
@@ -135,7 +138,7 @@ TEST(Tokenizer, startsAgainWithANewTextAndKeepsTheDelimiters)
     EXPECT_EQ("[q]", remaining(tokenizer));
 }
 
-TEST(Tokenizer, startsAgainWhenTextAndDelimitersAreSet)
+TEST(TokenizerTest, startsAgainWhenTextAndDelimitersAreSet)
 {
     Tokenizer tokenizer("/a/b", "/");
     EXPECT_EQ("a", tokenizer.next());
@@ -145,7 +148,7 @@ TEST(Tokenizer, startsAgainWhenTextAndDelimitersAreSet)
     EXPECT_EQ("[c d][e]", remaining(tokenizer));
 }
 
-TEST(Tokenizer, ownsACopyOfItsText)
+TEST(TokenizerTest, ownsACopyOfItsText)
 {
     std::string text = "/a/b";
     Tokenizer tokenizer(text, "/");
@@ -153,7 +156,7 @@ TEST(Tokenizer, ownsACopyOfItsText)
     EXPECT_EQ("[a][b]", remaining(tokenizer));
 }
 
-TEST(Tokenizer, goesOnFromTheSamePlaceWhenCopied)
+TEST(TokenizerTest, goesOnFromTheSamePlaceWhenCopied)
 {
     Tokenizer original("/a/b/c", "/");
     EXPECT_EQ("a", original.next());
@@ -164,7 +167,7 @@ TEST(Tokenizer, goesOnFromTheSamePlaceWhenCopied)
     EXPECT_EQ("[elsewhere]", remaining(original));
 }
 
-TEST(Tokenizer, takesNamesAsBytes)
+TEST(TokenizerTest, takesNamesAsBytes)
 {
     EXPECT_EQ("[caf\xe9][\xff\xfe][\xc3\xa9]", split("/caf\xe9/\xff\xfe/\xc3\xa9", "/"));
     EXPECT_EQ("[a][b]",
@@ -176,7 +179,7 @@ TEST(Tokenizer, takesNamesAsBytes)
     EXPECT_EQ("[a][b/c]", split(withNul, std::string(1, '\0')));
 }
 
-TEST(Tokenizer, forgetsItsLastTokenWhenTheTextBecomesEmpty)
+TEST(TokenizerTest, forgetsItsLastTokenWhenTheTextBecomesEmpty)
 {
     Tokenizer tokenizer("/a/b", "/");
     EXPECT_EQ("a", tokenizer.next());

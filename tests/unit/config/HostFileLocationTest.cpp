@@ -15,7 +15,7 @@ constexpr const char* completeFile = "<c><Version>1</Version><last_updated_time>
                                      "<Name>one</Name><Root>/v1</Root></Volume></Volumes></c>";
 
 /// Where the host configuration file is looked for.
-class HostFileLocation : public HostFileTest {
+class HostFileLocationTest : public HostFileTest {
 protected:
     /// What a daemon finds whose root folder is the temporary folder, so that absolute paths lead into it.
     std::string foundUnderRoot() const
@@ -35,14 +35,14 @@ protected:
     static constexpr const char* notPermitted = "changing the root folder is not permitted";
 };
 
-TEST_F(HostFileLocation, comesFromTheEnvironment)
+TEST_F(HostFileLocationTest, comesFromTheEnvironment)
 {
     folder.writeFile("sub/other.xml", completeFile);
     setenv("QUARROW_CONFIG_FILE", folder.path("sub/other.xml").c_str(), 1);
     EXPECT_TRUE(QuarrowConfig().load());
 }
 
-TEST_F(HostFileLocation, isFixedWhenTheConfigurationIsMade)
+TEST_F(HostFileLocationTest, isFixedWhenTheConfigurationIsMade)
 {
     write(completeFile);
     QuarrowConfig config;
@@ -51,7 +51,7 @@ TEST_F(HostFileLocation, isFixedWhenTheConfigurationIsMade)
     EXPECT_FALSE(QuarrowConfig().load());
 }
 
-TEST_F(HostFileLocation, mayBeWrong)
+TEST_F(HostFileLocationTest, mayBeWrong)
 {
     for (const std::string& wrong : { folder.path("missing.xml"), folder.path(), folder.path("no/such/folder") }) {
         clearLog();
@@ -61,7 +61,7 @@ TEST_F(HostFileLocation, mayBeWrong)
     }
 }
 
-TEST_F(HostFileLocation, isThatOfTheApplianceWithoutTheVariable)
+TEST_F(HostFileLocationTest, isThatOfTheApplianceWithoutTheVariable)
 {
     folder.writeFile("CacheVolume/.quarrow/quarrow-host.xml", completeFile);
     unsetenv("QUARROW_CONFIG_FILE");
@@ -71,7 +71,7 @@ TEST_F(HostFileLocation, isThatOfTheApplianceWithoutTheVariable)
     EXPECT_EQ("loaded one=/v1\n", found);
 }
 
-TEST_F(HostFileLocation, isNowhereWhenTheVariableIsEmptyNotEvenOnTheAppliance)
+TEST_F(HostFileLocationTest, isNowhereWhenTheVariableIsEmptyNotEvenOnTheAppliance)
 {
     folder.writeFile("CacheVolume/.quarrow/quarrow-host.xml", completeFile);
     setenv("QUARROW_CONFIG_FILE", "", 1);
@@ -82,7 +82,7 @@ TEST_F(HostFileLocation, isNowhereWhenTheVariableIsEmptyNotEvenOnTheAppliance)
     EXPECT_EQ(parseFailure(), loggedLines());
 }
 
-TEST_F(HostFileLocation, isAskedForOnceByTheConfigurationOfTheProcess)
+TEST_F(HostFileLocationTest, isAskedForOnceByTheConfigurationOfTheProcess)
 {
     write(completeFile);
     QuarrowConfig* const config = QuarrowConfig::getInstance();
@@ -92,7 +92,7 @@ TEST_F(HostFileLocation, isAskedForOnceByTheConfigurationOfTheProcess)
     EXPECT_EQ("one=/v1\n", volumes(*config));
 }
 
-TEST_F(HostFileLocation, isNotTouchedByMakingTheConfiguration)
+TEST_F(HostFileLocationTest, isNotTouchedByMakingTheConfiguration)
 {
     write("not xml");
     QuarrowConfig config;
@@ -101,7 +101,7 @@ TEST_F(HostFileLocation, isNotTouchedByMakingTheConfiguration)
     EXPECT_TRUE(config.load());
 }
 
-TEST_F(HostFileLocation, isReadOnly)
+TEST_F(HostFileLocationTest, isReadOnly)
 {
     write(completeFile);
     QuarrowConfig().load();
@@ -111,7 +111,7 @@ TEST_F(HostFileLocation, isReadOnly)
     EXPECT_FALSE(folder.exists("host.xml"));
 }
 
-TEST_F(HostFileLocation, mayBeUnusual)
+TEST_F(HostFileLocationTest, mayBeUnusual)
 {
     for (const std::string name : { "with blank", "100%25", "a#b?c=d", "x://y", "caf\xe9", "a&b;c", "\"'<>|*" }) {
         folder.writeFile(name + "/host.xml", completeFile);
@@ -121,7 +121,7 @@ TEST_F(HostFileLocation, mayBeUnusual)
 }
 
 /// Right only in a process of its own: the table of the process is read once.
-TEST_F(HostFileLocation, leavesTheMimeTableReadBeforeTheFirstThread)
+TEST_F(HostFileLocationTest, leavesTheMimeTableReadBeforeTheFirstThread)
 {
     const PrivateMount quarrow = PrivateMount::inMemory("/usr/local/quarrow", "mode=755");
     if (!quarrow.isMounted())
@@ -133,14 +133,14 @@ TEST_F(HostFileLocation, leavesTheMimeTableReadBeforeTheFirstThread)
     EXPECT_EQ(1, oru::db::CategoryMapper::Instance().ExtensionToCategory("mp4"));
 }
 
-TEST_F(HostFileLocation, mayBeALink)
+TEST_F(HostFileLocationTest, mayBeALink)
 {
     folder.writeFile("real.xml", completeFile);
     ASSERT_EQ(0, symlink("real.xml", folder.path("host.xml").c_str()));
     EXPECT_TRUE(QuarrowConfig().load());
 }
 
-TEST_F(HostFileLocation, mayBeUnreadable)
+TEST_F(HostFileLocationTest, mayBeUnreadable)
 {
     write(completeFile);
     ASSERT_EQ(0, chmod(folder.path("host.xml").c_str(), 0));

@@ -3,7 +3,7 @@
 namespace {
 
 /// Names, roots and paths of the volumes in a host configuration file.
-class HostFileVolumes : public HostFileTest {
+class HostFileVolumesTest : public HostFileTest {
 protected:
     /// A configuration with these volumes, loaded.
     QuarrowConfig loaded(const std::string& volumesText)
@@ -15,7 +15,7 @@ protected:
     }
 };
 
-TEST_F(HostFileVolumes, keepTheirRootAsWritten)
+TEST_F(HostFileVolumesTest, keepTheirRootAsWritten)
 {
     EXPECT_EQ("a=/\nb=/b/\nc=/c//\nd= /d \ne=relative\n",
         volumes(
@@ -24,7 +24,7 @@ TEST_F(HostFileVolumes, keepTheirRootAsWritten)
                    "<Volume><Name>e</Name><Root>relative</Root></Volume>")));
 }
 
-TEST_F(HostFileVolumes, comeInByteOrderOfTheirNames)
+TEST_F(HostFileVolumesTest, comeInByteOrderOfTheirNames)
 {
     EXPECT_EQ("=/0\n10=/1\n9=/2\nB=/3\na=/4\né=/5\n",
         volumes(loaded("<Volume><Name>é</Name><Root>/5</Root></Volume><Volume><Name>a</Name><Root>/4</Root></Volume>"
@@ -32,7 +32,7 @@ TEST_F(HostFileVolumes, comeInByteOrderOfTheirNames)
                        "<Volume><Name>10</Name><Root>/1</Root></Volume><Volume><Root>/0</Root></Volume>")));
 }
 
-TEST_F(HostFileVolumes, mayBeNamedAfterTheirRootAndPaths)
+TEST_F(HostFileVolumesTest, mayBeNamedAfterTheirRootAndPaths)
 {
     QuarrowConfig config = loaded("<Volume><ExcludePaths><Path>/x</Path></ExcludePaths><CrawlPaths><Path>/c</Path>"
                                   "</CrawlPaths><Root>/v</Root><Name>late</Name></Volume>");
@@ -41,7 +41,7 @@ TEST_F(HostFileVolumes, mayBeNamedAfterTheirRootAndPaths)
     EXPECT_EQ("[/x]", excludePaths(config, "late"));
 }
 
-TEST_F(HostFileVolumes, haveTheEmptyNameWithoutAName)
+TEST_F(HostFileVolumesTest, haveTheEmptyNameWithoutAName)
 {
     QuarrowConfig config = loaded("<Volume><Root>/v</Root><CrawlPaths><Path>/c</Path></CrawlPaths></Volume>");
     EXPECT_EQ("=/v\n", volumes(config));
@@ -50,19 +50,19 @@ TEST_F(HostFileVolumes, haveTheEmptyNameWithoutAName)
     EXPECT_EQ("=/x\n", volumes(loaded("<Volume><a><Name>deep</Name></a><name>low</name><Root>/x</Root></Volume>")));
 }
 
-TEST_F(HostFileVolumes, haveTheFirstOfTwoNames)
+TEST_F(HostFileVolumesTest, haveTheFirstOfTwoNames)
 {
     EXPECT_EQ("a=/v\n", volumes(loaded("<Volume><Name>a</Name><Root>/v</Root><Name>b</Name></Volume>")));
     EXPECT_EQ("=/v\n", volumes(loaded("<Volume><Name/><Root>/v</Root><Name>b</Name></Volume>")));
 }
 
-TEST_F(HostFileVolumes, haveTheLastOfTwoRoots)
+TEST_F(HostFileVolumesTest, haveTheLastOfTwoRoots)
 {
     EXPECT_EQ("a=/2\n", volumes(loaded("<Volume><Name>a</Name><Root>/1</Root><Root>/2</Root></Volume>")));
     EXPECT_EQ("a=/1\n", volumes(loaded("<Volume><Name>a</Name><Root>/1</Root><Root/></Volume>")));
 }
 
-TEST_F(HostFileVolumes, ofOneNameHaveTheLaterRootAndThePathsOfBoth)
+TEST_F(HostFileVolumesTest, ofOneNameHaveTheLaterRootAndThePathsOfBoth)
 {
     QuarrowConfig config
         = loaded("<Volume><Name>a</Name><Root>/1</Root><CrawlPaths><Path>/c1</Path></CrawlPaths>"
@@ -76,7 +76,7 @@ TEST_F(HostFileVolumes, ofOneNameHaveTheLaterRootAndThePathsOfBoth)
     EXPECT_EQ("[/cb]", crawlPaths(config, "b"));
 }
 
-TEST_F(HostFileVolumes, givePathsInFileOrder)
+TEST_F(HostFileVolumesTest, givePathsInFileOrder)
 {
     QuarrowConfig config = loaded("<Volume><Name>a</Name><Root>/v</Root><CrawlPaths><Path>/z</Path><Path>/a</Path>"
                                   "<Path>/m</Path><Path>/a</Path></CrawlPaths><CrawlPaths><Path>/b</Path></CrawlPaths>"
@@ -85,7 +85,7 @@ TEST_F(HostFileVolumes, givePathsInFileOrder)
     EXPECT_EQ("[z][a]", excludePaths(config, "a"));
 }
 
-TEST_F(HostFileVolumes, giveNoPathsForAnUnknownName)
+TEST_F(HostFileVolumesTest, giveNoPathsForAnUnknownName)
 {
     QuarrowConfig config = loaded("<Volume><Name>a</Name><Root>/v</Root><CrawlPaths><Path>/c</Path></CrawlPaths>"
                                   "<ExcludePaths><Path>/x</Path></ExcludePaths></Volume>");
@@ -93,7 +93,7 @@ TEST_F(HostFileVolumes, giveNoPathsForAnUnknownName)
         EXPECT_EQ("", crawlPaths(config, unknown) + excludePaths(config, unknown)) << unknown;
 }
 
-TEST_F(HostFileVolumes, appendTheirPathsToTheList)
+TEST_F(HostFileVolumesTest, appendTheirPathsToTheList)
 {
     QuarrowConfig config = loaded("<Volume><Name>a</Name><Root>/v</Root><CrawlPaths><Path>/a/</Path><Path>/b</Path>"
                                   "</CrawlPaths><ExcludePaths><Path>/x</Path></ExcludePaths></Volume>");
@@ -107,7 +107,7 @@ TEST_F(HostFileVolumes, appendTheirPathsToTheList)
     EXPECT_EQ("[/a][/b][/a][/b][/x]", inBrackets(paths));
 }
 
-TEST_F(HostFileVolumes, haveOneSlashLessAtTheEndOfAPath)
+TEST_F(HostFileVolumesTest, haveOneSlashLessAtTheEndOfAPath)
 {
     QuarrowConfig config
         = loaded("<Volume><Name>a</Name><Root>/v</Root><CrawlPaths><Path>/a/</Path><Path>/</Path>"
@@ -117,7 +117,7 @@ TEST_F(HostFileVolumes, haveOneSlashLessAtTheEndOfAPath)
     EXPECT_EQ("[/e][/][f]", excludePaths(config, "a"));
 }
 
-TEST_F(HostFileVolumes, skipPathsWithoutText)
+TEST_F(HostFileVolumesTest, skipPathsWithoutText)
 {
     QuarrowConfig config
         = loaded("<Volume><Name>a</Name><Root>/v</Root><CrawlPaths><Path/><Path></Path><Path><b>/b</b></Path>"
@@ -126,7 +126,7 @@ TEST_F(HostFileVolumes, skipPathsWithoutText)
     EXPECT_EQ("", excludePaths(config, "a"));
 }
 
-TEST_F(HostFileVolumes, takePathsOnlyRightInsideTheirLists)
+TEST_F(HostFileVolumesTest, takePathsOnlyRightInsideTheirLists)
 {
     QuarrowConfig config = loaded("<Volume><Name>a</Name><Root>/v</Root><Path>/1</Path>"
                                   "<CrawlPaths><x><Path>/2</Path></x><path>/3</path><Path>/c</Path></CrawlPaths>"
@@ -138,7 +138,7 @@ TEST_F(HostFileVolumes, takePathsOnlyRightInsideTheirLists)
     EXPECT_EQ("", crawlPaths(config, "") + excludePaths(config, ""));
 }
 
-TEST_F(HostFileVolumes, maySitOutsideVolumesForTheirPathsThoughNotForTheirRoot)
+TEST_F(HostFileVolumesTest, maySitOutsideVolumesForTheirPathsThoughNotForTheirRoot)
 {
     writeWith("<Volume><Name>a</Name><Root>/v</Root></Volume>", "<Version>1</Version>",
         "<last_updated_time>1</last_updated_time>",
@@ -151,7 +151,7 @@ TEST_F(HostFileVolumes, maySitOutsideVolumesForTheirPathsThoughNotForTheirRoot)
     EXPECT_EQ("[/x]", excludePaths(config, "a"));
 }
 
-TEST_F(HostFileVolumes, mayHaveNamesAndPathsThatXmlMustEscape)
+TEST_F(HostFileVolumesTest, mayHaveNamesAndPathsThatXmlMustEscape)
 {
     QuarrowConfig config = loaded("<Volume><Name>R&amp;B &lt;live&gt;</Name><Root><![CDATA[/mnt/<a>&b]]></Root>"
                                   "<CrawlPaths><Path>/caf&#233;/&#x41;&amp;B/</Path></CrawlPaths></Volume>");
@@ -159,7 +159,7 @@ TEST_F(HostFileVolumes, mayHaveNamesAndPathsThatXmlMustEscape)
     EXPECT_EQ("[/café/A&B]", crawlPaths(config, "R&B <live>"));
 }
 
-TEST_F(HostFileVolumes, mayComeInAnotherEncoding)
+TEST_F(HostFileVolumesTest, mayComeInAnotherEncoding)
 {
     write("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><c><Version>1</Version><last_updated_time>1"
           "</last_updated_time><Volumes><Volume><Name>a</Name><Root>/caf\xe9</Root></Volume></Volumes></c>");
@@ -168,7 +168,7 @@ TEST_F(HostFileVolumes, mayComeInAnotherEncoding)
     EXPECT_EQ("a=/café\n", volumes(config));
 }
 
-TEST_F(HostFileVolumes, mayBeMany)
+TEST_F(HostFileVolumesTest, mayBeMany)
 {
     std::string text;
     std::string expected;
@@ -179,7 +179,7 @@ TEST_F(HostFileVolumes, mayBeMany)
     EXPECT_EQ(expected, volumes(loaded(text)));
 }
 
-TEST_F(HostFileVolumes, haveTheFirstChildOfAnElementAsItsValue)
+TEST_F(HostFileVolumesTest, haveTheFirstChildOfAnElementAsItsValue)
 {
     write("<!DOCTYPE c [<!ENTITY e \"/e\">]><c><Version>1</Version><last_updated_time>1</last_updated_time><Volumes>"
           "<Volume><Name>a</Name><Root>/a<!-- c -->/b</Root></Volume>"

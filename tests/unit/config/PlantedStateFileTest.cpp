@@ -10,9 +10,9 @@
 namespace {
 
 /// What a user of the volume may have prepared where the state file belongs.
-class PlantedStateFile : public StateFileTest {
+class PlantedStateFileTest : public StateFileTest {
 protected:
-    PlantedStateFile()
+    PlantedStateFileTest()
     {
         elsewhere.writeFile("target", stateText("1", "77"));
         clearLog();
@@ -28,7 +28,7 @@ protected:
     TemporaryFolder elsewhere;
 };
 
-TEST_F(PlantedStateFile, thatIsADanglingLinkMakesNothingWhereItLeads)
+TEST_F(PlantedStateFileTest, thatIsADanglingLinkMakesNothingWhereItLeads)
 {
     link(elsewhere.path("new"), "state.xml");
     ::testing::internal::CaptureStdout();
@@ -38,7 +38,7 @@ TEST_F(PlantedStateFile, thatIsADanglingLinkMakesNothingWhereItLeads)
     EXPECT_FALSE(elsewhere.exists("new"));
 }
 
-TEST_F(PlantedStateFile, thatIsALinkIsNotReadThrough)
+TEST_F(PlantedStateFileTest, thatIsALinkIsNotReadThrough)
 {
     link(elsewhere.path("target"), "state.xml");
     EXPECT_EQ(thrownText, start());
@@ -46,7 +46,7 @@ TEST_F(PlantedStateFile, thatIsALinkIsNotReadThrough)
     expectTargetUntouched();
 }
 
-TEST_F(PlantedStateFile, thatBecomesALinkDoesNotBringTheTargetOntoTheVolume)
+TEST_F(PlantedStateFileTest, thatBecomesALinkDoesNotBringTheTargetOntoTheVolume)
 {
     VolumeManagerConfig config(statePath);
     elsewhere.writeFile("secret", "<secrets>42</secrets>");
@@ -58,7 +58,7 @@ TEST_F(PlantedStateFile, thatBecomesALinkDoesNotBringTheTargetOntoTheVolume)
     EXPECT_EQ("<secrets>42</secrets>", elsewhere.readFile("secret"));
 }
 
-TEST_F(PlantedStateFile, thatIsInAFolderThatIsALinkIsUsedIfThatIsOfTheDaemonsUser)
+TEST_F(PlantedStateFileTest, thatIsInAFolderThatIsALinkIsUsedIfThatIsOfTheDaemonsUser)
 {
     elsewhere.writeFile("state.xml", stateText("1", "77"));
     link(elsewhere.path(), "linked");
@@ -72,7 +72,7 @@ TEST_F(PlantedStateFile, thatIsInAFolderThatIsALinkIsUsedIfThatIsOfTheDaemonsUse
     EXPECT_EQ(stateText("1", "77"), elsewhere.readFile("state.xml"));
 }
 
-TEST_F(PlantedStateFile, whoseFolderBecomesALinkIsLeftAlone)
+TEST_F(PlantedStateFileTest, whoseFolderBecomesALinkIsLeftAlone)
 {
     folder.makeFolder("kept");
     folder.writeFile("kept/state.xml", stateText("1", "2"));
@@ -85,7 +85,7 @@ TEST_F(PlantedStateFile, whoseFolderBecomesALinkIsLeftAlone)
     EXPECT_EQ(stateText("1", "2"), folder.readFile("aside/state.xml"));
 }
 
-TEST_F(PlantedStateFile, thatIsALinkUnderTheTemporaryNameIsNotWrittenThrough)
+TEST_F(PlantedStateFileTest, thatIsALinkUnderTheTemporaryNameIsNotWrittenThrough)
 {
     writeState(stateText("1", "2"));
     link(elsewhere.path("target"), "state.xml.tmp");
@@ -96,7 +96,7 @@ TEST_F(PlantedStateFile, thatIsALinkUnderTheTemporaryNameIsNotWrittenThrough)
     expectTargetUntouched();
 }
 
-TEST_F(PlantedStateFile, thatIsADanglingLinkUnderTheTemporaryNameMakesNothingWhereItLeads)
+TEST_F(PlantedStateFileTest, thatIsADanglingLinkUnderTheTemporaryNameMakesNothingWhereItLeads)
 {
     writeState(stateText("1", "2"));
     link(elsewhere.path("new"), "state.xml.tmp");
@@ -105,7 +105,7 @@ TEST_F(PlantedStateFile, thatIsADanglingLinkUnderTheTemporaryNameMakesNothingWhe
     EXPECT_FALSE(elsewhere.exists("new"));
 }
 
-TEST_F(PlantedStateFile, thatIsASecondNameUnderTheTemporaryNameIsNotWrittenInto)
+TEST_F(PlantedStateFileTest, thatIsASecondNameUnderTheTemporaryNameIsNotWrittenInto)
 {
     writeState(stateText("1", "2"));
     std::filesystem::create_hard_link(elsewhere.path("target"), folder.path("state.xml.tmp"));
@@ -114,7 +114,7 @@ TEST_F(PlantedStateFile, thatIsASecondNameUnderTheTemporaryNameIsNotWrittenInto)
     expectTargetUntouched();
 }
 
-TEST_F(PlantedStateFile, doesNotPullOtherFilesIn)
+TEST_F(PlantedStateFileTest, doesNotPullOtherFilesIn)
 {
     elsewhere.writeFile("secret", "1234567890");
     writeState("<!DOCTYPE Quarrow [<!ENTITY e SYSTEM \"" + elsewhere.path("secret")
@@ -126,7 +126,7 @@ TEST_F(PlantedStateFile, doesNotPullOtherFilesIn)
     EXPECT_EQ(std::string::npos, folder.readFile("state.xml").find("1234567890"));
 }
 
-TEST_F(PlantedStateFile, withEntitiesForItsDeclarationsIsRefused)
+TEST_F(PlantedStateFileTest, withEntitiesForItsDeclarationsIsRefused)
 {
     const std::string rest = "]><Quarrow><Volume><last_purge_time>5</last_purge_time></Volume></Quarrow>";
     writeState("<!DOCTYPE Quarrow [<!ENTITY e 'x'>" + rest);
@@ -139,7 +139,7 @@ TEST_F(PlantedStateFile, withEntitiesForItsDeclarationsIsRefused)
     }
 }
 
-TEST_F(PlantedStateFile, thatIsAPipeIsNotWaitedFor)
+TEST_F(PlantedStateFileTest, thatIsAPipeIsNotWaitedFor)
 {
     ASSERT_EQ(0, mkfifo(statePath.c_str(), 0600));
     std::future<std::string> started = std::async(std::launch::async, [this] { return start(); });
@@ -150,7 +150,7 @@ TEST_F(PlantedStateFile, thatIsAPipeIsNotWaitedFor)
     EXPECT_EQ(thrownText, started.get());
 }
 
-TEST_F(PlantedStateFile, thatIsAPipeUnderTheTemporaryNameIsNotWaitedFor)
+TEST_F(PlantedStateFileTest, thatIsAPipeUnderTheTemporaryNameIsNotWaitedFor)
 {
     writeState(stateText("1", "2"));
     ASSERT_EQ(0, mkfifo(folder.path("state.xml.tmp").c_str(), 0600));
@@ -158,7 +158,7 @@ TEST_F(PlantedStateFile, thatIsAPipeUnderTheTemporaryNameIsNotWaitedFor)
     EXPECT_EQ(stateText("NOW", "9"), recorded(config, 9));
 }
 
-TEST_F(PlantedStateFile, thatIsAPipeIsNotReadEvenWithAStateInIt)
+TEST_F(PlantedStateFileTest, thatIsAPipeIsNotReadEvenWithAStateInIt)
 {
     ASSERT_EQ(0, mkfifo(statePath.c_str(), 0600));
     const int writer = open(statePath.c_str(), O_RDWR | O_NONBLOCK);
@@ -168,7 +168,7 @@ TEST_F(PlantedStateFile, thatIsAPipeIsNotReadEvenWithAStateInIt)
     close(writer);
 }
 
-TEST_F(PlantedStateFile, thatIsLargeIsRefusedUnread)
+TEST_F(PlantedStateFileTest, thatIsLargeIsRefusedUnread)
 {
     const std::string state = "<Quarrow><Volume><last_purge_time>5</last_purge_time></Volume>";
     const std::string end = "</Quarrow>";
@@ -180,7 +180,7 @@ TEST_F(PlantedStateFile, thatIsLargeIsRefusedUnread)
     EXPECT_EQ(parseFailure(), loggedLines());
 }
 
-TEST_F(PlantedStateFile, thatWouldGrowTooLargeIsNotRewritten)
+TEST_F(PlantedStateFileTest, thatWouldGrowTooLargeIsNotRewritten)
 {
     const std::string state = "<Quarrow><Volume><last_purge_time>5</last_purge_time></Volume>";
     const std::string end = "</Quarrow>";
@@ -192,7 +192,7 @@ TEST_F(PlantedStateFile, thatWouldGrowTooLargeIsNotRewritten)
     EXPECT_EQ("5", start());
 }
 
-TEST_F(PlantedStateFile, ofManyAttributesIsNotParsed)
+TEST_F(PlantedStateFileTest, ofManyAttributesIsNotParsed)
 {
     std::string attributes;
     for (int number = 0; number < 100000; ++number)

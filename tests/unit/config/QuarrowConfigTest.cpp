@@ -2,11 +2,11 @@
 
 namespace {
 
+using QuarrowConfigTest = HostFileTest;
+
 constexpr const char* oneVolume = "<Volume><Name>one</Name><Root>/v1</Root></Volume>";
 
-using HostFile = HostFileTest;
-
-TEST_F(HostFile, isReadWhole)
+TEST_F(QuarrowConfigTest, isReadWhole)
 {
     write(R"(<?xml version="1.0" encoding="UTF-8"?>
 <Quarrow>
@@ -45,7 +45,7 @@ TEST_F(HostFile, isReadWhole)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(HostFile, mayHaveARootElementOfAnyName)
+TEST_F(QuarrowConfigTest, mayHaveARootElementOfAnyName)
 {
     for (const std::string& root : { std::string("anything"), std::string("Volume"), std::string("Version") }) {
         write("<" + root + "><Version>1</Version><last_updated_time>1</last_updated_time><Volumes>" + oneVolume
@@ -54,7 +54,7 @@ TEST_F(HostFile, mayHaveARootElementOfAnyName)
     }
 }
 
-TEST_F(HostFile, mayHoldItsSettingsAtAnyDepthAndInAnyOrder)
+TEST_F(QuarrowConfigTest, mayHoldItsSettingsAtAnyDepthAndInAnyOrder)
 {
     write("<a><b><Volumes>" + std::string(oneVolume)
         + "</Volumes><c><d><Version>1</Version></d></c></b><purge_threshold>5<last_updated_time>7</last_updated_time>"
@@ -65,14 +65,14 @@ TEST_F(HostFile, mayHoldItsSettingsAtAnyDepthAndInAnyOrder)
     EXPECT_EQ("one=/v1\n", volumes(config));
 }
 
-TEST_F(HostFile, mayHoldSettingsInTheRootElementItself)
+TEST_F(QuarrowConfigTest, mayHoldSettingsInTheRootElementItself)
 {
     write("<Version>1.0<last_updated_time>1</last_updated_time><Volumes>" + std::string(oneVolume)
         + "</Volumes></Version>");
     EXPECT_TRUE(QuarrowConfig().load());
 }
 
-TEST_F(HostFile, mayHoldWhatNobodyKnows)
+TEST_F(QuarrowConfigTest, mayHoldWhatNobodyKnows)
 {
     write("<!DOCTYPE c><?pi x?><!-- <Volumes/> --><c Version=\"2\"><!-- hm --><Unknown x=\"y\">text<!-- c --></Unknown>"
           "<Version lang=\"en\">1</Version><last_updated_time>1</last_updated_time>text"
@@ -85,7 +85,7 @@ TEST_F(HostFile, mayHoldWhatNobodyKnows)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(HostFile, isRejectedWithoutAVersion)
+TEST_F(QuarrowConfigTest, isRejectedWithoutAVersion)
 {
     for (const std::string version : { "", "<Version/>", "<Version></Version>", "<version>1</version>" }) {
         writeWith(oneVolume, version);
@@ -96,7 +96,7 @@ TEST_F(HostFile, isRejectedWithoutAVersion)
     EXPECT_TRUE(QuarrowConfig().load());
 }
 
-TEST_F(HostFile, isRejectedWithoutALastUpdateTime)
+TEST_F(QuarrowConfigTest, isRejectedWithoutALastUpdateTime)
 {
     for (const std::string text : { "0", "", "no number", " ", "+0x", "-0" }) {
         writeWith(oneVolume, "<Version>1</Version>", "<last_updated_time>" + text + "</last_updated_time>");
@@ -111,7 +111,7 @@ TEST_F(HostFile, isRejectedWithoutALastUpdateTime)
     }
 }
 
-TEST_F(HostFile, givesThePurgeThresholdInSeconds)
+TEST_F(QuarrowConfigTest, givesThePurgeThresholdInSeconds)
 {
     const auto thresholdOf = [&](const std::string& element) {
         writeWith(oneVolume, "<Version>1</Version>", "<last_updated_time>1</last_updated_time>", element);
@@ -134,14 +134,14 @@ TEST_F(HostFile, givesThePurgeThresholdInSeconds)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(HostFile, hasTheDefaultThresholdAndNoVolumesBeforeItIsRead)
+TEST_F(QuarrowConfigTest, hasTheDefaultThresholdAndNoVolumesBeforeItIsRead)
 {
     QuarrowConfig config;
     EXPECT_EQ(5184000, config.getPurgeThreshold());
     EXPECT_EQ("", volumes(config) + crawlPaths(config, "") + excludePaths(config, ""));
 }
 
-TEST_F(HostFile, mayHoldSwitchAndRewalkThresholdWhateverTheySay)
+TEST_F(QuarrowConfigTest, mayHoldSwitchAndRewalkThresholdWhateverTheySay)
 {
     for (const std::string text : { "true", "yes", "TRUE", "false", "0", "" }) {
         writeWith(oneVolume, "<Version>1</Version>", "<last_updated_time>1</last_updated_time>",
@@ -152,7 +152,7 @@ TEST_F(HostFile, mayHoldSwitchAndRewalkThresholdWhateverTheySay)
     }
 }
 
-TEST_F(HostFile, isRejectedWithoutAVolume)
+TEST_F(QuarrowConfigTest, isRejectedWithoutAVolume)
 {
     for (const std::string content : { "", "<Volume/>", "<Volume><Name>one</Name></Volume>",
              "<Volume><Name>one</Name><Root/></Volume>", "<Volume><Name>one</Name><Root></Root></Volume>",
@@ -165,7 +165,7 @@ TEST_F(HostFile, isRejectedWithoutAVolume)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(HostFile, takesARootOnlyInAVolumeInsideVolumes)
+TEST_F(QuarrowConfigTest, takesARootOnlyInAVolumeInsideVolumes)
 {
     write("<c><Version>1</Version><last_updated_time>1</last_updated_time><Root>/a</Root>"
           "<Volume><Name>b</Name><Root>/b</Root></Volume>"
@@ -179,7 +179,7 @@ TEST_F(HostFile, takesARootOnlyInAVolumeInsideVolumes)
     EXPECT_EQ("", volumes(config));
 }
 
-TEST_F(HostFile, isRejectedWhenItIsNotXml)
+TEST_F(QuarrowConfigTest, isRejectedWhenItIsNotXml)
 {
     for (const std::string content : { "", "  \n", "text", "<a>", "<a></b>", "<a/><b/>", "<a b=c/>", "<a>&no;</a>",
              "<?xml version=\"1.0\" encoding=\"UTF-8\"?><a>\xff</a>" }) {
@@ -190,7 +190,7 @@ TEST_F(HostFile, isRejectedWhenItIsNotXml)
     }
 }
 
-TEST_F(HostFile, keepsNothingOfAFileThatBreaksHalfWay)
+TEST_F(QuarrowConfigTest, keepsNothingOfAFileThatBreaksHalfWay)
 {
     writeWith(oneVolume);
     write(folder.readFile("host.xml") + "<");
@@ -200,7 +200,7 @@ TEST_F(HostFile, keepsNothingOfAFileThatBreaksHalfWay)
     EXPECT_EQ(parseFailure(), loggedLines());
 }
 
-TEST_F(HostFile, isReadAgainOnTopOfWhatWasRead)
+TEST_F(QuarrowConfigTest, isReadAgainOnTopOfWhatWasRead)
 {
     writeWith("<Volume><Name>one</Name><Root>/v1</Root><CrawlPaths><Path>/a</Path></CrawlPaths></Volume>");
     QuarrowConfig config;
@@ -213,7 +213,7 @@ TEST_F(HostFile, isReadAgainOnTopOfWhatWasRead)
     EXPECT_EQ("[/a][/b]", crawlPaths(config, "one"));
 }
 
-TEST_F(HostFile, takesNothingFromOtherFiles)
+TEST_F(QuarrowConfigTest, takesNothingFromOtherFiles)
 {
     folder.writeFile("root.txt", "/v1");
     folder.writeFile("host.dtd", "<!ENTITY r \"/v2\">");
@@ -228,7 +228,7 @@ TEST_F(HostFile, takesNothingFromOtherFiles)
     }
 }
 
-TEST_F(HostFile, looksAtElementsAlone)
+TEST_F(QuarrowConfigTest, looksAtElementsAlone)
 {
     write("<!DOCTYPE c [<!ENTITY Name \"entity\">]><c><?Version 1?><Version>1</Version>"
           "<last_updated_time>1</last_updated_time><Volumes><Volume><?Name pi?>&Name;<Name>one</Name><?Root /pi?>"
@@ -238,7 +238,7 @@ TEST_F(HostFile, looksAtElementsAlone)
     EXPECT_EQ("one=/v1\n", volumes(config));
 }
 
-TEST_F(HostFile, mayHaveEntitiesInsideEntities)
+TEST_F(QuarrowConfigTest, mayHaveEntitiesInsideEntities)
 {
     write(
         "<!DOCTYPE c [<!ENTITY a \"<x>1</x>\"><!ENTITY b \"<y>&a;</y>\">]><c>&a;&b;<Version>1</Version>"

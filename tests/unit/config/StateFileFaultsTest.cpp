@@ -83,9 +83,9 @@ private:
     static inline int calls = 0;
 };
 
-using StateFileFaults = StateFileTest;
+using StateFileFaultsTest = StateFileTest;
 
-TEST_F(StateFileFaults, areToldOnStandardOutputWhenThereIsNoFolderForTheFile)
+TEST_F(StateFileFaultsTest, areToldOnStandardOutputWhenThereIsNoFolderForTheFile)
 {
     ::testing::internal::CaptureStdout();
     VolumeManagerConfig config(folder.path("missing/state.xml"));
@@ -95,7 +95,7 @@ TEST_F(StateFileFaults, areToldOnStandardOutputWhenThereIsNoFolderForTheFile)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFileFaults, areToldOnStandardOutputWhenAFolderHasTheFilesName)
+TEST_F(StateFileFaultsTest, areToldOnStandardOutputWhenAFolderHasTheFilesName)
 {
     folder.makeFolder("state.xml");
     ::testing::internal::CaptureStdout();
@@ -106,7 +106,7 @@ TEST_F(StateFileFaults, areToldOnStandardOutputWhenAFolderHasTheFilesName)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFileFaults, leaveNoPartOfANewFileWhenTheVolumeIsFull)
+TEST_F(StateFileFaultsTest, leaveNoPartOfANewFileWhenTheVolumeIsFull)
 {
     const std::string volume = folder.makeFolder("volume");
     const PrivateMount mount = PrivateMount::inMemory(volume, "size=8k");
@@ -120,7 +120,7 @@ TEST_F(StateFileFaults, leaveNoPartOfANewFileWhenTheVolumeIsFull)
     EXPECT_EQ(stateText("0", "0"), folder.readFile("volume/state.xml"));
 }
 
-TEST_F(StateFileFaults, leaveTheGoodFileWhenTheVolumeIsFull)
+TEST_F(StateFileFaultsTest, leaveTheGoodFileWhenTheVolumeIsFull)
 {
     const std::string volume = folder.makeFolder("volume");
     const PrivateMount mount = PrivateMount::inMemory(volume, "size=8k");
@@ -138,7 +138,7 @@ TEST_F(StateFileFaults, leaveTheGoodFileWhenTheVolumeIsFull)
     EXPECT_EQ("10", startWith(volume + "/state.xml"));
 }
 
-TEST_F(StateFileFaults, leaveNoPartOfANewFileThatCouldNotBeWrittenWhole)
+TEST_F(StateFileFaultsTest, leaveNoPartOfANewFileThatCouldNotBeWrittenWhole)
 {
     ::testing::internal::CaptureStdout();
     {
@@ -150,7 +150,7 @@ TEST_F(StateFileFaults, leaveNoPartOfANewFileThatCouldNotBeWrittenWhole)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFileFaults, leaveTheGoodFileWhenTheNewOneCouldNotBeWrittenWhole)
+TEST_F(StateFileFaultsTest, leaveTheGoodFileWhenTheNewOneCouldNotBeWrittenWhole)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig config(statePath);
@@ -163,7 +163,7 @@ TEST_F(StateFileFaults, leaveTheGoodFileWhenTheNewOneCouldNotBeWrittenWhole)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFileFaults, leaveAReadOnlyVolumeInSilence)
+TEST_F(StateFileFaultsTest, leaveAReadOnlyVolumeInSilence)
 {
     const std::string volume = folder.makeFolder("volume");
     const PrivateMount mount = PrivateMount::inMemory(volume, "size=64k");
@@ -182,7 +182,7 @@ TEST_F(StateFileFaults, leaveAReadOnlyVolumeInSilence)
     EXPECT_EQ("testXmlwriterMemory: Error at fopen\n", ::testing::internal::GetCapturedStdout());
 }
 
-TEST_F(StateFileFaults, doNotKeepAFileFromBeingMadeWithoutTheProcessFileSystem)
+TEST_F(StateFileFaultsTest, doNotKeepAFileFromBeingMadeWithoutTheProcessFileSystem)
 {
     const PrivateMount overProc = PrivateMount::inMemory("/proc", "size=4k");
     if (!overProc.isMounted())
@@ -194,7 +194,7 @@ TEST_F(StateFileFaults, doNotKeepAFileFromBeingMadeWithoutTheProcessFileSystem)
     EXPECT_EQ("[state.xml]", names());
 }
 
-TEST_F(StateFileFaults, areLoggedWhenTheNewFileCannotTakeItsPlaceAndStays)
+TEST_F(StateFileFaultsTest, areLoggedWhenTheNewFileCannotTakeItsPlaceAndStays)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig config(statePath);
@@ -214,7 +214,7 @@ TEST_F(StateFileFaults, areLoggedWhenTheNewFileCannotTakeItsPlaceAndStays)
     EXPECT_EQ(1U, loggedLines().size());
 }
 
-TEST_F(StateFileFaults, areNotMadeByALeftOverTemporaryFile)
+TEST_F(StateFileFaultsTest, areNotMadeByALeftOverTemporaryFile)
 {
     writeState(stateText("1", "2"));
     folder.writeFile("state.xml.tmp", std::string(100000, 'x'));
@@ -224,7 +224,7 @@ TEST_F(StateFileFaults, areNotMadeByALeftOverTemporaryFile)
     EXPECT_EQ("[state.xml]", names());
 }
 
-TEST_F(StateFileFaults, areSilentWhenTheTemporaryFileCannotBeOpened)
+TEST_F(StateFileFaultsTest, areSilentWhenTheTemporaryFileCannotBeOpened)
 {
     writeState(stateText("1", "2"));
     folder.makeFolder("state.xml.tmp");
@@ -236,7 +236,7 @@ TEST_F(StateFileFaults, areSilentWhenTheTemporaryFileCannotBeOpened)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFileFaults, leaveNoNewFileThatMayNotHaveReachedTheDisk)
+TEST_F(StateFileFaultsTest, leaveNoNewFileThatMayNotHaveReachedTheDisk)
 {
     {
         const Syncs syncs(Syncs::fail);
@@ -245,7 +245,7 @@ TEST_F(StateFileFaults, leaveNoNewFileThatMayNotHaveReachedTheDisk)
     EXPECT_EQ("", names());
 }
 
-TEST_F(StateFileFaults, leaveTheGoodFileWhenTheNewOneMayNotHaveReachedTheDisk)
+TEST_F(StateFileFaultsTest, leaveTheGoodFileWhenTheNewOneMayNotHaveReachedTheDisk)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig config(statePath);
@@ -257,7 +257,7 @@ TEST_F(StateFileFaults, leaveTheGoodFileWhenTheNewOneMayNotHaveReachedTheDisk)
     EXPECT_EQ("[state.xml]", names());
 }
 
-TEST_F(StateFileFaults, ofADiskThatStallsLeaveOtherVolumesAlone)
+TEST_F(StateFileFaultsTest, ofADiskThatStallsLeaveOtherVolumesAlone)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig stalled(statePath);

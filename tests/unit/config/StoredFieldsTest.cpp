@@ -37,7 +37,7 @@ template struct Opened<StateUpdated, &VolumeManagerConfig::lastUpdatedTime>;
 template struct Opened<StateVersion, &VolumeManagerConfig::version>;
 
 /// Switch, update time and re-walk threshold of the host configuration.
-class HostFields : public HostFileTest {
+class StoredFieldsOfTheHostTest : public HostFileTest {
 protected:
     std::string stored(const std::string& elements) const
     {
@@ -49,9 +49,9 @@ protected:
     }
 };
 
-TEST_F(HostFields, areOffAndZeroAndFourHoursUntilRead) { EXPECT_EQ("off 0 14400", stored("")); }
+TEST_F(StoredFieldsOfTheHostTest, areOffAndZeroAndFourHoursUntilRead) { EXPECT_EQ("off 0 14400", stored("")); }
 
-TEST_F(HostFields, areOnForTheExactWordAlone)
+TEST_F(StoredFieldsOfTheHostTest, areOnForTheExactWordAlone)
 {
     EXPECT_EQ("on 0 14400", stored("<quarrow_enabled>true</quarrow_enabled>"));
     for (const std::string text : { "yes", "TRUE", "True", " true", "true ", "1", "false" })
@@ -60,7 +60,7 @@ TEST_F(HostFields, areOnForTheExactWordAlone)
             << text;
 }
 
-TEST_F(HostFields, areTheLastNumbersOfTheFile)
+TEST_F(StoredFieldsOfTheHostTest, areTheLastNumbersOfTheFile)
 {
     EXPECT_EQ("off 8 7200",
         stored("<last_updated_time>7</last_updated_time><x><last_updated_time> 8s</last_updated_time></x>"
@@ -69,7 +69,7 @@ TEST_F(HostFields, areTheLastNumbersOfTheFile)
 }
 
 /// Version and update time of a state file.
-class StateFields : public StateFileTest {
+class StoredFieldsOfTheStateTest : public StateFileTest {
 protected:
     static std::string stored(const VolumeManagerConfig& config)
     {
@@ -77,9 +77,12 @@ protected:
     }
 };
 
-TEST_F(StateFields, areOneAndZeroInANewFile) { EXPECT_EQ("1.0 0", stored(VolumeManagerConfig(statePath))); }
+TEST_F(StoredFieldsOfTheStateTest, areOneAndZeroInANewFile)
+{
+    EXPECT_EQ("1.0 0", stored(VolumeManagerConfig(statePath)));
+}
 
-TEST_F(StateFields, areReadAndStampedWithAPurge)
+TEST_F(StoredFieldsOfTheStateTest, areReadAndStampedWithAPurge)
 {
     writeState("<Quarrow><Volume><last_updated_time>7</last_updated_time></Volume><Version>2</Version></Quarrow>");
     VolumeManagerConfig config(statePath);
@@ -90,7 +93,7 @@ TEST_F(StateFields, areReadAndStampedWithAPurge)
     EXPECT_GE(std::time(nullptr), config.*memberOf(StateUpdated()));
 }
 
-TEST_F(StateFields, areNotStampedWhereTheFileHasNone)
+TEST_F(StoredFieldsOfTheStateTest, areNotStampedWhereTheFileHasNone)
 {
     writeState("<Quarrow><Volume><last_purge_time>7</last_purge_time></Volume></Quarrow>");
     VolumeManagerConfig config(statePath);

@@ -14,9 +14,9 @@ static_assert(std::has_virtual_destructor_v<VolumeManagerConfig>);
 
 namespace {
 
-using StateFile = StateFileTest;
+using VolumeManagerConfigTest = StateFileTest;
 
-TEST_F(StateFile, isMadeWithBothTimesZeroWhenThereIsNone)
+TEST_F(VolumeManagerConfigTest, isMadeWithBothTimesZeroWhenThereIsNone)
 {
     ::testing::internal::CaptureStdout();
     VolumeManagerConfig config(statePath);
@@ -28,7 +28,7 @@ TEST_F(StateFile, isMadeWithBothTimesZeroWhenThereIsNone)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFile, isMadeReadableForOtherPrograms)
+TEST_F(VolumeManagerConfigTest, isMadeReadableForOtherPrograms)
 {
     const mode_t former = umask(022);
     VolumeManagerConfig config(statePath);
@@ -41,7 +41,7 @@ TEST_F(StateFile, isMadeReadableForOtherPrograms)
     umask(former);
 }
 
-TEST_F(StateFile, isMadeInTheCurrentFolderWhenItsPathHasNone)
+TEST_F(VolumeManagerConfigTest, isMadeInTheCurrentFolderWhenItsPathHasNone)
 {
     const std::filesystem::path former = std::filesystem::current_path();
     std::filesystem::current_path(folder.path());
@@ -54,7 +54,7 @@ TEST_F(StateFile, isMadeInTheCurrentFolderWhenItsPathHasNone)
     EXPECT_EQ("[state.xml]", names());
 }
 
-TEST_F(StateFile, givesItsPurgeTime)
+TEST_F(VolumeManagerConfigTest, givesItsPurgeTime)
 {
     writeState(stateText("1700000000", "1600000000"));
     EXPECT_EQ("1600000000", start());
@@ -62,7 +62,7 @@ TEST_F(StateFile, givesItsPurgeTime)
     EXPECT_EQ("[state.xml]", names());
 }
 
-TEST_F(StateFile, isReadAsNumbersAreReadInC)
+TEST_F(VolumeManagerConfigTest, isReadAsNumbersAreReadInC)
 {
     for (const auto& [text, time] : std::vector<std::pair<std::string, std::string>> { { " \n\t42", "42" },
              { "42 or so", "42" }, { "-3", "-3" }, { "+8", "8" }, { "none", "0" }, { "0x10", "0" }, { "", "0" },
@@ -72,7 +72,7 @@ TEST_F(StateFile, isReadAsNumbersAreReadInC)
     }
 }
 
-TEST_F(StateFile, mayLackAnything)
+TEST_F(VolumeManagerConfigTest, mayLackAnything)
 {
     for (const std::string content :
         { "<Quarrow/>", "<Quarrow>text</Quarrow>", "<Quarrow><Version>1.0</Version></Quarrow>",
@@ -84,7 +84,7 @@ TEST_F(StateFile, mayLackAnything)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFile, mayHoldWhatNobodyKnows)
+TEST_F(VolumeManagerConfigTest, mayHoldWhatNobodyKnows)
 {
     writeState("<!-- a --><Quarrow x=\"1\"><!-- b --><Other><last_purge_time>1</last_purge_time></Other>"
                "<last_purge_time>2</last_purge_time><Volume y=\"2\"><!-- c --><last_purge_time>3</last_purge_time>"
@@ -93,14 +93,14 @@ TEST_F(StateFile, mayHoldWhatNobodyKnows)
     EXPECT_EQ("3", start());
 }
 
-TEST_F(StateFile, givesTheLastOfSeveralTimes)
+TEST_F(VolumeManagerConfigTest, givesTheLastOfSeveralTimes)
 {
     writeState("<Quarrow><Volume><last_purge_time>1</last_purge_time><last_purge_time>2</last_purge_time></Volume>"
                "<Volume><last_purge_time>3</last_purge_time><last_purge_time/></Volume><Volume/></Quarrow>");
     EXPECT_EQ("3", start());
 }
 
-TEST_F(StateFile, withAnotherRootElementIsNamedOnStandardOutputAndReadsAsZero)
+TEST_F(VolumeManagerConfigTest, withAnotherRootElementIsNamedOnStandardOutputAndReadsAsZero)
 {
     for (const std::string root : { "Other", "quarrow", "Volume" }) {
         writeState("<" + root + "><Volume><last_purge_time>5</last_purge_time></Volume></" + root + ">");
@@ -111,7 +111,7 @@ TEST_F(StateFile, withAnotherRootElementIsNamedOnStandardOutputAndReadsAsZero)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFile, thatIsNoXmlIsLoggedAndThrownAsBareText)
+TEST_F(VolumeManagerConfigTest, thatIsNoXmlIsLoggedAndThrownAsBareText)
 {
     for (const std::string content : { "", "\n", "text", "<Quarrow>", "<Quarrow></Volume>", "<Quarrow/><Quarrow/>" }) {
         clearLog();
@@ -124,7 +124,7 @@ TEST_F(StateFile, thatIsNoXmlIsLoggedAndThrownAsBareText)
     }
 }
 
-TEST_F(StateFile, holdsThePurgeTimeAndTheTimeOfItsUpdateOnceAPurgeIsRecorded)
+TEST_F(VolumeManagerConfigTest, holdsThePurgeTimeAndTheTimeOfItsUpdateOnceAPurgeIsRecorded)
 {
     VolumeManagerConfig config(statePath);
     EXPECT_EQ(stateText("NOW", "1234567890"), recorded(config, 1234567890));
@@ -138,7 +138,7 @@ TEST_F(StateFile, holdsThePurgeTimeAndTheTimeOfItsUpdateOnceAPurgeIsRecorded)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFile, keepsWhatElseItHoldsWhenAPurgeIsRecorded)
+TEST_F(VolumeManagerConfigTest, keepsWhatElseItHoldsWhenAPurgeIsRecorded)
 {
     writeState("<?xml version=\"1.0\"?>\n<!-- by hand -->\n<Quarrow a=\"b\">\n  <Version>7</Version>\n  <Other/>\n"
                "  <Volume>\n    <last_updated_time>1</last_updated_time>\n    <last_purge_time/>\n    <More>x</More>\n"
@@ -151,7 +151,7 @@ TEST_F(StateFile, keepsWhatElseItHoldsWhenAPurgeIsRecorded)
     EXPECT_EQ(9, config.getLastPurgeTime());
 }
 
-TEST_F(StateFile, isNotGivenAPurgeTimeThatItDoesNotHave)
+TEST_F(VolumeManagerConfigTest, isNotGivenAPurgeTimeThatItDoesNotHave)
 {
     const std::string before = "<?xml version=\"1.0\"?>\n<Quarrow><Volume><last_updated_time>";
     const std::string after = "</last_updated_time></Volume></Quarrow>\n";
@@ -162,7 +162,7 @@ TEST_F(StateFile, isNotGivenAPurgeTimeThatItDoesNotHave)
     EXPECT_EQ("0", start());
 }
 
-TEST_F(StateFile, isNotGivenAnUpdateTimeThatItDoesNotHave)
+TEST_F(VolumeManagerConfigTest, isNotGivenAnUpdateTimeThatItDoesNotHave)
 {
     const std::string before = "<?xml version=\"1.0\"?>\n<Quarrow><Volume><last_purge_time>";
     const std::string after = "</last_purge_time></Volume></Quarrow>\n";
@@ -172,7 +172,7 @@ TEST_F(StateFile, isNotGivenAnUpdateTimeThatItDoesNotHave)
     EXPECT_EQ(9, config.getLastPurgeTime());
 }
 
-TEST_F(StateFile, takesTimesOnlyRightInsideItsVolumes)
+TEST_F(VolumeManagerConfigTest, takesTimesOnlyRightInsideItsVolumes)
 {
     const std::string text = "<?xml version=\"1.0\"?>\n<Quarrow><last_purge_time>1</last_purge_time><Volume><x>"
                              "<last_purge_time>2</last_purge_time></x></Volume></Quarrow>\n";
@@ -182,7 +182,7 @@ TEST_F(StateFile, takesTimesOnlyRightInsideItsVolumes)
     EXPECT_EQ(0, config.getLastPurgeTime());
 }
 
-TEST_F(StateFile, withAnotherRootElementIsWrittenAgainAsItWas)
+TEST_F(VolumeManagerConfigTest, withAnotherRootElementIsWrittenAgainAsItWas)
 {
     writeState("<Other><Volume><last_purge_time>5</last_purge_time></Volume></Other>");
     ::testing::internal::CaptureStdout();
@@ -194,7 +194,7 @@ TEST_F(StateFile, withAnotherRootElementIsWrittenAgainAsItWas)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFile, isLoggedAndThrownWhenItWentBadBeforeAPurgeIsRecorded)
+TEST_F(VolumeManagerConfigTest, isLoggedAndThrownWhenItWentBadBeforeAPurgeIsRecorded)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig config(statePath);
@@ -206,7 +206,7 @@ TEST_F(StateFile, isLoggedAndThrownWhenItWentBadBeforeAPurgeIsRecorded)
     EXPECT_EQ("[state.xml]", names());
 }
 
-TEST_F(StateFile, isNotMadeAgainWhenItHasGoneAndNothingIsRecorded)
+TEST_F(VolumeManagerConfigTest, isNotMadeAgainWhenItHasGoneAndNothingIsRecorded)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig config(statePath);
@@ -221,7 +221,7 @@ TEST_F(StateFile, isNotMadeAgainWhenItHasGoneAndNothingIsRecorded)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFile, isReadAfreshForEachPurge)
+TEST_F(VolumeManagerConfigTest, isReadAfreshForEachPurge)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig config(statePath);
@@ -231,7 +231,7 @@ TEST_F(StateFile, isReadAfreshForEachPurge)
     EXPECT_EQ(2, config.getLastPurgeTime());
 }
 
-TEST_F(StateFile, isReplacedAsAWholeSoThatAReaderHasTheOldOneOrTheNewOne)
+TEST_F(VolumeManagerConfigTest, isReplacedAsAWholeSoThatAReaderHasTheOldOneOrTheNewOne)
 {
     writeState(stateText("1", "2"));
     VolumeManagerConfig config(statePath);
@@ -241,7 +241,7 @@ TEST_F(StateFile, isReplacedAsAWholeSoThatAReaderHasTheOldOneOrTheNewOne)
     EXPECT_EQ("9", start());
 }
 
-TEST_F(StateFile, keepsItsEncoding)
+TEST_F(VolumeManagerConfigTest, keepsItsEncoding)
 {
     const std::string utf8 = "<?xml version=\"1.0\" encoding=\"UTF-16\"?><Quarrow><Volume><last_purge_time>5"
                              "</last_purge_time></Volume></Quarrow>";
@@ -257,7 +257,7 @@ TEST_F(StateFile, keepsItsEncoding)
         "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<Quarrow><V n=\"\xe9\"/></Quarrow>\n", recorded(config, 9));
 }
 
-TEST_F(StateFile, mayBeAnywhere)
+TEST_F(VolumeManagerConfigTest, mayBeAnywhere)
 {
     for (const std::string name :
         { "with blank", "100%25", "a#b?c=d", "x://y", "caf\xe9\xff", "a&b;c", "\"'<>|*", "%41" }) {
@@ -270,7 +270,7 @@ TEST_F(StateFile, mayBeAnywhere)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(StateFile, mayHaveAPathOfThousandsOfBytes)
+TEST_F(VolumeManagerConfigTest, mayHaveAPathOfThousandsOfBytes)
 {
     std::string below;
     while (below.length() < 3000)
@@ -283,7 +283,7 @@ TEST_F(StateFile, mayHaveAPathOfThousandsOfBytes)
     EXPECT_EQ("9", startWith(path));
 }
 
-TEST_F(StateFile, ofEachVolumeIsUsedByItsOwnThread)
+TEST_F(VolumeManagerConfigTest, ofEachVolumeIsUsedByItsOwnThread)
 {
     std::vector<std::string> results(4);
     std::vector<std::thread> threads;
@@ -304,7 +304,7 @@ TEST_F(StateFile, ofEachVolumeIsUsedByItsOwnThread)
 }
 
 /// The purge thread asks whether a purge is due while the control loop is at one.
-TEST_F(StateFile, isAskedForItsPurgeTimeWhileOneIsRecorded)
+TEST_F(VolumeManagerConfigTest, isAskedForItsPurgeTimeWhileOneIsRecorded)
 {
     VolumeManagerConfig config(statePath);
     std::thread other([&config] {
@@ -320,7 +320,7 @@ TEST_F(StateFile, isAskedForItsPurgeTimeWhileOneIsRecorded)
     other.join();
 }
 
-TEST_F(StateFile, isStampedWhateverTheOrderOfItsTimes)
+TEST_F(VolumeManagerConfigTest, isStampedWhateverTheOrderOfItsTimes)
 {
     const auto state = [](const std::string& updated, const std::string& purged) {
         const std::string times
@@ -333,7 +333,7 @@ TEST_F(StateFile, isStampedWhateverTheOrderOfItsTimes)
     EXPECT_EQ(9, config.getLastPurgeTime());
 }
 
-TEST_F(StateFile, looksAtElementsAlone)
+TEST_F(VolumeManagerConfigTest, looksAtElementsAlone)
 {
     const std::string text = "<?xml version=\"1.0\"?>\n<Quarrow><Volume><?last_purge_time 5?></Volume></Quarrow>\n";
     writeState(text);
@@ -342,7 +342,7 @@ TEST_F(StateFile, looksAtElementsAlone)
     EXPECT_EQ(0, config.getLastPurgeTime());
 }
 
-TEST_F(StateFile, hasItsNameOnceItIsComplete)
+TEST_F(VolumeManagerConfigTest, hasItsNameOnceItIsComplete)
 {
     const int notify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     ASSERT_LE(0, inotify_add_watch(notify, folder.path().c_str(), IN_CREATE | IN_MODIFY | IN_MOVED_TO));
@@ -360,7 +360,7 @@ TEST_F(StateFile, hasItsNameOnceItIsComplete)
     EXPECT_EQ("named ", seen);
 }
 
-TEST_F(StateFile, leavesNoDescriptorOpen)
+TEST_F(VolumeManagerConfigTest, leavesNoDescriptorOpen)
 {
     const auto openDescriptors = [] {
         std::string all;
@@ -383,7 +383,7 @@ TEST_F(StateFile, leavesNoDescriptorOpen)
     EXPECT_EQ(before, openDescriptors());
 }
 
-TEST_F(StateFile, isWrittenInAnotherEncodingWhenItsOwnCannotBeReadBack)
+TEST_F(VolumeManagerConfigTest, isWrittenInAnotherEncodingWhenItsOwnCannotBeReadBack)
 {
     writeState(
         "<?xml version=\"1.0\" encoding=\"UTF-7\"?>\n<Quarrow><Volume><last_purge_time>1</last_purge_time></Volume>"

@@ -5,7 +5,7 @@
 namespace {
 
 /// The control loop. Its first round needs no wake-up and is always too soon.
-class QuarrowRun : public DaemonFixture {
+class QuarrowRunTest : public DaemonFixture {
 protected:
     /// A purge at the start, if there was one, does not keep the next from being due 300 seconds later.
     static constexpr int threshold = 200;
@@ -42,7 +42,7 @@ protected:
     }
 };
 
-TEST_F(QuarrowRun, theFirstRoundNeedsNoWakeUpAndIsTooSoon)
+TEST_F(QuarrowRunTest, theFirstRoundNeedsNoWakeUpAndIsTooSoon)
 {
     configure(volumeAt("a", "/dev/null"));
     start();
@@ -56,7 +56,7 @@ TEST_F(QuarrowRun, theFirstRoundNeedsNoWakeUpAndIsTooSoon)
         << "also without any volume";
 }
 
-TEST_F(QuarrowRun, aWakeUpBefore300SecondsOnlySaysSo)
+TEST_F(QuarrowRunTest, aWakeUpBefore300SecondsOnlySaysSo)
 {
     configure(volumeAt("a", "/dev/null"));
     start();
@@ -71,7 +71,7 @@ TEST_F(QuarrowRun, aWakeUpBefore300SecondsOnlySaysSo)
     EXPECT_EQ(round({ { LOG_INFO, tooSoon(aMoment, 299) } }), log);
 }
 
-TEST_F(QuarrowRun, after300SecondsEveryVolumeIsWalkedAndPurged)
+TEST_F(QuarrowRunTest, after300SecondsEveryVolumeIsWalkedAndPurged)
 {
     configure(volume("a") + volume("b"), threshold);
     startWithoutPurgeThread(2);
@@ -90,7 +90,7 @@ TEST_F(QuarrowRun, after300SecondsEveryVolumeIsWalkedAndPurged)
         << "with the configured threshold";
 }
 
-TEST_F(QuarrowRun, theNextWalkIsDue300SecondsAfterTheLastStarted)
+TEST_F(QuarrowRunTest, theNextWalkIsDue300SecondsAfterTheLastStarted)
 {
     configure(volume("a"));
     start(1);
@@ -106,7 +106,7 @@ TEST_F(QuarrowRun, theNextWalkIsDue300SecondsAfterTheLastStarted)
     });
 }
 
-TEST_F(QuarrowRun, everyWakeUpCounts)
+TEST_F(QuarrowRunTest, everyWakeUpCounts)
 {
     configure(volumeAt("a", "/dev/null"));
     start();
@@ -118,7 +118,7 @@ TEST_F(QuarrowRun, everyWakeUpCounts)
     });
 }
 
-TEST_F(QuarrowRun, anInterruptedWaitIsTreatedAsAWakeUp)
+TEST_F(QuarrowRunTest, anInterruptedWaitIsTreatedAsAWakeUp)
 {
     configure(volumeAt("a", "/dev/null"));
     handle(SIGUSR1, 0, [](int) {}); // without SA_RESTART
@@ -138,7 +138,7 @@ TEST_F(QuarrowRun, anInterruptedWaitIsTreatedAsAWakeUp)
         log);
 }
 
-TEST_F(QuarrowRun, anInterruptedWaitAfter300SecondsWalks)
+TEST_F(QuarrowRunTest, anInterruptedWaitAfter300SecondsWalks)
 {
     configure(volume("a"));
     handle(SIGUSR1, 0, [](int) {});
@@ -151,7 +151,7 @@ TEST_F(QuarrowRun, anInterruptedWaitAfter300SecondsWalks)
     });
 }
 
-TEST_F(QuarrowRun, aVolumeThatIsWalkingIsSkippedSilently)
+TEST_F(QuarrowRunTest, aVolumeThatIsWalkingIsSkippedSilently)
 {
     configure(volume("a"));
     start(1);
@@ -175,7 +175,7 @@ TEST_F(QuarrowRun, aVolumeThatIsWalkingIsSkippedSilently)
     });
 }
 
-TEST_F(QuarrowRun, whatOneVolumeThrowsDoesNotKeepTheOthersFromTheirWalk)
+TEST_F(QuarrowRunTest, whatOneVolumeThrowsDoesNotKeepTheOthersFromTheirWalk)
 {
     configure(volume("a") + volume("b") + volume("c"), threshold);
     startWithoutPurgeThread(3);
@@ -195,7 +195,7 @@ TEST_F(QuarrowRun, whatOneVolumeThrowsDoesNotKeepTheOthersFromTheirWalk)
     });
 }
 
-TEST_F(QuarrowRun, aVolumeThatThrewDoesNotCountAsWalked)
+TEST_F(QuarrowRunTest, aVolumeThatThrewDoesNotCountAsWalked)
 {
     configure(volume("a"), threshold);
     startWithoutPurgeThread(1);
@@ -209,7 +209,7 @@ TEST_F(QuarrowRun, aVolumeThatThrewDoesNotCountAsWalked)
     EXPECT_EQ(0, timesLogged(LOG_INFO, tooSoon(aMoment, 300)));
 }
 
-TEST_F(QuarrowRun, aBrokenCatalogueEndsNeitherTheLoopNorCountsAsWalked)
+TEST_F(QuarrowRunTest, aBrokenCatalogueEndsNeitherTheLoopNorCountsAsWalked)
 {
     configure(volume("a"), threshold);
     startWithoutPurgeThread(1);
@@ -224,7 +224,7 @@ TEST_F(QuarrowRun, aBrokenCatalogueEndsNeitherTheLoopNorCountsAsWalked)
     });
 }
 
-TEST_F(QuarrowRun, theTimeSinceTheLastWalkHas32BitsAndASign)
+TEST_F(QuarrowRunTest, theTimeSinceTheLastWalkHas32BitsAndASign)
 {
     configure(volumeAt("a", "/dev/null"));
     start();

@@ -7,7 +7,7 @@
 
 namespace {
 
-class QuarrowStart : public DaemonFixture {
+class QuarrowStartTest : public DaemonFixture {
 protected:
     /// The message of what start() throws.
     static std::string thrownByStart()
@@ -25,13 +25,13 @@ protected:
     }
 };
 
-TEST_F(QuarrowStart, thereIsOneForTheProcess)
+TEST_F(QuarrowStartTest, thereIsOneForTheProcess)
 {
     configure(volume("a"));
     EXPECT_EQ(Quarrow::getInstance(), Quarrow::getInstance());
 }
 
-TEST_F(QuarrowStart, cataloguesEveryVolume)
+TEST_F(QuarrowStartTest, cataloguesEveryVolume)
 {
     configure(volume("a") + volume("b"));
     folder.makeFolder("a/m/Music");
@@ -42,7 +42,7 @@ TEST_F(QuarrowStart, cataloguesEveryVolume)
     EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
 }
 
-TEST_F(QuarrowStart, startsTheWatcherAndThePurgeThread)
+TEST_F(QuarrowStartTest, startsTheWatcherAndThePurgeThread)
 {
     configure(volumeAt("a", "/dev/null"));
     const std::set<std::string> before = threadIds();
@@ -50,7 +50,7 @@ TEST_F(QuarrowStart, startsTheWatcherAndThePurgeThread)
     EXPECT_EQ(allSignals + allSignals, signalsBlockedByNewThreads(before));
 }
 
-TEST_F(QuarrowStart, aChangeReachesTheListenerOfItsVolume)
+TEST_F(QuarrowStartTest, aChangeReachesTheListenerOfItsVolume)
 {
     configure(volume("a"));
     start(1);
@@ -61,7 +61,7 @@ TEST_F(QuarrowStart, aChangeReachesTheListenerOfItsVolume)
     EXPECT_EQ("/m/new\n", queryCatalogue(catalogue("a"), "select path from Folders where path = '/m/new'"));
 }
 
-TEST_F(QuarrowStart, registersEachVolumeWithThePurgeThread)
+TEST_F(QuarrowStartTest, registersEachVolumeWithThePurgeThread)
 {
     configure(volume("a"), 3600);
     start(1);
@@ -69,7 +69,7 @@ TEST_F(QuarrowStart, registersEachVolumeWithThePurgeThread)
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, "Purging the DB at 1700000000\n"));
 }
 
-TEST_F(QuarrowStart, twiceThrows)
+TEST_F(QuarrowStartTest, twiceThrows)
 {
     configure(volume("a"));
     start(1);
@@ -78,7 +78,7 @@ TEST_F(QuarrowStart, twiceThrows)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(QuarrowStart, withoutConfigurationThrowsAndStartsNothing)
+TEST_F(QuarrowStartTest, withoutConfigurationThrowsAndStartsNothing)
 {
     setenv("QUARROW_CONFIG_FILE", folder.path("missing.xml").c_str(), 1);
     const std::set<std::string> before = threadIds();
@@ -87,7 +87,7 @@ TEST_F(QuarrowStart, withoutConfigurationThrowsAndStartsNothing)
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "Could not parse the config xml\n" } }), loggedLines());
 }
 
-TEST_F(QuarrowStart, canBeTriedAgainAfterAFailure)
+TEST_F(QuarrowStartTest, canBeTriedAgainAfterAFailure)
 {
     setenv("QUARROW_CONFIG_FILE", folder.path("host.xml").c_str(), 1);
     EXPECT_EQ("Failed in reading the config file", thrownByStart());
@@ -97,7 +97,7 @@ TEST_F(QuarrowStart, canBeTriedAgainAfterAFailure)
     waitForWalks(1);
 }
 
-TEST_F(QuarrowStart, aConfigurationThatLacksSomethingThrowsWithoutALogLine)
+TEST_F(QuarrowStartTest, aConfigurationThatLacksSomethingThrowsWithoutALogLine)
 {
     configure("");
     const std::set<std::string> before = threadIds();
@@ -106,7 +106,7 @@ TEST_F(QuarrowStart, aConfigurationThatLacksSomethingThrowsWithoutALogLine)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(QuarrowStart, volumesThatCannotBeInitialisedAreLoggedAndLeftOut)
+TEST_F(QuarrowStartTest, volumesThatCannotBeInitialisedAreLoggedAndLeftOut)
 {
     configure(volumeAt("z", "/dev/null") + volumeAt("c", "/dev/null/c") + volume("m"));
     folder.makeFolder("m/m/Music");
@@ -125,7 +125,7 @@ TEST_F(QuarrowStart, volumesThatCannotBeInitialisedAreLoggedAndLeftOut)
     EXPECT_EQ("/m/Music\n", queryCatalogue(catalogue("m"), "select path from Folders where path = '/m/Music'"));
 }
 
-TEST_F(QuarrowStart, aStateFileOfGarbageLeavesTheVolumeOut)
+TEST_F(QuarrowStartTest, aStateFileOfGarbageLeavesTheVolumeOut)
 {
     configure(volume("a") + volume("b"));
     spoilStateFile("a");
@@ -138,7 +138,7 @@ TEST_F(QuarrowStart, aStateFileOfGarbageLeavesTheVolumeOut)
     EXPECT_EQ(0, timesLogged(LOG_INFO, "Finished walk. Walk started at " + folder.path("a/m") + "\n"));
 }
 
-TEST_F(QuarrowStart, oneTrailingSlashIsTakenOffTheRoot)
+TEST_F(QuarrowStartTest, oneTrailingSlashIsTakenOffTheRoot)
 {
     configure(volumeAt("a", folder.makeFolder("a") + "/") + volumeAt("b", folder.makeFolder("b") + "//")
         + volumeAt("c", folder.makeFolder("c")));
@@ -170,7 +170,7 @@ private:
     int outside;
 };
 
-TEST_F(QuarrowStart, aRootOfOneSlashBecomesTheEmptyPath)
+TEST_F(QuarrowStartTest, aRootOfOneSlashBecomesTheEmptyPath)
 {
     configure(volumeAt("a", "/"));
     setenv("QUARROW_CONFIG_FILE", "/host.xml", 1);
@@ -186,7 +186,7 @@ TEST_F(QuarrowStart, aRootOfOneSlashBecomesTheEmptyPath)
     EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
 }
 
-TEST_F(QuarrowStart, inStandbyNoWalkStarts)
+TEST_F(QuarrowStartTest, inStandbyNoWalkStarts)
 {
     configure(volumeAt("a", folder.makeFolder("a")));
     fclose(fopen("/tmp/standby", "w"));

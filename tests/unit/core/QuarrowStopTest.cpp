@@ -9,12 +9,12 @@ constexpr const char* joined = "The thread join has returned with a return code 
 constexpr const char* closed = "sqlite3 handle closed\n";
 
 /// The shut-down. A test that hangs is a test that failed.
-class QuarrowStop : public DaemonFixture {
+class QuarrowStopTest : public DaemonFixture {
 protected:
     static void stop() { Quarrow::getInstance()->stop(); }
 };
 
-TEST_F(QuarrowStop, endsEveryThreadAndClosesEveryCatalogue)
+TEST_F(QuarrowStopTest, endsEveryThreadAndClosesEveryCatalogue)
 {
     configure(volume("a") + volume("b"));
     const std::set<std::string> before = threadIds();
@@ -29,7 +29,7 @@ TEST_F(QuarrowStop, endsEveryThreadAndClosesEveryCatalogue)
     EXPECT_FALSE(folder.exists("b/.quarrow/quarrow.db-wal"));
 }
 
-TEST_F(QuarrowStop, joinsThePurgeThreadBeforeItClosesTheCatalogues)
+TEST_F(QuarrowStopTest, joinsThePurgeThreadBeforeItClosesTheCatalogues)
 {
     configure(volume("a") + volume("b"));
     start(2);
@@ -42,7 +42,7 @@ TEST_F(QuarrowStop, joinsThePurgeThreadBeforeItClosesTheCatalogues)
     EXPECT_EQ(std::string(joined) + closed + closed, order);
 }
 
-TEST_F(QuarrowStop, endsRun)
+TEST_F(QuarrowStopTest, endsRun)
 {
     configure(volume("a"));
     start(1);
@@ -55,7 +55,7 @@ TEST_F(QuarrowStop, endsRun)
         << "the loop still says what woke it";
 }
 
-TEST_F(QuarrowStop, beforeRunLeavesNothingToRun)
+TEST_F(QuarrowStopTest, beforeRunLeavesNothingToRun)
 {
     configure(volume("a"));
     Quarrow::getInstance()->start(); // the threads may not have got anywhere yet
@@ -65,7 +65,7 @@ TEST_F(QuarrowStop, beforeRunLeavesNothingToRun)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(QuarrowStop, aSecondOneDoesNothing)
+TEST_F(QuarrowStopTest, aSecondOneDoesNothing)
 {
     configure(volume("a"));
     start(1);
@@ -75,7 +75,7 @@ TEST_F(QuarrowStop, aSecondOneDoesNothing)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(QuarrowStop, beforeStartDoesNothing)
+TEST_F(QuarrowStopTest, beforeStartDoesNothing)
 {
     configure(volume("a"));
     stop();
@@ -85,7 +85,7 @@ TEST_F(QuarrowStop, beforeStartDoesNothing)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(QuarrowStop, clearsTheStartedFlag)
+TEST_F(QuarrowStopTest, clearsTheStartedFlag)
 {
     configure(volumeAt("a", "/dev/null"));
     start();
@@ -93,7 +93,7 @@ TEST_F(QuarrowStop, clearsTheStartedFlag)
     EXPECT_NO_THROW(start());
 }
 
-TEST_F(QuarrowStop, leavesTheTickleFileInTheFirstWatchedFolder)
+TEST_F(QuarrowStopTest, leavesTheTickleFileInTheFirstWatchedFolder)
 {
     configure(volume("a"));
     start(1);
@@ -102,7 +102,7 @@ TEST_F(QuarrowStop, leavesTheTickleFileInTheFirstWatchedFolder)
     EXPECT_EQ(std::vector<std::string> { "touch " + folder.path("a/m") + "/.tickle" }, commandsRun());
 }
 
-TEST_F(QuarrowStop, endsAWalkThatSomebodyElseHoldsUp)
+TEST_F(QuarrowStopTest, endsAWalkThatSomebodyElseHoldsUp)
 {
     configure(volume("a"));
     start(1);
@@ -116,7 +116,7 @@ TEST_F(QuarrowStop, endsAWalkThatSomebodyElseHoldsUp)
     });
 }
 
-TEST_F(QuarrowStop, endsAWalkOnTheWatcherThreadThatSomebodyElseHoldsUp)
+TEST_F(QuarrowStopTest, endsAWalkOnTheWatcherThreadThatSomebodyElseHoldsUp)
 {
     configure(volume("a"));
     start(1);
@@ -128,7 +128,7 @@ TEST_F(QuarrowStop, endsAWalkOnTheWatcherThreadThatSomebodyElseHoldsUp)
     EXPECT_EQ(1, timesLogged(LOG_INFO, closed)) << "although the catalogue is still locked";
 }
 
-TEST_F(QuarrowStop, endsAPurgeOfTheLoopThatSomebodyElseHoldsUp)
+TEST_F(QuarrowStopTest, endsAPurgeOfTheLoopThatSomebodyElseHoldsUp)
 {
     // Excluded, so that the walk that comes with the purge has nothing to write and does not stand in its way.
     configure("<Volume><Name>a</Name><Root>" + folder.makeFolder("a")

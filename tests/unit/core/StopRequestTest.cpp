@@ -6,7 +6,7 @@
 
 #include <csignal>
 
-TEST(StopRequest, isMadeUntilItIsTakenBack)
+TEST(StopRequestTest, isMadeUntilItIsTakenBack)
 {
     StopRequest request;
     EXPECT_FALSE(request.isMade());
@@ -18,7 +18,7 @@ TEST(StopRequest, isMadeUntilItIsTakenBack)
     EXPECT_FALSE(request.isMade());
 }
 
-TEST(StopRequest, aSignalThatWaitsToBeServedCountsForWhoAsksForIt)
+TEST(StopRequestTest, aSignalThatWaitsToBeServedCountsForWhoAsksForIt)
 {
     sigset_t stop;
     sigset_t before;

@@ -19,29 +19,29 @@ std::string failureOf(const Action& action, bool expected)
 
 } // namespace
 
-TEST(Survival, workThatSucceedsIsNoFailure)
+TEST(SurvivalTest, workThatSucceedsIsNoFailure)
 {
     bool done = false;
     EXPECT_EQ("-", failureOf([&done] { done = true; }, true));
     EXPECT_TRUE(done);
 }
 
-TEST(Survival, exceptionEndsHereWithItsText)
+TEST(SurvivalTest, exceptionEndsHereWithItsText)
 {
     EXPECT_EQ("broken", failureOf([] { throw std::runtime_error("broken"); }, false));
 }
 
-TEST(Survival, bareStringEndsHereToo)
+TEST(SurvivalTest, bareStringEndsHereToo)
 {
     EXPECT_EQ("broken", failureOf([] { throw "broken"; }, false));
 }
 
-TEST(Survival, nothingElseIsCaught)
+TEST(SurvivalTest, nothingElseIsCaught)
 {
     EXPECT_THROW(survive([] { throw 1; }, [](const char*) { ADD_FAILURE(); }), int);
 }
 
-TEST(Survival, threadMayEndInTheMiddle)
+TEST(SurvivalTest, threadMayEndInTheMiddle)
 {
     const auto body = [](void*) -> void* {
         survive([] { pthread_exit(nullptr); }, [](const char*) { ADD_FAILURE(); });

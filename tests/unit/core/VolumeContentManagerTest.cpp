@@ -28,9 +28,9 @@ constexpr const char* purging = "Purging the DB at 1700000000\n";
 constexpr const char* purged = "Done with the purge 1700000000\n";
 
 /// The purge thread with real volumes. Their first purge is due at once; in standby a visit only leaves a line.
-class PurgeThread : public VolumesFixture {
+class VolumeContentManagerTest : public VolumesFixture {
 protected:
-    PurgeThread()
+    VolumeContentManagerTest()
         : manager(*VolumeContentManager::getInstance())
     {
         // Threads share these: as in the daemon they are made before the first thread.
@@ -38,7 +38,7 @@ protected:
         QuarrowConfig::getInstance();
         VolumeWatcher::getInstance();
     }
-    ~PurgeThread() override
+    ~VolumeContentManagerTest() override
     {
         manager.stop();
         leaveStandby();
@@ -61,9 +61,9 @@ protected:
     std::map<std::string, std::unique_ptr<VolumeManager>> volumes;
 };
 
-TEST_F(PurgeThread, isOneForTheProcess) { EXPECT_EQ(&manager, VolumeContentManager::getInstance()); }
+TEST_F(VolumeContentManagerTest, isOneForTheProcess) { EXPECT_EQ(&manager, VolumeContentManager::getInstance()); }
 
-TEST_F(PurgeThread, logsItsStartAndItsEnd)
+TEST_F(VolumeContentManagerTest, logsItsStartAndItsEnd)
 {
     manager.start();
     manager.stop();
@@ -72,7 +72,7 @@ TEST_F(PurgeThread, logsItsStartAndItsEnd)
         loggedLines());
 }
 
-TEST_F(PurgeThread, blocksEverySignal)
+TEST_F(VolumeContentManagerTest, blocksEverySignal)
 {
     const std::set<std::string> before = threadIds();
     manager.start();
@@ -82,7 +82,7 @@ TEST_F(PurgeThread, blocksEverySignal)
     EXPECT_EQ(before, threadIds());
 }
 
-TEST_F(PurgeThread, isRunningUntilStop)
+TEST_F(VolumeContentManagerTest, isRunningUntilStop)
 {
     EXPECT_TRUE(manager.isRunning()) << "before start() as well";
     manager.start();
@@ -91,7 +91,7 @@ TEST_F(PurgeThread, isRunningUntilStop)
     EXPECT_FALSE(manager.isRunning());
 }
 
-TEST_F(PurgeThread, makesOnePassRightAfterStart)
+TEST_F(VolumeContentManagerTest, makesOnePassRightAfterStart)
 {
     addVolume("a");
     clearLog();
@@ -103,7 +103,7 @@ TEST_F(PurgeThread, makesOnePassRightAfterStart)
         loggedLines());
 }
 
-TEST_F(PurgeThread, purgesWithTheConfiguredThreshold)
+TEST_F(VolumeContentManagerTest, purgesWithTheConfiguredThreshold)
 {
     addVolume("a");
     changeCatalogue(catalogue("a"),
@@ -118,7 +118,7 @@ TEST_F(PurgeThread, purgesWithTheConfiguredThreshold)
             .find("<last_purge_time>" + std::to_string(aMoment - 5184000) + "</last_purge_time>"));
 }
 
-TEST_F(PurgeThread, makesOnePassForEveryNotification)
+TEST_F(VolumeContentManagerTest, makesOnePassForEveryNotification)
 {
     addVolume("a");
     enterStandby();
@@ -132,7 +132,7 @@ TEST_F(PurgeThread, makesOnePassForEveryNotification)
     EXPECT_EQ(4, timesLogged(LOG_INFO, oneVisit));
 }
 
-TEST_F(PurgeThread, twoNotificationsDuringAPassMakeTwoMorePasses)
+TEST_F(VolumeContentManagerTest, twoNotificationsDuringAPassMakeTwoMorePasses)
 {
     addVolume("a");
     ForeignWriter writer(catalogue("a"));
@@ -149,7 +149,7 @@ TEST_F(PurgeThread, twoNotificationsDuringAPassMakeTwoMorePasses)
     EXPECT_EQ(1, timesLogged(LOG_INFO, purged));
 }
 
-TEST_F(PurgeThread, skipsAVolumeThatIsWalking)
+TEST_F(VolumeContentManagerTest, skipsAVolumeThatIsWalking)
 {
     VolumeManager& walking = addVolume("a");
     addVolume("b");
@@ -168,7 +168,7 @@ TEST_F(PurgeThread, skipsAVolumeThatIsWalking)
     EXPECT_EQ(0, timesLogged(LOG_ERR, failure("a")));
 }
 
-TEST_F(PurgeThread, visitsTheVolumesInTheOrderOfTheirNames)
+TEST_F(VolumeContentManagerTest, visitsTheVolumesInTheOrderOfTheirNames)
 {
     for (const char* name : { "b", "a", "B", "10", "9" }) {
         addVolume(name);
@@ -185,7 +185,7 @@ TEST_F(PurgeThread, visitsTheVolumesInTheOrderOfTheirNames)
     EXPECT_EQ(expected, loggedErrors());
 }
 
-TEST_F(PurgeThread, aStateFileOfGarbageDoesNotStarveTheOthers)
+TEST_F(VolumeContentManagerTest, aStateFileOfGarbageDoesNotStarveTheOthers)
 {
     addVolume("a");
     addVolume("b");
@@ -200,7 +200,7 @@ TEST_F(PurgeThread, aStateFileOfGarbageDoesNotStarveTheOthers)
     EXPECT_EQ(1, timesLogged(LOG_INFO, purged));
 }
 
-TEST_F(PurgeThread, aBrokenCatalogueDoesNotStarveTheOthers)
+TEST_F(VolumeContentManagerTest, aBrokenCatalogueDoesNotStarveTheOthers)
 {
     addVolume("a");
     addVolume("b");
@@ -213,7 +213,7 @@ TEST_F(PurgeThread, aBrokenCatalogueDoesNotStarveTheOthers)
     EXPECT_EQ(1, timesLogged(LOG_INFO, purged));
 }
 
-TEST_F(PurgeThread, stopEndsAPassAtTheNextVolume)
+TEST_F(VolumeContentManagerTest, stopEndsAPassAtTheNextVolume)
 {
     addVolume("a");
     addVolume("b");
@@ -231,7 +231,7 @@ TEST_F(PurgeThread, stopEndsAPassAtTheNextVolume)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "The thread join has returned with a return code of 0 \n"));
 }
 
-TEST_F(PurgeThread, aLaterManagerOfANameReplacesTheEarlier)
+TEST_F(VolumeContentManagerTest, aLaterManagerOfANameReplacesTheEarlier)
 {
     addVolume("a");
     VolumeManager& b = addVolume("b");
@@ -247,7 +247,7 @@ TEST_F(PurgeThread, aLaterManagerOfANameReplacesTheEarlier)
     EXPECT_EQ(std::vector<LogLine>(), loggedErrors());
 }
 
-TEST_F(PurgeThread, aNullManagerIsSkipped)
+TEST_F(VolumeContentManagerTest, aNullManagerIsSkipped)
 {
     std::string a = "a";
     manager.addVolumeManager(a, nullptr);
@@ -256,7 +256,7 @@ TEST_F(PurgeThread, aNullManagerIsSkipped)
     EXPECT_TRUE(waitUntilLogged(LOG_INFO, purged));
 }
 
-TEST_F(PurgeThread, aSecondStopJoinsNothing)
+TEST_F(VolumeContentManagerTest, aSecondStopJoinsNothing)
 {
     manager.start();
     manager.stop();
@@ -266,14 +266,14 @@ TEST_F(PurgeThread, aSecondStopJoinsNothing)
     EXPECT_FALSE(manager.isRunning());
 }
 
-TEST_F(PurgeThread, stopBeforeStartJoinsNothing)
+TEST_F(VolumeContentManagerTest, stopBeforeStartJoinsNothing)
 {
     manager.stop();
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
     EXPECT_FALSE(manager.isRunning());
 }
 
-TEST_F(PurgeThread, stopNotifiesAndForgetsTheManagers)
+TEST_F(VolumeContentManagerTest, stopNotifiesAndForgetsTheManagers)
 {
     addVolume("a");
     enterStandby();
@@ -289,7 +289,7 @@ TEST_F(PurgeThread, stopNotifiesAndForgetsTheManagers)
     EXPECT_EQ(1, timesLogged(LOG_INFO, oneVisit)) << "the first volume is not visited any more";
 }
 
-TEST_F(PurgeThread, startAfterStopOnlyClearsTheStopFlag)
+TEST_F(VolumeContentManagerTest, startAfterStopOnlyClearsTheStopFlag)
 {
     const std::set<std::string> before = threadIds();
     manager.stop();
@@ -299,7 +299,7 @@ TEST_F(PurgeThread, startAfterStopOnlyClearsTheStopFlag)
     EXPECT_EQ(std::vector<LogLine>(), loggedLines());
 }
 
-TEST_F(PurgeThread, whatAFailedJoinReturnedIsLoggedAndTheManagersAreForgottenAnyway)
+TEST_F(VolumeContentManagerTest, whatAFailedJoinReturnedIsLoggedAndTheManagersAreForgottenAnyway)
 {
     addVolume("a");
     enterStandby();
@@ -319,7 +319,7 @@ TEST_F(PurgeThread, whatAFailedJoinReturnedIsLoggedAndTheManagersAreForgottenAny
     EXPECT_EQ(0, timesLogged(LOG_ERR, failure("a")));
 }
 
-TEST_F(PurgeThread, runsOnWhenItsSignalsCannotBeBlocked)
+TEST_F(VolumeContentManagerTest, runsOnWhenItsSignalsCannotBeBlocked)
 {
     addVolume("a");
     maskResult = EINVAL;

@@ -21,16 +21,16 @@ namespace {
 bool knowsOpenat2 = true;
 
 /// Paths below a folder, some with links in them, on a kernel or in a sandbox with and without openat2().
-class WithoutLinks : public testing::TestWithParam<bool> {
+class WithoutLinksTest : public testing::TestWithParam<bool> {
 protected:
-    WithoutLinks()
+    WithoutLinksTest()
     {
         knowsOpenat2 = GetParam();
         folder.writeFile("real/deep/file", "content");
         fs::create_directory_symlink(folder.path("real"), folder.path("link"));
         fs::create_symlink(folder.path("real/deep/file"), folder.path("real/deep/fileLink"));
     }
-    ~WithoutLinks() override { knowsOpenat2 = true; }
+    ~WithoutLinksTest() override { knowsOpenat2 = true; }
 
     /// What was opened there, or "refused".
     std::string opened(const std::string& below, int flags = O_RDONLY) const
@@ -65,7 +65,7 @@ extern "C" long syscall(long number, ...) noexcept
     return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 
-TEST_P(WithoutLinks, opensWhatIsReachedByFoldersAlone)
+TEST_P(WithoutLinksTest, opensWhatIsReachedByFoldersAlone)
 {
     EXPECT_EQ("real/deep/file", opened("real/deep/file"));
     EXPECT_EQ("real/deep/file", opened("real//deep/./file"));
@@ -75,7 +75,7 @@ TEST_P(WithoutLinks, opensWhatIsReachedByFoldersAlone)
     EXPECT_EQ("refused", opened("none/file"));
 }
 
-TEST_P(WithoutLinks, followsNoLink)
+TEST_P(WithoutLinksTest, followsNoLink)
 {
     EXPECT_EQ("refused", opened("link/deep/file"));
     EXPECT_EQ("refused", opened("real/deep/fileLink"));
@@ -85,7 +85,7 @@ TEST_P(WithoutLinks, followsNoLink)
     EXPECT_TRUE(HeldFolder(folder.path("real/file")).isOpen());
 }
 
-TEST_P(WithoutLinks, makesAFileWithItsMode)
+TEST_P(WithoutLinksTest, makesAFileWithItsMode)
 {
     const mode_t before = umask(0);
     EXPECT_EQ("real/new", opened("real/new", O_WRONLY | O_CREAT | O_EXCL));
@@ -97,7 +97,7 @@ TEST_P(WithoutLinks, makesAFileWithItsMode)
     EXPECT_FALSE(FileDescriptor(openWithoutLinks(folder.path("link/new").c_str(), O_WRONLY | O_CREAT, 0640)).isOpen());
 }
 
-TEST_P(WithoutLinks, removesNothingBehindALink)
+TEST_P(WithoutLinksTest, removesNothingBehindALink)
 {
     EXPECT_EQ(-1, unlinkWithoutLinks(folder.path("link/deep/file").c_str()));
     EXPECT_TRUE(folder.exists("real/deep/file"));
@@ -106,12 +106,12 @@ TEST_P(WithoutLinks, removesNothingBehindALink)
     EXPECT_FALSE(folder.exists("real/deep/file"));
 }
 
-TEST_P(WithoutLinks, refusesANameThatIsTooLong)
+TEST_P(WithoutLinksTest, refusesANameThatIsTooLong)
 {
     EXPECT_EQ("refused", opened("real/" + std::string(300, 'x')));
     EXPECT_EQ("refused", opened(std::string(300, 'x') + "/file"));
     EXPECT_EQ(-1, unlinkWithoutLinks((std::string(5000, '/') + "file").c_str()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernel, WithoutLinks, testing::Bool(),
+INSTANTIATE_TEST_SUITE_P(Kernel, WithoutLinksTest, testing::Bool(),
     [](const auto& known) { return known.param ? "withOpenat2" : "withoutOpenat2"; });

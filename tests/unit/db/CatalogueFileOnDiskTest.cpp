@@ -34,14 +34,14 @@ bool refuses(Refused call)
     return refused == call;
 }
 
-class CatalogueFileOnDisk : public CatalogueTest {
+class CatalogueFileOnDiskTest : public CatalogueTest {
 protected:
-    CatalogueFileOnDisk()
+    CatalogueFileOnDiskTest()
     {
         calls.clear();
         emptyNameMade = false;
     }
-    ~CatalogueFileOnDisk() override { refused = Refused::nothing; }
+    ~CatalogueFileOnDiskTest() override { refused = Refused::nothing; }
 
     void expectRefused(int status)
     {
@@ -97,7 +97,7 @@ extern "C" int mkdir(const char* path, mode_t mode) noexcept
     return static_cast<int>(syscall(SYS_mkdir, path, mode));
 }
 
-TEST_F(CatalogueFileOnDisk, aNewOneIsSyncedRenamedAndItsFolderSynced)
+TEST_F(CatalogueFileOnDiskTest, aNewOneIsSyncedRenamedAndItsFolderSynced)
 {
     open();
     calls.erase(
@@ -107,7 +107,7 @@ TEST_F(CatalogueFileOnDisk, aNewOneIsSyncedRenamedAndItsFolderSynced)
         calls);
 }
 
-TEST_F(CatalogueFileOnDisk, nothingIsWaitedForBetweenTheSwitchOfTheFileAndItsLog)
+TEST_F(CatalogueFileOnDiskTest, nothingIsWaitedForBetweenTheSwitchOfTheFileAndItsLog)
 {
     open();
     close();
@@ -122,21 +122,21 @@ TEST_F(CatalogueFileOnDisk, nothingIsWaitedForBetweenTheSwitchOfTheFileAndItsLog
         calls);
 }
 
-TEST_F(CatalogueFileOnDisk, oneThatCannotBeSyncedIsAbsent)
+TEST_F(CatalogueFileOnDiskTest, oneThatCannotBeSyncedIsAbsent)
 {
     refused = Refused::syncing;
     expectRefused(10);
     EXPECT_EQ("", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueFileOnDisk, oneThatCannotBeMovedToItsPlaceIsAbsent)
+TEST_F(CatalogueFileOnDiskTest, oneThatCannotBeMovedToItsPlaceIsAbsent)
 {
     refused = Refused::renaming;
     expectRefused(10);
     EXPECT_EQ("", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueFileOnDisk, oneThatCannotBeLookedAtIsNotReplaced)
+TEST_F(CatalogueFileOnDiskTest, oneThatCannotBeLookedAtIsNotReplaced)
 {
     open();
     insertFolderRow("/Music", -1);
@@ -148,7 +148,7 @@ TEST_F(CatalogueFileOnDisk, oneThatCannotBeLookedAtIsNotReplaced)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueFileOnDisk, noDirectoryOfAnEmptyNameIsMade)
+TEST_F(CatalogueFileOnDiskTest, noDirectoryOfAnEmptyNameIsMade)
 {
     VolumeDBManager().createPath(volume.path("a/b/quarrow.db").c_str());
     EXPECT_TRUE(volume.exists("a/b"));

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 namespace {
 
 /// The first start on a volume, under bad conditions: a catalogue in the making is complete or absent.
-class CatalogueFile : public CatalogueTest {
+class CatalogueFileTest : public CatalogueTest {
 protected:
     /// A process that opens the catalogue, inserts the folder and is gone without closing.
     void insertAndDie(const std::string& path) const
@@ -47,14 +47,14 @@ protected:
 
 } // namespace
 
-TEST_F(CatalogueFile, nothingElseIsLeftOfIt)
+TEST_F(CatalogueFileTest, nothingElseIsLeftOfIt)
 {
     openNew();
     close();
     EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueFile, onAVolumeOfAnySizeItIsCompleteOrAbsent)
+TEST_F(CatalogueFileTest, onAVolumeOfAnySizeItIsCompleteOrAbsent)
 {
     const std::string mountPoint = volume.makeFolder("small");
     catalogueFolder = mountPoint + "/.quarrow";
@@ -79,7 +79,7 @@ TEST_F(CatalogueFile, onAVolumeOfAnySizeItIsCompleteOrAbsent)
     EXPECT_LT(0, catalogues);
 }
 
-TEST_F(CatalogueFile, aFullVolumeIsLoggedAsTheFailureOfTheLastStatement)
+TEST_F(CatalogueFileTest, aFullVolumeIsLoggedAsTheFailureOfTheLastStatement)
 {
     const std::string mountPoint = volume.makeFolder("small");
     dbPath = mountPoint + "/quarrow.db";
@@ -92,7 +92,7 @@ TEST_F(CatalogueFile, aFullVolumeIsLoggedAsTheFailureOfTheLastStatement)
     EXPECT_EQ(0U, log[2].text.rfind("createDBStructure() failed, handleStatus: ", 0)) << log[2];
 }
 
-TEST_F(CatalogueFile, whatAnEarlierAttemptLeftIsReplaced)
+TEST_F(CatalogueFileTest, whatAnEarlierAttemptLeftIsReplaced)
 {
     volume.writeFile(".quarrow/quarrow.db.tmp", std::string(5000, 'x'));
     open();
@@ -101,7 +101,7 @@ TEST_F(CatalogueFile, whatAnEarlierAttemptLeftIsReplaced)
     EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueFile, aLinkInThePlaceOfTheTemporaryFileIsNotFollowed)
+TEST_F(CatalogueFileTest, aLinkInThePlaceOfTheTemporaryFileIsNotFollowed)
 {
     volume.writeFile("victim", "precious");
     volume.makeFolder(".quarrow");
@@ -111,7 +111,7 @@ TEST_F(CatalogueFile, aLinkInThePlaceOfTheTemporaryFileIsNotFollowed)
     EXPECT_EQ("precious", volume.readFile("victim"));
 }
 
-TEST_F(CatalogueFile, aLinkInThePlaceOfASideFileIsNotFollowed)
+TEST_F(CatalogueFileTest, aLinkInThePlaceOfASideFileIsNotFollowed)
 {
     openNew();
     for (const std::string suffix : { "-wal", "-shm", "-journal" }) {
@@ -131,7 +131,7 @@ TEST_F(CatalogueFile, aLinkInThePlaceOfASideFileIsNotFollowed)
     }
 }
 
-TEST_F(CatalogueFile, theLogOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
+TEST_F(CatalogueFileTest, theLogOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
 {
     insertAndDie("/Old");
     ASSERT_TRUE(volume.exists(".quarrow/quarrow.db-wal"));
@@ -140,7 +140,7 @@ TEST_F(CatalogueFile, theLogOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne
     expectNewAndEmpty();
 }
 
-TEST_F(CatalogueFile, theJournalOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
+TEST_F(CatalogueFileTest, theJournalOfACatalogueThatSomebodyRemovedDoesNotReachTheNewOne)
 {
     volume.writeFile(".quarrow/quarrow.db");
     change("create table Old(content text); insert into Old values('before')");
@@ -163,14 +163,14 @@ TEST_F(CatalogueFile, theJournalOfACatalogueThatSomebodyRemovedDoesNotReachTheNe
     expectNewAndEmpty();
 }
 
-TEST_F(CatalogueFile, aCatalogueOfAKilledDaemonKeepsItsRows)
+TEST_F(CatalogueFileTest, aCatalogueOfAKilledDaemonKeepsItsRows)
 {
     insertAndDie("/Old");
     open();
     EXPECT_EQ("1 in -1 '/Old' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueFile, aLinkThatLeadsNowhereIsReplacedByTheCatalogue)
+TEST_F(CatalogueFileTest, aLinkThatLeadsNowhereIsReplacedByTheCatalogue)
 {
     volume.makeFolder(".quarrow");
     fs::create_symlink(volume.path("nowhere"), dbPath);
@@ -179,7 +179,7 @@ TEST_F(CatalogueFile, aLinkThatLeadsNowhereIsReplacedByTheCatalogue)
     EXPECT_FALSE(volume.exists("nowhere"));
 }
 
-TEST_F(CatalogueFile, aLinkOfTheDaemonsOwnUserIsFollowed)
+TEST_F(CatalogueFileTest, aLinkOfTheDaemonsOwnUserIsFollowed)
 {
     volume.makeFolder("fast");
     fs::create_directory_symlink(volume.path("fast"), catalogueFolder);
@@ -188,7 +188,7 @@ TEST_F(CatalogueFile, aLinkOfTheDaemonsOwnUserIsFollowed)
     EXPECT_TRUE(volume.exists("fast/quarrow.db"));
 }
 
-TEST_F(CatalogueFile, aLinkOfAnotherUserIsRefused)
+TEST_F(CatalogueFileTest, aLinkOfAnotherUserIsRefused)
 {
     const auto expectRefused = [this](const std::string& link, const std::string& target) {
         fs::create_symlink(target, link);
@@ -209,7 +209,7 @@ TEST_F(CatalogueFile, aLinkOfAnotherUserIsRefused)
     EXPECT_TRUE(fs::is_empty(catalogueFolder));
 }
 
-TEST_F(CatalogueFile, aCatalogueThatAnotherDaemonIsMakingIsNotTouched)
+TEST_F(CatalogueFileTest, aCatalogueThatAnotherDaemonIsMakingIsNotTouched)
 {
     const std::string making = volume.writeFile(".quarrow/quarrow.db.tmp", "half of it");
     const int other = ::open(making.c_str(), O_RDONLY);

@@ -6,7 +6,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class CatalogueOpening : public ReopenedCatalogueTest {
+class CatalogueOpeningTest : public ReopenedCatalogueTest {
 protected:
     VolumeDBManager manager; ///< that never opens a catalogue
 
@@ -20,7 +20,7 @@ protected:
 
 } // namespace
 
-TEST_F(CatalogueOpening, openingASecondTimeGeneratesNothingAndKeepsTheRows)
+TEST_F(CatalogueOpeningTest, openingASecondTimeGeneratesNothingAndKeepsTheRows)
 {
     open();
     insertFolderRow("/Music", -1);
@@ -31,7 +31,7 @@ TEST_F(CatalogueOpening, openingASecondTimeGeneratesNothingAndKeepsTheRows)
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(CatalogueOpening, anEmptyFileGetsNoSchemaAndTheFirstStatementFails)
+TEST_F(CatalogueOpeningTest, anEmptyFileGetsNoSchemaAndTheFirstStatementFails)
 {
     volume.writeFile(".quarrow/quarrow.db");
     open();
@@ -41,7 +41,7 @@ TEST_F(CatalogueOpening, anEmptyFileGetsNoSchemaAndTheFirstStatementFails)
     EXPECT_THROW(db->folderExists(folder), DBOperationException);
 }
 
-TEST_F(CatalogueOpening, aForeignDatabaseIsOpenedAndLeftAsItIs)
+TEST_F(CatalogueOpeningTest, aForeignDatabaseIsOpenedAndLeftAsItIs)
 {
     volume.writeFile(".quarrow/quarrow.db");
     change("create table Recipes(title text)");
@@ -54,7 +54,7 @@ TEST_F(CatalogueOpening, aForeignDatabaseIsOpenedAndLeftAsItIs)
     EXPECT_EQ("Soup\n", query("select title from Recipes"));
 }
 
-TEST_F(CatalogueOpening, garbageIsOpenedFailsAtTheFirstStatementAndStaysAsItIs)
+TEST_F(CatalogueOpeningTest, garbageIsOpenedFailsAtTheFirstStatementAndStaysAsItIs)
 {
     const std::string garbage(5000, 'x');
     volume.writeFile(".quarrow/quarrow.db", garbage);
@@ -68,7 +68,7 @@ TEST_F(CatalogueOpening, garbageIsOpenedFailsAtTheFirstStatementAndStaysAsItIs)
     EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder());
 }
 
-TEST_F(CatalogueOpening, aDirectoryInItsPlaceCannotBeOpened)
+TEST_F(CatalogueOpeningTest, aDirectoryInItsPlaceCannotBeOpened)
 {
     volume.makeFolder(".quarrow/quarrow.db");
     EXPECT_THROW(open(), DBOperationException);
@@ -76,7 +76,7 @@ TEST_F(CatalogueOpening, aDirectoryInItsPlaceCannotBeOpened)
     EXPECT_TRUE(fs::is_directory(dbPath));
 }
 
-TEST_F(CatalogueOpening, aDirectoryThatCannotBeMadeShowsWhenTheCatalogueIsOpened)
+TEST_F(CatalogueOpeningTest, aDirectoryThatCannotBeMadeShowsWhenTheCatalogueIsOpened)
 {
     volume.writeFile(".quarrow", "a file in the way");
     EXPECT_THROW(open(), DBOperationException);
@@ -84,21 +84,21 @@ TEST_F(CatalogueOpening, aDirectoryThatCannotBeMadeShowsWhenTheCatalogueIsOpened
     EXPECT_EQ("a file in the way", volume.readFile(".quarrow"));
 }
 
-TEST_F(CatalogueOpening, checkIfDBExistsIsTrueForAFileAndADirectory)
+TEST_F(CatalogueOpeningTest, checkIfDBExistsIsTrueForAFileAndADirectory)
 {
     volume.writeFile(".quarrow/quarrow.db");
     EXPECT_TRUE(manager.checkIfDBExists(dbPath.c_str()));
     EXPECT_TRUE(manager.checkIfDBExists(catalogueFolder.c_str()));
 }
 
-TEST_F(CatalogueOpening, checkIfDBExistsMakesTheDirectoriesForWhatIsMissing)
+TEST_F(CatalogueOpeningTest, checkIfDBExistsMakesTheDirectoriesForWhatIsMissing)
 {
     EXPECT_FALSE(manager.checkIfDBExists(dbPath.c_str()));
     EXPECT_TRUE(fs::is_directory(catalogueFolder));
     EXPECT_FALSE(volume.exists(".quarrow/quarrow.db"));
 }
 
-TEST_F(CatalogueOpening, ofWhatIsNoFileForSqliteMakesNothing)
+TEST_F(CatalogueOpeningTest, ofWhatIsNoFileForSqliteMakesNothing)
 {
     const std::string here = volume.makeFolder("here");
     fs::current_path(here);
@@ -113,7 +113,7 @@ TEST_F(CatalogueOpening, ofWhatIsNoFileForSqliteMakesNothing)
     fs::current_path("/");
 }
 
-TEST_F(CatalogueOpening, ofAPathThatIsTooLongForSqliteMakesNothing)
+TEST_F(CatalogueOpeningTest, ofAPathThatIsTooLongForSqliteMakesNothing)
 {
     std::string folder = volume.path();
     while (folder.length() < 480)
@@ -123,14 +123,14 @@ TEST_F(CatalogueOpening, ofAPathThatIsTooLongForSqliteMakesNothing)
     EXPECT_FALSE(fs::exists(folder + "/.quarrow/quarrow.db"));
 }
 
-TEST_F(CatalogueOpening, createPathMakesEveryDirectoryAboveTheLastElement)
+TEST_F(CatalogueOpeningTest, createPathMakesEveryDirectoryAboveTheLastElement)
 {
     EXPECT_FALSE(manager.createPath(volume.path("a/b/c/quarrow.db").c_str()));
     EXPECT_TRUE(fs::is_directory(volume.path("a/b/c")));
     EXPECT_FALSE(volume.exists("a/b/c/quarrow.db"));
 }
 
-TEST_F(CatalogueOpening, createPathMakesThemWithMode0755)
+TEST_F(CatalogueOpeningTest, createPathMakesThemWithMode0755)
 {
     umask(0);
     manager.createPath(volume.path("a/b/quarrow.db").c_str());
@@ -138,20 +138,20 @@ TEST_F(CatalogueOpening, createPathMakesThemWithMode0755)
     EXPECT_EQ(0755U, modeOf(volume.path("a/b")));
 }
 
-TEST_F(CatalogueOpening, createPathIsTrueForADirectoryThatIsThereAndMakesNothing)
+TEST_F(CatalogueOpeningTest, createPathIsTrueForADirectoryThatIsThereAndMakesNothing)
 {
     volume.makeFolder("a");
     EXPECT_TRUE(manager.createPath(volume.path("a").c_str()));
     EXPECT_TRUE(fs::is_empty(volume.path("a")));
 }
 
-TEST_F(CatalogueOpening, createPathMakesTheLastElementWhenASlashFollows)
+TEST_F(CatalogueOpeningTest, createPathMakesTheLastElementWhenASlashFollows)
 {
     EXPECT_FALSE(manager.createPath(volume.path("a/b/").c_str()));
     EXPECT_TRUE(fs::is_directory(volume.path("a/b")));
 }
 
-TEST_F(CatalogueOpening, createPathTakesRelativePathsFromTheCurrentDirectory)
+TEST_F(CatalogueOpeningTest, createPathTakesRelativePathsFromTheCurrentDirectory)
 {
     const fs::path before = fs::current_path();
     fs::current_path(volume.path());
@@ -160,20 +160,20 @@ TEST_F(CatalogueOpening, createPathTakesRelativePathsFromTheCurrentDirectory)
     EXPECT_TRUE(fs::is_directory(volume.path("a/b")));
 }
 
-TEST_F(CatalogueOpening, createPathOfANameInTheTopDirectoryMakesNothing)
+TEST_F(CatalogueOpeningTest, createPathOfANameInTheTopDirectoryMakesNothing)
 {
     EXPECT_FALSE(manager.createPath("/quarrow-test-no-such-entry"));
     EXPECT_FALSE(fs::exists("/quarrow-test-no-such-entry"));
 }
 
-TEST_F(CatalogueOpening, createPathLeavesAFileInTheWayAlone)
+TEST_F(CatalogueOpeningTest, createPathLeavesAFileInTheWayAlone)
 {
     volume.writeFile("a", "content");
     EXPECT_FALSE(manager.createPath(volume.path("a/b/quarrow.db").c_str()));
     EXPECT_EQ("content", volume.readFile("a"));
 }
 
-TEST_F(CatalogueOpening, createPathOvercomesPathsOfMoreThan1024Bytes)
+TEST_F(CatalogueOpeningTest, createPathOvercomesPathsOfMoreThan1024Bytes)
 {
     std::string deep = "a";
     while (deep.size() < 1500)

@@ -2,14 +2,14 @@
 
 namespace {
 
-class CataloguePaths : public CatalogueTest {
+class CataloguePathsTest : public CatalogueTest {
 protected:
     VolumeDBManager manager;
 };
 
 } // namespace
 
-TEST_F(CataloguePaths, theLastElementIsWhatFollowsTheLastSlash)
+TEST_F(CataloguePathsTest, theLastElementIsWhatFollowsTheLastSlash)
 {
     EXPECT_EQ("b.mp3", manager.getLastElementOfPathFromFullPath("/v/a/b.mp3"));
     EXPECT_EQ("", manager.getLastElementOfPathFromFullPath("/v/a/"));
@@ -17,7 +17,7 @@ TEST_F(CataloguePaths, theLastElementIsWhatFollowsTheLastSlash)
     EXPECT_EQ("", manager.getLastElementOfPathFromFullPath(""));
 }
 
-TEST_F(CataloguePaths, theElementCountIsOneLessThanThereAre)
+TEST_F(CataloguePathsTest, theElementCountIsOneLessThanThereAre)
 {
     EXPECT_EQ(2, manager.getPathElementCount("/v/a/b"));
     EXPECT_EQ(1, manager.getPathElementCount("/v//a/"));

@@ -7,7 +7,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class CatalogueSchema : public ReopenedCatalogueTest { };
+class CatalogueSchemaTest : public ReopenedCatalogueTest { };
 
 // As it is run. The blank after the parenthesis of the second belongs to it, "pame" and the lone "if not exists" too.
 const std::string schemaStatements
@@ -53,7 +53,7 @@ const std::string schema
 
 } // namespace
 
-TEST_F(CatalogueSchema, openMakesTheDirectoriesTheFileAndTheSchema)
+TEST_F(CatalogueSchemaTest, openMakesTheDirectoriesTheFileAndTheSchema)
 {
     db = std::make_unique<VolumeDBManager>();
     EXPECT_TRUE(db->open(dbPath.c_str()));
@@ -61,7 +61,7 @@ TEST_F(CatalogueSchema, openMakesTheDirectoriesTheFileAndTheSchema)
     EXPECT_EQ((std::vector<LogLine> { version, generating }), loggedLines());
 }
 
-TEST_F(CatalogueSchema, theSchemaStatementsAreRunAsTheyAreWrittenAndInThisOrder)
+TEST_F(CatalogueSchemaTest, theSchemaStatementsAreRunAsTheyAreWrittenAndInThisOrder)
 {
     const ConnectionProbe probe;
     open();
@@ -71,7 +71,7 @@ TEST_F(CatalogueSchema, theSchemaStatementsAreRunAsTheyAreWrittenAndInThisOrder)
     EXPECT_EQ(schemaStatements, run.substr(start, schemaStatements.size()));
 }
 
-TEST_F(CatalogueSchema, theSchemaOfAnEmptyFileCanBeMadeAndItsResultIsFalse)
+TEST_F(CatalogueSchemaTest, theSchemaOfAnEmptyFileCanBeMadeAndItsResultIsFalse)
 {
     volume.writeFile(".quarrow/quarrow.db");
     openNew();
@@ -80,7 +80,7 @@ TEST_F(CatalogueSchema, theSchemaOfAnEmptyFileCanBeMadeAndItsResultIsFalse)
     EXPECT_EQ(schema, dumpSchema());
 }
 
-TEST_F(CatalogueSchema, onlyTheLastSchemaStatementCounts)
+TEST_F(CatalogueSchemaTest, onlyTheLastSchemaStatementCounts)
 {
     openNew();
     change("drop index Folders_name");
@@ -89,7 +89,7 @@ TEST_F(CatalogueSchema, onlyTheLastSchemaStatementCounts)
     EXPECT_EQ(schema, dumpSchema());
 }
 
-TEST_F(CatalogueSchema, aFailureOfTheLastSchemaStatementIsLoggedAndThrown)
+TEST_F(CatalogueSchemaTest, aFailureOfTheLastSchemaStatementIsLoggedAndThrown)
 {
     openNew();
     EXPECT_THROW(db->createDBStructure(), DBOperationException);
@@ -97,7 +97,7 @@ TEST_F(CatalogueSchema, aFailureOfTheLastSchemaStatementIsLoggedAndThrown)
         loggedLines());
 }
 
-TEST_F(CatalogueSchema, aPassingFailureLeavesNoHalfSchema)
+TEST_F(CatalogueSchemaTest, aPassingFailureLeavesNoHalfSchema)
 {
     const ConnectionProbe probe;
     for (const std::string statement : { "create table Files", "create index Files_name" }) {
@@ -110,7 +110,7 @@ TEST_F(CatalogueSchema, aPassingFailureLeavesNoHalfSchema)
     EXPECT_EQ("11\n", countSchema());
 }
 
-TEST_F(CatalogueSchema, whatSomebodyElseHasPutIntoTheSchemaIsRefusedEachTime)
+TEST_F(CatalogueSchemaTest, whatSomebodyElseHasPutIntoTheSchemaIsRefusedEachTime)
 {
     if (!isRoot())
         GTEST_SKIP() << "changing owners is not permitted";
@@ -137,7 +137,7 @@ TEST_F(CatalogueSchema, whatSomebodyElseHasPutIntoTheSchemaIsRefusedEachTime)
     }
 }
 
-TEST_F(CatalogueSchema, whatPassesForSomethingElseInTheSchemaIsRefused)
+TEST_F(CatalogueSchemaTest, whatPassesForSomethingElseInTheSchemaIsRefused)
 {
     if (!isRoot())
         GTEST_SKIP() << "changing owners is not permitted";
@@ -158,7 +158,7 @@ TEST_F(CatalogueSchema, whatPassesForSomethingElseInTheSchemaIsRefused)
     }
 }
 
-TEST_F(CatalogueSchema, aSchemaOfSomebodyElseIsNotReadToItsEnd)
+TEST_F(CatalogueSchemaTest, aSchemaOfSomebodyElseIsNotReadToItsEnd)
 {
     if (!isRoot())
         GTEST_SKIP() << "changing owners is not permitted";
@@ -176,7 +176,7 @@ TEST_F(CatalogueSchema, aSchemaOfSomebodyElseIsNotReadToItsEnd)
     EXPECT_GT(500000, most - before);
 }
 
-TEST_F(CatalogueSchema, triggersOfAnAdministratorWork)
+TEST_F(CatalogueSchemaTest, triggersOfAnAdministratorWork)
 {
     makeClosed();
     change("create table Counts(n); create trigger t after insert on Folders begin insert into Counts values(1); end");

@@ -8,9 +8,9 @@ namespace {
 
 constexpr long long gibibyte = 1LL << 30;
 
-class FileInsertion : public CatalogueTest {
+class FileInsertionTest : public CatalogueTest {
 protected:
-    FileInsertion()
+    FileInsertionTest()
     {
         openNew();
         insertFolderRow("/v", -1);
@@ -33,7 +33,7 @@ protected:
 
 } // namespace
 
-TEST_F(FileInsertion, aRowIsInsertedUnderTheIdOfItsFolder)
+TEST_F(FileInsertionTest, aRowIsInsertedUnderTheIdOfItsFolder)
 {
     const long start = secondsNow();
     DBFile file = fileAt("/v/a/x.mp3", 2, 5 * gibibyte + 7, 100, 200);
@@ -49,7 +49,7 @@ TEST_F(FileInsertion, aRowIsInsertedUnderTheIdOfItsFolder)
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n", dumpFolders());
 }
 
-TEST_F(FileInsertion, theNameIsTheRecordsOwn)
+TEST_F(FileInsertionTest, theNameIsTheRecordsOwn)
 {
     DBFile file = fileAt("/v/a/x.mp3");
     file.setName("other");
@@ -57,7 +57,7 @@ TEST_F(FileInsertion, theNameIsTheRecordsOwn)
     EXPECT_EQ("2 /v/a/x.mp3 other -1 0 0 0 0 0 0 0\n", row(1));
 }
 
-TEST_F(FileInsertion, aLiveRowIsNeverInsertedTwice)
+TEST_F(FileInsertionTest, aLiveRowIsNeverInsertedTwice)
 {
     insertFileRow("/v/a/x.mp3", 2);
     DBFile file = fileAt("/v/a/x.mp3", 3, 9, 100, 200);
@@ -67,7 +67,7 @@ TEST_F(FileInsertion, aLiveRowIsNeverInsertedTwice)
     EXPECT_EQ("1\n", query("select count(*) from Files"));
 }
 
-TEST_F(FileInsertion, aDeletedRowComesBackUnderItsIdInItsFolder)
+TEST_F(FileInsertionTest, aDeletedRowComesBackUnderItsIdInItsFolder)
 {
     insertFileRow("/v/a/x.mp3", 9);
     change("update Files set is_deleted = 1");
@@ -81,7 +81,7 @@ TEST_F(FileInsertion, aDeletedRowComesBackUnderItsIdInItsFolder)
         loggedLines());
 }
 
-TEST_F(FileInsertion, aDeletedRowComesBackWithTheLow32BitsOfTheSize)
+TEST_F(FileInsertionTest, aDeletedRowComesBackWithTheLow32BitsOfTheSize)
 {
     insertFileRow("/v/a/x.mp3", 2);
     for (const auto& [size, stored] : { std::pair { 2147483647LL, "2147483647\n" }, { 3 * gibibyte, "-1073741824\n" },
@@ -93,7 +93,7 @@ TEST_F(FileInsertion, aDeletedRowComesBackWithTheLow32BitsOfTheSize)
     }
 }
 
-TEST_F(FileInsertion, everyFileBelowADotIsHidden)
+TEST_F(FileInsertionTest, everyFileBelowADotIsHidden)
 {
     for (const char* const path : { "/v/a/.x", "/v/a/x.mp3", "/v/a/x.", "/v/.b/x", "/v/.b/c/x" })
         insert(path);
@@ -101,21 +101,21 @@ TEST_F(FileInsertion, everyFileBelowADotIsHidden)
         query("select path, is_hidden from Files order by file_id"));
 }
 
-TEST_F(FileInsertion, aMissingFolderIsMadeAndTheFileFiledUnderTheRootWhereTheClimbStopped)
+TEST_F(FileInsertionTest, aMissingFolderIsMadeAndTheFileFiledUnderTheRootWhereTheClimbStopped)
 {
     EXPECT_TRUE(insert("/v/a/b/x.mp3"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in 2 '/v/a/b' live\n", dumpFolders());
     EXPECT_EQ("1 in 1 '/v/a/b/x.mp3' live\n", dumpFiles()); // not in 3
 }
 
-TEST_F(FileInsertion, aMissingFolderIsMadeAndTheFileFiledUnderNothingWhenTheClimbEndedWithIt)
+TEST_F(FileInsertionTest, aMissingFolderIsMadeAndTheFileFiledUnderNothingWhenTheClimbEndedWithIt)
 {
     EXPECT_TRUE(insert("/v/c/x.mp3"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in 1 '/v/c' live\n", dumpFolders());
     EXPECT_EQ("1 in 0 '/v/c/x.mp3' live\n", dumpFiles());
 }
 
-TEST_F(FileInsertion, aChainOfMissingFoldersIsMadeAsInsertFolderMakesIt)
+TEST_F(FileInsertionTest, aChainOfMissingFoldersIsMadeAsInsertFolderMakesIt)
 {
     EXPECT_TRUE(insert("/v/c/d/e/x.mp3"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in -1 '/v/c/d/e' live\n4 in 1 '/v/c' live\n", dumpFolders());
@@ -123,7 +123,7 @@ TEST_F(FileInsertion, aChainOfMissingFoldersIsMadeAsInsertFolderMakesIt)
     EXPECT_EQ("0 0\n", query("select modified_time, created_time from Folders where folder_id = 3"));
 }
 
-TEST_F(FileInsertion, aDeletedRowComesBackUnderTheIdThatTheMadeFolderLeft)
+TEST_F(FileInsertionTest, aDeletedRowComesBackUnderTheIdThatTheMadeFolderLeft)
 {
     insertFileRow("/v/a/b/x.mp3", 9);
     change("update Files set is_deleted = 1");
@@ -131,7 +131,7 @@ TEST_F(FileInsertion, aDeletedRowComesBackUnderTheIdThatTheMadeFolderLeft)
     EXPECT_EQ("1 in 1 '/v/a/b/x.mp3' live\n", dumpFiles());
 }
 
-TEST_F(FileInsertion, aDeletedFolderComesBackWithTheFile)
+TEST_F(FileInsertionTest, aDeletedFolderComesBackWithTheFile)
 {
     change("update Folders set is_deleted = 1 where folder_id = 2");
     EXPECT_TRUE(insert("/v/a/x.mp3"));
@@ -141,21 +141,21 @@ TEST_F(FileInsertion, aDeletedFolderComesBackWithTheFile)
         loggedLines());
 }
 
-TEST_F(FileInsertion, aFileAtTheTopBelongsToTheVolumesOwnRow)
+TEST_F(FileInsertionTest, aFileAtTheTopBelongsToTheVolumesOwnRow)
 {
     insertFolderRow("", -1);
     EXPECT_TRUE(insert("/x.mp3"));
     EXPECT_EQ("1 in 3 '/x.mp3' live\n", dumpFiles());
 }
 
-TEST_F(FileInsertion, aFileAtTheTopIsFiledUnderNothingWithoutARowOfTheVolume)
+TEST_F(FileInsertionTest, aFileAtTheTopIsFiledUnderNothingWithoutARowOfTheVolume)
 {
     EXPECT_TRUE(insert("/x.mp3"));
     EXPECT_EQ("1 in 0 '/x.mp3' live\n", dumpFiles());
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n", dumpFolders());
 }
 
-TEST_F(FileInsertion, aFolderMadeForAFileStaysWhenTheFileFails)
+TEST_F(FileInsertionTest, aFolderMadeForAFileStaysWhenTheFileFails)
 {
     change("create trigger refuse before insert on Files begin select raise(abort, 'no'); end");
     open();

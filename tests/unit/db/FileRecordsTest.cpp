@@ -4,9 +4,9 @@ namespace {
 
 constexpr long long gibibyte = 1LL << 30;
 
-class FileRecords : public CatalogueTest {
+class FileRecordsTest : public CatalogueTest {
 protected:
-    FileRecords()
+    FileRecordsTest()
     {
         openNew();
         insertFolderRow("/Music", -1);
@@ -32,7 +32,7 @@ protected:
 
 } // namespace
 
-TEST_F(FileRecords, fileExistsFillsTheRecordFromTheLiveRow)
+TEST_F(FileRecordsTest, fileExistsFillsTheRecordFromTheLiveRow)
 {
     insertFileRow("/Music/a.mp3", 1);
     DBFile file = fileAt("/Music/a.mp3");
@@ -41,7 +41,7 @@ TEST_F(FileRecords, fileExistsFillsTheRecordFromTheLiveRow)
     EXPECT_EQ(30, file.getLast_updated_time());
 }
 
-TEST_F(FileRecords, fileExistsKnowsNoDeletedRow)
+TEST_F(FileRecordsTest, fileExistsKnowsNoDeletedRow)
 {
     insertFileRow("/Music/a.mp3", 1);
     markDeleted(1);
@@ -50,7 +50,7 @@ TEST_F(FileRecords, fileExistsKnowsNoDeletedRow)
     EXPECT_EQ("-1 in -1 '/Music/a.mp3' 'a.mp3' category 3 size 6 modified 7 created 8", describe(file));
 }
 
-TEST_F(FileRecords, aFileIsLookedUpByPathAndName)
+TEST_F(FileRecordsTest, aFileIsLookedUpByPathAndName)
 {
     insertFileRow("/Music/a.mp3", 1);
     DBFile otherName = fileAt("/Music/a.mp3");
@@ -63,7 +63,7 @@ TEST_F(FileRecords, aFileIsLookedUpByPathAndName)
     EXPECT_FALSE(db->fileRowExists(otherPath));
 }
 
-TEST_F(FileRecords, namesAreBytes)
+TEST_F(FileRecordsTest, namesAreBytes)
 {
     const std::string path = "/Music/\xff\xc0 'quoted' \"too\"; --\n.mp3";
     DBFile file = fileAt(path, 2, 5, 10, 20);
@@ -73,7 +73,7 @@ TEST_F(FileRecords, namesAreBytes)
     EXPECT_EQ(path, found.getPath());
 }
 
-TEST_F(FileRecords, fileExistsCutsSizesTo32Bits)
+TEST_F(FileRecordsTest, fileExistsCutsSizesTo32Bits)
 {
     insertFileRow("/Music/a.mp3", 1);
     for (const auto& [stored, read] : { std::pair { 2147483647LL, 2147483647LL }, { 2147483648LL, -2147483648LL },
@@ -85,7 +85,7 @@ TEST_F(FileRecords, fileExistsCutsSizesTo32Bits)
     }
 }
 
-TEST_F(FileRecords, fileRowExistsFindsDeletedRowsAndCopiesIdsPathAndNameOnly)
+TEST_F(FileRecordsTest, fileRowExistsFindsDeletedRowsAndCopiesIdsPathAndNameOnly)
 {
     insertFileRow("/Music/a.mp3", 1);
     markDeleted(1);
@@ -95,7 +95,7 @@ TEST_F(FileRecords, fileRowExistsFindsDeletedRowsAndCopiesIdsPathAndNameOnly)
     EXPECT_EQ(0, file.getLast_updated_time());
 }
 
-TEST_F(FileRecords, updateFileWritesTheRowWithTheIdAndLeavesPathAndFolder)
+TEST_F(FileRecordsTest, updateFileWritesTheRowWithTheIdAndLeavesPathAndFolder)
 {
     insertFileRow("/Music/a.mp3", 1);
     insertFileRow("/Music/b.mp3", 1);
@@ -109,7 +109,7 @@ TEST_F(FileRecords, updateFileWritesTheRowWithTheIdAndLeavesPathAndFolder)
     EXPECT_EQ("2\n", writtenSince(start));
 }
 
-TEST_F(FileRecords, updateFileIsTrueWithoutARowAndLeavesADeletedOneDeleted)
+TEST_F(FileRecordsTest, updateFileIsTrueWithoutARowAndLeavesADeletedOneDeleted)
 {
     DBFile file = fileAt("/Music/a.mp3", 2, 9, 100, 200);
     file.setFile_id(1);
@@ -120,7 +120,7 @@ TEST_F(FileRecords, updateFileIsTrueWithoutARowAndLeavesADeletedOneDeleted)
     EXPECT_EQ("1 /Music/a.mp3 a.mp3 2 9 100 200 1 0\n", row(1));
 }
 
-TEST_F(FileRecords, deleteFileMarksTheRowWithTheIdAndSaysSoOnStandardOutput)
+TEST_F(FileRecordsTest, deleteFileMarksTheRowWithTheIdAndSaysSoOnStandardOutput)
 {
     insertFileRow("/Music/a.mp3", 1);
     insertFileRow("/Music/b.mp3", 1);
@@ -134,7 +134,7 @@ TEST_F(FileRecords, deleteFileMarksTheRowWithTheIdAndSaysSoOnStandardOutput)
     EXPECT_EQ("2\n", writtenSince(start));
 }
 
-TEST_F(FileRecords, deleteFileSaysSoWithoutARowToo)
+TEST_F(FileRecordsTest, deleteFileSaysSoWithoutARowToo)
 {
     DBFile file = fileAt("/Music/a.mp3");
     testing::internal::CaptureStdout();
@@ -142,7 +142,7 @@ TEST_F(FileRecords, deleteFileSaysSoWithoutARowToo)
     EXPECT_EQ("Deleting file -1\n", testing::internal::GetCapturedStdout());
 }
 
-TEST_F(FileRecords, deleteFilesFromFolderMarksTheFilesOfThatFolderAlone)
+TEST_F(FileRecordsTest, deleteFilesFromFolderMarksTheFilesOfThatFolderAlone)
 {
     insertFileRow("/Music/a.mp3", 1);
     insertFileRow("/Music/b.mp3", 1);
@@ -156,7 +156,7 @@ TEST_F(FileRecords, deleteFilesFromFolderMarksTheFilesOfThatFolderAlone)
     EXPECT_EQ("1\n2\n", writtenSince(start));
 }
 
-TEST_F(FileRecords, theFilesOfAFolderAreTheLiveOnesByItsIdWithoutTheirOwn)
+TEST_F(FileRecordsTest, theFilesOfAFolderAreTheLiveOnesByItsIdWithoutTheirOwn)
 {
     insertFileRow("/Music/a.mp3", 1);
     insertFileRow("/Music/b.mp3", 1);
@@ -181,7 +181,7 @@ TEST_F(FileRecords, theFilesOfAFolderAreTheLiveOnesByItsIdWithoutTheirOwn)
     EXPECT_EQ("/Music/a.mp3 a.mp3 10 20\n/Music/d.mp3 d.mp3 10 20\n", simpleFiles);
 }
 
-TEST_F(FileRecords, aFolderWithoutFilesHasEmptyLists)
+TEST_F(FileRecordsTest, aFolderWithoutFilesHasEmptyLists)
 {
     DBFolder folder = folderAt("/Music");
     folder.setFolder_id(1);
@@ -189,7 +189,7 @@ TEST_F(FileRecords, aFolderWithoutFilesHasEmptyLists)
     EXPECT_TRUE(db->getSimpleFileListByFolder(folder).empty());
 }
 
-TEST_F(FileRecords, aNullTextReadsAsTheEmptyString)
+TEST_F(FileRecordsTest, aNullTextReadsAsTheEmptyString)
 {
     change("drop table Files; create table Files(file_id integer primary key, folder_id, path, name, category, size,"
            " modified_time, created_time, is_deleted, last_updated_time);"

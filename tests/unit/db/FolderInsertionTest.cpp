@@ -5,9 +5,9 @@
 
 namespace {
 
-class FolderInsertion : public CatalogueTest {
+class FolderInsertionTest : public CatalogueTest {
 protected:
-    FolderInsertion() { openNew(); }
+    FolderInsertionTest() { openNew(); }
 
     std::string row(int id) const
     {
@@ -32,7 +32,7 @@ protected:
 
 } // namespace
 
-TEST_F(FolderInsertion, oneRowIsInsertedAndItsIdReturned)
+TEST_F(FolderInsertionTest, oneRowIsInsertedAndItsIdReturned)
 {
     insertFolderRow("/Music", -1);
     const long start = secondsNow();
@@ -49,7 +49,7 @@ TEST_F(FolderInsertion, oneRowIsInsertedAndItsIdReturned)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(FolderInsertion, aDeletedRowComesBackUnderItsIdWithNewTimesAndTheParentAskedFor)
+TEST_F(FolderInsertionTest, aDeletedRowComesBackUnderItsIdWithNewTimesAndTheParentAskedFor)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Old", -1);
@@ -67,7 +67,7 @@ TEST_F(FolderInsertion, aDeletedRowComesBackUnderItsIdWithNewTimesAndTheParentAs
         loggedLines());
 }
 
-TEST_F(FolderInsertion, aLiveRowIsTreatedAsADeletedOne)
+TEST_F(FolderInsertionTest, aLiveRowIsTreatedAsADeletedOne)
 {
     insertFolderRow("/Music", -1);
     DBFolder music = folderAt("/Music", 100, 200);
@@ -78,7 +78,7 @@ TEST_F(FolderInsertion, aLiveRowIsTreatedAsADeletedOne)
         loggedLines());
 }
 
-TEST_F(FolderInsertion, everyFolderBelowADotIsHidden)
+TEST_F(FolderInsertionTest, everyFolderBelowADotIsHidden)
 {
     for (const char* const path : { "/.a", "/a/.b", "/a/.b/c", "/a.b/c", "/a./b", "/a/..b" }) {
         DBFolder folder = folderAt(path);
@@ -92,7 +92,7 @@ TEST_F(FolderInsertion, everyFolderBelowADotIsHidden)
     EXPECT_EQ("1\n", isHidden("/a/..b"));
 }
 
-TEST_F(FolderInsertion, aRootHangsOnMinusOneAndItsRecordDoesNotGetTheId)
+TEST_F(FolderInsertionTest, aRootHangsOnMinusOneAndItsRecordDoesNotGetTheId)
 {
     DBFolder music = folderAt("/Media/Music", 100, 200);
     music.setParent_id(7);
@@ -102,7 +102,7 @@ TEST_F(FolderInsertion, aRootHangsOnMinusOneAndItsRecordDoesNotGetTheId)
     EXPECT_EQ("0 in -1 '/Media/Music' '' modified 100 created 200 live", describe(music));
 }
 
-TEST_F(FolderInsertion, theRootOfAVolumeHasTheEmptyPath)
+TEST_F(FolderInsertionTest, theRootOfAVolumeHasTheEmptyPath)
 {
     DBFolder root = folderAt("", 100, 200);
     EXPECT_TRUE(db->insertFolder(root, true));
@@ -110,7 +110,7 @@ TEST_F(FolderInsertion, theRootOfAVolumeHasTheEmptyPath)
     EXPECT_EQ("-1   -1 200 100 0 0 0 0\n", row(1));
 }
 
-TEST_F(FolderInsertion, aLiveFolderIsNotInsertedAgain)
+TEST_F(FolderInsertionTest, aLiveFolderIsNotInsertedAgain)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
@@ -124,7 +124,7 @@ TEST_F(FolderInsertion, aLiveFolderIsNotInsertedAgain)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(FolderInsertion, theRecordIsLeftWithTheRootAtWhichTheClimbStopped)
+TEST_F(FolderInsertionTest, theRecordIsLeftWithTheRootAtWhichTheClimbStopped)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -133,7 +133,7 @@ TEST_F(FolderInsertion, theRecordIsLeftWithTheRootAtWhichTheClimbStopped)
     EXPECT_EQ("2 /v/a/b b -1 200 100 0 0 0 0\n", row(3));
 }
 
-TEST_F(FolderInsertion, theClimbPassesLiveFoldersThatAreNoRoots)
+TEST_F(FolderInsertionTest, theClimbPassesLiveFoldersThatAreNoRoots)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -142,7 +142,7 @@ TEST_F(FolderInsertion, theClimbPassesLiveFoldersThatAreNoRoots)
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in 2 '/v/a/b' live\n4 in 3 '/v/a/b/c' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsertion, theClimbStopsAtARootInTheMiddle)
+TEST_F(FolderInsertionTest, theClimbStopsAtARootInTheMiddle)
 {
     insertFolderRow("/v/a", -1);
     insertFolderRow("/v/a/b", 1);
@@ -150,21 +150,21 @@ TEST_F(FolderInsertion, theClimbStopsAtARootInTheMiddle)
     EXPECT_EQ("1 in -1 '/v/a' live\n2 in 1 '/v/a/b' live\n3 in 2 '/v/a/b/c' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsertion, theRecordIsLeftWithoutAnIdWhenTheClimbEndsWithAnInsert)
+TEST_F(FolderInsertionTest, theRecordIsLeftWithoutAnIdWhenTheClimbEndsWithAnInsert)
 {
     insertFolderRow("/v", -1);
     EXPECT_EQ("0 in 1 '/v/a' '' modified 100 created 200 live", insertBelow("/v/a"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsertion, aMissingParentIsPassedOverAndTheFolderHangsOnMinusOne)
+TEST_F(FolderInsertionTest, aMissingParentIsPassedOverAndTheFolderHangsOnMinusOne)
 {
     insertFolderRow("/v", -1);
     EXPECT_EQ("1 in -1 '/v/a/b' 'v' modified 100 created 200 live", insertBelow("/v/a/b"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in -1 '/v/a/b' live\n", dumpFolders()); // no row for /v/a
 }
 
-TEST_F(FolderInsertion, theClimbGoesOnAtTheGrandparent)
+TEST_F(FolderInsertionTest, theClimbGoesOnAtTheGrandparent)
 {
     insertFolderRow("/v", -1);
     EXPECT_EQ("0 in 1 '/v/a/b/c' '' modified 100 created 200 live", insertBelow("/v/a/b/c"));
@@ -172,33 +172,33 @@ TEST_F(FolderInsertion, theClimbGoesOnAtTheGrandparent)
     EXPECT_EQ("1 /v/a a -1 0 0 0 0 0 0\n", row(3)); // what is made on the way has no times
 }
 
-TEST_F(FolderInsertion, aParentThatIsARootIsTakenOffTheClimbSoThatWhatIsAboveItIsMade)
+TEST_F(FolderInsertionTest, aParentThatIsARootIsTakenOffTheClimbSoThatWhatIsAboveItIsMade)
 {
     insertFolderRow("/media/v", -1);
     EXPECT_EQ("0 in -1 '/media/v/a' '' modified 100 created 200 live", insertBelow("/media/v/a"));
     EXPECT_EQ("1 in -1 '/media/v' live\n2 in 1 '/media/v/a' live\n3 in -1 '/media' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsertion, aTopLevelFolderHangsOnTheVolumesOwnRow)
+TEST_F(FolderInsertionTest, aTopLevelFolderHangsOnTheVolumesOwnRow)
 {
     insertFolderRow("", -1);
     EXPECT_EQ("0 in 1 '/Music' '' modified 100 created 200 live", insertBelow("/Music"));
     EXPECT_EQ("1 in -1 '' live\n2 in 1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsertion, aTopLevelFolderHangsOnMinusOneWhenTheVolumeHasNoRowOfItsOwn)
+TEST_F(FolderInsertionTest, aTopLevelFolderHangsOnMinusOneWhenTheVolumeHasNoRowOfItsOwn)
 {
     EXPECT_EQ("0 in -1 '/Music' '' modified 100 created 200 live", insertBelow("/Music"));
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(FolderInsertion, anEmptyPathBelowTheRootsInsertsNothing)
+TEST_F(FolderInsertionTest, anEmptyPathBelowTheRootsInsertsNothing)
 {
     EXPECT_EQ("0 in 0 '' '' modified 100 created 200 live", insertBelow(""));
     EXPECT_EQ("", dumpFolders());
 }
 
-TEST_F(FolderInsertion, needlessSlashesAreDroppedAndThenTheTimesAreNotTaken)
+TEST_F(FolderInsertionTest, needlessSlashesAreDroppedAndThenTheTimesAreNotTaken)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -207,7 +207,7 @@ TEST_F(FolderInsertion, needlessSlashesAreDroppedAndThenTheTimesAreNotTaken)
     EXPECT_EQ("2 /v/a/b b -1 0 0 0 0 0 0\n", row(3));
 }
 
-TEST_F(FolderInsertion, aDeletedFolderAndDeletedAncestorsComeBackInTheClimb)
+TEST_F(FolderInsertionTest, aDeletedFolderAndDeletedAncestorsComeBackInTheClimb)
 {
     insertFolderRow("/v", -1);
     insertFolderRow("/v/a", 1);
@@ -221,7 +221,7 @@ TEST_F(FolderInsertion, aDeletedFolderAndDeletedAncestorsComeBackInTheClimb)
         loggedLines());
 }
 
-TEST_F(FolderInsertion, theParentLookUpTakesOnePathOffTheStack)
+TEST_F(FolderInsertionTest, theParentLookUpTakesOnePathOffTheStack)
 {
     insertFolderRow("/v", -1);
     std::stack<std::string> paths;
@@ -234,7 +234,7 @@ TEST_F(FolderInsertion, theParentLookUpTakesOnePathOffTheStack)
     EXPECT_TRUE(paths.empty());
 }
 
-TEST_F(FolderInsertion, theParentLookUpKnowsNoDeletedRow)
+TEST_F(FolderInsertionTest, theParentLookUpKnowsNoDeletedRow)
 {
     insertFolderRow("/v", -1);
     change("update Folders set is_deleted = 1");
@@ -243,7 +243,7 @@ TEST_F(FolderInsertion, theParentLookUpKnowsNoDeletedRow)
     EXPECT_EQ(-1, db->findParentIdForFolderPath(&paths));
 }
 
-TEST_F(FolderInsertion, anEmptyStackMeansTheEmptyPath)
+TEST_F(FolderInsertionTest, anEmptyStackMeansTheEmptyPath)
 {
     std::stack<std::string> paths;
     EXPECT_EQ(-1, db->findParentIdForFolderPath(&paths));

@@ -5,9 +5,9 @@
 
 namespace {
 
-class FolderRecords : public CatalogueTest {
+class FolderRecordsTest : public CatalogueTest {
 protected:
-    FolderRecords() { openNew(); }
+    FolderRecordsTest() { openNew(); }
 
     std::string times(int id) const
     {
@@ -30,7 +30,7 @@ protected:
 
 } // namespace
 
-TEST_F(FolderRecords, folderExistsFillsTheRecordFromTheLiveRow)
+TEST_F(FolderRecordsTest, folderExistsFillsTheRecordFromTheLiveRow)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
@@ -41,7 +41,7 @@ TEST_F(FolderRecords, folderExistsFillsTheRecordFromTheLiveRow)
     EXPECT_EQ(30, rock.getLast_updated_time());
 }
 
-TEST_F(FolderRecords, folderExistsKnowsNoDeletedRow)
+TEST_F(FolderRecordsTest, folderExistsKnowsNoDeletedRow)
 {
     insertFolderRow("/Music", -1);
     markDeleted(1);
@@ -50,7 +50,7 @@ TEST_F(FolderRecords, folderExistsKnowsNoDeletedRow)
     EXPECT_EQ("0 in 0 '/Music' '' modified 7 created 8 live", describe(music));
 }
 
-TEST_F(FolderRecords, folderExistsComparesWholePathsByteByByte)
+TEST_F(FolderRecordsTest, folderExistsComparesWholePathsByteByByte)
 {
     insertFolderRow("/Music", -1);
     for (const char* const path : { "/music", "/Musi", "/Music/", "/Music%", "" }) {
@@ -59,7 +59,7 @@ TEST_F(FolderRecords, folderExistsComparesWholePathsByteByByte)
     }
 }
 
-TEST_F(FolderRecords, namesAreBytes)
+TEST_F(FolderRecordsTest, namesAreBytes)
 {
     DBFolder odd = folderAt("/\xff\xfe 'quoted' \"too\";--\n");
     EXPECT_TRUE(db->insertFolder(odd, true));
@@ -68,7 +68,7 @@ TEST_F(FolderRecords, namesAreBytes)
     EXPECT_EQ("\xff\xfe 'quoted' \"too\";--\n", found.getName());
 }
 
-TEST_F(FolderRecords, aNullTextReadsAsTheEmptyString)
+TEST_F(FolderRecordsTest, aNullTextReadsAsTheEmptyString)
 {
     change("drop table Folders; create table Folders(folder_id integer primary key, parent_id, path, is_deleted,"
            " last_updated_time, modified_time, created_time, name);"
@@ -83,7 +83,7 @@ TEST_F(FolderRecords, aNullTextReadsAsTheEmptyString)
     EXPECT_EQ("4 in 1 '' '' modified 10 created 20 live", describe(folder));
 }
 
-TEST_F(FolderRecords, folderRowExistsFindsDeletedRowsAndCopiesNoTimes)
+TEST_F(FolderRecordsTest, folderRowExistsFindsDeletedRowsAndCopiesNoTimes)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
@@ -95,7 +95,7 @@ TEST_F(FolderRecords, folderRowExistsFindsDeletedRowsAndCopiesNoTimes)
     EXPECT_EQ(0, rock.getLast_updated_time());
 }
 
-TEST_F(FolderRecords, folderRowExistsLeavesTheRecordAloneWithoutARow)
+TEST_F(FolderRecordsTest, folderRowExistsLeavesTheRecordAloneWithoutARow)
 {
     DBFolder rock = folderAt("/Music/Rock", 7, 8);
     rock.setIs_deleted(true);
@@ -103,7 +103,7 @@ TEST_F(FolderRecords, folderRowExistsLeavesTheRecordAloneWithoutARow)
     EXPECT_EQ("0 in 0 '/Music/Rock' '' modified 7 created 8 deleted", describe(rock));
 }
 
-TEST_F(FolderRecords, findRootFolderKnowsLiveRootsOnly)
+TEST_F(FolderRecordsTest, findRootFolderKnowsLiveRootsOnly)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
@@ -115,7 +115,7 @@ TEST_F(FolderRecords, findRootFolderKnowsLiveRootsOnly)
     EXPECT_EQ("", db->findRootFolder("/Nowhere"));
 }
 
-TEST_F(FolderRecords, findFolderByFolderIdFillsTheRecordFromTheLiveRow)
+TEST_F(FolderRecordsTest, findFolderByFolderIdFillsTheRecordFromTheLiveRow)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
@@ -132,7 +132,7 @@ TEST_F(FolderRecords, findFolderByFolderIdFillsTheRecordFromTheLiveRow)
     }
 }
 
-TEST_F(FolderRecords, theChildrenAreTheLiveOnesByTheId)
+TEST_F(FolderRecordsTest, theChildrenAreTheLiveOnesByTheId)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
@@ -153,7 +153,7 @@ TEST_F(FolderRecords, theChildrenAreTheLiveOnesByTheId)
     EXPECT_EQ((std::vector<int> { 1 }), db->getListOfFolders(-1));
 }
 
-TEST_F(FolderRecords, updateFolderWritesTheTimesOfTheRowWithTheId)
+TEST_F(FolderRecordsTest, updateFolderWritesTheTimesOfTheRowWithTheId)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Pictures", -1);
@@ -169,14 +169,14 @@ TEST_F(FolderRecords, updateFolderWritesTheTimesOfTheRowWithTheId)
     EXPECT_EQ("1 in -1 '/Music' live\n2 in -1 '/Pictures' live\n", dumpFolders());
 }
 
-TEST_F(FolderRecords, updateFolderIsTrueWithoutARow)
+TEST_F(FolderRecordsTest, updateFolderIsTrueWithoutARow)
 {
     DBFolder folder = folderAt("/Music");
     folder.setFolder_id(77);
     EXPECT_TRUE(db->updateFolder(folder));
 }
 
-TEST_F(FolderRecords, deleteFolderRecordMarksThatRowAlone)
+TEST_F(FolderRecordsTest, deleteFolderRecordMarksThatRowAlone)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);

@@ -7,9 +7,9 @@
 namespace {
 
 /// /v with a (x, y) and b, a file in each, and /w beside it.
-class FolderTree : public CatalogueTest {
+class FolderTreeTest : public CatalogueTest {
 protected:
-    FolderTree()
+    FolderTreeTest()
     {
         openNew();
         insertFolderRow("/v", -1);
@@ -25,7 +25,7 @@ protected:
         insertFileRow("/v/a/y/5.mp3", 5);
         insertFileRow("/w/6.mp3", 6);
     }
-    ~FolderTree() override { close(); }
+    ~FolderTreeTest() override { close(); }
 
     bool deleteFolder(const std::string& path)
     {
@@ -38,7 +38,7 @@ protected:
 
 } // namespace
 
-TEST_F(FolderTree, itMarksTheFolderItsSubtreeAndTheirFiles)
+TEST_F(FolderTreeTest, itMarksTheFolderItsSubtreeAndTheirFiles)
 {
     EXPECT_TRUE(deleteFolder("/v/a"));
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' deleted\n3 in 1 '/v/b' live\n4 in 2 '/v/a/x' deleted\n"
@@ -50,7 +50,7 @@ TEST_F(FolderTree, itMarksTheFolderItsSubtreeAndTheirFiles)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(FolderTree, whatItMarksWasWrittenJustNow)
+TEST_F(FolderTreeTest, whatItMarksWasWrittenJustNow)
 {
     const std::string start = std::to_string(secondsNow());
     deleteFolder("/v/a");
@@ -60,7 +60,7 @@ TEST_F(FolderTree, whatItMarksWasWrittenJustNow)
     EXPECT_EQ("2\n4\n5\n", query("select file_id from Files" + fresh + " order by 1"));
 }
 
-TEST_F(FolderTree, theRowsStayUntilAPurgeThatFindsThemOldEnough)
+TEST_F(FolderTreeTest, theRowsStayUntilAPurgeThatFindsThemOldEnough)
 {
     deleteFolder("/v");
     EXPECT_EQ("6\n", query("select count(*) from Folders"));
@@ -72,7 +72,7 @@ TEST_F(FolderTree, theRowsStayUntilAPurgeThatFindsThemOldEnough)
     EXPECT_EQ("6 in 6 '/w/6.mp3' live\n", dumpFiles());
 }
 
-TEST_F(FolderTree, aFolderWithoutALiveRowIsNotDeletedAgain)
+TEST_F(FolderTreeTest, aFolderWithoutALiveRowIsNotDeletedAgain)
 {
     change("update Folders set is_deleted = 1 where folder_id = 2");
     EXPECT_FALSE(deleteFolder("/v/a"));
@@ -83,7 +83,7 @@ TEST_F(FolderTree, aFolderWithoutALiveRowIsNotDeletedAgain)
     EXPECT_EQ("0\n", query("select count(*) from Files where is_deleted = 1"));
 }
 
-TEST_F(FolderTree, theDescentStopsAtAFolderThatIsDeletedAlready)
+TEST_F(FolderTreeTest, theDescentStopsAtAFolderThatIsDeletedAlready)
 {
     change("update Folders set is_deleted = 1 where folder_id = 2");
     deleteFolder("/v");
@@ -92,7 +92,7 @@ TEST_F(FolderTree, theDescentStopsAtAFolderThatIsDeletedAlready)
         dumpFolders());
 }
 
-TEST_F(FolderTree, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
+TEST_F(FolderTreeTest, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
 {
     open(); // from here on watched
     probe.clear();
@@ -104,7 +104,7 @@ TEST_F(FolderTree, eachChildIsMarkedBeforeItsOwnChildrenAndTheFolderItselfLast)
         probe.boundStatements());
 }
 
-TEST_F(FolderTree, theSubtreeCanBeMarkedWithoutTheFolder)
+TEST_F(FolderTreeTest, theSubtreeCanBeMarkedWithoutTheFolder)
 {
     db->updateDeletedFlagForFolders(2);
     EXPECT_EQ("1 in -1 '/v' live\n2 in 1 '/v/a' live\n3 in 1 '/v/b' live\n4 in 2 '/v/a/x' deleted\n"
@@ -114,7 +114,7 @@ TEST_F(FolderTree, theSubtreeCanBeMarkedWithoutTheFolder)
         query("select file_id, 'in', folder_id, quote(path), 'live' from Files where file_id=2 and is_deleted=0"));
 }
 
-TEST_F(FolderTree, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
+TEST_F(FolderTreeTest, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
 {
     insertDeepTree(6, "/w/");
     db->beginTransaction();
@@ -124,7 +124,7 @@ TEST_F(FolderTree, aTreeDeeperThanAWalkThreadsStackIsMarkedWhole)
         "9995 6 10000\n", query("select count(*), min(folder_id), max(folder_id) from Folders where is_deleted = 1"));
 }
 
-TEST_F(FolderTree, aStopRequestEndsTheDescentOfATransaction)
+TEST_F(FolderTreeTest, aStopRequestEndsTheDescentOfATransaction)
 {
     db->beginTransaction();
     db->requestStop();
@@ -133,7 +133,7 @@ TEST_F(FolderTree, aStopRequestEndsTheDescentOfATransaction)
     EXPECT_EQ("0\n", query("select is_deleted from Folders where folder_id = 1"));
 }
 
-TEST_F(FolderTree, aStopInTheMiddleOfATransactionLeavesNothingThatALaterDeletionMisses)
+TEST_F(FolderTreeTest, aStopInTheMiddleOfATransactionLeavesNothingThatALaterDeletionMisses)
 {
     open();
     probe.atTheStartOf("update folders set is_deleted = 1", [this] { db->requestStop(); });

@@ -15,16 +15,16 @@ struct Room {
 };
 
 /// A catalogue on a volume that has room for some folders more: with and without room for a write-ahead log.
-class TransactionOnAFullVolume : public CatalogueTest, public testing::WithParamInterface<Room> {
+class FullVolumeTransactionTest : public CatalogueTest, public testing::WithParamInterface<Room> {
 protected:
-    TransactionOnAFullVolume()
+    FullVolumeTransactionTest()
         : mountPoint(volume.makeFolder("small"))
         , small(mountPoint, GetParam().kibibytes)
     {
         dbPath = mountPoint + "/quarrow.db";
         openNew();
     }
-    ~TransactionOnAFullVolume() override { close(); }
+    ~FullVolumeTransactionTest() override { close(); }
 
     void insertTwoMegabytes()
     {
@@ -38,15 +38,15 @@ protected:
     SmallVolume small;
 };
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, TransactionOnAFullVolume,
+INSTANTIATE_TEST_SUITE_P(Catalogue, FullVolumeTransactionTest,
     testing::Values(Room { "inJournalMode", 512 }, Room { "withALog", 1600 }),
     [](const testing::TestParamInfo<Room>& room) { return room.param.name; });
 
-class WriteAheadLogOnAFullVolume : public CatalogueTest { };
+class FullVolumeWriteAheadLogTest : public CatalogueTest { };
 
 } // namespace
 
-TEST_P(TransactionOnAFullVolume, aFailedStatementMayHaveEndedTheTransaction)
+TEST_P(FullVolumeTransactionTest, aFailedStatementMayHaveEndedTheTransaction)
 {
     close();
     const ConnectionProbe probe;
@@ -61,7 +61,7 @@ TEST_P(TransactionOnAFullVolume, aFailedStatementMayHaveEndedTheTransaction)
     EXPECT_EQ("", dumpFolders());
 }
 
-TEST_P(TransactionOnAFullVolume, aScopeKnowsThatItsTransactionIsGone)
+TEST_P(FullVolumeTransactionTest, aScopeKnowsThatItsTransactionIsGone)
 {
     Transaction transaction(*db);
     EXPECT_TRUE(throwsOperationException([this] {
@@ -73,7 +73,7 @@ TEST_P(TransactionOnAFullVolume, aScopeKnowsThatItsTransactionIsGone)
     EXPECT_THROW(transaction.commit(), DBOperationException);
 }
 
-TEST_P(TransactionOnAFullVolume, theCatalogueStaysUsable)
+TEST_P(FullVolumeTransactionTest, theCatalogueStaysUsable)
 {
     EXPECT_TRUE(throwsOperationException([this] {
         db->beginTransaction();
@@ -87,7 +87,7 @@ TEST_P(TransactionOnAFullVolume, theCatalogueStaysUsable)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(WriteAheadLogOnAFullVolume, aCatalogueKeepsItsJournalAndFullSyncsUntilThereIsRoomForALog)
+TEST_F(FullVolumeWriteAheadLogTest, aCatalogueKeepsItsJournalAndFullSyncsUntilThereIsRoomForALog)
 {
     const std::string mountPoint = volume.makeFolder("small");
     dbPath = mountPoint + "/quarrow.db";
@@ -104,7 +104,7 @@ TEST_F(WriteAheadLogOnAFullVolume, aCatalogueKeepsItsJournalAndFullSyncsUntilThe
     close();
 }
 
-TEST_F(WriteAheadLogOnAFullVolume, aCatalogueCanBeReadWhileItIsOpen)
+TEST_F(FullVolumeWriteAheadLogTest, aCatalogueCanBeReadWhileItIsOpen)
 {
     const std::string mountPoint = volume.makeFolder("small");
     dbPath = mountPoint + "/quarrow.db";

@@ -14,9 +14,9 @@ static_assert(
 namespace {
 
 /// /v with a and d; b in a, c in b. Two files in a, one in b, one in d.
-class InPlaceUpdates : public MovesTest {
+class InPlaceUpdatesTest : public MovesTest {
 protected:
-    InPlaceUpdates()
+    InPlaceUpdatesTest()
     {
         insertFolderRow("/v", -1);
         insertFolderRow("/v/a", 1);
@@ -94,7 +94,7 @@ const Rewrite rewrites[] = {
         "updateFilesInFolderPath() failed, handleStatus: \n" },
 };
 
-class InPlaceUpdatesOfRows : public InPlaceUpdates, public testing::WithParamInterface<Rewrite> {
+class InPlaceUpdatesOfRowsTest : public InPlaceUpdatesTest, public testing::WithParamInterface<Rewrite> {
 protected:
     std::string run(const std::string& text, int id)
     {
@@ -135,7 +135,7 @@ const Element elements[] = {
     { "besideAnOddOne", "/v/\xff 100%s/b", 2, "x", "/v/\xff 100%s/x" },
 };
 
-class InPlaceUpdatesOfAnElement : public InPlaceUpdates, public testing::WithParamInterface<Element> { };
+class InPlaceUpdatesOfAnElementTest : public InPlaceUpdatesTest, public testing::WithParamInterface<Element> { };
 
 std::string replaceAll(std::string text, const std::string& old, const std::string& now)
 {
@@ -146,7 +146,7 @@ std::string replaceAll(std::string text, const std::string& old, const std::stri
 
 } // namespace
 
-TEST_P(InPlaceUpdatesOfRows, changeTheseRowsAndNoOthers)
+TEST_P(InPlaceUpdatesOfRowsTest, changeTheseRowsAndNoOthers)
 {
     const std::string before = dump();
     EXPECT_EQ("true", run("/new", 2));
@@ -156,14 +156,14 @@ TEST_P(InPlaceUpdatesOfRows, changeTheseRowsAndNoOthers)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_P(InPlaceUpdatesOfRows, areTrueWithoutARow)
+TEST_P(InPlaceUpdatesOfRowsTest, areTrueWithoutARow)
 {
     const std::string before = dump();
     EXPECT_EQ("true", run("/new", 77));
     EXPECT_EQ(before, dump());
 }
 
-TEST_P(InPlaceUpdatesOfRows, changeDeletedRowsTooAndLeaveThemDeleted)
+TEST_P(InPlaceUpdatesOfRowsTest, changeDeletedRowsTooAndLeaveThemDeleted)
 {
     change("update Folders set is_deleted = 1; update Files set is_deleted = 1");
     const std::string before = dump();
@@ -171,13 +171,13 @@ TEST_P(InPlaceUpdatesOfRows, changeDeletedRowsTooAndLeaveThemDeleted)
     EXPECT_EQ(replaceAll(GetParam().changed, " live", " deleted"), changedSince(before));
 }
 
-TEST_P(InPlaceUpdatesOfRows, takeTextsAsBytes)
+TEST_P(InPlaceUpdatesOfRowsTest, takeTextsAsBytes)
 {
     EXPECT_EQ("true", run(oddName, 2));
     EXPECT_NE(std::string::npos, dump().find(replaceAll(GetParam().changed, "/new", oddNameInSql))) << dump();
 }
 
-TEST_P(InPlaceUpdatesOfRows, failUnderTheirText)
+TEST_P(InPlaceUpdatesOfRowsTest, failUnderTheirText)
 {
     change("drop table Files; drop table Folders");
     EXPECT_EQ(failed, run("/new", 2));
@@ -186,7 +186,7 @@ TEST_P(InPlaceUpdatesOfRows, failUnderTheirText)
     EXPECT_EQ(failure("21"), loggedLines()); // not even prepared
 }
 
-TEST_P(InPlaceUpdatesOfRows, failAtTheFirstBindThatFails)
+TEST_P(InPlaceUpdatesOfRowsTest, failAtTheFirstBindThatFails)
 {
     const std::string before = dump();
     probe.refuseTextsOver(100, SQLITE_UPDATE);
@@ -196,9 +196,9 @@ TEST_P(InPlaceUpdatesOfRows, failAtTheFirstBindThatFails)
     EXPECT_EQ(before, dump());
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, InPlaceUpdatesOfRows, testing::ValuesIn(rewrites), nameOf<Rewrite>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, InPlaceUpdatesOfRowsTest, testing::ValuesIn(rewrites), nameOf<Rewrite>);
 
-TEST_P(InPlaceUpdatesOfAnElement, isTheOneAtTheLevelAndTheFilesGetTheFoldersPath)
+TEST_P(InPlaceUpdatesOfAnElementTest, isTheOneAtTheLevelAndTheFilesGetTheFoldersPath)
 {
     const Element& c = GetParam();
     change("update Folders set path = '" + std::string(c.path) + "' where folder_id = 3");
@@ -214,9 +214,9 @@ TEST_P(InPlaceUpdatesOfAnElement, isTheOneAtTheLevelAndTheFilesGetTheFoldersPath
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, InPlaceUpdatesOfAnElement, testing::ValuesIn(elements), nameOf<Element>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, InPlaceUpdatesOfAnElementTest, testing::ValuesIn(elements), nameOf<Element>);
 
-TEST_F(InPlaceUpdates, aFolderThatIsNotLiveLosesItsPathAndSoDoItsFiles)
+TEST_F(InPlaceUpdatesTest, aFolderThatIsNotLiveLosesItsPathAndSoDoItsFiles)
 {
     change("update Folders set is_deleted = 1 where folder_id = 3; update Files set folder_id = 77 where file_id = 4");
     const std::string before = dump();
@@ -228,7 +228,7 @@ TEST_F(InPlaceUpdates, aFolderThatIsNotLiveLosesItsPathAndSoDoItsFiles)
         changedSince(before));
 }
 
-TEST_F(InPlaceUpdates, oneFolderTakesThreeStatements)
+TEST_F(InPlaceUpdatesTest, oneFolderTakesThreeStatements)
 {
     probe.clear();
     db->updatePathForIndividualFolder(3, 1, "x");
@@ -238,7 +238,7 @@ TEST_F(InPlaceUpdates, oneFolderTakesThreeStatements)
         probe.boundStatements());
 }
 
-TEST_F(InPlaceUpdates, everythingBelowAFolderButNotTheFolderItself)
+TEST_F(InPlaceUpdatesTest, everythingBelowAFolderButNotTheFolderItself)
 {
     const std::string before = dump();
     db->updatePathAndNameForFolders(1, 1, "x");
@@ -254,7 +254,7 @@ TEST_F(InPlaceUpdates, everythingBelowAFolderButNotTheFolderItself)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(InPlaceUpdates, eachChildComesBeforeItsOwnChildren)
+TEST_F(InPlaceUpdatesTest, eachChildComesBeforeItsOwnChildren)
 {
     const auto idsBelow = [](const std::string& id) {
         return "select a.folder_id from folders a where a.parent_id = " + id + " and a.is_deleted = 0\n";
@@ -272,7 +272,7 @@ TEST_F(InPlaceUpdates, eachChildComesBeforeItsOwnChildren)
         probe.boundStatements());
 }
 
-TEST_F(InPlaceUpdates, deletedFoldersAndWhatIsBelowThemAreLeft)
+TEST_F(InPlaceUpdatesTest, deletedFoldersAndWhatIsBelowThemAreLeft)
 {
     change("update Folders set is_deleted = 1 where folder_id = 3");
     const std::string before = dump();
@@ -280,7 +280,7 @@ TEST_F(InPlaceUpdates, deletedFoldersAndWhatIsBelowThemAreLeft)
     EXPECT_EQ(before, dump());
 }
 
-TEST_F(InPlaceUpdates, aFolderThatIsItsOwnDescendantIsRewrittenOnce)
+TEST_F(InPlaceUpdatesTest, aFolderThatIsItsOwnDescendantIsRewrittenOnce)
 {
     change("update Folders set parent_id = 3 where folder_id = 2");
     probe.clear();
@@ -289,7 +289,7 @@ TEST_F(InPlaceUpdates, aFolderThatIsItsOwnDescendantIsRewrittenOnce)
         "3 /v/x/b\n4 /v/x/b/c\n", query("select folder_id, path from Folders where path like '/v/x%' order by 1"));
 }
 
-TEST_F(InPlaceUpdates, aFailureLeavesWhatWasDoneBefore)
+TEST_F(InPlaceUpdatesTest, aFailureLeavesWhatWasDoneBefore)
 {
     refuse("update on Files when new.name = '3.mp3'");
     const std::string before = dump();
@@ -302,7 +302,7 @@ TEST_F(InPlaceUpdates, aFailureLeavesWhatWasDoneBefore)
     EXPECT_EQ(errorLine("updateFilesInFolderPath() failed, handleStatus: \n"), loggedLines());
 }
 
-TEST_F(InPlaceUpdates, failsUnderTheTextOfTheStatementThatFails)
+TEST_F(InPlaceUpdatesTest, failsUnderTheTextOfTheStatementThatFails)
 {
     refuse("update on Folders");
     EXPECT_THROW(db->updatePathForIndividualFolder(3, 1, "x"), DBOperationException);
@@ -317,7 +317,7 @@ TEST_F(InPlaceUpdates, failsUnderTheTextOfTheStatementThatFails)
         loggedLines());
 }
 
-TEST_F(InPlaceUpdates, aTreeDeeperThanAWalkThreadsStackIsRewrittenWhole)
+TEST_F(InPlaceUpdatesTest, aTreeDeeperThanAWalkThreadsStackIsRewrittenWhole)
 {
     insertDeepTree(5, "/v/");
     db->beginTransaction();

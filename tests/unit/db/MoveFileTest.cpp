@@ -11,9 +11,9 @@ const std::string source = "file 1 in 2 '/v/a/x.mp3' 'x.mp3' 11 501 301 401 live
 const std::string sourceMoved = "file 1 in 2 '/v/a/x.mp3' 'x.mp3' 11 501 301 401 deleted now\n";
 const std::string neighbour = "file 2 in 3 '/v/b/y.mp3' 'y.mp3' 12 502 302 402 live\n";
 
-class MoveFile : public MovesTest {
+class MoveFileTest : public MovesTest {
 protected:
-    MoveFile()
+    MoveFileTest()
     {
         insertFolderRow("/v", -1);
         insertFolderRow("/v/a", 1);
@@ -66,7 +66,7 @@ const Refusal refusals[] = {
     { "aSourceAtTheTopOfAVolumeWithoutARow", "", "/x.mp3", "/v/d/z.avi", "", "" },
 };
 
-class MoveFileRefusals : public MoveFile, public testing::WithParamInterface<Refusal> { };
+class MoveFileRefusalsTest : public MoveFileTest, public testing::WithParamInterface<Refusal> { };
 
 struct Failure {
     const char* name;
@@ -87,11 +87,11 @@ const Failure failures[] = {
         folders + madeFolder + source + neighbour + "file 3 in 4 '/v/c/z.avi' 'z.avi' 7 501 301 401 live now\n" },
 };
 
-class MoveFileFailures : public MoveFile, public testing::WithParamInterface<Failure> { };
+class MoveFileFailuresTest : public MoveFileTest, public testing::WithParamInterface<Failure> { };
 
 } // namespace
 
-TEST_F(MoveFile, makesANewRowAndMarksTheOldOneDeleted)
+TEST_F(MoveFileTest, makesANewRowAndMarksTheOldOneDeleted)
 {
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/v/b/z.avi"));
     EXPECT_EQ(folders + sourceMoved + neighbour + "file 3 in 3 '/v/b/z.avi' 'z.avi' 7 501 301 401 live now\n", dump());
@@ -100,7 +100,7 @@ TEST_F(MoveFile, makesANewRowAndMarksTheOldOneDeleted)
     EXPECT_EQ("1 in 3 '/v/b/z.avi' 'z.avi' category 7 size 501 modified 301 created 401", describe(dst));
 }
 
-TEST_F(MoveFile, runsTheseStatements)
+TEST_F(MoveFileTest, runsTheseStatements)
 {
     src = fileAt("/v/a/x.mp3");
     dst = fileAt("/v/b/z.avi", 7, 0, 0, 0);
@@ -111,13 +111,13 @@ TEST_F(MoveFile, runsTheseStatements)
         probe.boundStatements());
 }
 
-TEST_F(MoveFile, withinItsFolderIsARename)
+TEST_F(MoveFileTest, withinItsFolderIsARename)
 {
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/v/a/z.avi"));
     EXPECT_EQ(folders + sourceMoved + neighbour + "file 3 in 2 '/v/a/z.avi' 'z.avi' 7 501 301 401 live now\n", dump());
 }
 
-TEST_P(MoveFileRefusals, changeNothing)
+TEST_P(MoveFileRefusalsTest, changeNothing)
 {
     change(GetParam().change);
     const std::string before = dump();
@@ -131,9 +131,9 @@ TEST_P(MoveFileRefusals, changeNothing)
     EXPECT_EQ(orAsPassed(GetParam().dstAfter, GetParam().to, 7), describe(dst));
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, MoveFileRefusals, testing::ValuesIn(refusals), nameOf<Refusal>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, MoveFileRefusalsTest, testing::ValuesIn(refusals), nameOf<Refusal>);
 
-TEST_F(MoveFile, looksTheSourceUpByItsNameToo)
+TEST_F(MoveFileTest, looksTheSourceUpByItsNameToo)
 {
     src = fileAt("/v/a/x.mp3");
     src.setName("other");
@@ -142,7 +142,7 @@ TEST_F(MoveFile, looksTheSourceUpByItsNameToo)
     EXPECT_EQ(folders + source + neighbour, dump());
 }
 
-TEST_F(MoveFile, makesTheFolderOfTheDestinationAndFilesItThere)
+TEST_F(MoveFileTest, makesTheFolderOfTheDestinationAndFilesItThere)
 {
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/v/c/z.avi"));
     EXPECT_EQ(
@@ -152,7 +152,7 @@ TEST_F(MoveFile, makesTheFolderOfTheDestinationAndFilesItThere)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(MoveFile, makesAChainOfFoldersAsInsertFolderMakesIt)
+TEST_F(MoveFileTest, makesAChainOfFoldersAsInsertFolderMakesIt)
 {
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/v/c/d/z.avi"));
     EXPECT_EQ(1, dst.getFolder_id()); // the root at which the climb stopped
@@ -168,7 +168,7 @@ TEST_F(MoveFile, makesAChainOfFoldersAsInsertFolderMakesIt)
         dump());
 }
 
-TEST_F(MoveFile, bringsADeletedFolderBack)
+TEST_F(MoveFileTest, bringsADeletedFolderBack)
 {
     change("update Folders set is_deleted = 1 where folder_id = 3");
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/v/b/z.avi"));
@@ -181,7 +181,7 @@ TEST_F(MoveFile, bringsADeletedFolderBack)
         loggedLines());
 }
 
-TEST_F(MoveFile, bringsADeletedRowAtTheDestinationBackUnderItsId)
+TEST_F(MoveFileTest, bringsADeletedRowAtTheDestinationBackUnderItsId)
 {
     change("update Files set is_deleted = 1, folder_id = 9 where file_id = 2");
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/v/b/y.mp3"));
@@ -191,7 +191,7 @@ TEST_F(MoveFile, bringsADeletedRowAtTheDestinationBackUnderItsId)
     EXPECT_EQ(2, dst.getFile_id());
 }
 
-TEST_F(MoveFile, thereAndBackEndsWithTheOldRow)
+TEST_F(MoveFileTest, thereAndBackEndsWithTheOldRow)
 {
     move("/v/a/x.mp3", "/v/b/z.avi");
     EXPECT_EQ("Deleting file 3\ntrue", move("/v/b/z.avi", "/v/a/x.mp3"));
@@ -200,7 +200,7 @@ TEST_F(MoveFile, thereAndBackEndsWithTheOldRow)
         dump());
 }
 
-TEST_F(MoveFile, keepsTheCategoryOnlyWhenTheCallerPutsItIntoTheDestination)
+TEST_F(MoveFileTest, keepsTheCategoryOnlyWhenTheCallerPutsItIntoTheDestination)
 {
     src = fileAt("/v/a/x.mp3");
     dst = fileAt("/v/b/x.mp3");
@@ -211,7 +211,7 @@ TEST_F(MoveFile, keepsTheCategoryOnlyWhenTheCallerPutsItIntoTheDestination)
     EXPECT_EQ("3 -1\n4 12\n", query("select file_id, category from Files where is_deleted = 0 order by file_id"));
 }
 
-TEST_F(MoveFile, takesTheRestFromTheRowAndNothingFromTheRecords)
+TEST_F(MoveFileTest, takesTheRestFromTheRowAndNothingFromTheRecords)
 {
     src = fileAt("/v/a/x.mp3", 91, 92, 93, 94);
     src.setFile_id(2);
@@ -221,7 +221,7 @@ TEST_F(MoveFile, takesTheRestFromTheRowAndNothingFromTheRecords)
     EXPECT_EQ(folders + sourceMoved + neighbour + "file 3 in 3 '/v/b/z.avi' 'z.avi' 7 501 301 401 live now\n", dump());
 }
 
-TEST_F(MoveFile, cutsTheSizeTo32BitsLikeEveryLookUp)
+TEST_F(MoveFileTest, cutsTheSizeTo32BitsLikeEveryLookUp)
 {
     for (const auto& [stored, moved] : { std::pair { 2147483647LL, "2147483647\n" }, { 3 * gibibyte, "-1073741824\n" },
              { 4 * gibibyte + 7, "7\n" } }) {
@@ -232,7 +232,7 @@ TEST_F(MoveFile, cutsTheSizeTo32BitsLikeEveryLookUp)
     }
 }
 
-TEST_F(MoveFile, theNewPathEndsWithTheNewName)
+TEST_F(MoveFileTest, theNewPathEndsWithTheNewName)
 {
     src = fileAt("/v/a/x.mp3");
     dst = fileAt("/v/b/another", 7, 0, 0, 0);
@@ -242,7 +242,7 @@ TEST_F(MoveFile, theNewPathEndsWithTheNewName)
     EXPECT_EQ(folders + sourceMoved + neighbour + "file 3 in 3 '/v/b/z.avi' 'z.avi' 7 501 301 401 live now\n", dump());
 }
 
-TEST_F(MoveFile, aRowThatIsLiveOnlyUnderTheNewPathIsLeftAndTheOldOneMarkedAllTheSame)
+TEST_F(MoveFileTest, aRowThatIsLiveOnlyUnderTheNewPathIsLeftAndTheOldOneMarkedAllTheSame)
 {
     src = fileAt("/v/a/x.mp3");
     dst = fileAt("/v/b/another", 7, 0, 0, 0);
@@ -251,7 +251,7 @@ TEST_F(MoveFile, aRowThatIsLiveOnlyUnderTheNewPathIsLeftAndTheOldOneMarkedAllThe
     EXPECT_EQ(folders + sourceMoved + neighbour, dump());
 }
 
-TEST_F(MoveFile, hiddenIsWhatLiesBelowADot)
+TEST_F(MoveFileTest, hiddenIsWhatLiesBelowADot)
 {
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/v/a/.x.mp3"));
     EXPECT_EQ("file 3 in 2 '/v/a/.x.mp3' '.x.mp3' 7 501 301 401 live hidden now\n",
@@ -260,7 +260,7 @@ TEST_F(MoveFile, hiddenIsWhatLiesBelowADot)
     EXPECT_EQ("/v/a/z.mp3 0\n", query("select path, is_hidden from Files where file_id = 4"));
 }
 
-TEST_F(MoveFile, toAndFromTheTopOfTheVolumeWithARowOfItsOwn)
+TEST_F(MoveFileTest, toAndFromTheTopOfTheVolumeWithARowOfItsOwn)
 {
     insertFolderRow("", -1);
     EXPECT_EQ("Deleting file 1\ntrue", move("/v/a/x.mp3", "/z.avi"));
@@ -270,7 +270,7 @@ TEST_F(MoveFile, toAndFromTheTopOfTheVolumeWithARowOfItsOwn)
         dumpFiles());
 }
 
-TEST_F(MoveFile, namesAreBytes)
+TEST_F(MoveFileTest, namesAreBytes)
 {
     const std::string from = "/v/a/" + oddName;
     const std::string to = "/v/" + oddName + "/z" + oddName;
@@ -288,7 +288,7 @@ TEST_F(MoveFile, namesAreBytes)
         loggedLines());
 }
 
-TEST_P(MoveFileFailures, leaveWhatWasDoneBeforeUnlessTheCallerRollsBack)
+TEST_P(MoveFileFailuresTest, leaveWhatWasDoneBeforeUnlessTheCallerRollsBack)
 {
     const std::string before = dump();
     refuse(GetParam().refused);
@@ -302,9 +302,9 @@ TEST_P(MoveFileFailures, leaveWhatWasDoneBeforeUnlessTheCallerRollsBack)
     EXPECT_EQ(errorLine(GetParam().logged), loggedLines());
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, MoveFileFailures, testing::ValuesIn(failures), nameOf<Failure>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, MoveFileFailuresTest, testing::ValuesIn(failures), nameOf<Failure>);
 
-TEST_F(MoveFile, failsUnderTheTextOfTheLookUpThatFails)
+TEST_F(MoveFileTest, failsUnderTheTextOfTheLookUpThatFails)
 {
     change("drop table Files");
     openNew();

@@ -49,9 +49,9 @@ protected:
 };
 
 /// /v with a and b; in a are s, with t in it, and u. A file in each, two in a.
-class MoveFolder : public FolderMoves {
+class MoveFolderTest : public FolderMoves {
 protected:
-    MoveFolder()
+    MoveFolderTest()
     {
         insertFolderRow("/v", -1);
         insertFolderRow("/v/a", 1);
@@ -125,7 +125,7 @@ const Replacement replacements[] = {
     { "nothingWithoutACharacterInCommon", "v", "a/1.mp3", "w", "a/1.mp3" },
 };
 
-class ReplacedPath : public FolderMoves, public testing::WithParamInterface<Replacement> { };
+class MoveFolderReplacedPathTest : public FolderMoves, public testing::WithParamInterface<Replacement> { };
 
 struct Failure {
     const char* name;
@@ -154,11 +154,11 @@ const Failure failures[] = {
         "deleteFolderRecord() failed, handleStatus: 1\n", printedByMoveToX, "1 2 6 7 8 9 10\n6 7 8 9 10 11\n" },
 };
 
-class MoveFolderFailures : public MoveFolder, public testing::WithParamInterface<Failure> { };
+class MoveFolderFailuresTest : public MoveFolderTest, public testing::WithParamInterface<Failure> { };
 
 } // namespace
 
-TEST_F(MoveFolder, makesNewRowsForTheWholeTreeAndMarksTheOldOnesDeleted)
+TEST_F(MoveFolderTest, makesNewRowsForTheWholeTreeAndMarksTheOldOnesDeleted)
 {
     EXPECT_EQ(printedByMoveToX + "true", move("/v/a", "/v/x"));
     EXPECT_EQ(afterMoveToX, dump());
@@ -167,7 +167,7 @@ TEST_F(MoveFolder, makesNewRowsForTheWholeTreeAndMarksTheOldOnesDeleted)
     EXPECT_EQ("0 in 0 '/v/x' '' modified 0 created 0 live", describe(dst));
 }
 
-TEST_F(MoveFolder, runsTheseStatements)
+TEST_F(MoveFolderTest, runsTheseStatements)
 {
     change("update Folders set is_deleted = 1 where folder_id in (4, 5); delete from Files where file_id in (2, 3, 4)");
     src = folderAt("/v/a");
@@ -187,7 +187,7 @@ TEST_F(MoveFolder, runsTheseStatements)
         probe.boundStatements());
 }
 
-TEST_F(MoveFolder, ontoALiveFolderChangesNothing)
+TEST_F(MoveFolderTest, ontoALiveFolderChangesNothing)
 {
     const std::string before = dump();
     EXPECT_EQ("Moving /v/a to /v/b\nfalse", move("/v/a", "/v/b"));
@@ -197,7 +197,7 @@ TEST_F(MoveFolder, ontoALiveFolderChangesNothing)
     EXPECT_EQ(std::vector<LogLine> {}, loggedLines());
 }
 
-TEST_F(MoveFolder, intoItselfChangesNothing)
+TEST_F(MoveFolderTest, intoItselfChangesNothing)
 {
     const std::string before = dump();
     EXPECT_EQ("Moving /v/a to /v/a/x\nfalse", move("/v/a", "/v/a/x"));
@@ -206,7 +206,7 @@ TEST_F(MoveFolder, intoItselfChangesNothing)
     EXPECT_EQ("/v/ax\n", query("select path from Folders where path = '/v/ax' and is_deleted = 0"));
 }
 
-TEST_F(MoveFolder, ofAFolderThatIsItsOwnDescendantEnds)
+TEST_F(MoveFolderTest, ofAFolderThatIsItsOwnDescendantEnds)
 {
     change("update Folders set parent_id = 3 where folder_id = 2");
     const std::string printed = move("/v/a", "/v/x");
@@ -216,7 +216,7 @@ TEST_F(MoveFolder, ofAFolderThatIsItsOwnDescendantEnds)
         "/v/x\n/v/x/s\n/v/x/s/t\n/v/x/u\n", query("select path from Folders where path like '/v/x%' order by path"));
 }
 
-TEST_F(MoveFolder, ofATransactionEndsWithAStopRequest)
+TEST_F(MoveFolderTest, ofATransactionEndsWithAStopRequest)
 {
     db->beginTransaction();
     db->requestStop();
@@ -225,7 +225,7 @@ TEST_F(MoveFolder, ofATransactionEndsWithAStopRequest)
     EXPECT_EQ("", query("select path from Folders where path = '/v/x'"));
 }
 
-TEST_F(MoveFolder, logsTheSecondsItTook)
+TEST_F(MoveFolderTest, logsTheSecondsItTook)
 {
     ForeignWriter neighbour(dbPath);
     probe.clear();
@@ -239,7 +239,7 @@ TEST_F(MoveFolder, logsTheSecondsItTook)
     EXPECT_EQ(0, timesLogged(LOG_INFO, "The time taken to move /v/a to /v/x is 0\n"));
 }
 
-TEST_F(MoveFolder, thereAndBackEndsWithTheOldRows)
+TEST_F(MoveFolderTest, thereAndBackEndsWithTheOldRows)
 {
     move("/v/a", "/v/x");
     EXPECT_EQ("Moving /v/x to /v/a\n" + fileLines("/v/a/1.mp3", 7) + fileLines("/v/a/2.jpg", 8)
@@ -258,7 +258,7 @@ TEST_F(MoveFolder, thereAndBackEndsWithTheOldRows)
         loggedLines());
 }
 
-TEST_F(MoveFolder, thePurgeRemovesTheOldGeneration)
+TEST_F(MoveFolderTest, thePurgeRemovesTheOldGeneration)
 {
     move("/v/a", "/v/x");
     db->purgeDeletedFolders(1000);
@@ -276,7 +276,7 @@ TEST_F(MoveFolder, thePurgeRemovesTheOldGeneration)
         dumpFiles());
 }
 
-TEST_F(MoveFolder, underAnotherParentHangsItThere)
+TEST_F(MoveFolderTest, underAnotherParentHangsItThere)
 {
     EXPECT_EQ("Moving /v/a/s/t to /v/b/t\n" + fileLines("/v/b/t/4.mp3", 4) + "true", move("/v/a/s/t", "/v/b/t"));
     EXPECT_EQ("1 2 3 5 6 7\n1 2 3 5 6 7\n", liveRows());
@@ -285,7 +285,7 @@ TEST_F(MoveFolder, underAnotherParentHangsItThere)
         dump(7));
 }
 
-TEST_F(MoveFolder, underAMissingParentHangsItOnMinusOneAndTheParentIsMadeWithTheFirstChild)
+TEST_F(MoveFolderTest, underAMissingParentHangsItOnMinusOneAndTheParentIsMadeWithTheFirstChild)
 {
     EXPECT_EQ("Moving /v/a/s to /v/m/s\n" + fileLines("/v/m/s/3.mp3", 3) + fileLines("/v/m/s/t/4.mp3", 4) + "true",
         move("/v/a/s", "/v/m/s"));
@@ -297,7 +297,7 @@ TEST_F(MoveFolder, underAMissingParentHangsItOnMinusOneAndTheParentIsMadeWithThe
         dump(7));
 }
 
-TEST_F(MoveFolder, deletedFoldersAndFilesStayBehind)
+TEST_F(MoveFolderTest, deletedFoldersAndFilesStayBehind)
 {
     change("update Folders set is_deleted = 1 where folder_id = 3; update Files set is_deleted = 1 where file_id = 1");
     EXPECT_EQ("Moving /v/a to /v/x\n" + fileLines("/v/x/2.jpg", 2) + fileLines("/v/x/u/5.mp3", 5) + "true",
@@ -305,7 +305,7 @@ TEST_F(MoveFolder, deletedFoldersAndFilesStayBehind)
     EXPECT_EQ("1 4 6 7 8\n3 4 6 7 8\n", liveRows()); // what hung below the deleted folder was not reached
 }
 
-TEST_F(MoveFolder, rowsThatAreLiveAtTheNewPlaceStayAsTheyAre)
+TEST_F(MoveFolderTest, rowsThatAreLiveAtTheNewPlaceStayAsTheyAre)
 {
     insertFolderRow("/v/x/s", 6);
     insertFileRow("/v/x/2.jpg", 6);
@@ -322,7 +322,7 @@ TEST_F(MoveFolder, rowsThatAreLiveAtTheNewPlaceStayAsTheyAre)
         dump(7));
 }
 
-TEST_F(MoveFolder, anOldFileThatIsNoLongerFoundIsNotMarkedOnItsOwn)
+TEST_F(MoveFolderTest, anOldFileThatIsNoLongerFoundIsNotMarkedOnItsOwn)
 {
     change("create trigger elsewhere after insert on Files when new.name = '1.mp3' begin"
            " update Files set is_deleted = 1 where file_id = 1; end");
@@ -334,7 +334,7 @@ TEST_F(MoveFolder, anOldFileThatIsNoLongerFoundIsNotMarkedOnItsOwn)
     EXPECT_EQ(afterMoveToX, dump());
 }
 
-TEST_F(MoveFolder, keepsWholeSizesInNewRowsAndTheLow32BitsInRevivedOnes)
+TEST_F(MoveFolderTest, keepsWholeSizesInNewRowsAndTheLow32BitsInRevivedOnes)
 {
     change("update Files set size = " + std::to_string(4 * gibibyte + 7) + " where file_id <= 2");
     insertFileRow("/v/x/2.jpg", 9);
@@ -345,7 +345,7 @@ TEST_F(MoveFolder, keepsWholeSizesInNewRowsAndTheLow32BitsInRevivedOnes)
               " and is_deleted = 0 order by file_id"));
 }
 
-TEST_F(MoveFolder, hiddenIsWhatLiesBelowADot)
+TEST_F(MoveFolderTest, hiddenIsWhatLiesBelowADot)
 {
     move("/v/a/s", "/v/a/.s");
     EXPECT_EQ("folder 7 in 2 '/v/a/.s' '.s' 103 203 live hidden now\n"
@@ -361,7 +361,7 @@ TEST_F(MoveFolder, hiddenIsWhatLiesBelowADot)
         dump(9));
 }
 
-TEST_F(MoveFolder, namesAreBytes)
+TEST_F(MoveFolderTest, namesAreBytes)
 {
     const std::string from = "/v/" + oddName;
     const std::string to = "/v/x" + oddName;
@@ -377,7 +377,7 @@ TEST_F(MoveFolder, namesAreBytes)
         dump(8));
 }
 
-TEST_F(MoveFolder, isOnePieceInTheCallersTransaction)
+TEST_F(MoveFolderTest, isOnePieceInTheCallersTransaction)
 {
     const std::string before = dump();
     db->beginTransaction();
@@ -388,7 +388,7 @@ TEST_F(MoveFolder, isOnePieceInTheCallersTransaction)
     EXPECT_EQ(afterMoveToX, dump());
 }
 
-TEST_P(ReplacedPath, isPrintedAndStored)
+TEST_P(MoveFolderReplacedPathTest, isPrintedAndStored)
 {
     const Replacement& c = GetParam();
     insertFolderRow(c.folder, -1);
@@ -399,9 +399,9 @@ TEST_P(ReplacedPath, isPrintedAndStored)
     EXPECT_EQ(stored, query("select path from Files where is_deleted = 0"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, ReplacedPath, testing::ValuesIn(replacements), nameOf<Replacement>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, MoveFolderReplacedPathTest, testing::ValuesIn(replacements), nameOf<Replacement>);
 
-TEST_F(MoveFolder, replacesTheBeginningOfAChildsPathWhateverItIs)
+TEST_F(MoveFolderTest, replacesTheBeginningOfAChildsPathWhateverItIs)
 {
     change("update Folders set path = '/w/b/s' where folder_id = 3");
     EXPECT_EQ(printedByMoveToX + "true", move("/v/a", "/v/x"));
@@ -409,7 +409,7 @@ TEST_F(MoveFolder, replacesTheBeginningOfAChildsPathWhateverItIs)
         query("select folder_id, 'in', parent_id, quote(path) from Folders where folder_id = 8 and is_deleted = 0"));
 }
 
-TEST_P(MoveFolderFailures, leaveWhatWasDoneBeforeUnlessTheCallerRollsBack)
+TEST_P(MoveFolderFailuresTest, leaveWhatWasDoneBeforeUnlessTheCallerRollsBack)
 {
     const std::string before = dump();
     refuse(GetParam().refused);
@@ -422,9 +422,9 @@ TEST_P(MoveFolderFailures, leaveWhatWasDoneBeforeUnlessTheCallerRollsBack)
     EXPECT_EQ(errorLine(GetParam().logged), loggedLines());
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, MoveFolderFailures, testing::ValuesIn(failures), nameOf<Failure>);
+INSTANTIATE_TEST_SUITE_P(Catalogue, MoveFolderFailuresTest, testing::ValuesIn(failures), nameOf<Failure>);
 
-TEST_F(MoveFolder, failsUnderTheTextOfTheLookUpThatFails)
+TEST_F(MoveFolderTest, failsUnderTheTextOfTheLookUpThatFails)
 {
     change("drop table Files");
     openNew();

@@ -4,14 +4,14 @@
 
 namespace {
 
-class Purge : public CatalogueTest {
+class PurgeTest : public CatalogueTest {
 protected:
-    Purge() { openNew(); }
+    PurgeTest() { openNew(); }
 };
 
 } // namespace
 
-TEST_F(Purge, ofFoldersRemovesMarkedRowsOlderThanTheThreshold)
+TEST_F(PurgeTest, ofFoldersRemovesMarkedRowsOlderThanTheThreshold)
 {
     for (const char* const path : { "/live", "/old", "/young", "/future" })
         insertFolderRow(path, -1);
@@ -27,7 +27,7 @@ TEST_F(Purge, ofFoldersRemovesMarkedRowsOlderThanTheThreshold)
     EXPECT_EQ("1 in -1 '/live' live\n4 in -1 '/future' deleted\n", dumpFolders());
 }
 
-TEST_F(Purge, ofFoldersKeepsWhatIsExactlyAsOldAsTheThreshold)
+TEST_F(PurgeTest, ofFoldersKeepsWhatIsExactlyAsOldAsTheThreshold)
 {
     time_t now = 0;
     do { // until a second did not end in between
@@ -42,7 +42,7 @@ TEST_F(Purge, ofFoldersKeepsWhatIsExactlyAsOldAsTheThreshold)
     EXPECT_EQ("/exact\n", query("select path from Folders"));
 }
 
-TEST_F(Purge, idsOfPurgedRowsAreNotUsedAgain)
+TEST_F(PurgeTest, idsOfPurgedRowsAreNotUsedAgain)
 {
     insertFolderRow("/Music", -1);
     change("update Folders set is_deleted = 1");
@@ -52,7 +52,7 @@ TEST_F(Purge, idsOfPurgedRowsAreNotUsedAgain)
     EXPECT_EQ("2 in -1 '/Music' live\n", dumpFolders());
 }
 
-TEST_F(Purge, ofFilesRemovesMarkedRowsOlderThanTheThreshold)
+TEST_F(PurgeTest, ofFilesRemovesMarkedRowsOlderThanTheThreshold)
 {
     for (const char* const path : { "/live", "/old", "/young", "/future" })
         insertFileRow(path, 1);
@@ -68,7 +68,7 @@ TEST_F(Purge, ofFilesRemovesMarkedRowsOlderThanTheThreshold)
     EXPECT_EQ("1 in 1 '/live' live\n4 in 1 '/future' deleted\n", dumpFiles());
 }
 
-TEST_F(Purge, ofFilesKeepsWhatIsExactlyAsOldAsTheThreshold)
+TEST_F(PurgeTest, ofFilesKeepsWhatIsExactlyAsOldAsTheThreshold)
 {
     time_t now = 0;
     do { // until a second did not end in between
@@ -83,7 +83,7 @@ TEST_F(Purge, ofFilesKeepsWhatIsExactlyAsOldAsTheThreshold)
     EXPECT_EQ("/exact\n", query("select path from Files"));
 }
 
-TEST_F(Purge, ofAFolderLeavesTheFilesToTheirOwnPurge)
+TEST_F(PurgeTest, ofAFolderLeavesTheFilesToTheirOwnPurge)
 {
     insertFolderRow("/Music", -1);
     insertFileRow("/Music/a.mp3", 1);

@@ -21,7 +21,7 @@ namespace {
 constexpr uid_t nobody = 65534;
 
 /// SQLite as the daemon sets it up, with catalogues that a user of the volume exchanges while they are being opened.
-class SqliteProcess : public CatalogueTest {
+class SqliteProcessTest : public CatalogueTest {
 protected:
     static void SetUpTestSuite() { setUpSqliteForDaemon(); }
     static void TearDownTestSuite()
@@ -94,7 +94,7 @@ std::string journalThatNames(const std::string& path, std::size_t pages)
 
 } // namespace
 
-TEST_F(SqliteProcess, readsWhatWasAdmitted)
+TEST_F(SqliteProcessTest, readsWhatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     const CatalogueAdmission admission(path);
@@ -102,7 +102,7 @@ TEST_F(SqliteProcess, readsWhatWasAdmitted)
     EXPECT_TRUE(isReadable(path));
 }
 
-TEST_F(SqliteProcess, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
+TEST_F(SqliteProcessTest, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     const std::string other = volume.path("other.db");
@@ -115,7 +115,7 @@ TEST_F(SqliteProcess, doesNotReadWhatHasTakenThePlaceOfWhatWasAdmitted)
     EXPECT_TRUE(isReadable(path)) << "the next admission is one of its own";
 }
 
-TEST_F(SqliteProcess, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted)
+TEST_F(SqliteProcessTest, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted)
 {
     const std::string path = makeWith("/Music");
     change("pragma journal_mode=wal");
@@ -129,7 +129,7 @@ TEST_F(SqliteProcess, doesNotReadALogThatHasTakenThePlaceOfTheOneThatWasAdmitted
     EXPECT_FALSE(isReadable(path));
 }
 
-TEST_F(SqliteProcess, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
+TEST_F(SqliteProcessTest, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
 {
     const std::string path = makeWith("/Music");
     change("pragma journal_mode=wal");
@@ -141,7 +141,7 @@ TEST_F(SqliteProcess, readsNoLogThatHasComeSinceAndStillHasToBeLookedInto)
     EXPECT_TRUE(isReadable(path));
 }
 
-TEST_F(SqliteProcess, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
+TEST_F(SqliteProcessTest, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -162,7 +162,7 @@ TEST_F(SqliteProcess, trustsWhatWasAdmittedAndNotWhatIsInItsPlace)
     EXPECT_FALSE(isMarked(kept));
 }
 
-TEST_F(SqliteProcess, followsNoLinkInAPathThatWasResolved)
+TEST_F(SqliteProcessTest, followsNoLinkInAPathThatWasResolved)
 {
     const std::string path = makeWith("/Music");
     const std::string found = resolveOwnLinks(path, LinkedFile::followed);
@@ -196,7 +196,7 @@ TEST_F(SqliteProcess, followsNoLinkInAPathThatWasResolved)
     EXPECT_TRUE(volume.exists("elsewhere/quarrow.db-wal"));
 }
 
-TEST_F(SqliteProcess, doesNotReadAnywhereWhatStillHasToBeLookedInto)
+TEST_F(SqliteProcessTest, doesNotReadAnywhereWhatStillHasToBeLookedInto)
 {
     const std::string path = makeWith("/Music");
     ASSERT_EQ(0, chmod(path.c_str(), 0644 | S_ISVTX));
@@ -209,7 +209,7 @@ TEST_F(SqliteProcess, doesNotReadAnywhereWhatStillHasToBeLookedInto)
     EXPECT_FALSE(isReadable(path));
 }
 
-TEST_F(SqliteProcess, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
+TEST_F(SqliteProcessTest, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -221,7 +221,7 @@ TEST_F(SqliteProcess, trustsTheCatalogueOfWhichOnlyASideFileWasSomebodyElses)
     EXPECT_TRUE(isMarked(path + "-wal")) << "which nobody has opened, and so nobody looked into";
 }
 
-TEST_F(SqliteProcess, trustsTheLogThatWasOpened)
+TEST_F(SqliteProcessTest, trustsTheLogThatWasOpened)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -235,7 +235,7 @@ TEST_F(SqliteProcess, trustsTheLogThatWasOpened)
     sqlite3_close(handle);
 }
 
-TEST_F(SqliteProcess, doesNotTrustTheLogThatWasOnlyLookedAt)
+TEST_F(SqliteProcessTest, doesNotTrustTheLogThatWasOnlyLookedAt)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -248,7 +248,7 @@ TEST_F(SqliteProcess, doesNotTrustTheLogThatWasOnlyLookedAt)
     EXPECT_TRUE(isMarked(path + "-wal"));
 }
 
-TEST_F(SqliteProcess, usesNoIndexThatWasSomebodyElses)
+TEST_F(SqliteProcessTest, usesNoIndexThatWasSomebodyElses)
 {
     const std::string path = makeWith("/Music");
     const std::string index = volume.writeFile(".quarrow/quarrow.db-shm", "held open by somebody");
@@ -257,7 +257,7 @@ TEST_F(SqliteProcess, usesNoIndexThatWasSomebodyElses)
     EXPECT_FALSE(fs::exists(index));
 }
 
-TEST_F(SqliteProcess, givesNothingToWhoOwnsWhatIsAtThePath)
+TEST_F(SqliteProcessTest, givesNothingToWhoOwnsWhatIsAtThePath)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changing owners is not permitted";
@@ -279,7 +279,7 @@ TEST_F(SqliteProcess, givesNothingToWhoOwnsWhatIsAtThePath)
     sqlite3_close(handle);
 }
 
-TEST_F(SqliteProcess, refusesAJournalThatNamesAnotherFile)
+TEST_F(SqliteProcessTest, refusesAJournalThatNamesAnotherFile)
 {
     const std::string path = makeWith("/Music");
     const std::string victim = volume.writeFile("victim-wal", "precious");
@@ -291,7 +291,7 @@ TEST_F(SqliteProcess, refusesAJournalThatNamesAnotherFile)
     EXPECT_FALSE(CatalogueAdmission(path).isRefused()) << "one like the daemon's own";
 }
 
-TEST_F(SqliteProcess, takesAwayNothingThatAJournalNames)
+TEST_F(SqliteProcessTest, takesAwayNothingThatAJournalNames)
 {
     const std::string path = makeWith("/Music");
     const std::size_t pages = fs::file_size(path) / pageBytes;

@@ -149,14 +149,14 @@ protected:
     }
 };
 
-class OperationFailures : public StatementFailures { };
-class WriteFailures : public StatementFailures { };
+class StatementFailuresTest : public StatementFailures { };
+class StatementFailuresOfWritesTest : public StatementFailures { };
 
 std::string nameOf(const testing::TestParamInfo<Operation>& info) { return info.param.name; }
 
 } // namespace
 
-TEST_P(OperationFailures, withoutTables)
+TEST_P(StatementFailuresTest, withoutTables)
 {
     close();
     volume.remove(".quarrow/quarrow.db");
@@ -165,14 +165,14 @@ TEST_P(OperationFailures, withoutTables)
     EXPECT_EQ(expected(21), failureOf(GetParam())); // what binding to no statement gives
 }
 
-TEST_P(OperationFailures, withTablesDroppedBehindItsBack)
+TEST_P(StatementFailuresTest, withTablesDroppedBehindItsBack)
 {
     change("drop table Files; drop table Folders");
     EXPECT_EQ(expected(1), failureOf(GetParam())); // prepared from memory, refused when stepped
     EXPECT_EQ(expected(21), failureOf(GetParam()));
 }
 
-TEST_P(OperationFailures, leaveNoStatementAndNoTransactionOpen)
+TEST_P(StatementFailuresTest, leaveNoStatementAndNoTransactionOpen)
 {
     change("drop table Files; drop table Folders");
     failureOf(GetParam());
@@ -181,7 +181,7 @@ TEST_P(OperationFailures, leaveNoStatementAndNoTransactionOpen)
     EXPECT_EQ("quarrow.db\n", dumpCatalogueFolder()); // an open statement would have kept the log
 }
 
-TEST_P(WriteFailures, refusedByATrigger)
+TEST_P(StatementFailuresOfWritesTest, refusedByATrigger)
 {
     insertFolderRow("/deleted", 1);
     change("update Files set is_deleted = 1; update Folders set is_deleted = (folder_id <> 1)");
@@ -193,16 +193,16 @@ TEST_P(WriteFailures, refusedByATrigger)
     EXPECT_EQ(expected(1), failureOf(GetParam())); // not 19: the plain prepare tells no more
 }
 
-INSTANTIATE_TEST_SUITE_P(Readers, OperationFailures, testing::ValuesIn(readers), nameOf);
-INSTANTIATE_TEST_SUITE_P(Writers, OperationFailures, testing::ValuesIn(writers), nameOf);
-INSTANTIATE_TEST_SUITE_P(Writers, WriteFailures, testing::ValuesIn(writers), nameOf);
-INSTANTIATE_TEST_SUITE_P(Inserters, WriteFailures, testing::ValuesIn(inserters), nameOf);
+INSTANTIATE_TEST_SUITE_P(Readers, StatementFailuresTest, testing::ValuesIn(readers), nameOf);
+INSTANTIATE_TEST_SUITE_P(Writers, StatementFailuresTest, testing::ValuesIn(writers), nameOf);
+INSTANTIATE_TEST_SUITE_P(Writers, StatementFailuresOfWritesTest, testing::ValuesIn(writers), nameOf);
+INSTANTIATE_TEST_SUITE_P(Inserters, StatementFailuresOfWritesTest, testing::ValuesIn(inserters), nameOf);
 
 namespace {
-class FailedDeleteFile : public CatalogueTest { };
+class StatementFailuresOfDeleteFileTest : public CatalogueTest { };
 } // namespace
 
-TEST_F(FailedDeleteFile, saysWhatItIsAboutToDoBeforeItFails)
+TEST_F(StatementFailuresOfDeleteFileTest, saysWhatItIsAboutToDoBeforeItFails)
 {
     openNew();
     change("drop table Files");

@@ -15,16 +15,16 @@ const std::string liveFile = sql::liveFile("?", "?");
 const std::string anyFile = sql::anyFile("?", "?");
 
 /// Which statements SQLite is given, and what becomes of a bind that fails.
-class StatementTexts : public CatalogueTest {
+class StatementTextsTest : public CatalogueTest {
 protected:
-    StatementTexts()
+    StatementTextsTest()
     {
         openNew();
         insertFolderRow("/v", -1);
         insertFileRow("/v/x.mp3", 1);
         probe.clear();
     }
-    ~StatementTexts() override { close(); }
+    ~StatementTextsTest() override { close(); }
 
     std::string statementsOf(const std::function<void()>& call)
     {
@@ -57,7 +57,7 @@ protected:
 
 } // namespace
 
-TEST_F(StatementTexts, readFolders)
+TEST_F(StatementTextsTest, readFolders)
 {
     folder.setFolder_id(1);
     EXPECT_EQ(liveFolder, statementsOf([&] { db->folderExists(folder); }));
@@ -70,7 +70,7 @@ TEST_F(StatementTexts, readFolders)
     EXPECT_EQ(sql::liveIdsIn("?"), statementsOf([&] { db->getListOfFolders(1); }));
 }
 
-TEST_F(StatementTexts, writeFolders)
+TEST_F(StatementTextsTest, writeFolders)
 {
     folder.setFolder_id(1);
     EXPECT_EQ("update folders set last_updated_time=strftime('%s','now'), modified_time=?, created_time=? where"
@@ -81,7 +81,7 @@ TEST_F(StatementTexts, writeFolders)
         statementsOf([&] { db->purgeDeletedFolders(100); }));
 }
 
-TEST_F(StatementTexts, insertAFolder)
+TEST_F(StatementTextsTest, insertAFolder)
 {
     DBFolder rock = folderAt("/v/.rock", 100, 200);
     rock.setParent_id(1);
@@ -93,7 +93,7 @@ TEST_F(StatementTexts, insertAFolder)
         statementsOf([&] { db->insertIndividualFolder(rock); }));
 }
 
-TEST_F(StatementTexts, bindAFoldersValues)
+TEST_F(StatementTextsTest, bindAFoldersValues)
 {
     DBFolder rock = folderAt("/v/.rock", 100, 200);
     rock.setParent_id(1);
@@ -106,7 +106,7 @@ TEST_F(StatementTexts, bindAFoldersValues)
                   " folder_id=2\n"));
 }
 
-TEST_F(StatementTexts, readFiles)
+TEST_F(StatementTextsTest, readFiles)
 {
     folder.setFolder_id(1);
     EXPECT_EQ(liveFile, statementsOf([&] { db->fileExists(file); }));
@@ -116,7 +116,7 @@ TEST_F(StatementTexts, readFiles)
         statementsOf([&] { db->getSimpleFileListByFolder(folder); }));
 }
 
-TEST_F(StatementTexts, writeFiles)
+TEST_F(StatementTextsTest, writeFiles)
 {
     EXPECT_EQ("update files set name=?, category=?, size=?, last_updated_time=strftime('%s','now'), modified_time=?,"
               " created_time=? where file_id = ?\n",
@@ -127,7 +127,7 @@ TEST_F(StatementTexts, writeFiles)
         statementsOf([&] { db->purgeDeletedFiles(100); }));
 }
 
-TEST_F(StatementTexts, insertAFile)
+TEST_F(StatementTextsTest, insertAFile)
 {
     DBFile hidden = fileAt("/v/.y", 3, 5368709127, 100, 200);
     const std::string look = liveFile + liveFolder + anyFile;
@@ -140,7 +140,7 @@ TEST_F(StatementTexts, insertAFile)
         statementsOf([&] { db->insertFile(hidden); }));
 }
 
-TEST_F(StatementTexts, bindAFilesValues)
+TEST_F(StatementTextsTest, bindAFilesValues)
 {
     DBFile hidden = fileAt("/v/.y", 3, 5368709127, 100, 200);
     EXPECT_NE(std::string::npos, boundStatementsOf([&] {
@@ -152,7 +152,7 @@ TEST_F(StatementTexts, bindAFilesValues)
         boundStatementsOf([&] { db->updateFile(hidden); }));
 }
 
-TEST_F(StatementTexts, aFailedBindOfALookUpIsItsStatus)
+TEST_F(StatementTextsTest, aFailedBindOfALookUpIsItsStatus)
 {
     probe.refuseTextsOver(100, SQLITE_SELECT);
     DBFolder longPath = folderAt("/" + std::string(200, 'x'));
@@ -160,7 +160,7 @@ TEST_F(StatementTexts, aFailedBindOfALookUpIsItsStatus)
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "folderExists() failed, handleStatus: 18\n" } }), errors());
 }
 
-TEST_F(StatementTexts, theFirstFailedBindEndsAnUpdate)
+TEST_F(StatementTextsTest, theFirstFailedBindEndsAnUpdate)
 {
     probe.refuseTextsOver(100, SQLITE_UPDATE);
     file.setFile_id(1);
@@ -171,7 +171,7 @@ TEST_F(StatementTexts, theFirstFailedBindEndsAnUpdate)
 
 // The inserts look at their last bind alone: what failed before it is NULL and meets the columns' constraints.
 
-TEST_F(StatementTexts, anInsertOfAFileMindsOnlyItsLastBind)
+TEST_F(StatementTextsTest, anInsertOfAFileMindsOnlyItsLastBind)
 {
     probe.refuseTextsOver(100, SQLITE_INSERT); // the look-ups before it still bind
     DBFile longName = fileAt("/v/y.mp3");
@@ -180,7 +180,7 @@ TEST_F(StatementTexts, anInsertOfAFileMindsOnlyItsLastBind)
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "insertFile() failed, handleStatus: 1\n" } }), errors());
 }
 
-TEST_F(StatementTexts, anInsertOfAFolderMindsOnlyItsLastBind)
+TEST_F(StatementTextsTest, anInsertOfAFolderMindsOnlyItsLastBind)
 {
     probe.refuseTextsOver(100, SQLITE_INSERT);
     DBFolder longPath = folderAt("/" + std::string(200, 'x'));
@@ -188,7 +188,7 @@ TEST_F(StatementTexts, anInsertOfAFolderMindsOnlyItsLastBind)
     EXPECT_EQ((std::vector<LogLine> { { LOG_ERR, "insertIndividualFolder() failed, handleStatus: 1\n" } }), errors());
 }
 
-TEST_F(StatementTexts, anInsertWhoseLastBindIsGoodSucceedsWhereNullIsAllowed)
+TEST_F(StatementTextsTest, anInsertWhoseLastBindIsGoodSucceedsWhereNullIsAllowed)
 {
     change("drop table Files; create table Files(file_id integer primary key, folder_id, path, name, category, size,"
            " modified_time, created_time, is_deleted, is_hidden, last_updated_time)");

@@ -11,9 +11,9 @@
 namespace {
 
 /// The two checks of a single entry against its row.
-class EntryChecks : public VolumeTest {
+class EntryChecksTest : public VolumeTest {
 protected:
-    EntryChecks()
+    EntryChecksTest()
     {
         volume.makeFolder("Music");
         initializeQuietly();
@@ -44,7 +44,7 @@ protected:
     }
 };
 
-TEST_F(EntryChecks, newFileTakesItsTimesAndSizeFromTheDisk)
+TEST_F(EntryChecksTest, newFileTakesItsTimesAndSizeFromTheDisk)
 {
     const std::string path = volume.writeFile("Music/a.mp3", "12345");
     setModifiedTime(path, 1234567890);
@@ -53,7 +53,7 @@ TEST_F(EntryChecks, newFileTakesItsTimesAndSizeFromTheDisk)
     EXPECT_EQ("2 5 1234567890 " + std::to_string(statusOf(path).st_ctime) + " 0\n", fileRow());
 }
 
-TEST_F(EntryChecks, categoryComesFromWhatFollowsTheLastFullStop)
+TEST_F(EntryChecksTest, categoryComesFromWhatFollowsTheLastFullStop)
 {
     for (const char* file : { "a.mp4", "b.mp3", "c.jpg", "d.txt", "e", "f.", "mp3", ".mp3", "g.tar.mp3", "h.mp3.bak",
              "i.JPG", "j.jPg", "k.mp3 ", "l..jpg" }) {
@@ -65,7 +65,7 @@ TEST_F(EntryChecks, categoryComesFromWhatFollowsTheLastFullStop)
         query("select name, category from Files order by name"));
 }
 
-TEST_F(EntryChecks, sameTimeAndSizeWriteNothing)
+TEST_F(EntryChecksTest, sameTimeAndSizeWriteNothing)
 {
     volume.writeFile("Music/a.mp3", "12345");
     checkFile("a.mp3");
@@ -74,7 +74,7 @@ TEST_F(EntryChecks, sameTimeAndSizeWriteNothing)
     EXPECT_EQ("", writtenRows());
 }
 
-TEST_F(EntryChecks, changedSizeAloneIsWritten)
+TEST_F(EntryChecksTest, changedSizeAloneIsWritten)
 {
     const std::string path = volume.writeFile("Music/a.mp3", "12345");
     setModifiedTime(path, 1000);
@@ -88,7 +88,7 @@ TEST_F(EntryChecks, changedSizeAloneIsWritten)
     EXPECT_EQ("[/Music/a.mp3]\n", writtenRows());
 }
 
-TEST_F(EntryChecks, changedTimeAloneIsWritten)
+TEST_F(EntryChecksTest, changedTimeAloneIsWritten)
 {
     const std::string path = volume.writeFile("Music/a.mp3", "12345");
     checkFile("a.mp3");
@@ -98,14 +98,14 @@ TEST_F(EntryChecks, changedTimeAloneIsWritten)
     EXPECT_EQ("9 5 1000 5 0\n", fileRow());
 }
 
-TEST_F(EntryChecks, fileThatIsGoneIsFalseInSilence)
+TEST_F(EntryChecksTest, fileThatIsGoneIsFalseInSilence)
 {
     EXPECT_FALSE(checkFile("gone.mp3"));
     EXPECT_EQ("", files());
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(EntryChecks, linkInTheFilesPlaceIsNoFile)
+TEST_F(EntryChecksTest, linkInTheFilesPlaceIsNoFile)
 {
     volume.writeFile("secret.mp3", "outside");
     ASSERT_EQ(0, symlink(volume.path("secret.mp3").c_str(), volume.path("Music/a.mp3").c_str()));
@@ -114,7 +114,7 @@ TEST_F(EntryChecks, linkInTheFilesPlaceIsNoFile)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(EntryChecks, failedFileIsLoggedWithItsName)
+TEST_F(EntryChecksTest, failedFileIsLoggedWithItsName)
 {
     volume.writeFile("Music/a.mp3");
     const BrokenStatement broken("insert into files");
@@ -124,7 +124,7 @@ TEST_F(EntryChecks, failedFileIsLoggedWithItsName)
         loggedLines());
 }
 
-TEST_F(EntryChecks, fileTimesAreComparedAsTheyAreStored)
+TEST_F(EntryChecksTest, fileTimesAreComparedAsTheyAreStored)
 {
     const std::string path = volume.writeFile("Music/a.mp3");
     for (const auto& [seconds, stored] : { std::pair(2147483647LL, "2147483647"),
@@ -138,7 +138,7 @@ TEST_F(EntryChecks, fileTimesAreComparedAsTheyAreStored)
     }
 }
 
-TEST_F(EntryChecks, sizesBeyond32BitsAreStoredWholeAndWrittenEachTime)
+TEST_F(EntryChecksTest, sizesBeyond32BitsAreStoredWholeAndWrittenEachTime)
 {
     const std::string path = volume.writeFile("Music/a.mp4");
     ASSERT_EQ(0, truncate(path.c_str(), 3221225472LL));
@@ -157,7 +157,7 @@ TEST_F(EntryChecks, sizesBeyond32BitsAreStoredWholeAndWrittenEachTime)
     EXPECT_EQ("", writtenRows());
 }
 
-TEST_F(EntryChecks, newFolderTakesItsTimesFromTheDisk)
+TEST_F(EntryChecksTest, newFolderTakesItsTimesFromTheDisk)
 {
     const std::string path = volume.makeFolder("Music/Rock");
     setModifiedTime(path, 1234567890);
@@ -167,14 +167,14 @@ TEST_F(EntryChecks, newFolderTakesItsTimesFromTheDisk)
     EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders());
 }
 
-TEST_F(EntryChecks, folderWithTheSameTimeIsNotWritten)
+TEST_F(EntryChecksTest, folderWithTheSameTimeIsNotWritten)
 {
     ageRows();
     EXPECT_TRUE(checkFolder("/Music"));
     EXPECT_EQ("", writtenRows());
 }
 
-TEST_F(EntryChecks, folderWithAnotherTimeGetsBothTimes)
+TEST_F(EntryChecksTest, folderWithAnotherTimeGetsBothTimes)
 {
     change("update Folders set created_time=5");
     setModifiedTime(volume.path("Music"), 1000);
@@ -183,7 +183,7 @@ TEST_F(EntryChecks, folderWithAnotherTimeGetsBothTimes)
         query("select modified_time, created_time from Folders"));
 }
 
-TEST_F(EntryChecks, folderTimesAreComparedAsTheyAreStored)
+TEST_F(EntryChecksTest, folderTimesAreComparedAsTheyAreStored)
 {
     setModifiedTime(volume.path("Music"), 4102444800);
     EXPECT_TRUE(checkFolder("/Music"));
@@ -193,7 +193,7 @@ TEST_F(EntryChecks, folderTimesAreComparedAsTheyAreStored)
     EXPECT_EQ("", writtenRows());
 }
 
-TEST_F(EntryChecks, whatIsNoFolderIsFalseInSilence)
+TEST_F(EntryChecksTest, whatIsNoFolderIsFalseInSilence)
 {
     volume.writeFile("Music/a.mp3");
     ASSERT_EQ(0, mkfifo(volume.path("pipe").c_str(), 0644));
@@ -205,7 +205,7 @@ TEST_F(EntryChecks, whatIsNoFolderIsFalseInSilence)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(EntryChecks, oneBitOfTheModeTellsAFolder)
+TEST_F(EntryChecksTest, oneBitOfTheModeTellsAFolder)
 {
     const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address = {};
@@ -216,7 +216,7 @@ TEST_F(EntryChecks, oneBitOfTheModeTellsAFolder)
     EXPECT_TRUE(checkFolder("/socket")); // 0140000 has the bit 0040000
 }
 
-TEST_F(EntryChecks, onlyTheStartFolderMayBeALink)
+TEST_F(EntryChecksTest, onlyTheStartFolderMayBeALink)
 {
     volume.makeFolder("elsewhere");
     ASSERT_EQ(0, symlink(volume.path("elsewhere").c_str(), volume.path("link").c_str()));
@@ -225,14 +225,14 @@ TEST_F(EntryChecks, onlyTheStartFolderMayBeALink)
     EXPECT_EQ("[/Music] root\n[/link] root\n", folders());
 }
 
-TEST_F(EntryChecks, pathShorterThanTheVolumesHasNothingLeftInTheCatalogue)
+TEST_F(EntryChecksTest, pathShorterThanTheVolumesHasNothingLeftInTheCatalogue)
 {
     EXPECT_TRUE(manager->checkAndUpdateFolderEntryInTheDB("/", root + "/Music", false));
     EXPECT_EQ("[/Music] root\n", folders());
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(EntryChecks, failedFolderIsLoggedAsAFile)
+TEST_F(EntryChecksTest, failedFolderIsLoggedAsAFile)
 {
     volume.makeFolder("Music/Rock");
     const BrokenStatement broken("insert into folders");

@@ -31,7 +31,7 @@ std::string nameOfCourse(const ::testing::TestParamInfo<Course>& course)
 }
 
 /// Compares catalogue and watches with the model.
-class EventModel : public EventSteps {
+class EventModelTest : public EventSteps {
 protected:
     std::string liveRows() const { return dumpLiveRows(dbPath()); }
     std::string deletedRows() const { return dumpDeletedRows(dbPath()); }
@@ -134,7 +134,7 @@ protected:
     std::map<CatalogueModel::Reason, int> corrections; ///< lines that full walks corrected
 };
 
-TEST_P(EventModel, catalogueFollowsEveryChangeAsTheRulesSay)
+TEST_P(EventModelTest, catalogueFollowsEveryChangeAsTheRulesSay)
 {
     std::cout << GetParam() << std::endl;
     begin();
@@ -165,6 +165,6 @@ TEST_P(EventModel, catalogueFollowsEveryChangeAsTheRulesSay)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Courses, EventModel, ::testing::ValuesIn(courses()), nameOfCourse);
+INSTANTIATE_TEST_SUITE_P(Courses, EventModelTest, ::testing::ValuesIn(courses()), nameOfCourse);
 
 } // namespace

@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(FairLock, whoGivesItUpAndWantsItBackWaitsForTheOthers)
+TEST(FairLockTest, whoGivesItUpAndWantsItBackWaitsForTheOthers)
 {
     sem_t semaphore;
     sem_init(&semaphore, 0, 1);
@@ -35,7 +35,7 @@ TEST(FairLock, whoGivesItUpAndWantsItBackWaitsForTheOthers)
     sem_destroy(&semaphore);
 }
 
-TEST(FairLock, isReleasedAtTheEndOfTheScope)
+TEST(FairLockTest, isReleasedAtTheEndOfTheScope)
 {
     sem_t semaphore;
     sem_init(&semaphore, 0, 1);

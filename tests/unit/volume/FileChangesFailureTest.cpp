@@ -4,6 +4,8 @@
 
 namespace {
 
+using FileChangesFailureTest = FileChangesTest;
+
 struct Failure {
     const char* name;
     void (*event)(HandlerTest& volume);
@@ -35,9 +37,9 @@ const char* const deleteFailed = "Error in deleting file a.mp3\n";
 const char* const moveFailed = "Error in moving the file /Music/a.mp3 to ROOT/Films/c.avi\n";
 const char* const moveUnknownFailed = "Error in moving the file /Music/x.mp3 to ROOT/Films/c.avi\n";
 
-class FailingFileStatement : public FileChanges, public testing::WithParamInterface<Failure> {
+class FileChangesFailureOfAStatementTest : public FileChangesTest, public testing::WithParamInterface<Failure> {
 protected:
-    FailingFileStatement()
+    FileChangesFailureOfAStatementTest()
     {
         put("Music/a.mp3", "changed", 101);
         put("Music/b.mp3", "1", 200);
@@ -53,7 +55,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(FileChanges, FailingFileStatement,
+INSTANTIATE_TEST_SUITE_P(FileChanges, FileChangesFailureOfAStatementTest,
     testing::Values(Failure { "newLookUp", newKnown, selectLiveFile, "fileExists", newKnownFailed },
         Failure { "newUpdate", newKnown, "update files set name=?", "updateFile", newKnownFailed },
         Failure { "newFolderLookUp", newUnknown, selectLiveFolder, "folderExists", newFailed },
@@ -74,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(FileChanges, FailingFileStatement,
         Failure { "moveOfAnUnknownInsert", moveUnknown, "insert into files", "insertFile", moveUnknownFailed }),
     [](const testing::TestParamInfo<Failure>& failure) { return std::string(failure.param.name); });
 
-TEST_P(FailingFileStatement, isLoggedAndTheNextEventIsServed)
+TEST_P(FileChangesFailureOfAStatementTest, isLoggedAndTheNextEventIsServed)
 {
     const std::string left = GetParam().left;
     const bool leftAFolder = left.compare(0, 6, "folder") == 0;
@@ -104,13 +106,13 @@ struct Refusal {
 
 void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.name; }
 
-class RefusedChange : public FileChanges, public testing::WithParamInterface<Refusal> { };
+class FileChangesFailureOfAWriteTest : public FileChangesTest, public testing::WithParamInterface<Refusal> { };
 
-INSTANTIATE_TEST_SUITE_P(FileChanges, RefusedChange,
+INSTANTIATE_TEST_SUITE_P(FileChanges, FileChangesFailureOfAWriteTest,
     testing::Values(Refusal { "aborts", "abort" }, Refusal { "rollsBack", "rollback" }, Refusal { "fails", "fail" }),
     [](const testing::TestParamInfo<Refusal>& refusal) { return std::string(refusal.param.name); });
 
-TEST_P(RefusedChange, isLoggedAndTheNextEventIsServed)
+TEST_P(FileChangesFailureOfAWriteTest, isLoggedAndTheNextEventIsServed)
 {
     const std::string refuse = "begin select raise(" + std::string(GetParam().means) + ", 'no'); end;";
     change("create trigger noInsert before insert on Files for each row " + refuse
@@ -141,7 +143,7 @@ TEST_P(RefusedChange, isLoggedAndTheNextEventIsServed)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n[/Music/b.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(FileChanges, tableThatIsGoneAndComesBackIsSurvived)
+TEST_F(FileChangesFailureTest, tableThatIsGoneAndComesBackIsSurvived)
 {
     const auto failsWith = [](const std::string& error) {
         ASSERT_EQ(2U, loggedLines().size()) << error;
@@ -167,7 +169,7 @@ TEST_F(FileChanges, tableThatIsGoneAndComesBackIsSurvived)
     EXPECT_EQ(nothing, errorsOfAFullWalk());
 }
 
-TEST_F(FileChanges, fullCatalogueIsSurvived)
+TEST_F(FileChangesFailureTest, fullCatalogueIsSurvived)
 {
     runOnItsConnection("pragma max_page_count = 1"); // no page more than it has
     std::string full;

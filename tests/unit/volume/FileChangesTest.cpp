@@ -6,7 +6,7 @@ namespace {
 
 // New files
 
-TEST_F(FileChanges, newFileGetsARowWithWhatTheDiskSays)
+TEST_F(FileChangesTest, newFileGetsARowWithWhatTheDiskSays)
 {
     put("Music/b.mp3", "1234567", 200);
     EXPECT_EQ("", newFile("/Music/b.mp3"));
@@ -15,7 +15,7 @@ TEST_F(FileChanges, newFileGetsARowWithWhatTheDiskSays)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, newFileHasTheCategoryOfItsLastExtension)
+TEST_F(FileChangesTest, newFileHasTheCategoryOfItsLastExtension)
 {
     for (const std::string file : { "film.mp3.avi", "photo.JPG", ".mp3", "none", "stop.", "x.mp3.", "x.unheardof" }) {
         put("Films/" + file, "", 1);
@@ -25,7 +25,7 @@ TEST_F(FileChanges, newFileHasTheCategoryOfItsLastExtension)
         query("select name, category from Files where file_id > 1 order by file_id"));
 }
 
-TEST_F(FileChanges, newFileWithALiveRowGetsItsTimeAndSizeAndNothingElse)
+TEST_F(FileChangesTest, newFileWithALiveRowGetsItsTimeAndSizeAndNothingElse)
 {
     change("update Files set category = 9");
     put("Music/a.mp3", "1234567", 200);
@@ -35,13 +35,13 @@ TEST_F(FileChanges, newFileWithALiveRowGetsItsTimeAndSizeAndNothingElse)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, newFileWithALiveRowIsWrittenAlsoWhenNothingChanged)
+TEST_F(FileChangesTest, newFileWithALiveRowIsWrittenAlsoWhenNothingChanged)
 {
     newFile("/Music/a.mp3");
     EXPECT_EQ(folderRows + "file 1 'a.mp3' in 1 /Music/a.mp3 2 5 100 written\n", rows());
 }
 
-TEST_F(FileChanges, newFileBringsItsDeletedRowBackToLife)
+TEST_F(FileChangesTest, newFileBringsItsDeletedRowBackToLife)
 {
     change("update Files set is_deleted = 1, category = 9, modified_time = 1");
     newFile("/Music/a.mp3");
@@ -51,7 +51,7 @@ TEST_F(FileChanges, newFileBringsItsDeletedRowBackToLife)
         std::vector<LogLine> { info("Row for file /Music/a.mp3 exists in the DB so updating it\n") }, loggedLines());
 }
 
-TEST_F(FileChanges, newFileInAnUnknownFolderMakesItsRowAndIsFiledUnderWhatTheClimbEndedWith)
+TEST_F(FileChangesTest, newFileInAnUnknownFolderMakesItsRowAndIsFiledUnderWhatTheClimbEndedWith)
 {
     put("Music/Rock/Live/c.mp3", "1", 300);
     put("Music/Rock/b.mp3", "1", 200);
@@ -65,7 +65,7 @@ TEST_F(FileChanges, newFileInAnUnknownFolderMakesItsRowAndIsFiledUnderWhatTheCli
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, sizeAbove4GiBIsStoredWhole)
+TEST_F(FileChangesTest, sizeAbove4GiBIsStoredWhole)
 {
     put("Films/large.avi", "", 1);
     ASSERT_EQ(0, truncate64(volume.path("Films/large.avi").c_str(), 4294967301));
@@ -77,7 +77,7 @@ TEST_F(FileChanges, sizeAbove4GiBIsStoredWhole)
 
 // Modified files
 
-TEST_F(FileChanges, modifiedFileThatIsUnknownIsLoggedAndNotInserted)
+TEST_F(FileChangesTest, modifiedFileThatIsUnknownIsLoggedAndNotInserted)
 {
     put("Music/b.mp3", "1", 200);
     EXPECT_EQ("", modifyFile("/Music/b.mp3"));
@@ -86,7 +86,7 @@ TEST_F(FileChanges, modifiedFileThatIsUnknownIsLoggedAndNotInserted)
         std::vector<LogLine> { err("There is an error condition here for " + root + "/Music b.mp3\n") }, loggedLines());
 }
 
-TEST_F(FileChanges, modifiedFileWithADeletedRowIsUnknown)
+TEST_F(FileChangesTest, modifiedFileWithADeletedRowIsUnknown)
 {
     change("update Files set is_deleted = 1");
     modifyFile("/Music/a.mp3");
@@ -95,7 +95,7 @@ TEST_F(FileChanges, modifiedFileWithADeletedRowIsUnknown)
         std::vector<LogLine> { err("There is an error condition here for " + root + "/Music a.mp3\n") }, loggedLines());
 }
 
-TEST_F(FileChanges, modifiedFileWithItsOldTimeAndSizeIsNotWritten)
+TEST_F(FileChangesTest, modifiedFileWithItsOldTimeAndSizeIsNotWritten)
 {
     put("Music/a.mp3", "other", 100);
     EXPECT_EQ("", modifyFile("/Music/a.mp3"));
@@ -103,7 +103,7 @@ TEST_F(FileChanges, modifiedFileWithItsOldTimeAndSizeIsNotWritten)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, modifiedFileWithAnotherTimeIsWritten)
+TEST_F(FileChangesTest, modifiedFileWithAnotherTimeIsWritten)
 {
     change("update Files set category = 9");
     put("Music/a.mp3", "12345", 99);
@@ -113,14 +113,14 @@ TEST_F(FileChanges, modifiedFileWithAnotherTimeIsWritten)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, modifiedFileWithAnotherSizeIsWritten)
+TEST_F(FileChangesTest, modifiedFileWithAnotherSizeIsWritten)
 {
     put("Music/a.mp3", "1234567", 100);
     modifyFile("/Music/a.mp3");
     EXPECT_EQ(folderRows + "file 1 'a.mp3' in 1 /Music/a.mp3 2 7 100 written\n", rows());
 }
 
-TEST_F(FileChanges, modifiedFileOf2GiBIsWrittenEachTime)
+TEST_F(FileChangesTest, modifiedFileOf2GiBIsWrittenEachTime)
 {
     ASSERT_EQ(0, truncate64(volume.path("Music/a.mp3").c_str(), 2147483648));
     setModifiedTime(volume.path("Music/a.mp3"), 100);
@@ -131,7 +131,7 @@ TEST_F(FileChanges, modifiedFileOf2GiBIsWrittenEachTime)
     }
 }
 
-TEST_F(FileChanges, timesAreComparedAsTheyAreStored)
+TEST_F(FileChangesTest, timesAreComparedAsTheyAreStored)
 {
     setModifiedTime(volume.path("Music/a.mp3"), 4294967396); // 100 in 32 bits
     modifyFile("/Music/a.mp3");
@@ -140,9 +140,9 @@ TEST_F(FileChanges, timesAreComparedAsTheyAreStored)
 
 // What is not there as a file
 
-class NoFile : public FileChanges, public testing::WithParamInterface<const char*> {
+class FileChangesOfNoFileTest : public FileChangesTest, public testing::WithParamInterface<const char*> {
 protected:
-    NoFile()
+    FileChangesOfNoFileTest()
     {
         put("Films/other.mp3", "1", 1);
         const std::string kind = GetParam();
@@ -156,10 +156,10 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(FileChanges, NoFile, testing::Values("gone", "folder", "link"),
+INSTANTIATE_TEST_SUITE_P(FileChanges, FileChangesOfNoFileTest, testing::Values("gone", "folder", "link"),
     [](const testing::TestParamInfo<const char*>& kind) { return std::string(kind.param); });
 
-TEST_P(NoFile, isIgnoredWhenNewOrModified)
+TEST_P(FileChangesOfNoFileTest, isIgnoredWhenNewOrModified)
 {
     for (const std::string at : { "/Music/a.mp3", "/Music/b.mp3" }) {
         EXPECT_EQ("", newFile(at));
@@ -170,7 +170,7 @@ TEST_P(NoFile, isIgnoredWhenNewOrModified)
     EXPECT_EQ(before, rows());
 }
 
-TEST_P(NoFile, isReportedAsTheGoalOfAMoveAndTheSourceStays)
+TEST_P(FileChangesOfNoFileTest, isReportedAsTheGoalOfAMoveAndTheSourceStays)
 {
     for (const std::string from : { "/Music/a.mp3", "/Music/unknown.mp3" }) {
         EXPECT_EQ("", moveFile(from, "/Music/b.mp3"));
@@ -180,7 +180,7 @@ TEST_P(NoFile, isReportedAsTheGoalOfAMoveAndTheSourceStays)
     EXPECT_EQ(before, rows());
 }
 
-TEST_P(NoFile, canBeDeleted)
+TEST_P(FileChangesOfNoFileTest, canBeDeleted)
 {
     EXPECT_EQ("Deleting file 1\n", deleteFile("/Music/a.mp3"));
     EXPECT_EQ(folderRows + "file 1 'a.mp3' in 1 /Music/a.mp3 2 5 100 deleted written\n", rows());
@@ -188,7 +188,7 @@ TEST_P(NoFile, canBeDeleted)
 
 // Deleted files
 
-TEST_F(FileChanges, deletedFileIsMarkedWithoutALookAtTheDisk)
+TEST_F(FileChangesTest, deletedFileIsMarkedWithoutALookAtTheDisk)
 {
     ASSERT_TRUE(volume.exists("Music/a.mp3"));
     EXPECT_EQ("Deleting file 1\n", deleteFile("/Music/a.mp3"));
@@ -196,7 +196,7 @@ TEST_F(FileChanges, deletedFileIsMarkedWithoutALookAtTheDisk)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, deletingAFileWithoutALiveRowDoesNothing)
+TEST_F(FileChangesTest, deletingAFileWithoutALiveRowDoesNothing)
 {
     EXPECT_EQ("", deleteFile("/Music/b.mp3"));
     EXPECT_EQ(before, rows());
@@ -208,7 +208,7 @@ TEST_F(FileChanges, deletingAFileWithoutALiveRowDoesNothing)
 
 // Moved files
 
-TEST_F(FileChanges, movedFileGetsANewRowWithTheCategoryOfItsNewName)
+TEST_F(FileChangesTest, movedFileGetsANewRowWithTheCategoryOfItsNewName)
 {
     rename("/Music/a.mp3", "/Films/b.avi");
     put("Films/b.avi", "1234567", 200); // the row tells what is carried over, the next event or walk what changed since
@@ -220,7 +220,7 @@ TEST_F(FileChanges, movedFileGetsANewRowWithTheCategoryOfItsNewName)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, movedFileWithoutALiveSourceRowIsANewFile)
+TEST_F(FileChangesTest, movedFileWithoutALiveSourceRowIsANewFile)
 {
     put("Films/b.avi", "1234567", 200);
     const LogLine inserted
@@ -237,7 +237,7 @@ TEST_F(FileChanges, movedFileWithoutALiveSourceRowIsANewFile)
     EXPECT_EQ(std::vector<LogLine> { inserted }, loggedLines());
 }
 
-TEST_F(FileChanges, movedFileWithADeletedSourceRowIsANewFile)
+TEST_F(FileChangesTest, movedFileWithADeletedSourceRowIsANewFile)
 {
     change("update Files set is_deleted = 1");
     put("Music/b.mp3", "1", 200);
@@ -247,7 +247,7 @@ TEST_F(FileChanges, movedFileWithADeletedSourceRowIsANewFile)
         rows());
 }
 
-TEST_F(FileChanges, moveOntoALiveRowChangesNothing)
+TEST_F(FileChangesTest, moveOntoALiveRowChangesNothing)
 {
     put("Music/b.mp3", "1", 200);
     newFile("/Music/b.mp3");
@@ -257,7 +257,7 @@ TEST_F(FileChanges, moveOntoALiveRowChangesNothing)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, moveOntoADeletedRowBringsItBackToLife)
+TEST_F(FileChangesTest, moveOntoADeletedRowBringsItBackToLife)
 {
     put("Films/a.mp3", "12345", 100);
     newFile("/Films/a.mp3");
@@ -271,7 +271,7 @@ TEST_F(FileChanges, moveOntoADeletedRowBringsItBackToLife)
         std::vector<LogLine> { info("Row for file /Films/a.mp3 exists in the DB so updating it\n") }, loggedLines());
 }
 
-TEST_F(FileChanges, moveOutOfAFolderWithoutALiveRowChangesNothing)
+TEST_F(FileChangesTest, moveOutOfAFolderWithoutALiveRowChangesNothing)
 {
     change("update Folders set is_deleted = 1 where folder_id = 1");
     rename("/Music/a.mp3", "/Films/a.mp3");
@@ -280,7 +280,7 @@ TEST_F(FileChanges, moveOutOfAFolderWithoutALiveRowChangesNothing)
     EXPECT_EQ(nothing, loggedLines());
 }
 
-TEST_F(FileChanges, moveIntoAnUnknownFolderMakesItsRowFirst)
+TEST_F(FileChangesTest, moveIntoAnUnknownFolderMakesItsRowFirst)
 {
     volume.makeFolder("Films/New");
     rename("/Music/a.mp3", "/Films/New/a.mp3");
@@ -292,7 +292,7 @@ TEST_F(FileChanges, moveIntoAnUnknownFolderMakesItsRowFirst)
         rows());
 }
 
-TEST_F(FileChanges, namesPassUnchanged)
+TEST_F(FileChangesTest, namesPassUnchanged)
 {
     const std::string at = "/Music/" + oddName;
     EXPECT_EQ("", modifyFile(at)); // not there yet
@@ -321,7 +321,7 @@ TEST_F(FileChanges, namesPassUnchanged)
         loggedLines());
 }
 
-TEST_F(FileChanges, folderShorterThanTheVolumesPathMeansTheVolumeItself)
+TEST_F(FileChangesTest, folderShorterThanTheVolumesPathMeansTheVolumeItself)
 {
     std::string above = "/";
     manager->handleDeleteFile(above, "a.mp3");
@@ -331,7 +331,7 @@ TEST_F(FileChanges, folderShorterThanTheVolumesPathMeansTheVolumeItself)
 
 // The lock
 
-TEST_F(FileChanges, catalogueWorkIsDoneUnderTheLock)
+TEST_F(FileChangesTest, catalogueWorkIsDoneUnderTheLock)
 {
     put("Music/b.mp3", "1", 200);
     put("Films/c.mp3", "1", 200);
@@ -346,7 +346,7 @@ TEST_F(FileChanges, catalogueWorkIsDoneUnderTheLock)
     EXPECT_EQ("(s)(s)(s)(s)(s)(s)(s)", trace.text());
 }
 
-TEST_F(FileChanges, lockIsTakenAndReleasedAlsoForWhatIsGone)
+TEST_F(FileChangesTest, lockIsTakenAndReleasedAlsoForWhatIsGone)
 {
     const LockTrace trace(*manager);
     newFile("/Music/gone");
@@ -355,7 +355,7 @@ TEST_F(FileChanges, lockIsTakenAndReleasedAlsoForWhatIsGone)
     EXPECT_EQ("()()()", trace.text());
 }
 
-TEST_F(FileChanges, diskIsLookedAtUnderTheLock)
+TEST_F(FileChangesTest, diskIsLookedAtUnderTheLock)
 {
     rename("/Music/a.mp3", "/Music/moved.mp3");
     const auto whileWaiting = [this](const std::function<void()>& event) {

@@ -4,6 +4,8 @@
 
 namespace {
 
+using FolderChangesFailureTest = FolderChangesTest;
+
 const char* const selectLiveFolder = "from folders where path=? and is_deleted=0";
 const char* const insertFolder = "insert into folders";
 const char* const markFolder = "update folders set is_deleted = 1";
@@ -45,9 +47,9 @@ std::string moveUnknown(HandlerTest& volume)
     return "Error in moving folder Unknown to New\n";
 }
 
-class FailingFolderStatement : public FolderChanges, public testing::WithParamInterface<Failure> { };
+class FolderChangesFailureOfAStatementTest : public FolderChangesTest, public testing::WithParamInterface<Failure> { };
 
-INSTANTIATE_TEST_SUITE_P(FolderChanges, FailingFolderStatement,
+INSTANTIATE_TEST_SUITE_P(FolderChanges, FolderChangesFailureOfAStatementTest,
     testing::Values(Failure { "newLookUp", newUnknown, selectLiveFolder, "folderExists" },
         Failure { "newRowLookUp", newUnknown, "from folders where path=?", "folderExists" },
         Failure { "newInsert", newUnknown, insertFolder, "insertIndividualFolder" },
@@ -71,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(FolderChanges, FailingFolderStatement,
         Failure { "moveOfAnUnknownCommit", moveUnknown, "COMMIT", nullptr, "(BsCR)" }),
     [](const testing::TestParamInfo<Failure>& failure) { return std::string(failure.param.name); });
 
-TEST_P(FailingFolderStatement, isLoggedWithoutAWalkAndTheNextEventIsServed)
+TEST_P(FolderChangesFailureOfAStatementTest, isLoggedWithoutAWalkAndTheNextEventIsServed)
 {
     put("Films/New/c.avi", "1", 300);
     const LockTrace trace(*manager);
@@ -102,7 +104,7 @@ TEST_P(FailingFolderStatement, isLoggedWithoutAWalkAndTheNextEventIsServed)
         files());
 }
 
-TEST_F(FolderChanges, moveThatACommitCannotEndIsUndoneAlsoWhenSqliteHasDoneSo)
+TEST_F(FolderChangesFailureTest, moveThatACommitCannotEndIsUndoneAlsoWhenSqliteHasDoneSo)
 {
     rename("/Music/Rock", "/Films/Pop");
     const std::string fail = " before insert on Files when new.name = 'b.mp3' begin select raise(rollback, 'no'); end";
@@ -127,7 +129,7 @@ TEST_F(FolderChanges, moveThatACommitCannotEndIsUndoneAlsoWhenSqliteHasDoneSo)
         files());
 }
 
-TEST_F(FolderChanges, tableThatIsGoneAndComesBackIsSurvived)
+TEST_F(FolderChangesFailureTest, tableThatIsGoneAndComesBackIsSurvived)
 {
     volume.makeFolder("Films/New");
     change("alter table Folders rename to Gone");
@@ -145,7 +147,7 @@ TEST_F(FolderChanges, tableThatIsGoneAndComesBackIsSurvived)
     EXPECT_EQ(nothing, errorsOfAFullWalk());
 }
 
-TEST_F(FolderChanges, moveThatFillsTheCatalogueIsUndone)
+TEST_F(FolderChangesFailureTest, moveThatFillsTheCatalogueIsUndone)
 {
     for (int number = 100; number < 200; ++number)
         put("Music/Rock/" + std::to_string(number) + std::string(200, 'x'), "1", 300);
@@ -170,7 +172,7 @@ TEST_F(FolderChanges, moveThatFillsTheCatalogueIsUndone)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(FolderChanges, stopInTheMiddleOfAMoveUndoesIt)
+TEST_F(FolderChangesFailureTest, stopInTheMiddleOfAMoveUndoesIt)
 {
     rename("/Music/Rock", "/Films/Pop");
     const OnStatement stop([this](const std::string& sql, sqlite3*) {
@@ -182,7 +184,7 @@ TEST_F(FolderChanges, stopInTheMiddleOfAMoveUndoesIt)
     EXPECT_EQ(before, rows());
 }
 
-TEST_F(FolderChanges, stopInTheMiddleOfADeletionUndoesIt)
+TEST_F(FolderChangesFailureTest, stopInTheMiddleOfADeletionUndoesIt)
 {
     const OnStatement stop([this](const std::string& sql, sqlite3*) {
         if (sql.find("select a.folder_id") != std::string::npos)

@@ -7,7 +7,7 @@ namespace {
 
 // New folders
 
-TEST_F(FolderChanges, newFolderIsCataloguedWithItsContentAndWatched)
+TEST_F(FolderChangesTest, newFolderIsCataloguedWithItsContentAndWatched)
 {
     put("Films/New/Deep/d.avi", "12", 300);
     put("Films/New/c.avi", "1", 200);
@@ -26,7 +26,7 @@ TEST_F(FolderChanges, newFolderIsCataloguedWithItsContentAndWatched)
     EXPECT_TRUE(endsWatchOf("/Films/New/Deep"));
 }
 
-TEST_F(FolderChanges, newFolderWithALiveRowGetsItsTimeAndIsWalked)
+TEST_F(FolderChangesTest, newFolderWithALiveRowGetsItsTimeAndIsWalked)
 {
     put("Music/Rock/new.mp3", "1", 300);
     setModifiedTime(volume.path("Music/Rock"), 77);
@@ -37,7 +37,7 @@ TEST_F(FolderChanges, newFolderWithALiveRowGetsItsTimeAndIsWalked)
     EXPECT_EQ("50\n", createdTime("/Music/Rock"));
 }
 
-TEST_F(FolderChanges, newFolderWithALiveRowIsWrittenAlsoWhenNothingChanged)
+TEST_F(FolderChangesTest, newFolderWithALiveRowIsWrittenAlsoWhenNothingChanged)
 {
     newFolder("/Music/Rock/Live");
     EXPECT_EQ(beforeFiles.substr(0, beforeFiles.find(films) - 1) + " written\n" + films + fileA + "\n" + fileB + "\n",
@@ -45,7 +45,7 @@ TEST_F(FolderChanges, newFolderWithALiveRowIsWrittenAlsoWhenNothingChanged)
     EXPECT_EQ("50\n", createdTime("/Music/Rock/Live"));
 }
 
-TEST_F(FolderChanges, newFolderBringsItsDeletedRowsBackToLife)
+TEST_F(FolderChangesTest, newFolderBringsItsDeletedRowsBackToLife)
 {
     deleteFolder("/Music/Rock");
     ageRows();
@@ -56,7 +56,7 @@ TEST_F(FolderChanges, newFolderBringsItsDeletedRowsBackToLife)
     EXPECT_EQ(info("Row for folder /Music/Rock exists in the DB so updating it\n"), firstLine());
 }
 
-TEST_F(FolderChanges, newFolderIsNoRoot)
+TEST_F(FolderChangesTest, newFolderIsNoRoot)
 {
     change("insert into Folders(folder_id, parent_id, path, name, created_time, modified_time, is_deleted,"
            " last_updated_time) values(9, -1, '', '', 50, 10, 0, 1)"); // as without crawl paths
@@ -65,7 +65,7 @@ TEST_F(FolderChanges, newFolderIsNoRoot)
     EXPECT_EQ("9\n", query("select parent_id from Folders where path = '/Photos'"));
 }
 
-TEST_F(FolderChanges, rowHasTheTimesOfTheDiskBeforeTheWalk)
+TEST_F(FolderChangesTest, rowHasTheTimesOfTheDiskBeforeTheWalk)
 {
     volume.makeFolder("Films/New");
     volume.makeFolder("Films/Pop");
@@ -87,7 +87,7 @@ TEST_F(FolderChanges, rowHasTheTimesOfTheDiskBeforeTheWalk)
     EXPECT_EQ(0U, seen.find("/Films/Pop 99 ")) << seen;
 }
 
-TEST_F(FolderChanges, newFolderIsWalkedAsAnOrdinaryFolder)
+TEST_F(FolderChangesTest, newFolderIsWalkedAsAnOrdinaryFolder)
 {
     volume.makeFolder("Films/New");
     int posts = 0;
@@ -99,7 +99,7 @@ TEST_F(FolderChanges, newFolderIsWalkedAsAnOrdinaryFolder)
     EXPECT_EQ("4\n", query("select parent_id from Folders where path = '/Films/New'")) << "not -1, a root's";
 }
 
-TEST_F(FolderChanges, newFolderBelowAnUnknownOneHangsOnNoParent)
+TEST_F(FolderChangesTest, newFolderBelowAnUnknownOneHangsOnNoParent)
 {
     volume.makeFolder("Films/New/Deep");
     settle({ "Films/New/Deep" });
@@ -107,9 +107,9 @@ TEST_F(FolderChanges, newFolderBelowAnUnknownOneHangsOnNoParent)
     EXPECT_EQ(beforeFiles + "folder 5 'Deep' in -1 /Films/New/Deep 10 written\n" + fileA + "\n" + fileB + "\n", rows());
 }
 
-class NoFolder : public FolderChanges, public testing::WithParamInterface<const char*> {
+class FolderChangesOfNoFolderTest : public FolderChangesTest, public testing::WithParamInterface<const char*> {
 protected:
-    NoFolder()
+    FolderChangesOfNoFolderTest()
     {
         const std::string kind = GetParam();
         for (const std::string below : { "Music/Rock", "Films/New" }) {
@@ -122,10 +122,10 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(FolderChanges, NoFolder, testing::Values("gone", "file", "link"),
+INSTANTIATE_TEST_SUITE_P(FolderChanges, FolderChangesOfNoFolderTest, testing::Values("gone", "file", "link"),
     [](const testing::TestParamInfo<const char*>& kind) { return std::string(kind.param); });
 
-TEST_P(NoFolder, isIgnoredWhenNew)
+TEST_P(FolderChangesOfNoFolderTest, isIgnoredWhenNew)
 {
     for (const std::string at : { "/Music/Rock", "/Films/New" }) {
         const LockTrace trace(*manager);
@@ -137,7 +137,7 @@ TEST_P(NoFolder, isIgnoredWhenNew)
     EXPECT_EQ(4, watches());
 }
 
-TEST_P(NoFolder, isReportedOnStandardOutputAsTheGoalOfAMove)
+TEST_P(FolderChangesOfNoFolderTest, isReportedOnStandardOutputAsTheGoalOfAMove)
 {
     for (const std::string from : { "/Music/Rock", "/Music/Unknown" }) {
         const LockTrace trace(*manager);
@@ -149,7 +149,7 @@ TEST_P(NoFolder, isReportedOnStandardOutputAsTheGoalOfAMove)
     EXPECT_EQ(4, watches());
 }
 
-TEST_P(NoFolder, canBeDeleted)
+TEST_P(FolderChangesOfNoFolderTest, canBeDeleted)
 {
     EXPECT_EQ("", deleteFolder("/Music/Rock"));
     EXPECT_EQ(topFolders + rock + gone + live + gone + films + fileA + gone + fileB + gone, rows());
@@ -157,7 +157,7 @@ TEST_P(NoFolder, canBeDeleted)
 
 // Deleted folders
 
-TEST_F(FolderChanges, deletedFolderIsMarkedWithAllBelowItAndNothingElseHappens)
+TEST_F(FolderChangesTest, deletedFolderIsMarkedWithAllBelowItAndNothingElseHappens)
 {
     volume.makeFolder("Music/Rocky");
     walk("/Music");
@@ -172,7 +172,7 @@ TEST_F(FolderChanges, deletedFolderIsMarkedWithAllBelowItAndNothingElseHappens)
     EXPECT_EQ(5, watches()) << "ending its watch is up to the routing";
 }
 
-TEST_F(FolderChanges, deletingAFolderWithoutALiveRowDoesNothing)
+TEST_F(FolderChangesTest, deletingAFolderWithoutALiveRowDoesNothing)
 {
     EXPECT_EQ("", deleteFolder("/Music/Unknown"));
     EXPECT_EQ(before, rows());
@@ -186,7 +186,7 @@ TEST_F(FolderChanges, deletingAFolderWithoutALiveRowDoesNothing)
 
 // Moved folders
 
-TEST_F(FolderChanges, movedFolderGetsNewRowsAndItsWatchesTheirNewPaths)
+TEST_F(FolderChangesTest, movedFolderGetsNewRowsAndItsWatchesTheirNewPaths)
 {
     const ClockAt clock(1000000);
     rename("/Music/Rock", "/Films/Pop");
@@ -210,7 +210,7 @@ TEST_F(FolderChanges, movedFolderGetsNewRowsAndItsWatchesTheirNewPaths)
     EXPECT_TRUE(endsWatchOf("/Films/Pop/Live"));
 }
 
-TEST_F(FolderChanges, movedFolderIsWalkedForWhatTheMoveBroughtAndWithoutTheRootFlag)
+TEST_F(FolderChangesTest, movedFolderIsWalkedForWhatTheMoveBroughtAndWithoutTheRootFlag)
 {
     put("Music/Rock/new.mp3", "1", 300);
     rename("/Music/Rock", "/Films/Pop");
@@ -224,7 +224,7 @@ TEST_F(FolderChanges, movedFolderIsWalkedForWhatTheMoveBroughtAndWithoutTheRootF
     EXPECT_EQ("1\n", query("select count(*) from Files where path = '/Films/Pop/new.mp3' and is_deleted = 0"));
 }
 
-TEST_F(FolderChanges, movedFolderWithoutALiveSourceRowIsANewFolder)
+TEST_F(FolderChangesTest, movedFolderWithoutALiveSourceRowIsANewFolder)
 {
     put("Films/Pop/c.mp3", "1", 300);
     settle({ "Films/Pop" });
@@ -241,7 +241,7 @@ TEST_F(FolderChanges, movedFolderWithoutALiveSourceRowIsANewFolder)
     EXPECT_TRUE(endsWatchOf("/Films/Pop"));
 }
 
-TEST_F(FolderChanges, moveOntoALiveRowLeavesBothAndWalks)
+TEST_F(FolderChangesTest, moveOntoALiveRowLeavesBothAndWalks)
 {
     volume.makeFolder("Films/Pop");
     settle({ "Films/Pop" });
@@ -257,7 +257,7 @@ TEST_F(FolderChanges, moveOntoALiveRowLeavesBothAndWalks)
     EXPECT_EQ(1, walks());
 }
 
-TEST_F(FolderChanges, namesPassUnchanged)
+TEST_F(FolderChangesTest, namesPassUnchanged)
 {
     const std::string at = "/Films/" + oddName;
     const std::string moved = "/Music/moved" + oddName;
@@ -293,7 +293,7 @@ TEST_F(FolderChanges, namesPassUnchanged)
 
 constexpr const char* walkOfOneFolder = "()(BsC)()"; // before and after it: the care for the write-ahead log
 
-TEST_F(FolderChanges, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
+TEST_F(FolderChangesTest, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
 {
     const std::string walked = walkOfOneFolder;
     volume.makeFolder("Films/New");
@@ -308,7 +308,7 @@ TEST_F(FolderChanges, catalogueWorkIsDoneUnderTheLockAndTheWalkBegunWithoutIt)
     EXPECT_EQ("(s)" + walked + "(s)" + walked + "(BsC)" + walked + "(BsC)" + walked + "(BsC)(BsC)", trace.text());
 }
 
-TEST_F(FolderChanges, whatIsNotOfTheVolumeIsIgnored)
+TEST_F(FolderChangesTest, whatIsNotOfTheVolumeIsIgnored)
 {
     const std::string beside = volume.makeFolder("Music").substr(0, root.length()) + "-beside";
     std::filesystem::create_directories(beside + "/Rock");
@@ -340,7 +340,7 @@ TEST_F(FolderChanges, whatIsNotOfTheVolumeIsIgnored)
     std::filesystem::remove_all(beside);
 }
 
-TEST_F(FolderChanges, diskIsLookedAtUnderTheLock)
+TEST_F(FolderChangesTest, diskIsLookedAtUnderTheLock)
 {
     const auto whileWaiting = [this](const std::function<std::string()>& event) {
         volume.makeFolder("Films/New");
@@ -358,7 +358,7 @@ TEST_F(FolderChanges, diskIsLookedAtUnderTheLock)
 }
 
 /// A user of the volume has put it in the place of a folder that is watched.
-TEST_F(FolderChanges, nothingBehindALinkIsCatalogued)
+TEST_F(FolderChangesTest, nothingBehindALinkIsCatalogued)
 {
     TemporaryFolder elsewhere;
     elsewhere.writeFile("secret.mp3");

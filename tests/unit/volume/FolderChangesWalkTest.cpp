@@ -5,9 +5,9 @@
 namespace {
 
 /// The walk that a changed folder is given.
-class FolderChangesWalk : public VolumeTest {
+class FolderChangesWalkTest : public VolumeTest {
 protected:
-    FolderChangesWalk()
+    FolderChangesWalkTest()
     {
         volume.makeFolder("Music/Rock");
         initializeQuietly();
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-TEST_F(FolderChangesWalk, crawlPathIsWalkedAsARoot)
+TEST_F(FolderChangesWalkTest, crawlPathIsWalkedAsARoot)
 {
     handle("/Music");
     EXPECT_EQ(info(goingToWalk("/Music", 1)), loggedLines().front());
@@ -42,13 +42,13 @@ TEST_F(FolderChangesWalk, crawlPathIsWalkedAsARoot)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + root + "/Music\n"));
 }
 
-TEST_F(FolderChangesWalk, anyCrawlPathWillDo)
+TEST_F(FolderChangesWalkTest, anyCrawlPathWillDo)
 {
     handle("/Films");
     EXPECT_EQ(info(goingToWalk("/Films", 1)), loggedLines().front());
 }
 
-TEST_F(FolderChangesWalk, deeperFolderIsWalkedAsAnOrdinaryOne)
+TEST_F(FolderChangesWalkTest, deeperFolderIsWalkedAsAnOrdinaryOne)
 {
     handle("/Music");
     volume.writeFile("Music/Rock/Live/1.mp3");
@@ -59,7 +59,7 @@ TEST_F(FolderChangesWalk, deeperFolderIsWalkedAsAnOrdinaryOne)
     EXPECT_TRUE(endsWatchOf("/Music/Rock/Live"));
 }
 
-TEST_F(FolderChangesWalk, newFolderBesideTheCrawlPathsIsNoRoot)
+TEST_F(FolderChangesWalkTest, newFolderBesideTheCrawlPathsIsNoRoot)
 {
     volume.makeFolder("Books");
     volume.makeFolder("Books/Novels");
@@ -68,7 +68,7 @@ TEST_F(FolderChangesWalk, newFolderBesideTheCrawlPathsIsNoRoot)
     EXPECT_NE(std::string::npos, folders().find("[/Books/Novels] in [/Books]\n"));
 }
 
-TEST_F(FolderChangesWalk, withoutCrawlPathsNothingIsARoot)
+TEST_F(FolderChangesWalkTest, withoutCrawlPathsNothingIsARoot)
 {
     volume.makeFolder("elsewhere");
     std::string path = volume.path("elsewhere");
@@ -79,7 +79,7 @@ TEST_F(FolderChangesWalk, withoutCrawlPathsNothingIsARoot)
     EXPECT_EQ(1, timesLogged(LOG_INFO, goingToWalk("/elsewhere", 0)));
 }
 
-TEST_F(FolderChangesWalk, folderThatIsGoneChangesNothing)
+TEST_F(FolderChangesWalkTest, folderThatIsGoneChangesNothing)
 {
     handle("/Music");
     volume.remove("Music/Rock");
@@ -89,7 +89,7 @@ TEST_F(FolderChangesWalk, folderThatIsGoneChangesNothing)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(FolderChangesWalk, linkInItsPlaceIsNotFollowed)
+TEST_F(FolderChangesWalkTest, linkInItsPlaceIsNotFollowed)
 {
     volume.writeFile("outside/secret.mp3");
     handle("/Music");
@@ -102,7 +102,7 @@ TEST_F(FolderChangesWalk, linkInItsPlaceIsNotFollowed)
     EXPECT_EQ(2, watches());
 }
 
-TEST_F(FolderChangesWalk, linkInThePlaceOfAFolderAboveItIsNotFollowed)
+TEST_F(FolderChangesWalkTest, linkInThePlaceOfAFolderAboveItIsNotFollowed)
 {
     volume.writeFile("outside/Live/secret.mp3");
     volume.makeFolder("Music/Rock/Live");
@@ -115,7 +115,7 @@ TEST_F(FolderChangesWalk, linkInThePlaceOfAFolderAboveItIsNotFollowed)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(FolderChangesWalk, volumeThatIsALinkIsWalked)
+TEST_F(FolderChangesWalkTest, volumeThatIsALinkIsWalked)
 {
     configure({});
     useALinkToTheVolume();
@@ -128,7 +128,7 @@ TEST_F(FolderChangesWalk, volumeThatIsALinkIsWalked)
     EXPECT_EQ("[/Music/Rock/b.mp3] 2 in [/Music/Rock]\n[/a.mp3] 2 in []\n", files());
 }
 
-TEST_F(FolderChangesWalk, folderBelowACrawlPathThatIsALinkIsWalked)
+TEST_F(FolderChangesWalkTest, folderBelowACrawlPathThatIsALinkIsWalked)
 {
     volume.makeFolder("real/Rock");
     ASSERT_EQ(0, symlink("../real", volume.path("Music/link").c_str()));
@@ -144,7 +144,7 @@ TEST_F(FolderChangesWalk, folderBelowACrawlPathThatIsALinkIsWalked)
     }
 }
 
-TEST_F(FolderChangesWalk, folderBelowACrawlPathBehindALinkIsWalked)
+TEST_F(FolderChangesWalkTest, folderBelowACrawlPathBehindALinkIsWalked)
 {
     volume.makeFolder("real/deep/Rock");
     ASSERT_EQ(0, symlink("real", volume.path("link").c_str()));
@@ -155,14 +155,14 @@ TEST_F(FolderChangesWalk, folderBelowACrawlPathBehindALinkIsWalked)
     EXPECT_EQ("[/link/deep/Rock/a.mp3] 2 in [/link/deep/Rock]\n", files());
 }
 
-TEST_F(FolderChangesWalk, excludedFolderIsNotWalked)
+TEST_F(FolderChangesWalkTest, excludedFolderIsNotWalked)
 {
     configure({}, { "/Rock" });
     handle("/Music/Rock");
     EXPECT_EQ("", folders());
 }
 
-TEST_F(FolderChangesWalk, holdsNoLockWhileItWalks)
+TEST_F(FolderChangesWalkTest, holdsNoLockWhileItWalks)
 {
     handle("/Music"); // would wait for ever for a lock of its own
     EXPECT_EQ(2, watches());

@@ -20,7 +20,7 @@ std::set<std::string> namesIn(FolderReader& reader)
     return names;
 }
 
-TEST(FolderReader, dotOrDotDotIsTrueForThoseTwoOnly)
+TEST(FolderReaderTest, dotOrDotDotIsTrueForThoseTwoOnly)
 {
     EXPECT_TRUE(IsDotOrDotDot("."));
     EXPECT_TRUE(IsDotOrDotDot(".."));
@@ -28,7 +28,7 @@ TEST(FolderReader, dotOrDotDotIsTrueForThoseTwoOnly)
         EXPECT_FALSE(IsDotOrDotDot(name)) << name;
 }
 
-TEST(FolderReader, listsEverythingButTheTwoDots)
+TEST(FolderReaderTest, listsEverythingButTheTwoDots)
 {
     const TemporaryFolder folder;
     folder.writeFile("a");
@@ -40,7 +40,7 @@ TEST(FolderReader, listsEverythingButTheTwoDots)
     EXPECT_FALSE(reader.hasFailed());
 }
 
-TEST(FolderReader, endsAtAFailure)
+TEST(FolderReaderTest, endsAtAFailure)
 {
     const TemporaryFolder folder;
     folder.writeFile("a");
@@ -51,7 +51,7 @@ TEST(FolderReader, endsAtAFailure)
     EXPECT_TRUE(reader.hasFailed());
 }
 
-TEST(FolderReader, followsLinksUpToTheConfiguredPathAndNoneBelow)
+TEST(FolderReaderTest, followsLinksUpToTheConfiguredPathAndNoneBelow)
 {
     const TemporaryFolder folder;
     folder.writeFile("real/deep/a");
@@ -71,7 +71,7 @@ TEST(FolderReader, followsLinksUpToTheConfiguredPathAndNoneBelow)
     EXPECT_TRUE(FolderReader(folder.path("real"), "").isOpen()) << "a volume that is the root folder";
 }
 
-TEST(FolderReader, opensFoldersOnly)
+TEST(FolderReaderTest, opensFoldersOnly)
 {
     const TemporaryFolder folder;
     folder.writeFile("file");

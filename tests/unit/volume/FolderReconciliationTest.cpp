@@ -9,9 +9,9 @@
 namespace {
 
 /// One folder, /Music, whose content on disk and in the catalogue differ in some way.
-class FolderReconciliation : public VolumeTest {
+class FolderReconciliationTest : public VolumeTest {
 protected:
-    FolderReconciliation()
+    FolderReconciliationTest()
     {
         volume.makeFolder("Music");
         initializeQuietly();
@@ -38,7 +38,7 @@ protected:
     }
 };
 
-TEST_F(FolderReconciliation, newFilesAreInsertedAndVanishedOnesDeleted)
+TEST_F(FolderReconciliationTest, newFilesAreInsertedAndVanishedOnesDeleted)
 {
     makeFiles({ "c.txt" });
     walkQuietly();
@@ -50,7 +50,7 @@ TEST_F(FolderReconciliation, newFilesAreInsertedAndVanishedOnesDeleted)
     expectSummary("/Music", 2, 1, 0, 0);
 }
 
-TEST_F(FolderReconciliation, filesMergeWhereverTheyStandInTheOrder)
+TEST_F(FolderReconciliationTest, filesMergeWhereverTheyStandInTheOrder)
 {
     makeFiles({ "b", "d", "f", "h" });
     walkQuietly();
@@ -66,7 +66,7 @@ TEST_F(FolderReconciliation, filesMergeWhereverTheyStandInTheOrder)
         files());
 }
 
-TEST_F(FolderReconciliation, secondWalkWritesNothing)
+TEST_F(FolderReconciliationTest, secondWalkWritesNothing)
 {
     makeFiles({ "a.mp3", "B.mp3", "\xC3\xA4.mp3", "\xFF", "_", "a", "a.mp", "\x01" });
     makeFolders({ "x", "X", "\xC3\xA5", "\x02", "x y", "x-y" });
@@ -77,7 +77,7 @@ TEST_F(FolderReconciliation, secondWalkWritesNothing)
     expectSummary("/Music", 0, 0, 0, 0);
 }
 
-TEST_F(FolderReconciliation, revivedFileKeepsItsId)
+TEST_F(FolderReconciliationTest, revivedFileKeepsItsId)
 {
     makeFiles({ "a.mp3" });
     walkQuietly();
@@ -92,7 +92,7 @@ TEST_F(FolderReconciliation, revivedFileKeepsItsId)
     expectSummary("/Music", 1, 0, 0, 0);
 }
 
-TEST_F(FolderReconciliation, vanishedFolderIsDeletedWithAllBelowItAndItsWatchEnds)
+TEST_F(FolderReconciliationTest, vanishedFolderIsDeletedWithAllBelowItAndItsWatchEnds)
 {
     makeFolders({ "Rock" });
     volume.writeFile("Music/Rock/Live/1.mp3");
@@ -110,7 +110,7 @@ TEST_F(FolderReconciliation, vanishedFolderIsDeletedWithAllBelowItAndItsWatchEnd
     EXPECT_TRUE(endsWatchOf("/Music/Rock/Live"));
 }
 
-TEST_F(FolderReconciliation, watchOfAVanishedFolderIsFoundByTheNameInTheCatalogue)
+TEST_F(FolderReconciliationTest, watchOfAVanishedFolderIsFoundByTheNameInTheCatalogue)
 {
     makeFolders({ "Rock" });
     walkQuietly();
@@ -121,7 +121,7 @@ TEST_F(FolderReconciliation, watchOfAVanishedFolderIsFoundByTheNameInTheCatalogu
     EXPECT_TRUE(endsWatchOf("/Music/Rock"));
 }
 
-TEST_F(FolderReconciliation, newFoldersCountOnlyBeforeACataloguedSibling)
+TEST_F(FolderReconciliationTest, newFoldersCountOnlyBeforeACataloguedSibling)
 {
     makeFolders({ "m" });
     walkQuietly();
@@ -134,7 +134,7 @@ TEST_F(FolderReconciliation, newFoldersCountOnlyBeforeACataloguedSibling)
         folders());
 }
 
-TEST_F(FolderReconciliation, foldersMergeWhereverTheyStandInTheOrder)
+TEST_F(FolderReconciliationTest, foldersMergeWhereverTheyStandInTheOrder)
 {
     makeFolders({ "b", "d", "f", "h" });
     walkQuietly();
@@ -149,7 +149,7 @@ TEST_F(FolderReconciliation, foldersMergeWhereverTheyStandInTheOrder)
         folders());
 }
 
-TEST_F(FolderReconciliation, fileThatBecameAFolderAndFolderThatBecameAFile)
+TEST_F(FolderReconciliationTest, fileThatBecameAFolderAndFolderThatBecameAFile)
 {
     makeFiles({ "one" });
     makeFolders({ "two" });
@@ -164,7 +164,7 @@ TEST_F(FolderReconciliation, fileThatBecameAFolderAndFolderThatBecameAFile)
     EXPECT_EQ("[/Music/one] 4 in [/Music] deleted\n[/Music/two] 4 in [/Music]\n", files());
 }
 
-TEST_F(FolderReconciliation, everyOtherTypeIsIgnored)
+TEST_F(FolderReconciliationTest, everyOtherTypeIsIgnored)
 {
     volume.writeFile("outside/a.mp3");
     ASSERT_EQ(0, symlink(volume.path("outside").c_str(), volume.path("Music/folder").c_str()));
@@ -178,7 +178,7 @@ TEST_F(FolderReconciliation, everyOtherTypeIsIgnored)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(FolderReconciliation, entryWithoutATypeIsIgnoredAndNotLookedUp)
+TEST_F(FolderReconciliationTest, entryWithoutATypeIsIgnoredAndNotLookedUp)
 {
     makeFiles({ "a.mp3" });
     makeFolders({ "Rock" });
@@ -192,7 +192,7 @@ TEST_F(FolderReconciliation, entryWithoutATypeIsIgnoredAndNotLookedUp)
     EXPECT_EQ("", files());
 }
 
-TEST_F(FolderReconciliation, entryWithoutANameIsIgnored)
+TEST_F(FolderReconciliationTest, entryWithoutANameIsIgnored)
 {
     dirent nameless = {};
     nameless.d_type = DT_DIR;
@@ -204,7 +204,7 @@ TEST_F(FolderReconciliation, entryWithoutANameIsIgnored)
     EXPECT_EQ(1, timesLoggedFrom("For folder"));
 }
 
-TEST_F(FolderReconciliation, hiddenEntriesAreCataloguedLikeOthers)
+TEST_F(FolderReconciliationTest, hiddenEntriesAreCataloguedLikeOthers)
 {
     makeFiles({ ".hidden", "...", "..a" });
     makeFolders({ ".Rock" });
@@ -213,7 +213,7 @@ TEST_F(FolderReconciliation, hiddenEntriesAreCataloguedLikeOthers)
     EXPECT_EQ("[/Music/...] 4 in [/Music]\n[/Music/..a] 4 in [/Music]\n[/Music/.hidden] 4 in [/Music]\n", files());
 }
 
-TEST_F(FolderReconciliation, eachSubfolderCostsOneMoreLookUp)
+TEST_F(FolderReconciliationTest, eachSubfolderCostsOneMoreLookUp)
 {
     makeFolders({ "a", "b", "c" });
     walkQuietly();
@@ -223,7 +223,7 @@ TEST_F(FolderReconciliation, eachSubfolderCostsOneMoreLookUp)
     EXPECT_EQ(4 * 2 + 3, lookUps.count());
 }
 
-TEST_F(FolderReconciliation, folderIsWatchedBeforeItIsRead)
+TEST_F(FolderReconciliationTest, folderIsWatchedBeforeItIsRead)
 {
     makeFiles({ "a.mp3" });
     int watchesAtTheRead = 0;
@@ -235,7 +235,7 @@ TEST_F(FolderReconciliation, folderIsWatchedBeforeItIsRead)
     EXPECT_EQ(1, watchesAtTheRead);
 }
 
-TEST_F(FolderReconciliation, folderThatCannotBeOpenedKeepsItsRowsAndIsWatched)
+TEST_F(FolderReconciliationTest, folderThatCannotBeOpenedKeepsItsRowsAndIsWatched)
 {
     makeFiles({ "a.mp3" });
     makeFolders({ "Rock" });

@@ -154,9 +154,9 @@ private:
 };
 
 /// A catalogue of two crawl paths and one file, all of it with times that no disk gives.
-class FileChanges : public HandlerTest {
+class FileChangesTest : public HandlerTest {
 protected:
-    FileChanges()
+    FileChangesTest()
     {
         put("Music/a.mp3", "12345", 100);
         volume.makeFolder("Films");
@@ -179,9 +179,9 @@ protected:
 };
 
 /// The same with a tree of folders, which are watched.
-class FolderChanges : public HandlerTest {
+class FolderChangesTest : public HandlerTest {
 protected:
-    FolderChanges()
+    FolderChangesTest()
     {
         put("Music/Rock/Live/b.mp3", "1", 200);
         put("Music/Rock/a.mp3", "12345", 100);

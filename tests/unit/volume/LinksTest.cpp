@@ -10,9 +10,9 @@
 namespace {
 
 /// real/deep/a, with "link" to real and "real/other" to deep.
-class Links : public ::testing::Test {
+class LinksTest : public ::testing::Test {
 protected:
-    Links()
+    LinksTest()
     {
         folder.writeFile("real/deep/a");
         folder.makeFolder("real/deep/b");
@@ -37,7 +37,7 @@ protected:
     TemporaryFolder folder;
 };
 
-TEST_F(Links, countBetweenTheTwoPathsOnly)
+TEST_F(LinksTest, countBetweenTheTwoPathsOnly)
 {
     EXPECT_TRUE(isBehind("real/other/a", "real"));
     EXPECT_FALSE(isBehind("real/deep/a", "real"));
@@ -46,9 +46,9 @@ TEST_F(Links, countBetweenTheTwoPathsOnly)
     EXPECT_FALSE(isBehind("real", "real"));
 }
 
-TEST_F(Links, areNotSeenBehindWhatIsGone) { EXPECT_FALSE(isBehind("real/gone/a", "real")); }
+TEST_F(LinksTest, areNotSeenBehindWhatIsGone) { EXPECT_FALSE(isBehind("real/gone/a", "real")); }
 
-TEST_F(Links, leadToNoFileAndNoFolder)
+TEST_F(LinksTest, leadToNoFileAndNoFolder)
 {
     EXPECT_EQ("file", found("real/deep/a"));
     EXPECT_EQ("folder", found("real/deep/b"));

@@ -16,7 +16,7 @@ namespace {
 
 constexpr int now = 1700000000;
 
-class PurgeSchedule : public VolumeTest {
+class PurgeScheduleTest : public VolumeTest {
 protected:
     /// The manager of a volume whose state file says that the last purge was then.
     void initializeWithLastPurge(const std::string& seconds)
@@ -60,7 +60,7 @@ protected:
     ClockAt clock { now };
 };
 
-TEST_F(PurgeSchedule, firstPurgeIsDueAtOnceAndTheNextOneThresholdLater)
+TEST_F(PurgeScheduleTest, firstPurgeIsDueAtOnceAndTheNextOneThresholdLater)
 {
     initializeQuietly();
     EXPECT_EQ(purged(now), purgeAt(now, 3600));
@@ -71,7 +71,7 @@ TEST_F(PurgeSchedule, firstPurgeIsDueAtOnceAndTheNextOneThresholdLater)
     EXPECT_EQ(times("1700003600", "1700000000"), stored());
 }
 
-TEST_F(PurgeSchedule, purgeIsDueTwoThresholdsAfterTheStoredTime)
+TEST_F(PurgeScheduleTest, purgeIsDueTwoThresholdsAfterTheStoredTime)
 {
     initializeWithLastPurge(std::to_string(now));
     EXPECT_EQ("", purgeAt(now, 3600));
@@ -81,7 +81,7 @@ TEST_F(PurgeSchedule, purgeIsDueTwoThresholdsAfterTheStoredTime)
     EXPECT_EQ(times("1700007200", "1700003600"), stored());
 }
 
-TEST_F(PurgeSchedule, sumThatWrapsIn32BitsIsComparedAsSigned)
+TEST_F(PurgeScheduleTest, sumThatWrapsIn32BitsIsComparedAsSigned)
 {
     initializeWithLastPurge("0");
     EXPECT_EQ("", purgeAt(now, 1073741823));          // 2147483646
@@ -89,21 +89,21 @@ TEST_F(PurgeSchedule, sumThatWrapsIn32BitsIsComparedAsSigned)
     EXPECT_EQ(times("1700000000", "626258176"), stored());
 }
 
-TEST_F(PurgeSchedule, lastPurgeInTheFarFutureWrapsAsWell)
+TEST_F(PurgeScheduleTest, lastPurgeInTheFarFutureWrapsAsWell)
 {
     initializeWithLastPurge("2147483647");
     EXPECT_EQ("", purgeAt(now, 0));
     EXPECT_EQ(purged(now), purgeAt(now, 1));
 }
 
-TEST_F(PurgeSchedule, storedTimeWrapsIn32Bits)
+TEST_F(PurgeScheduleTest, storedTimeWrapsIn32Bits)
 {
     initializeWithLastPurge("0");
     EXPECT_EQ(purged(now), purgeAt(now, -1000000000));
     EXPECT_EQ(times("1700000000", "-1594967296"), stored());
 }
 
-TEST_F(PurgeSchedule, standbyMeansNoPurge)
+TEST_F(PurgeScheduleTest, standbyMeansNoPurge)
 {
     initializeWithLastPurge("0");
     ASSERT_EQ(0, mkdir("/tmp/standby", 0755));
@@ -113,7 +113,7 @@ TEST_F(PurgeSchedule, standbyMeansNoPurge)
     EXPECT_EQ(purged(now), purgeAt(now, 3600));
 }
 
-TEST_F(PurgeSchedule, lastLineTellsTheTimeAtItsEnd)
+TEST_F(PurgeScheduleTest, lastLineTellsTheTimeAtItsEnd)
 {
     initializeWithLastPurge("0");
     clock.tick();
@@ -127,7 +127,7 @@ TEST_F(PurgeSchedule, lastLineTellsTheTimeAtItsEnd)
     EXPECT_NE(std::string::npos, stored().find("<last_purge_time>1699996400<")); // of the time at its start
 }
 
-TEST_F(PurgeSchedule, lockIsHeldUntilTheLastLineAndNotTakenWhenNothingIsDue)
+TEST_F(PurgeScheduleTest, lockIsHeldUntilTheLastLineAndNotTakenWhenNothingIsDue)
 {
     initializeWithLastPurge("0");
     std::vector<std::string> events;
@@ -144,7 +144,7 @@ TEST_F(PurgeSchedule, lockIsHeldUntilTheLastLineAndNotTakenWhenNothingIsDue)
     EXPECT_EQ(std::vector<std::string> {}, events);
 }
 
-TEST_F(PurgeSchedule, removesRowsThatHaveBeenDeletedLongEnough)
+TEST_F(PurgeScheduleTest, removesRowsThatHaveBeenDeletedLongEnough)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -164,7 +164,7 @@ TEST_F(PurgeSchedule, removesRowsThatHaveBeenDeletedLongEnough)
     EXPECT_EQ("[/Music] root\n[/Music/recent] in [/Music] deleted\n", folders());
 }
 
-TEST_F(PurgeSchedule, mainFileAloneIsCompleteAfterwards)
+TEST_F(PurgeScheduleTest, mainFileAloneIsCompleteAfterwards)
 {
     volume.writeFile("Music/a.mp3");
     initializeQuietly();
@@ -176,7 +176,7 @@ TEST_F(PurgeSchedule, mainFileAloneIsCompleteAfterwards)
     EXPECT_EQ("0\n", queryCatalogue(volume.path("copy.db"), "select count(*) from Files"));
 }
 
-TEST_F(PurgeSchedule, failedFilePurgePassesOnAndStoresNothing)
+TEST_F(PurgeScheduleTest, failedFilePurgePassesOnAndStoresNothing)
 {
     initializeWithLastPurge("0");
     const BrokenStatement broken("delete from files");
@@ -188,7 +188,7 @@ TEST_F(PurgeSchedule, failedFilePurgePassesOnAndStoresNothing)
     EXPECT_THROW(manager->purgeIfRequired(3600), DBOperationException); // the lock is free again
 }
 
-TEST_F(PurgeSchedule, failedFolderPurgePassesOnAndStoresNothing)
+TEST_F(PurgeScheduleTest, failedFolderPurgePassesOnAndStoresNothing)
 {
     initializeWithLastPurge("0");
     const BrokenStatement broken("delete from folders where is_deleted");
@@ -199,7 +199,7 @@ TEST_F(PurgeSchedule, failedFolderPurgePassesOnAndStoresNothing)
     EXPECT_EQ(times("3", "0"), stored());
 }
 
-TEST_F(PurgeSchedule, stateFileThatCannotBeParsedPassesOnAsItsText)
+TEST_F(PurgeScheduleTest, stateFileThatCannotBeParsedPassesOnAsItsText)
 {
     initializeWithLastPurge("0");
     volume.writeFile(".quarrow/quarrow-volume.xml", "no xml");
@@ -217,7 +217,7 @@ TEST_F(PurgeSchedule, stateFileThatCannotBeParsedPassesOnAsItsText)
     }
 }
 
-TEST_F(PurgeSchedule, waitsForTheFolderThatIsBeingWalked)
+TEST_F(PurgeScheduleTest, waitsForTheFolderThatIsBeingWalked)
 {
     volume.makeFolder("Music");
     initializeQuietly();

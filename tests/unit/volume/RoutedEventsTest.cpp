@@ -5,9 +5,9 @@
 namespace {
 
 /// A manager as the watcher's listener, and the folders that it walked under watch.
-class RoutedEvents : public FolderChanges {
+class RoutedEventsTest : public FolderChangesTest {
 protected:
-    RoutedEvents() { watcher->addVolumeWatchListener(name, manager.get()); }
+    RoutedEventsTest() { watcher->addVolumeWatchListener(name, manager.get()); }
 
     int descriptorOf(const std::string& below)
     {
@@ -19,7 +19,7 @@ protected:
     VolumeWatcher* const watcher = VolumeWatcher::getInstance();
 };
 
-TEST_F(RoutedEvents, deletedFolderLosesItsRowsAndItsWatchAndThoseBelowKeepTheirs)
+TEST_F(RoutedEventsTest, deletedFolderLosesItsRowsAndItsWatchAndThoseBelowKeepTheirs)
 {
     volume.remove("Music/Rock");
     watcher->handleDeleteFolder(event("/Music", "Rock").get());
@@ -30,7 +30,7 @@ TEST_F(RoutedEvents, deletedFolderLosesItsRowsAndItsWatchAndThoseBelowKeepTheirs
     EXPECT_TRUE(endsWatchOf("/Music/Rock/Live"));
 }
 
-TEST_F(RoutedEvents, movedFolderKeepsItsWatchesUnderTheirNewPaths)
+TEST_F(RoutedEventsTest, movedFolderKeepsItsWatchesUnderTheirNewPaths)
 {
     const int wd = descriptorOf("/Music/Rock");
     const int wdBelow = descriptorOf("/Music/Rock/Live");
@@ -47,7 +47,7 @@ TEST_F(RoutedEvents, movedFolderKeepsItsWatchesUnderTheirNewPaths)
               " from Files f where is_deleted = 0 order by path"));
 }
 
-TEST_F(RoutedEvents, folderWhoseMoveFailedIsWatchedAtItsNewPlaceAndTheNextWalkDoesTheRest)
+TEST_F(RoutedEventsTest, folderWhoseMoveFailedIsWatchedAtItsNewPlaceAndTheNextWalkDoesTheRest)
 {
     rename("/Music/Rock", "/Films/Pop");
     {
@@ -68,7 +68,7 @@ TEST_F(RoutedEvents, folderWhoseMoveFailedIsWatchedAtItsNewPlaceAndTheNextWalkDo
         files());
 }
 
-TEST_F(RoutedEvents, moveOntoWhatIsNoFolderTakesTheOldWatchAway)
+TEST_F(RoutedEventsTest, moveOntoWhatIsNoFolderTakesTheOldWatchAway)
 {
     put("Films/Pop", "a file", 1);
     testing::internal::CaptureStdout();
@@ -80,7 +80,7 @@ TEST_F(RoutedEvents, moveOntoWhatIsNoFolderTakesTheOldWatchAway)
     EXPECT_TRUE(endsWatchOf("/Films/Pop")) << "a file can be watched as well, and no one asks what it is";
 }
 
-TEST_F(RoutedEvents, newFolderIsWatched)
+TEST_F(RoutedEventsTest, newFolderIsWatched)
 {
     volume.makeFolder("Films/New/Deep");
     watcher->handleNewFolder(event("/Films", "New").get());
@@ -89,7 +89,7 @@ TEST_F(RoutedEvents, newFolderIsWatched)
     EXPECT_TRUE(endsWatchOf("/Films/New/Deep"));
 }
 
-TEST_F(RoutedEvents, filesOfAnyNameAreFollowed)
+TEST_F(RoutedEventsTest, filesOfAnyNameAreFollowed)
 {
     const auto row = [](int id, const std::string& fileName, const std::string& rest) {
         return "file " + std::to_string(id) + " '" + fileName + "' in 4 /Films/" + fileName + " 2 " + rest + "\n";
@@ -110,7 +110,7 @@ TEST_F(RoutedEvents, filesOfAnyNameAreFollowed)
     EXPECT_EQ(4, watches());
 }
 
-TEST_F(RoutedEvents, changeInACrawlPathIsWalkedAsARootAndBelowItNot)
+TEST_F(RoutedEventsTest, changeInACrawlPathIsWalkedAsARootAndBelowItNot)
 {
     const auto goingToWalk = [this](const std::string& below, const char* found) {
         return info("Going to walk " + root + below + " in handleChangeFolder and found is " + found + "\n");

@@ -12,9 +12,9 @@
 namespace {
 
 /// A catalogue that fails under the walk.
-class TreeWalkCatalogueFailure : public VolumeTest {
+class TreeWalkCatalogueFailureTest : public VolumeTest {
 protected:
-    TreeWalkCatalogueFailure()
+    TreeWalkCatalogueFailureTest()
     {
         volume.makeFolder("Music");
         initializeQuietly();
@@ -26,7 +26,7 @@ protected:
     }
 };
 
-TEST_F(TreeWalkCatalogueFailure, withoutFolderTableTheFolderIsSkipped)
+TEST_F(TreeWalkCatalogueFailureTest, withoutFolderTableTheFolderIsSkipped)
 {
     change("drop table Folders");
     walk("/Music");
@@ -38,7 +38,7 @@ TEST_F(TreeWalkCatalogueFailure, withoutFolderTableTheFolderIsSkipped)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 1/0\n"));
 }
 
-TEST_F(TreeWalkCatalogueFailure, withoutFileTableTheListsAreEmptyAndTheWalkGoesOn)
+TEST_F(TreeWalkCatalogueFailureTest, withoutFileTableTheListsAreEmptyAndTheWalkGoesOn)
 {
     volume.writeFile("Music/a.mp3");
     volume.makeFolder("Music/Rock");
@@ -55,7 +55,7 @@ TEST_F(TreeWalkCatalogueFailure, withoutFileTableTheListsAreEmptyAndTheWalkGoesO
     EXPECT_EQ(2, watches());
 }
 
-TEST_F(TreeWalkCatalogueFailure, failedFileListLeavesTheFolderListEmptyToo)
+TEST_F(TreeWalkCatalogueFailureTest, failedFileListLeavesTheFolderListEmptyToo)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/gone.mp3");
@@ -70,7 +70,7 @@ TEST_F(TreeWalkCatalogueFailure, failedFileListLeavesTheFolderListEmptyToo)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n[/Music/gone.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(TreeWalkCatalogueFailure, failedFolderListLeavesTheFileListAsItIs)
+TEST_F(TreeWalkCatalogueFailureTest, failedFolderListLeavesTheFileListAsItIs)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/gone.mp3");
@@ -87,7 +87,7 @@ TEST_F(TreeWalkCatalogueFailure, failedFolderListLeavesTheFileListAsItIs)
     EXPECT_EQ("[/Music] root\n[/Music/gone] in [/Music]\n", folders());
 }
 
-TEST_F(TreeWalkCatalogueFailure, oneFileThatFailsDoesNotKeepTheOthersOut)
+TEST_F(TreeWalkCatalogueFailureTest, oneFileThatFailsDoesNotKeepTheOthersOut)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -103,7 +103,7 @@ TEST_F(TreeWalkCatalogueFailure, oneFileThatFailsDoesNotKeepTheOthersOut)
     EXPECT_EQ("4\n", query("select count(*) from Files where is_deleted=0"));
 }
 
-TEST_F(TreeWalkCatalogueFailure, folderIsUndoneAndTheWalkGoesOnBelowIt)
+TEST_F(TreeWalkCatalogueFailureTest, folderIsUndoneAndTheWalkGoesOnBelowIt)
 {
     volume.writeFile("Music/gone.mp3");
     walk("/Music");
@@ -125,7 +125,7 @@ TEST_F(TreeWalkCatalogueFailure, folderIsUndoneAndTheWalkGoesOnBelowIt)
         files());
 }
 
-TEST_F(TreeWalkCatalogueFailure, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
+TEST_F(TreeWalkCatalogueFailureTest, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
 {
     volume.makeFolder("Music/Rock");
     {
@@ -139,7 +139,7 @@ TEST_F(TreeWalkCatalogueFailure, folderWhoseOwnRowIsUndoneIsNotWalkedBelow)
     EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders());
 }
 
-TEST_F(TreeWalkCatalogueFailure, transactionThatCannotBeginAbandonsTheFolder)
+TEST_F(TreeWalkCatalogueFailureTest, transactionThatCannotBeginAbandonsTheFolder)
 {
     walk("/Music");
     volume.writeFile("Music/a.mp3");
@@ -154,7 +154,7 @@ TEST_F(TreeWalkCatalogueFailure, transactionThatCannotBeginAbandonsTheFolder)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(TreeWalkCatalogueFailure, volumeWhoseOwnRowWasUndoneGetsItWithTheNextChange)
+TEST_F(TreeWalkCatalogueFailureTest, volumeWhoseOwnRowWasUndoneGetsItWithTheNextChange)
 {
     configure({});
     volume.writeFile("a.mp3");
@@ -170,7 +170,7 @@ TEST_F(TreeWalkCatalogueFailure, volumeWhoseOwnRowWasUndoneGetsItWithTheNextChan
     EXPECT_EQ("[/Music/b.mp3] 2 in [/Music]\n[/a.mp3] 2 in []\n", files());
 }
 
-TEST_F(TreeWalkCatalogueFailure, nothingIsWrittenOnceTheListingHasUndoneTheTransaction)
+TEST_F(TreeWalkCatalogueFailureTest, nothingIsWrittenOnceTheListingHasUndoneTheTransaction)
 {
     walk("/Music");
     volume.writeFile("Music/a.mp3");
@@ -190,7 +190,7 @@ TEST_F(TreeWalkCatalogueFailure, nothingIsWrittenOnceTheListingHasUndoneTheTrans
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(TreeWalkCatalogueFailure, emptyCatalogueFileGetsNoTablesAndNoHarmIsDone)
+TEST_F(TreeWalkCatalogueFailureTest, emptyCatalogueFileGetsNoTablesAndNoHarmIsDone)
 {
     destroy();
     manager = std::make_unique<VolumeManager>();
@@ -202,7 +202,7 @@ TEST_F(TreeWalkCatalogueFailure, emptyCatalogueFileGetsNoTablesAndNoHarmIsDone)
     EXPECT_EQ("", query("select name from sqlite_master"));
 }
 
-TEST_F(TreeWalkCatalogueFailure, fileThatIsNoCatalogueStaysAsItIs)
+TEST_F(TreeWalkCatalogueFailureTest, fileThatIsNoCatalogueStaysAsItIs)
 {
     destroy();
     manager = std::make_unique<VolumeManager>();
@@ -218,7 +218,7 @@ TEST_F(TreeWalkCatalogueFailure, fileThatIsNoCatalogueStaysAsItIs)
 }
 
 /// The catalogue on a file system of its own that can be filled to the brim.
-class TreeWalkOnAFullVolume : public TreeWalkCatalogueFailure {
+class TreeWalkFullVolumeTest : public TreeWalkCatalogueFailureTest {
 protected:
     void SetUp() override
     {
@@ -272,7 +272,7 @@ protected:
     bool mounted = false;
 };
 
-TEST_F(TreeWalkOnAFullVolume, folderThatDoesNotFitIsAbandonedAtItsCommit)
+TEST_F(TreeWalkFullVolumeTest, folderThatDoesNotFitIsAbandonedAtItsCommit)
 {
     makeFiles(1000, 20);
     fill();
@@ -286,7 +286,7 @@ TEST_F(TreeWalkOnAFullVolume, folderThatDoesNotFitIsAbandonedAtItsCommit)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(TreeWalkOnAFullVolume, nothingMoreIsWrittenForAFolderThatFailedHalfWay)
+TEST_F(TreeWalkFullVolumeTest, nothingMoreIsWrittenForAFolderThatFailedHalfWay)
 {
     makeFiles(2500, 250); // more than what a transaction keeps in memory
     fill();

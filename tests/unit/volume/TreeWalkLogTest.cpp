@@ -6,9 +6,9 @@
 namespace {
 
 /// What a walk logs, whole.
-class TreeWalkLog : public VolumeTest {
+class TreeWalkLogTest : public VolumeTest {
 protected:
-    TreeWalkLog() { initializeQuietly(); }
+    TreeWalkLogTest() { initializeQuietly(); }
 
     /// The walk of a folder "Music" that holds nothing.
     std::vector<LogLine> logOfOneFolder()
@@ -39,7 +39,7 @@ protected:
     ClockAt clock { 1700000000 };
 };
 
-TEST_F(TreeWalkLog, ofASmallTree)
+TEST_F(TreeWalkLogTest, ofASmallTree)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -51,7 +51,7 @@ TEST_F(TreeWalkLog, ofASmallTree)
     EXPECT_EQ(complete(expected, "2/3", 2), loggedLines());
 }
 
-TEST_F(TreeWalkLog, ofASecondWalkCountsEverythingSeen)
+TEST_F(TreeWalkLogTest, ofASecondWalkCountsEverythingSeen)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/Rock/c.mp3");
@@ -63,7 +63,7 @@ TEST_F(TreeWalkLog, ofASecondWalkCountsEverythingSeen)
     EXPECT_EQ(complete(expected, "2/2", 2), loggedLines());
 }
 
-TEST_F(TreeWalkLog, ofThingsThatWent)
+TEST_F(TreeWalkLogTest, ofThingsThatWent)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/Rock/c.mp3");
@@ -79,7 +79,7 @@ TEST_F(TreeWalkLog, ofThingsThatWent)
     EXPECT_EQ(complete(expected, "1/0", 1), loggedLines());
 }
 
-TEST_F(TreeWalkLog, ofTheThread)
+TEST_F(TreeWalkLogTest, ofTheThread)
 {
     configure({ "/Music" });
     volume.makeFolder("Music");
@@ -91,14 +91,14 @@ TEST_F(TreeWalkLog, ofTheThread)
     EXPECT_EQ(expected, loggedLines());
 }
 
-TEST_F(TreeWalkLog, ofAStartFolderThatIsMissing)
+TEST_F(TreeWalkLogTest, ofAStartFolderThatIsMissing)
 {
     walk("/Music");
     EXPECT_EQ(complete(summary("/Music", 0, 0, 0, 0), "1/0", 0), loggedLines());
     EXPECT_EQ("", folders());
 }
 
-TEST_F(TreeWalkLog, tellsTheWholeSecondsThatTheWalkTook)
+TEST_F(TreeWalkLogTest, tellsTheWholeSecondsThatTheWalkTook)
 {
     const OnReaddir later([this](const std::string&, dirent* entry) {
         clock.set(1700000007);
@@ -108,7 +108,7 @@ TEST_F(TreeWalkLog, tellsTheWholeSecondsThatTheWalkTook)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "The time taken: 7\n"));
 }
 
-TEST_F(TreeWalkLog, tellsOfEveryThousandthFolder)
+TEST_F(TreeWalkLogTest, tellsOfEveryThousandthFolder)
 {
     for (int folder = 0; folder < 2499; ++folder)
         volume.makeFolder("Music/" + std::to_string(folder));
@@ -119,7 +119,7 @@ TEST_F(TreeWalkLog, tellsOfEveryThousandthFolder)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 2500/0\n"));
 }
 
-TEST_F(TreeWalkLog, folderThatIsGoneRepeatsTheFiguresOfTheOneBefore)
+TEST_F(TreeWalkLogTest, folderThatIsGoneRepeatsTheFiguresOfTheOneBefore)
 {
     for (const char* file : { "Music/1", "Music/2", "Music/3" })
         volume.writeFile(file);
@@ -137,7 +137,7 @@ TEST_F(TreeWalkLog, folderThatIsGoneRepeatsTheFiguresOfTheOneBefore)
     EXPECT_EQ("[/Music] root\n", folders());
 }
 
-TEST_F(TreeWalkLog, figuresStartAtNothingInTheNextFolder)
+TEST_F(TreeWalkLogTest, figuresStartAtNothingInTheNextFolder)
 {
     volume.writeFile("Music/a/1");
     volume.writeFile("Music/2");
@@ -147,20 +147,20 @@ TEST_F(TreeWalkLog, figuresStartAtNothingInTheNextFolder)
     expectSummary("/Music/a", 1, 0, 0, 0);
 }
 
-TEST_F(TreeWalkLog, listingOf1500MillisecondsTakesSomeTime)
+TEST_F(TreeWalkLogTest, listingOf1500MillisecondsTakesSomeTime)
 {
     const SlowMachine slow(std::chrono::milliseconds(1500));
     const std::vector<LogLine> log = logOfOneFolder();
     EXPECT_EQ(withFirstLine("Taking some time for " + root + "/Music as list are file=0 folder=0\n"), log);
 }
 
-TEST_F(TreeWalkLog, listingOf1499MillisecondsDoesNot)
+TEST_F(TreeWalkLogTest, listingOf1499MillisecondsDoesNot)
 {
     const SlowMachine slow(std::chrono::milliseconds(1499));
     EXPECT_EQ(complete(summary("/Music", 0, 0, 0, 0), "1/0", 1), logOfOneFolder());
 }
 
-TEST_F(TreeWalkLog, slowListingTellsWhatItListed)
+TEST_F(TreeWalkLogTest, slowListingTellsWhatItListed)
 {
     volume.writeFile("Music/a");
     volume.writeFile("Music/b");
@@ -172,7 +172,7 @@ TEST_F(TreeWalkLog, slowListingTellsWhatItListed)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Taking some time for " + root + "/Music/Rock as list are file=0 folder=0\n"));
 }
 
-TEST_F(TreeWalkLog, percentSignsStandAsTheyAre)
+TEST_F(TreeWalkLogTest, percentSignsStandAsTheyAre)
 {
     volume.writeFile("Music/100%s %n%d.mp3");
     volume.makeFolder("Music/%s%n");
@@ -183,7 +183,7 @@ TEST_F(TreeWalkLog, percentSignsStandAsTheyAre)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Removing " + root + "/Music/%s%n \n"));
 }
 
-TEST_F(TreeWalkLog, lockIsTakenFolderByFolderAndFreedAfterTheSummary)
+TEST_F(TreeWalkLogTest, lockIsTakenFolderByFolderAndFreedAfterTheSummary)
 {
     volume.makeFolder("Music/Rock");
     std::vector<std::string> events;

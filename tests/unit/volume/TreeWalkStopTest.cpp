@@ -4,9 +4,9 @@
 namespace {
 
 /// A stop in the middle of a walk: what was begun is kept, what was not yet looked at is not taken for gone.
-class TreeWalkStop : public VolumeTest {
+class TreeWalkStopTest : public VolumeTest {
 protected:
-    TreeWalkStop() { initializeQuietly(); }
+    TreeWalkStopTest() { initializeQuietly(); }
 
     /// Asks for the stop when that many entries of the folder were read, the two dots not counted.
     OnReaddir::Hook stopAfter(const std::string& below, int entries)
@@ -47,7 +47,7 @@ protected:
     const std::string folderDeletion = "update folders set is_deleted = 1";
 };
 
-TEST_F(TreeWalkStop, beforeTheWalkLeavesOnlyTheLastLines)
+TEST_F(TreeWalkStopTest, beforeTheWalkLeavesOnlyTheLastLines)
 {
     volume.makeFolder("Music");
     manager->requestStop();
@@ -58,7 +58,7 @@ TEST_F(TreeWalkStop, beforeTheWalkLeavesOnlyTheLastLines)
     EXPECT_EQ("", folders());
 }
 
-TEST_F(TreeWalkStop, endsTheReadingOfTheFolderAndKeepsItsRow)
+TEST_F(TreeWalkStopTest, endsTheReadingOfTheFolderAndKeepsItsRow)
 {
     for (const char* file : { "Music/a", "Music/b", "Music/c" })
         volume.writeFile(file);
@@ -72,7 +72,7 @@ TEST_F(TreeWalkStop, endsTheReadingOfTheFolderAndKeepsItsRow)
     expectSummary("/Music", 0, 0, 0, 0);
 }
 
-TEST_F(TreeWalkStop, takesNothingForGoneThatWasNotRead)
+TEST_F(TreeWalkStopTest, takesNothingForGoneThatWasNotRead)
 {
     for (const char* file : { "Music/a", "Music/b", "Music/c" })
         volume.writeFile(file);
@@ -88,7 +88,7 @@ TEST_F(TreeWalkStop, takesNothingForGoneThatWasNotRead)
     EXPECT_EQ("[/Music/a] 4 in [/Music]\n[/Music/b] 4 in [/Music]\n[/Music/c] 4 in [/Music]\n", files());
 }
 
-TEST_F(TreeWalkStop, mergesNothingMore)
+TEST_F(TreeWalkStopTest, mergesNothingMore)
 {
     volume.writeFile("Music/a");
     volume.makeFolder("Music/x");
@@ -105,7 +105,7 @@ TEST_F(TreeWalkStop, mergesNothingMore)
     expectSummary("/Music", 0, 0, 0, 0);
 }
 
-TEST_F(TreeWalkStop, dropsTheRestOfTheQueue)
+TEST_F(TreeWalkStopTest, dropsTheRestOfTheQueue)
 {
     volume.makeFolder("Music/x/y");
     {
@@ -117,7 +117,7 @@ TEST_F(TreeWalkStop, dropsTheRestOfTheQueue)
     EXPECT_EQ(1, timesLoggedFrom("Finished walk."));
 }
 
-TEST_F(TreeWalkStop, ofTheThreadEndsEveryCrawlPathAtOnce)
+TEST_F(TreeWalkStopTest, ofTheThreadEndsEveryCrawlPathAtOnce)
 {
     configure({ "/a", "/b" });
     volume.makeFolder("a/x");
@@ -133,7 +133,7 @@ TEST_F(TreeWalkStop, ofTheThreadEndsEveryCrawlPathAtOnce)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Finished walk. Walk started at " + root + "/b\n"));
 }
 
-TEST_F(TreeWalkStop, nextStartPutsEverythingRight)
+TEST_F(TreeWalkStopTest, nextStartPutsEverythingRight)
 {
     for (const char* file : { "Music/a", "Music/b/c", "Music/d/e" })
         volume.writeFile(file);
@@ -147,7 +147,7 @@ TEST_F(TreeWalkStop, nextStartPutsEverythingRight)
     EXPECT_EQ("[/Music/a] 4 in [/Music]\n[/Music/b/c] 4 in [/Music/b]\n[/Music/d/e] 4 in [/Music/d]\n", files());
 }
 
-TEST_F(TreeWalkStop, betweenTwoFilesKeepsWhatWasMerged)
+TEST_F(TreeWalkStopTest, betweenTwoFilesKeepsWhatWasMerged)
 {
     for (const char* file : { "Music/a", "Music/b", "Music/c", "Music/d" })
         volume.writeFile(file);
@@ -159,7 +159,7 @@ TEST_F(TreeWalkStop, betweenTwoFilesKeepsWhatWasMerged)
     expectSummary("/Music", 2, 0, 0, 0);
 }
 
-TEST_F(TreeWalkStop, betweenTwoVanishedFoldersKeepsWhatWasMerged)
+TEST_F(TreeWalkStopTest, betweenTwoVanishedFoldersKeepsWhatWasMerged)
 {
     for (const char* folder : { "Music/a", "Music/b", "Music/c" })
         volume.makeFolder(folder);
@@ -175,7 +175,7 @@ TEST_F(TreeWalkStop, betweenTwoVanishedFoldersKeepsWhatWasMerged)
     expectSummary("/Music", 0, 0, 0, 1);
 }
 
-TEST_F(TreeWalkStop, insideTheDeletionOfAVanishedFolderUndoesTheFolderInSilence)
+TEST_F(TreeWalkStopTest, insideTheDeletionOfAVanishedFolderUndoesTheFolderInSilence)
 {
     volume.writeFile("Music/x/1/a.mp3");
     volume.makeFolder("Music/x/2");
@@ -200,7 +200,7 @@ TEST_F(TreeWalkStop, insideTheDeletionOfAVanishedFolderUndoesTheFolderInSilence)
     EXPECT_EQ("[/Music/b.mp3] 2 in [/Music]\n[/Music/x/1/a.mp3] 2 in [/Music/x/1] deleted\n", files());
 }
 
-TEST_F(TreeWalkStop, duringTheRemovalOfTopLevelFoldersLeavesNothingLiveBehind)
+TEST_F(TreeWalkStopTest, duringTheRemovalOfTopLevelFoldersLeavesNothingLiveBehind)
 {
     volume.writeFile("c/x/y/z.mp3");
     volume.makeFolder("a");
@@ -216,7 +216,7 @@ TEST_F(TreeWalkStop, duringTheRemovalOfTopLevelFoldersLeavesNothingLiveBehind)
     EXPECT_EQ("[/c/x/y/z.mp3] 2 in [/c/x/y] deleted\n", files());
 }
 
-TEST_F(TreeWalkStop, betweenTwoTopLevelFoldersKeepsTheSecond)
+TEST_F(TreeWalkStopTest, betweenTwoTopLevelFoldersKeepsTheSecond)
 {
     volume.makeFolder("a");
     volume.makeFolder("b");
@@ -231,7 +231,7 @@ TEST_F(TreeWalkStop, betweenTwoTopLevelFoldersKeepsTheSecond)
     EXPECT_EQ("[/a] root deleted\n[/b] root\n", folders());
 }
 
-TEST_F(TreeWalkStop, duringTheRemovalOfAFolderOfManyFilesLeavesNothingLiveBehind)
+TEST_F(TreeWalkStopTest, duringTheRemovalOfAFolderOfManyFilesLeavesNothingLiveBehind)
 {
     for (const std::string place : { "c", "y" }) { // in the top-level folder itself, and deep below it
         volume.makeFolder("c/x/y");

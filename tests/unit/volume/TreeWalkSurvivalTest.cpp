@@ -8,9 +8,9 @@
 namespace {
 
 /// Folders that change while they are walked, that cannot be read, and what users call their files.
-class TreeWalkSurvival : public VolumeTest {
+class TreeWalkSurvivalTest : public VolumeTest {
 protected:
-    TreeWalkSurvival()
+    TreeWalkSurvivalTest()
     {
         volume.makeFolder("Music");
         initializeQuietly();
@@ -28,7 +28,7 @@ protected:
     }
 };
 
-TEST_F(TreeWalkSurvival, fileThatGoesBeforeItIsLookedAtIsNotInserted)
+TEST_F(TreeWalkSurvivalTest, fileThatGoesBeforeItIsLookedAtIsNotInserted)
 {
     volume.writeFile("Music/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -39,7 +39,7 @@ TEST_F(TreeWalkSurvival, fileThatGoesBeforeItIsLookedAtIsNotInserted)
     EXPECT_EQ(0, timesLoggedFrom("Error"));
 }
 
-TEST_F(TreeWalkSurvival, fileThatBecomesALinkIsNotInserted)
+TEST_F(TreeWalkSurvivalTest, fileThatBecomesALinkIsNotInserted)
 {
     volume.writeFile("secret.mp3", "outside");
     volume.writeFile("Music/a.mp3");
@@ -51,7 +51,7 @@ TEST_F(TreeWalkSurvival, fileThatBecomesALinkIsNotInserted)
     EXPECT_EQ("", files());
 }
 
-TEST_F(TreeWalkSurvival, folderThatBecomesALinkIsNotWalked)
+TEST_F(TreeWalkSurvivalTest, folderThatBecomesALinkIsNotWalked)
 {
     volume.writeFile("outside/secret.mp3");
     volume.makeFolder("Music/Rock");
@@ -65,7 +65,7 @@ TEST_F(TreeWalkSurvival, folderThatBecomesALinkIsNotWalked)
     EXPECT_EQ(1, watches());
 }
 
-TEST_F(TreeWalkSurvival, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
+TEST_F(TreeWalkSurvivalTest, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
 {
     volume.writeFile("outside/secret.mp3");
     volume.makeFolder("Music/Rock");
@@ -83,7 +83,7 @@ TEST_F(TreeWalkSurvival, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
     EXPECT_EQ("", files());
 }
 
-TEST_F(TreeWalkSurvival, nothingIsWalkedThroughALinkThatTookTheFolderAbove)
+TEST_F(TreeWalkSurvivalTest, nothingIsWalkedThroughALinkThatTookTheFolderAbove)
 {
     volume.writeFile("outside/Live/secret.mp3");
     volume.makeFolder("Music/Rock/Live");
@@ -98,7 +98,7 @@ TEST_F(TreeWalkSurvival, nothingIsWalkedThroughALinkThatTookTheFolderAbove)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 3/0\n"));
 }
 
-TEST_F(TreeWalkSurvival, crawlPathsMayLeadThroughLinks)
+TEST_F(TreeWalkSurvivalTest, crawlPathsMayLeadThroughLinks)
 {
     volume.writeFile("real/deep/Rock/a.mp3");
     volume.writeFile("Music/b.mp3");
@@ -110,7 +110,7 @@ TEST_F(TreeWalkSurvival, crawlPathsMayLeadThroughLinks)
     EXPECT_EQ(3, watches());
 }
 
-TEST_F(TreeWalkSurvival, volumeMayBeALink)
+TEST_F(TreeWalkSurvivalTest, volumeMayBeALink)
 {
     volume.writeFile("Music/Rock/a.mp3");
     useALinkToTheVolume();
@@ -119,7 +119,7 @@ TEST_F(TreeWalkSurvival, volumeMayBeALink)
     EXPECT_EQ("[/Music/Rock/a.mp3] 2 in [/Music/Rock]\n", files());
 }
 
-TEST_F(TreeWalkSurvival, startFolderMayBeALink)
+TEST_F(TreeWalkSurvivalTest, startFolderMayBeALink)
 {
     volume.writeFile("real/a.mp3");
     volume.makeFolder("real/Rock");
@@ -129,7 +129,7 @@ TEST_F(TreeWalkSurvival, startFolderMayBeALink)
     EXPECT_EQ("[/link/a.mp3] 2 in [/link]\n", files());
 }
 
-TEST_F(TreeWalkSurvival, readingThatFailsHalfWayIsNotTheEndOfTheFolder)
+TEST_F(TreeWalkSurvivalTest, readingThatFailsHalfWayIsNotTheEndOfTheFolder)
 {
     for (const char* file : { "Music/a", "Music/b", "Music/c" })
         volume.writeFile(file);
@@ -154,7 +154,7 @@ TEST_F(TreeWalkSurvival, readingThatFailsHalfWayIsNotTheEndOfTheFolder)
         files());
 }
 
-TEST_F(TreeWalkSurvival, subfoldersReadBeforeAFailureAreWalked)
+TEST_F(TreeWalkSurvivalTest, subfoldersReadBeforeAFailureAreWalked)
 {
     volume.writeFile("Music/x/1");
     volume.writeFile("Music/a");
@@ -172,7 +172,7 @@ TEST_F(TreeWalkSurvival, subfoldersReadBeforeAFailureAreWalked)
     EXPECT_EQ("[/Music/x/1] 4 in [/Music/x]\n", files());
 }
 
-TEST_F(TreeWalkSurvival, namesAreBytes)
+TEST_F(TreeWalkSurvivalTest, namesAreBytes)
 {
     const std::vector<std::string> names { "\xFF\xFE\xC3", "new\nline", "tab\there", "quote'\"", "back\\slash",
         "100%s%n", " ", "-rf", "*", ";drop table Files", std::string(255, 'n'), "\xC3\xA4", "a\x01\x7F" };
@@ -203,7 +203,7 @@ TEST_F(TreeWalkSurvival, namesAreBytes)
     EXPECT_EQ("[/Music] root\n", query("select '['||path||'] root' from Folders where is_deleted=0"));
 }
 
-TEST_F(TreeWalkSurvival, pathsLongerThan1024BytesAreCatalogued)
+TEST_F(TreeWalkSurvivalTest, pathsLongerThan1024BytesAreCatalogued)
 {
     std::string below = "Music";
     for (int level = 0; level < 8; ++level)
@@ -214,7 +214,7 @@ TEST_F(TreeWalkSurvival, pathsLongerThan1024BytesAreCatalogued)
     EXPECT_TRUE(endsWatchOf("/" + below));
 }
 
-TEST_F(TreeWalkSurvival, timesBeyond2038AreNoChangeEachTime)
+TEST_F(TreeWalkSurvivalTest, timesBeyond2038AreNoChangeEachTime)
 {
     setModifiedTime(volume.writeFile("Music/Rock/a.mp3"), 4102444800);
     setModifiedTime(volume.path("Music/Rock"), 4102444800);
@@ -226,7 +226,7 @@ TEST_F(TreeWalkSurvival, timesBeyond2038AreNoChangeEachTime)
     EXPECT_EQ("", writtenRows());
 }
 
-TEST_F(TreeWalkSurvival, twoRowsOfOneFileBecomeOne)
+TEST_F(TreeWalkSurvivalTest, twoRowsOfOneFileBecomeOne)
 {
     volume.writeFile("Music/a.mp3");
     volume.makeFolder("Music/Rock");
@@ -239,7 +239,7 @@ TEST_F(TreeWalkSurvival, twoRowsOfOneFileBecomeOne)
     EXPECT_EQ("1\n", query("select count(*) from Files where is_deleted=0"));
 }
 
-TEST_F(TreeWalkSurvival, manyEqualRowsDoNotUpsetTheSorting)
+TEST_F(TreeWalkSurvivalTest, manyEqualRowsDoNotUpsetTheSorting)
 {
     volume.makeFolder("Music/Rock");
     walk("/Music");
@@ -252,7 +252,7 @@ TEST_F(TreeWalkSurvival, manyEqualRowsDoNotUpsetTheSorting)
     EXPECT_EQ("1\n", query("select count(*) from Folders where name='Rock' and is_deleted=0"));
 }
 
-TEST_F(TreeWalkSurvival, nextWalkTakesToTheLogAgain)
+TEST_F(TreeWalkSurvivalTest, nextWalkTakesToTheLogAgain)
 {
     destroy();
     sqlite3* connection = nullptr;

@@ -12,12 +12,12 @@
 
 namespace {
 
-class VolumeManagerLifecycle : public VolumeTest {
+class VolumeManagerLifecycleTest : public VolumeTest {
 protected:
     LogLine version() const { return info(std::string("sqlite version: ") + sqlite3_libversion() + "\n"); }
 };
 
-TEST_F(VolumeManagerLifecycle, initializeMakesCatalogueAndStateFile)
+TEST_F(VolumeManagerLifecycleTest, initializeMakesCatalogueAndStateFile)
 {
     EXPECT_TRUE(initialize());
     EXPECT_EQ((std::vector<LogLine> { version(), info("Generating schema") }), loggedLines());
@@ -29,7 +29,7 @@ TEST_F(VolumeManagerLifecycle, initializeMakesCatalogueAndStateFile)
         volume.readFile(".quarrow/quarrow-volume.xml"));
 }
 
-TEST_F(VolumeManagerLifecycle, initializeTakesWhatIsThere)
+TEST_F(VolumeManagerLifecycleTest, initializeTakesWhatIsThere)
 {
     ASSERT_TRUE(initialize());
     walk("");
@@ -43,7 +43,7 @@ TEST_F(VolumeManagerLifecycle, initializeTakesWhatIsThere)
     EXPECT_EQ("[] root\n", before);
 }
 
-TEST_F(VolumeManagerLifecycle, initializeMakesTheVolumeFolderItself)
+TEST_F(VolumeManagerLifecycleTest, initializeMakesTheVolumeFolderItself)
 {
     std::string missing = volume.path("not/there");
     EXPECT_TRUE(manager->initialize(name, missing));
@@ -51,7 +51,7 @@ TEST_F(VolumeManagerLifecycle, initializeMakesTheVolumeFolderItself)
     EXPECT_TRUE(volume.exists("not/there/.quarrow/quarrow-volume.xml"));
 }
 
-TEST_F(VolumeManagerLifecycle, catalogueThatCannotBeMadeIsReportedAsTheStateFile)
+TEST_F(VolumeManagerLifecycleTest, catalogueThatCannotBeMadeIsReportedAsTheStateFile)
 {
     volume.writeFile(".quarrow", "a file where the folder should be");
     EXPECT_FALSE(initialize());
@@ -61,7 +61,7 @@ TEST_F(VolumeManagerLifecycle, catalogueThatCannotBeMadeIsReportedAsTheStateFile
     EXPECT_EQ("a file where the folder should be", volume.readFile(".quarrow"));
 }
 
-TEST_F(VolumeManagerLifecycle, catalogueThatIsAFolderIsReportedAsTheStateFile)
+TEST_F(VolumeManagerLifecycleTest, catalogueThatIsAFolderIsReportedAsTheStateFile)
 {
     volume.makeFolder(".quarrow/quarrow.db");
     EXPECT_FALSE(initialize());
@@ -69,7 +69,7 @@ TEST_F(VolumeManagerLifecycle, catalogueThatIsAFolderIsReportedAsTheStateFile)
     EXPECT_FALSE(volume.exists(".quarrow/quarrow-volume.xml")); // the catalogue comes first
 }
 
-TEST_F(VolumeManagerLifecycle, stateFileThatCannotBeParsedMakesInitializeFail)
+TEST_F(VolumeManagerLifecycleTest, stateFileThatCannotBeParsedMakesInitializeFail)
 {
     volume.writeFile(".quarrow/quarrow-volume.xml", "<Quarrow><Volume>");
     EXPECT_FALSE(initialize());
@@ -79,7 +79,7 @@ TEST_F(VolumeManagerLifecycle, stateFileThatCannotBeParsedMakesInitializeFail)
     EXPECT_EQ("<Quarrow><Volume>", volume.readFile(".quarrow/quarrow-volume.xml"));
 }
 
-TEST_F(VolumeManagerLifecycle, stateFileThatCannotBeMadeIsNoFailure)
+TEST_F(VolumeManagerLifecycleTest, stateFileThatCannotBeMadeIsNoFailure)
 {
     volume.makeFolder(".quarrow/quarrow-volume.xml");
     testing::internal::CaptureStdout();
@@ -87,7 +87,7 @@ TEST_F(VolumeManagerLifecycle, stateFileThatCannotBeMadeIsNoFailure)
     EXPECT_EQ("testXmlwriterMemory: Error at fopen\n", testing::internal::GetCapturedStdout());
 }
 
-TEST_F(VolumeManagerLifecycle, managerIsKnownByItsName)
+TEST_F(VolumeManagerLifecycleTest, managerIsKnownByItsName)
 {
     initializeQuietly();
     EXPECT_EQ(name, manager->getName());
@@ -95,7 +95,7 @@ TEST_F(VolumeManagerLifecycle, managerIsKnownByItsName)
     EXPECT_FALSE(manager->isWalking());
 }
 
-TEST_F(VolumeManagerLifecycle, cataloguePathsBeginBehindTheVolumePathAsHandedIn)
+TEST_F(VolumeManagerLifecycleTest, cataloguePathsBeginBehindTheVolumePathAsHandedIn)
 {
     volume.makeFolder("shelf/Music");
     std::string path = volume.path("shelf");
@@ -106,7 +106,7 @@ TEST_F(VolumeManagerLifecycle, cataloguePathsBeginBehindTheVolumePathAsHandedIn)
             "select '['||path||'] '||case parent_id when -1 then 'root' end from Folders"));
 }
 
-TEST_F(VolumeManagerLifecycle, destroyClosesTheCatalogueAndLeavesOneFile)
+TEST_F(VolumeManagerLifecycleTest, destroyClosesTheCatalogueAndLeavesOneFile)
 {
     initializeQuietly();
     walk("");
@@ -118,7 +118,7 @@ TEST_F(VolumeManagerLifecycle, destroyClosesTheCatalogueAndLeavesOneFile)
     EXPECT_FALSE(volume.exists(".quarrow/quarrow.db-shm"));
 }
 
-TEST_F(VolumeManagerLifecycle, destroyTakesTheListenerAwayAndLeavesTheWatches)
+TEST_F(VolumeManagerLifecycleTest, destroyTakesTheListenerAwayAndLeavesTheWatches)
 {
     initializeQuietly();
     walk("");
@@ -139,7 +139,7 @@ TEST_F(VolumeManagerLifecycle, destroyTakesTheListenerAwayAndLeavesTheWatches)
     EXPECT_TRUE(endsWatchOf(""));
 }
 
-TEST_F(VolumeManagerLifecycle, destroyAfterAFailedInitializeClosesWhatThereIs)
+TEST_F(VolumeManagerLifecycleTest, destroyAfterAFailedInitializeClosesWhatThereIs)
 {
     volume.writeFile(".quarrow/quarrow-volume.xml", "no xml");
     ASSERT_FALSE(initialize());
@@ -148,14 +148,14 @@ TEST_F(VolumeManagerLifecycle, destroyAfterAFailedInitializeClosesWhatThereIs)
     EXPECT_EQ(std::vector<LogLine> { info("sqlite3 handle closed\n") }, loggedLines());
 }
 
-TEST_F(VolumeManagerLifecycle, destroyOfAManagerThatWasNeverInitializedIsSafe)
+TEST_F(VolumeManagerLifecycleTest, destroyOfAManagerThatWasNeverInitializedIsSafe)
 {
     EXPECT_FALSE(manager->isWalking());
     destroy();
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(VolumeManagerLifecycle, destroyTwiceClosesOnce)
+TEST_F(VolumeManagerLifecycleTest, destroyTwiceClosesOnce)
 {
     initializeQuietly();
     manager->destroy();
@@ -163,7 +163,7 @@ TEST_F(VolumeManagerLifecycle, destroyTwiceClosesOnce)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "sqlite3 handle closed\n"));
 }
 
-TEST_F(VolumeManagerLifecycle, standbyIsTheSameForEveryVolume)
+TEST_F(VolumeManagerLifecycleTest, standbyIsTheSameForEveryVolume)
 {
     const auto other = std::make_unique<VolumeManager>();
     EXPECT_FALSE(manager->isVolumeInStandby());
@@ -175,7 +175,7 @@ TEST_F(VolumeManagerLifecycle, standbyIsTheSameForEveryVolume)
     EXPECT_FALSE(manager->isVolumeInStandby());
 }
 
-TEST_F(VolumeManagerLifecycle, failedWalkIsLoggedWithTheName)
+TEST_F(VolumeManagerLifecycleTest, failedWalkIsLoggedWithTheName)
 {
     initializeQuietly();
     manager->logFailedWalk();

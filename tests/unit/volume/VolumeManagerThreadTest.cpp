@@ -20,16 +20,16 @@ constexpr std::size_t stackBytes = 2097152;
 constexpr std::size_t stackBytes = 524288;
 #endif
 
-class VolumeManagerThread : public VolumeTest {
+class VolumeManagerThreadTest : public VolumeTest {
 protected:
-    VolumeManagerThread()
+    VolumeManagerThreadTest()
     {
         volume.writeFile("Music/a.mp3");
         initializeQuietly();
         configure({ "/Music" });
     }
 
-    ~VolumeManagerThread() override
+    ~VolumeManagerThreadTest() override
     {
         letGo();
         destroy(); // before the members that the walk thread uses
@@ -71,7 +71,7 @@ protected:
     std::unique_ptr<OnReaddir> hook;
 };
 
-TEST_F(VolumeManagerThread, walksAndEnds)
+TEST_F(VolumeManagerThreadTest, walksAndEnds)
 {
     walkOnThread();
     EXPECT_FALSE(manager->isWalking());
@@ -80,7 +80,7 @@ TEST_F(VolumeManagerThread, walksAndEnds)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(VolumeManagerThread, walkOnceReturnsWhileTheWalkGoesOn)
+TEST_F(VolumeManagerThreadTest, walkOnceReturnsWhileTheWalkGoesOn)
 {
     stopOnTheWay();
     manager->walkOnce();
@@ -92,7 +92,7 @@ TEST_F(VolumeManagerThread, walkOnceReturnsWhileTheWalkGoesOn)
     EXPECT_EQ(1, timesLoggedFrom("Finished walk"));
 }
 
-TEST_F(VolumeManagerThread, runsOnTheStackInsideTheManagerZeroedEachTime)
+TEST_F(VolumeManagerThreadTest, runsOnTheStackInsideTheManagerZeroedEachTime)
 {
     int started = 0;
     bool zeroed = true;
@@ -115,7 +115,7 @@ TEST_F(VolumeManagerThread, runsOnTheStackInsideTheManagerZeroedEachTime)
     EXPECT_TRUE(zeroed);
 }
 
-TEST_F(VolumeManagerThread, blocksEverySignal)
+TEST_F(VolumeManagerThreadTest, blocksEverySignal)
 {
     std::atomic<int> open = -1;
     const OnReaddir look([&](const std::string&, dirent* entry) {
@@ -130,7 +130,7 @@ TEST_F(VolumeManagerThread, blocksEverySignal)
     EXPECT_EQ(0, open);
 }
 
-TEST_F(VolumeManagerThread, threadThatCannotBeMadeLeavesTheVolumeIdleForTheNextTry)
+TEST_F(VolumeManagerThreadTest, threadThatCannotBeMadeLeavesTheVolumeIdleForTheNextTry)
 {
     {
         const OnThreadCreation refuse([](const pthread_attr_t*) { return EAGAIN; });
@@ -142,7 +142,7 @@ TEST_F(VolumeManagerThread, threadThatCannotBeMadeLeavesTheVolumeIdleForTheNextT
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(VolumeManagerThread, walkOnceItselfNeverSaysThatItWalks)
+TEST_F(VolumeManagerThreadTest, walkOnceItselfNeverSaysThatItWalks)
 {
     SleepyThreads asleep;
     manager->walkOnce();
@@ -151,7 +151,7 @@ TEST_F(VolumeManagerThread, walkOnceItselfNeverSaysThatItWalks)
     EXPECT_FALSE(manager->isWalking());
 }
 
-TEST_F(VolumeManagerThread, standbyStartsNothingAndClearsWalking)
+TEST_F(VolumeManagerThreadTest, standbyStartsNothingAndClearsWalking)
 {
     stopOnTheWay();
     manager->walkOnce();
@@ -165,7 +165,7 @@ TEST_F(VolumeManagerThread, standbyStartsNothingAndClearsWalking)
     EXPECT_EQ(0, started);
 }
 
-TEST_F(VolumeManagerThread, standbyLogsNothing)
+TEST_F(VolumeManagerThreadTest, standbyLogsNothing)
 {
     goIntoStandby();
     manager->walkOnce();
@@ -173,7 +173,7 @@ TEST_F(VolumeManagerThread, standbyLogsNothing)
     EXPECT_EQ("", folders());
 }
 
-TEST_F(VolumeManagerThread, stopStartsNothingAndClearsWalking)
+TEST_F(VolumeManagerThreadTest, stopStartsNothingAndClearsWalking)
 {
     stopOnTheWay();
     manager->walkOnce();
@@ -187,7 +187,7 @@ TEST_F(VolumeManagerThread, stopStartsNothingAndClearsWalking)
     EXPECT_EQ(0, started);
 }
 
-TEST_F(VolumeManagerThread, initializeMakesAStoppedManagerWalkAgain)
+TEST_F(VolumeManagerThreadTest, initializeMakesAStoppedManagerWalkAgain)
 {
     manager->destroy();
     ASSERT_TRUE(initialize());
@@ -195,7 +195,7 @@ TEST_F(VolumeManagerThread, initializeMakesAStoppedManagerWalkAgain)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(VolumeManagerThread, finishedThreadIsReapedBeforeItsStackIsUsedAgain)
+TEST_F(VolumeManagerThreadTest, finishedThreadIsReapedBeforeItsStackIsUsedAgain)
 {
     const unsigned char* stack = nullptr;
     std::vector<std::string> events;
@@ -218,7 +218,7 @@ TEST_F(VolumeManagerThread, finishedThreadIsReapedBeforeItsStackIsUsedAgain)
     EXPECT_EQ((std::vector<std::string> { "made", "joined", "made", "joined" }), events);
 }
 
-TEST_F(VolumeManagerThread, walksAsOftenAsItIsTold)
+TEST_F(VolumeManagerThreadTest, walksAsOftenAsItIsTold)
 {
     for (int round = 1; round <= 40; ++round) {
         volume.writeFile("Music/" + std::to_string(round) + ".jpg");
@@ -227,7 +227,7 @@ TEST_F(VolumeManagerThread, walksAsOftenAsItIsTold)
     EXPECT_EQ("41\n", query("select count(*) from Files"));
 }
 
-TEST_F(VolumeManagerThread, destroyDuringAWalkWaitsForItsEnd)
+TEST_F(VolumeManagerThreadTest, destroyDuringAWalkWaitsForItsEnd)
 {
     volume.makeFolder("Music/Rock/Live");
     stopOnTheWay();
@@ -245,7 +245,7 @@ TEST_F(VolumeManagerThread, destroyDuringAWalkWaitsForItsEnd)
     EXPECT_EQ(info("sqlite3 handle closed\n"), lines.back());
 }
 
-TEST_F(VolumeManagerThread, destroyAsksForTheStop)
+TEST_F(VolumeManagerThreadTest, destroyAsksForTheStop)
 {
     manager->destroy();
     clearLog();
@@ -253,7 +253,7 @@ TEST_F(VolumeManagerThread, destroyAsksForTheStop)
     EXPECT_TRUE(loggedLines().empty());
 }
 
-TEST_F(VolumeManagerThread, destroyWaitsForAThreadThatHasNotBegunYet)
+TEST_F(VolumeManagerThreadTest, destroyWaitsForAThreadThatHasNotBegunYet)
 {
     const SleepyThreads asleep; // until somebody joins them
     manager->walkOnce();
@@ -264,7 +264,7 @@ TEST_F(VolumeManagerThread, destroyWaitsForAThreadThatHasNotBegunYet)
     EXPECT_EQ(info("sqlite3 handle closed\n"), lines.back());
 }
 
-TEST_F(VolumeManagerThread, destroyRightAfterWalkOnceIsSafe)
+TEST_F(VolumeManagerThreadTest, destroyRightAfterWalkOnceIsSafe)
 {
     manager->destroy();
     for (int round = 0; round < 40; ++round) {
@@ -277,7 +277,7 @@ TEST_F(VolumeManagerThread, destroyRightAfterWalkOnceIsSafe)
     EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
-TEST_F(VolumeManagerThread, exceptionEndsTheWalkAndNotTheProcess)
+TEST_F(VolumeManagerThreadTest, exceptionEndsTheWalkAndNotTheProcess)
 {
     const BrokenStatement broken("where parent_id=?");
     walkOnThread();
@@ -288,7 +288,7 @@ TEST_F(VolumeManagerThread, exceptionEndsTheWalkAndNotTheProcess)
     EXPECT_FALSE(manager->isWalking());
 }
 
-TEST_F(VolumeManagerThread, walksAgainAfterAnException)
+TEST_F(VolumeManagerThreadTest, walksAgainAfterAnException)
 {
     {
         const BrokenStatement broken("where parent_id=?");

@@ -9,9 +9,9 @@
 namespace {
 
 /// The walk of a volume as its thread does it: which folders it starts from, and what it drops before.
-class VolumeManagerWalk : public VolumeTest {
+class VolumeManagerWalkTest : public VolumeTest {
 protected:
-    VolumeManagerWalk() { initializeQuietly(); }
+    VolumeManagerWalkTest() { initializeQuietly(); }
 
     /// What was logged, less the lines about single folders and the times.
     std::vector<LogLine> story() const
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-TEST_F(VolumeManagerWalk, withoutCrawlPathsTheVolumeItselfIsTheStart)
+TEST_F(VolumeManagerWalkTest, withoutCrawlPathsTheVolumeItselfIsTheStart)
 {
     configure({});
     volume.writeFile("Music/a.mp3");
@@ -45,14 +45,14 @@ TEST_F(VolumeManagerWalk, withoutCrawlPathsTheVolumeItselfIsTheStart)
     EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n", files());
 }
 
-TEST_F(VolumeManagerWalk, volumeThatTheConfigurationDoesNotNameHasNoCrawlPaths)
+TEST_F(VolumeManagerWalkTest, volumeThatTheConfigurationDoesNotNameHasNoCrawlPaths)
 {
     walkOnThread();
     EXPECT_EQ(
         (std::vector<LogLine> { info("Crawl paths is empty so starting at " + root + "\n"), finished("") }), story());
 }
 
-TEST_F(VolumeManagerWalk, withoutCrawlPathsAFormerStartFolderFindsItsParent)
+TEST_F(VolumeManagerWalkTest, withoutCrawlPathsAFormerStartFolderFindsItsParent)
 {
     configure({});
     volume.makeFolder("Music");
@@ -62,7 +62,7 @@ TEST_F(VolumeManagerWalk, withoutCrawlPathsAFormerStartFolderFindsItsParent)
     EXPECT_EQ("[] root\n[/Music] in []\n", folders());
 }
 
-TEST_F(VolumeManagerWalk, crawlPathsAreWalkedInTheirOrderAsRoots)
+TEST_F(VolumeManagerWalkTest, crawlPathsAreWalkedInTheirOrderAsRoots)
 {
     configure({ "/b", "/a" });
     volume.makeFolder("a/x");
@@ -73,7 +73,7 @@ TEST_F(VolumeManagerWalk, crawlPathsAreWalkedInTheirOrderAsRoots)
     EXPECT_EQ("[/a] root\n[/a/x] in [/a]\n[/b] root\n", folders());
 }
 
-TEST_F(VolumeManagerWalk, topLevelFolderThatIsNoCrawlPathIsRemovedFirst)
+TEST_F(VolumeManagerWalkTest, topLevelFolderThatIsNoCrawlPathIsRemovedFirst)
 {
     configure({});
     volume.makeFolder("a");
@@ -93,7 +93,7 @@ TEST_F(VolumeManagerWalk, topLevelFolderThatIsNoCrawlPathIsRemovedFirst)
     EXPECT_TRUE(endsWatchOf("/c/deep"));
 }
 
-TEST_F(VolumeManagerWalk, crawlPathIsMatchedByteByByte)
+TEST_F(VolumeManagerWalkTest, crawlPathIsMatchedByteByByte)
 {
     volume.makeFolder("Music");
     walk("/Music");
@@ -103,7 +103,7 @@ TEST_F(VolumeManagerWalk, crawlPathIsMatchedByteByByte)
     EXPECT_EQ("[/Music] root deleted\n", folders());
 }
 
-TEST_F(VolumeManagerWalk, rowOfTheVolumeItselfIsRemovedOnceThereAreCrawlPaths)
+TEST_F(VolumeManagerWalkTest, rowOfTheVolumeItselfIsRemovedOnceThereAreCrawlPaths)
 {
     volume.writeFile("a/b.mp3");
     walkOnThread();
@@ -118,7 +118,7 @@ TEST_F(VolumeManagerWalk, rowOfTheVolumeItselfIsRemovedOnceThereAreCrawlPaths)
     EXPECT_EQ("[/a/b.mp3] 2 in [/a]\n", files());
 }
 
-TEST_F(VolumeManagerWalk, crawlPathThatIsMissingIsPassedOver)
+TEST_F(VolumeManagerWalkTest, crawlPathThatIsMissingIsPassedOver)
 {
     configure({ "/gone", "/a" });
     volume.makeFolder("a");
@@ -127,7 +127,7 @@ TEST_F(VolumeManagerWalk, crawlPathThatIsMissingIsPassedOver)
     EXPECT_EQ("[/a] root\n", folders());
 }
 
-TEST_F(VolumeManagerWalk, removalOfATopLevelFolderThatFailsHalfWayIsUndone)
+TEST_F(VolumeManagerWalkTest, removalOfATopLevelFolderThatFailsHalfWayIsUndone)
 {
     volume.writeFile("a/x/1.mp3");
     walk("/a");
@@ -139,7 +139,7 @@ TEST_F(VolumeManagerWalk, removalOfATopLevelFolderThatFailsHalfWayIsUndone)
     EXPECT_EQ(1, timesLogged(LOG_ERR, "Got an exception during the walking of volumeManager " + name + "\n"));
 }
 
-TEST_F(VolumeManagerWalk, removalOfTopLevelFoldersTakesTheLockAndATransactionForEach)
+TEST_F(VolumeManagerWalkTest, removalOfTopLevelFoldersTakesTheLockAndATransactionForEach)
 {
     volume.makeFolder("a");
     volume.makeFolder("b");
@@ -151,7 +151,7 @@ TEST_F(VolumeManagerWalk, removalOfTopLevelFoldersTakesTheLockAndATransactionFor
     EXPECT_EQ("()(s)(BsC)(BsC)", trace.text().substr(0, 15)) << "after a look at rows that nothing leads to";
 }
 
-TEST_F(VolumeManagerWalk, startFolderIsARootOnlyWhenAskedFor)
+TEST_F(VolumeManagerWalkTest, startFolderIsARootOnlyWhenAskedFor)
 {
     volume.makeFolder("Music/Rock/Live");
     volume.makeFolder("Films/Old");
@@ -167,7 +167,7 @@ TEST_F(VolumeManagerWalk, startFolderIsARootOnlyWhenAskedFor)
     EXPECT_NE(std::string::npos, folders().find("[/Pictures] in []\n"));
 }
 
-TEST_F(VolumeManagerWalk, existingRowOfTheStartFolderKeepsItsParent)
+TEST_F(VolumeManagerWalkTest, existingRowOfTheStartFolderKeepsItsParent)
 {
     volume.makeFolder("Music/Rock");
     walk("/Music");
@@ -176,7 +176,7 @@ TEST_F(VolumeManagerWalk, existingRowOfTheStartFolderKeepsItsParent)
     EXPECT_EQ("[/Music] root\n[/Music/Rock] in [/Music]\n", folders());
 }
 
-TEST_F(VolumeManagerWalk, everyFolderIsWatchedAfterIt)
+TEST_F(VolumeManagerWalkTest, everyFolderIsWatchedAfterIt)
 {
     volume.makeFolder("Music/Rock/Live");
     volume.makeFolder("Music/Jazz");
@@ -186,7 +186,7 @@ TEST_F(VolumeManagerWalk, everyFolderIsWatchedAfterIt)
         EXPECT_TRUE(endsWatchOf(below)) << below;
 }
 
-TEST_F(VolumeManagerWalk, goesBreadthFirstInTheOrderOfTheDisk)
+TEST_F(VolumeManagerWalkTest, goesBreadthFirstInTheOrderOfTheDisk)
 {
     for (const char* below : { "Music/b/1", "Music/a/2", "Music/c", "Music/b/0" })
         volume.makeFolder(below);
@@ -208,7 +208,7 @@ TEST_F(VolumeManagerWalk, goesBreadthFirstInTheOrderOfTheDisk)
     EXPECT_EQ(7U, visited.size());
 }
 
-TEST_F(VolumeManagerWalk, deepTreeFitsOnTheStackOfTheThread)
+TEST_F(VolumeManagerWalkTest, deepTreeFitsOnTheStackOfTheThread)
 {
     std::string deep = "Music";
     for (int level = 0; level < 200; ++level)
@@ -223,7 +223,7 @@ TEST_F(VolumeManagerWalk, deepTreeFitsOnTheStackOfTheThread)
     EXPECT_EQ("[/Music] root\n", query("select '['||path||'] root' from Folders where is_deleted=0"));
 }
 
-TEST_F(VolumeManagerWalk, foldersOfAnyDepthBeyondTheLongestPathArePassedOver)
+TEST_F(VolumeManagerWalkTest, foldersOfAnyDepthBeyondTheLongestPathArePassedOver)
 {
     const std::string element(250, 'x');
     std::string deep = "Music";

@@ -2,18 +2,18 @@
 
 namespace {
 
-class VolumePaths : public VolumeTest {
+class VolumePathsTest : public VolumeTest {
 protected:
-    VolumePaths() { initializeQuietly(); }
+    VolumePathsTest() { initializeQuietly(); }
 };
 
-TEST_F(VolumePaths, nothingIsExcludedWithoutConfiguration)
+TEST_F(VolumePathsTest, nothingIsExcludedWithoutConfiguration)
 {
     EXPECT_FALSE(manager->isExcludePath(""));
     EXPECT_FALSE(manager->isExcludePath(root));
 }
 
-TEST_F(VolumePaths, needsALongerPathThatContainsTheString)
+TEST_F(VolumePathsTest, needsALongerPathThatContainsTheString)
 {
     configure({}, { "/mnt/vol/tmp" });
     EXPECT_FALSE(manager->isExcludePath("/mnt/vol/tm"));
@@ -24,7 +24,7 @@ TEST_F(VolumePaths, needsALongerPathThatContainsTheString)
     EXPECT_FALSE(manager->isExcludePath("/mnt/vol/TMP/a"));
 }
 
-TEST_F(VolumePaths, stringInTheMiddleExcludesTheFolderItself)
+TEST_F(VolumePathsTest, stringInTheMiddleExcludesTheFolderItself)
 {
     configure({}, { "/tmp" });
     EXPECT_FALSE(manager->isExcludePath("/tmp"));
@@ -32,7 +32,7 @@ TEST_F(VolumePaths, stringInTheMiddleExcludesTheFolderItself)
     EXPECT_TRUE(manager->isExcludePath("/tmpfiles"));
 }
 
-TEST_F(VolumePaths, anyOfTheStringsWillDo)
+TEST_F(VolumePathsTest, anyOfTheStringsWillDo)
 {
     configure({}, { "/one", "/two/", "three" });
     EXPECT_TRUE(manager->isExcludePath("/a/one"));
@@ -41,7 +41,7 @@ TEST_F(VolumePaths, anyOfTheStringsWillDo)
     EXPECT_FALSE(manager->isExcludePath("/a/four"));
 }
 
-TEST_F(VolumePaths, stringsOfAnotherVolumeDoNotCount)
+TEST_F(VolumePathsTest, stringsOfAnotherVolumeDoNotCount)
 {
     configure({}, { "/one" });
     std::string other = "another volume";
@@ -51,7 +51,7 @@ TEST_F(VolumePaths, stringsOfAnotherVolumeDoNotCount)
     EXPECT_FALSE(manager->isExcludePath("/a/one"));
 }
 
-TEST_F(VolumePaths, folderNamedInFullIsWalkedAndAllBelowItSkipped)
+TEST_F(VolumePathsTest, folderNamedInFullIsWalkedAndAllBelowItSkipped)
 {
     configure({}, { root + "/Music/tmp" });
     volume.writeFile("Music/tmp/1.mp3");
@@ -67,7 +67,7 @@ TEST_F(VolumePaths, folderNamedInFullIsWalkedAndAllBelowItSkipped)
     EXPECT_EQ(3, timesLoggedFrom("For folder "));
 }
 
-TEST_F(VolumePaths, shortStringSkipsTheFolderAsWell)
+TEST_F(VolumePathsTest, shortStringSkipsTheFolderAsWell)
 {
     configure({}, { "/skip" });
     volume.writeFile("Music/skip/1.mp3");
@@ -76,7 +76,7 @@ TEST_F(VolumePaths, shortStringSkipsTheFolderAsWell)
     EXPECT_EQ(1, watches());
 }
 
-TEST_F(VolumePaths, excludedStartFolderIsNotWalked)
+TEST_F(VolumePathsTest, excludedStartFolderIsNotWalked)
 {
     configure({}, { "Musi" });
     volume.makeFolder("Music");
@@ -86,7 +86,7 @@ TEST_F(VolumePaths, excludedStartFolderIsNotWalked)
     EXPECT_EQ(1, timesLogged(LOG_INFO, "Total folders/files (re)indexed: 0/0\n"));
 }
 
-TEST_F(VolumePaths, rowsOfAFolderThatIsExcludedLaterStay)
+TEST_F(VolumePathsTest, rowsOfAFolderThatIsExcludedLaterStay)
 {
     volume.writeFile("Music/skip/1.mp3");
     walk("/Music");

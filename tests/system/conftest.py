@@ -8,7 +8,8 @@ sys.dont_write_bytecode = True
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.join(HERE, "../../scripts")]
 
-pytest.register_assert_rewrite("after_a_kill", "catalogue", "daemon", "harness", "recovery", "tracing")  # for failures that say why
+pytest.register_assert_rewrite("after_a_kill", "catalogue", "daemon", "harness", "recovery", "strangers",
+                               "tracing")  # for failures that say why
 
 from harness import Arena  # (the path comes first)
 from quarrow_driver.clock import Clock

@@ -64,3 +64,8 @@ def good_volume(arena, name="Good"):
     volume = arena.volume(name, crawl=["/m"])
     volume.make_file("/m/sub/1.mp3", b"x")
     return volume
+
+
+def offered(volume):
+    """The live paths, but for the mark that a stop leaves in the first watched folder."""
+    return {path for path in volume.catalogue.live() if not path.endswith("/.tickle")}

@@ -1,4 +1,4 @@
-"""Volumes without room: in a walk, under live changes, in a purge, at the start. And a log that nobody reads."""
+"""Volumes without room: in a walk, under live changes, in a purge, at the start."""
 import fcntl
 import os
 import re
@@ -10,7 +10,6 @@ import subprocess
 import pytest
 
 from catalogue import Rows, assert_same, edit
-from daemon import LogSink
 from deleted_rows import without_deleted
 from harness import state_document
 from lines import err, info
@@ -19,7 +18,6 @@ from mounts import SMALLEST, disks_work, fill
 from quarrow_driver.waiting import wait_for
 from recovery import RUNS, assert_converged, failed_walks, good_volume, is_converged, settle, walk_again
 from trees import make_media_tree
-
 
 def used_bytes(path):
     status = os.statvfs(path)
@@ -59,6 +57,17 @@ def volumes_of(kind, arena, mounts):
     return lambda name: small_volume(arena, mounts, name, kind)
 
 
+def make_room(daemon, clock, volumes, good):
+    """Takes the fillers away, after which one walk puts every volume right; how many errors there were until then."""
+    for volume in volumes:
+        os.unlink(filler(volume))
+    quiet = len(daemon.errors())
+    walk_again(daemon, clock, len(volumes) + 1)
+    for volume in [*volumes, good]:
+        assert_converged(volume)
+    return quiet
+
+
 @KINDS
 def test_a_volume_fills_up_in_its_first_walk(arena, volumes_of, kind, clock):
     """Each volume with less or more room than its catalogue takes, below and above what is asked for a write-ahead log."""
@@ -91,12 +100,7 @@ def test_a_volume_fills_up_in_its_first_walk(arena, volumes_of, kind, clock):
         for volume in volumes:
             assert volume.catalogue.live() >= found[volume] and volume.catalogue.is_sound()
 
-        for volume in volumes:
-            os.unlink(filler(volume))
-        quiet = len(daemon.errors())
-        walk_again(daemon, clock, len(volumes) + 1)
-        for volume in [*volumes, good]:
-            assert_converged(volume)
+        quiet = make_room(daemon, clock, volumes, good)
         assert daemon.errors()[quiet:] == []
         daemon.stop()
         for volume in volumes:
@@ -151,12 +155,7 @@ def test_volumes_are_full_while_they_change(arena, mounts, clock):
         assert volume.catalogue.is_sound()
     assert "/m/sub/2.mp3" in good.catalogue.live()
 
-    for volume in volumes:
-        os.unlink(filler(volume))
-    quiet = len(daemon.errors())
-    walk_again(daemon, clock, len(volumes) + 1)
-    for volume in [*volumes, good]:
-        assert_converged(volume)
+    quiet = make_room(daemon, clock, volumes, good)
     with daemon.frozen():
         for volume in volumes:
             volume.create("/m/live/after.mp3")
@@ -442,67 +441,3 @@ def test_no_inode_for_the_state_file_of_a_purge(arena, mounts, clock):
     daemon.wait_line(info(f"Done with the purge {clock.now}\n"))
     wait_for(lambda: open(volume.state_file, encoding="ascii").read() == state_document(clock.now, clock.now - 200), "the state")
     daemon.stop()
-
-
-def test_a_log_that_is_not_read_holds_the_daemon_up_and_loses_nothing(arena):
-    """The C library waits for room in the receiver's queue. Whoever takes the log up again gets every line."""
-    volume = arena.volume(crawl=["/m"])
-    make_media_tree(volume, "/m", folders=200, files=400, seed=1)
-    daemon = arena.start([volume])
-    daemon.wait_line(info("================\n"))
-    with daemon.log.changed:  # the receiver takes one datagram and then waits for this
-        def waits_for_the_receiver():
-            for task in os.listdir(f"/proc/{daemon.pid}/task"):
-                with open(f"/proc/{daemon.pid}/task/{task}/wchan", encoding="ascii") as file:
-                    if "sock_alloc_send" in (where := file.read()) or "unix" in where:
-                        return True
-            return False
-
-        wait_for(waits_for_the_receiver, "a full queue")
-        assert not daemon.has_ended()
-        daemon.signal(signal.SIGUSR1)
-    daemon.wait_walks()
-    assert_converged(volume)
-    assert sum(line.text.startswith("For folder") for line in daemon.lines) == 200
-    daemon.wait_line(info("Done with usr1 signal\n"))
-    daemon.stop_without_errors()
-
-
-def test_a_log_receiver_that_is_gone_and_comes_back(arena, clock):
-    """Lines are lost, and nothing else; the first line after its return arrives."""
-    volume = good_volume(arena, "Volume")
-    daemon = arena.start([volume], clock=clock)
-    daemon.wait_walks()
-    ident = daemon.log.ident
-    daemon.log.close()
-    os.unlink(daemon.log.path)
-    volume.make_file("/m/sub/2.mp3", b"x")
-    wait_for(lambda: "/m/sub/2.mp3" in volume.catalogue.live(), "a change while nobody reads the log")
-
-    daemon.log = LogSink(daemon.folder, os.fsdecode(ident))
-    daemon.signal(signal.SIGUSR1)
-    daemon.wait_line(info("Got a usr1 signal\n"))
-    volume.make_file("/m/sub/3.mp3", b"x")
-    wait_for(lambda: is_converged(volume), "a change after the return")
-    daemon.wait_bursts(1)
-    daemon.stop()
-    assert daemon.lines[-1].text.startswith("Woke up too soon") or daemon.lines[-1] == info("Done with the stop\n")
-    assert daemon.errors() == []
-
-
-def test_a_start_and_a_stop_without_any_log_receiver(arena):
-    volume = good_volume(arena, "Volume")
-    daemon = arena.start([volume])
-    daemon.log.close()
-    os.unlink(daemon.log.path)
-
-    def is_walked():
-        try:
-            return is_converged(volume)
-        except sqlite3.OperationalError:  # not there yet, or in the making
-            return False
-
-    wait_for(is_walked, "the walk")
-    daemon.signal(signal.SIGTERM)
-    assert daemon.process.wait(60) == 0
-    assert volume.catalogue.is_sound()

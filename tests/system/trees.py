@@ -99,3 +99,25 @@ def make_empty_folders(volume, base, count):
         path = f"{paths[number // 40]}/{number}"
         os.mkdir(volume.path(path))
         paths.append(path)
+
+
+def many_folders(arena, name, folders, files=2, long_names=False):
+    """A volume with so many folders of so many files, in seven others."""
+    volume = arena.volume(name, crawl=["/m"])
+    for number in range(folders):
+        for file in range(files):
+            volume.make_file(f"/m/{number % 7}/{number}/{file}{' and so on' * 20 * long_names}.mp3", b"x")
+    return volume
+
+
+def volume_of_files(arena, name, folders, files, prefix="a"):
+    """A volume with so many folders of so many files."""
+    volume = arena.volume(name, crawl=["/m"])
+    for number in range(folders):
+        write_files(volume, number, files, prefix)
+    return volume
+
+
+def write_files(volume, folder, files, prefix):
+    for file in range(files):
+        volume.make_file(f"/m/{folder}/{prefix}{file}.mp3", b"x")

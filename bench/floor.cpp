@@ -7,10 +7,11 @@
 //
 // The catalogue is VOLUME/.quarrow/quarrow.db, as the daemon has it, so that both meet the same entries on disk. A
 // first run makes it (the first walk), a second run over the same catalogue is the walk of an unchanged tree.
+#include "Usage.h"
+
 #include <dirent.h>
 #include <sqlite3.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -377,14 +378,6 @@ void openCatalogue(const std::string& volume)
             "create index Folders_last_updated_time on Folders(last_updated_time)",
             "create index Folders_parent_id on Folders(parent_id)", "create index Folders_name on Folders(name)" })
         execute(text);
-}
-
-double processorSeconds()
-{
-    rusage usage {};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
-        + static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 // and checks every row. With --record it writes the SQL of the move's transaction to FILE, parameters filled in, and
 // leaves the catalogue as it was before in FILE.db; the times then mean nothing. The second form runs such a file on
 // such a catalogue, each statement prepared, stepped and finalized: the same statements with nothing around them.
+#include "Usage.h"
 #include "volume/VolumeManager.h"
 #include "watch/VolumeWatcher.h"
 
@@ -14,7 +15,6 @@
 #include <malloc.h>
 #include <sqlite3.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -77,14 +77,6 @@ int listenTo(sqlite3* connection, const char**, const sqlite3_api_routines*)
     sqlite3_commit_hook(connection, onCommit, connection);
     sqlite3_trace_v2(connection, SQLITE_TRACE_STMT, onStatement, nullptr);
     return SQLITE_OK;
-}
-
-double processorSeconds()
-{
-    rusage usage {};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
-        + static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 double secondsBetween(Clock::time_point from, Clock::time_point to)

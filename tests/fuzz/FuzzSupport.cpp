@@ -3,7 +3,6 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -86,23 +85,10 @@ std::vector<std::string> PrivateFolder::names() const
 
 static std::vector<std::string> loggedLines;
 
-static void keep(int priority, const char* format, va_list arguments)
+void takeLogLine(int priority, const std::string& text)
 {
-    va_list again;
-    va_copy(again, arguments);
-    std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, arguments)), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
     REQUIRE((priority & LOG_FACMASK) == LOG_LOCAL5);
     loggedLines.push_back(std::to_string(priority & LOG_PRIMASK) + " " + text);
-}
-
-extern "C" void syslog(int priority, const char* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    keep(priority, format, arguments);
-    va_end(arguments);
 }
 
 std::vector<std::string> takeLog() { return std::exchange(loggedLines, {}); }

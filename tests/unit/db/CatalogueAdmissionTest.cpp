@@ -11,6 +11,22 @@ namespace {
 /// What stands under the names of a catalogue when it is opened, and whom it belongs to.
 class CatalogueAdmissionTest : public ReopenedCatalogueTest { };
 
+/// Those that belong to somebody else, opened by root.
+class CatalogueAdmissionOfRootTest : public ReopenedCatalogueTest {
+protected:
+    void SetUp() override
+    {
+        if (!isRoot())
+            GTEST_SKIP() << "changing owners is not permitted";
+    }
+
+    void makeGivenAway()
+    {
+        makeClosed();
+        giveAway(dbPath);
+    }
+};
+
 } // namespace
 
 TEST_F(CatalogueAdmissionTest, whatIsNoRegularFileWithOneNameIsRefused)
@@ -51,12 +67,9 @@ TEST_F(CatalogueAdmissionTest, aSecondNameOfTheCatalogueIsRefused)
     expectRefused();
 }
 
-TEST_F(CatalogueAdmissionTest, rootBecomesTheOwnerOfWhatWasGivenAway)
+TEST_F(CatalogueAdmissionOfRootTest, rootBecomesTheOwnerOfWhatWasGivenAway)
 {
-    if (!isRoot())
-        GTEST_SKIP() << "changing owners is not permitted";
-    makeClosed();
-    giveAway(dbPath);
+    makeGivenAway();
     open();
     EXPECT_EQ("0 644", ownerAndMode(dbPath));
     EXPECT_EQ("0 644", ownerAndMode(dbPath + "-wal"));
@@ -72,10 +85,8 @@ TEST_F(CatalogueAdmissionTest, rootBecomesTheOwnerOfWhatWasGivenAway)
     expectRefused(notAuthorized);
 }
 
-TEST_F(CatalogueAdmissionTest, rootDoesNotBecomeTheOwnerOfWhatHasTakenThePlaceOfAFileInUse)
+TEST_F(CatalogueAdmissionOfRootTest, rootDoesNotBecomeTheOwnerOfWhatHasTakenThePlaceOfAFileInUse)
 {
-    if (!isRoot())
-        GTEST_SKIP() << "changing owners is not permitted";
     openNew();
     for (const std::string suffix : { "", "-wal", "-shm", "-journal" }) {
         if (fs::exists(dbPath + suffix))
@@ -87,10 +98,8 @@ TEST_F(CatalogueAdmissionTest, rootDoesNotBecomeTheOwnerOfWhatHasTakenThePlaceOf
         EXPECT_EQ(std::to_string(nobody) + " 666", ownerAndMode(dbPath + suffix)) << suffix;
 }
 
-TEST_F(CatalogueAdmissionTest, aSetUidProgramDoesNotBecomeRoots)
+TEST_F(CatalogueAdmissionOfRootTest, aSetUidProgramDoesNotBecomeRoots)
 {
-    if (!isRoot())
-        GTEST_SKIP() << "changing owners is not permitted";
     makeClosed();
     ASSERT_EQ(0, chown(dbPath.c_str(), nobody, nobody));
     ASSERT_EQ(0, chmod(dbPath.c_str(), 06755));
@@ -98,10 +107,8 @@ TEST_F(CatalogueAdmissionTest, aSetUidProgramDoesNotBecomeRoots)
     EXPECT_EQ("0 755", ownerAndMode(dbPath));
 }
 
-TEST_F(CatalogueAdmissionTest, aJournalOfSomebodyElseIsRefusedAndNotTaken)
+TEST_F(CatalogueAdmissionOfRootTest, aJournalOfSomebodyElseIsRefusedAndNotTaken)
 {
-    if (!isRoot())
-        GTEST_SKIP() << "changing owners is not permitted";
     makeClosed();
     const std::string journal = volume.writeFile(".quarrow/quarrow.db-journal", "names a file to be removed");
     giveAway(journal);
@@ -114,10 +121,8 @@ TEST_F(CatalogueAdmissionTest, aJournalOfSomebodyElseIsRefusedAndNotTaken)
     EXPECT_EQ(std::to_string(nobody) + " 666", ownerAndMode(journal));
 }
 
-TEST_F(CatalogueAdmissionTest, anIndexThatWasGivenAwayIsNotUsed)
+TEST_F(CatalogueAdmissionOfRootTest, anIndexThatWasGivenAwayIsNotUsed)
 {
-    if (!isRoot())
-        GTEST_SKIP() << "changing owners is not permitted";
     makeClosed();
     const std::string planted = volume.writeFile(".quarrow/quarrow.db-shm", std::string(32768, 'x'));
     giveAway(planted);
@@ -130,12 +135,9 @@ TEST_F(CatalogueAdmissionTest, anIndexThatWasGivenAwayIsNotUsed)
     ::close(held);
 }
 
-TEST_F(CatalogueAdmissionTest, aHarmlessCatalogueOfSomebodyElseIsTrustedFromThenOn)
+TEST_F(CatalogueAdmissionOfRootTest, aHarmlessCatalogueOfSomebodyElseIsTrustedFromThenOn)
 {
-    if (!isRoot())
-        GTEST_SKIP() << "changing owners is not permitted";
-    makeClosed();
-    giveAway(dbPath);
+    makeGivenAway();
     open();
     close();
     change("create view v as select 1"); // an administrator's

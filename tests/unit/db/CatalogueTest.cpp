@@ -38,18 +38,6 @@ std::string CatalogueTest::query(const std::string& sql) const { return queryCat
 
 void CatalogueTest::change(const std::string& sql) const { changeCatalogue(dbPath, sql); }
 
-std::string CatalogueTest::dumpFolders() const
-{
-    return query("select folder_id, 'in', parent_id, quote(path), case is_deleted when 0 then 'live' else 'deleted' end"
-                 " from Folders order by folder_id");
-}
-
-std::string CatalogueTest::dumpFiles() const
-{
-    return query("select file_id, 'in', folder_id, quote(path), case is_deleted when 0 then 'live' else 'deleted' end"
-                 " from Files order by file_id");
-}
-
 std::string CatalogueTest::dumpSchema() const
 {
     return query("select name || ': ' || sql from sqlite_master where name not like 'sqlite_%' order by rowid");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "db/VolumeDBManager.h"
+#include "support/CatalogueDump.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -24,8 +25,8 @@ protected:
     void change(const std::string& sql) const;
 
     /// One line a row: "1 in -1 '/Music' live", by id.
-    std::string dumpFolders() const;
-    std::string dumpFiles() const;
+    std::string dumpFolders() const { return dumpFoldersById(dbPath); }
+    std::string dumpFiles() const { return dumpFilesById(dbPath); }
     /// Names and texts of the tables and indexes, in the order of their making.
     std::string dumpSchema() const;
     /// What stands beside the catalogue, the catalogue included: one name a line, sorted.

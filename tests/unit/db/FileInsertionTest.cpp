@@ -17,12 +17,7 @@ protected:
         insertFolderRow("/v/a", 1);
     }
 
-    std::string row(int id) const
-    {
-        return query("select folder_id, path, name, category, size, modified_time, created_time, is_deleted, is_backup,"
-                     " is_hidden, is_system from Files where file_id = "
-            + std::to_string(id));
-    }
+    std::string row(int id) const { return dumpFileRow(dbPath, id); }
 
     bool insert(const std::string& path)
     {

@@ -12,12 +12,7 @@ protected:
         insertFolderRow("/Music", -1);
     }
 
-    std::string row(int id) const
-    {
-        return query("select folder_id, path, name, category, size, modified_time, created_time, is_deleted, is_hidden"
-                     " from Files where file_id = "
-            + std::to_string(id));
-    }
+    std::string row(int id) const { return dumpFileRow(dbPath, id); }
 
     void markDeleted(int id) const { change("update Files set is_deleted = 1 where file_id = " + std::to_string(id)); }
 
@@ -104,8 +99,8 @@ TEST_F(FileRecordsTest, updateFileWritesTheRowWithTheIdAndLeavesPathAndFolder)
     file.setFile_id(2);
     file.setFolder_id(9);
     EXPECT_TRUE(db->updateFile(file));
-    EXPECT_EQ("1 /Music/a.mp3 a.mp3 2 5 10 20 0 0\n", row(1));
-    EXPECT_EQ("1 /Music/b.mp3 c.avi 1 5368709120 100 200 0 0\n", row(2));
+    EXPECT_EQ("1 /Music/a.mp3 a.mp3 2 5 10 20 0 0 0 0\n", row(1));
+    EXPECT_EQ("1 /Music/b.mp3 c.avi 1 5368709120 100 200 0 0 0 0\n", row(2));
     EXPECT_EQ("2\n", writtenSince(start));
 }
 
@@ -117,7 +112,7 @@ TEST_F(FileRecordsTest, updateFileIsTrueWithoutARowAndLeavesADeletedOneDeleted)
     insertFileRow("/Music/a.mp3", 1);
     markDeleted(1);
     EXPECT_TRUE(db->updateFile(file));
-    EXPECT_EQ("1 /Music/a.mp3 a.mp3 2 9 100 200 1 0\n", row(1));
+    EXPECT_EQ("1 /Music/a.mp3 a.mp3 2 9 100 200 1 0 0 0\n", row(1));
 }
 
 TEST_F(FileRecordsTest, deleteFileMarksTheRowWithTheIdAndSaysSoOnStandardOutput)

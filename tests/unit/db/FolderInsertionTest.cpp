@@ -9,12 +9,7 @@ class FolderInsertionTest : public CatalogueTest {
 protected:
     FolderInsertionTest() { openNew(); }
 
-    std::string row(int id) const
-    {
-        return query("select parent_id, path, name, category, created_time, modified_time, is_deleted, is_backup,"
-                     " is_hidden, is_system from Folders where folder_id = "
-            + std::to_string(id));
-    }
+    std::string row(int id) const { return dumpFolderRow(dbPath, id); }
 
     std::string isHidden(const std::string& path) const
     {

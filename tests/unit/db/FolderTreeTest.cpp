@@ -1,7 +1,7 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
-#include "db/SqlTexts.h"
+#include "support/SqlTexts.h"
 #include "support/SyslogCapture.h"
 
 namespace {

@@ -256,9 +256,6 @@ TEST_F(InPlaceUpdatesTest, everythingBelowAFolderButNotTheFolderItself)
 
 TEST_F(InPlaceUpdatesTest, eachChildComesBeforeItsOwnChildren)
 {
-    const auto idsBelow = [](const std::string& id) {
-        return "select a.folder_id from folders a where a.parent_id = " + id + " and a.is_deleted = 0\n";
-    };
     const auto folder = [](const std::string& id, const std::string& path) {
         const std::string rest
             = " set path='" + path + "', last_updated_time=strftime('%s','now')  where folder_id = " + id + "\n";
@@ -267,8 +264,9 @@ TEST_F(InPlaceUpdatesTest, eachChildComesBeforeItsOwnChildren)
     };
     probe.clear();
     db->updatePathAndNameForFolders(1, 0, "x");
-    EXPECT_EQ(idsBelow("1") + folder("2", "/x/a") + idsBelow("2") + folder("3", "/x/a/b") + idsBelow("3")
-            + folder("4", "/x/a/b/c") + idsBelow("4") + folder("5", "/x/d") + idsBelow("5"),
+    EXPECT_EQ(sql::liveIdsIn("1") + folder("2", "/x/a") + sql::liveIdsIn("2") + folder("3", "/x/a/b")
+            + sql::liveIdsIn("3") + folder("4", "/x/a/b/c") + sql::liveIdsIn("4") + folder("5", "/x/d")
+            + sql::liveIdsIn("5"),
         probe.boundStatements());
 }
 

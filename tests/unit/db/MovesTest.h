@@ -3,7 +3,8 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
-#include "db/SqlTexts.h"
+#include "support/CatalogueDump.h"
+#include "support/SqlTexts.h"
 #include "support/SyslogCapture.h"
 
 #include <syslog.h>
@@ -31,27 +32,8 @@ protected:
                " created_time = 400 + file_id");
     }
 
-    /// Every column of every row, a row a line, folders first, by id, from `firstId` on in both. The numbers after the
-    /// name are modified and created time; of a file category and size before them. Then "live" or "deleted", what is
-    /// not as usual (hidden, ...), and "now" for a row written since the start of the test instead of at 30.
-    std::string dump(int firstId = 1) const
-    {
-        const std::string first = " >= " + std::to_string(firstId) + " order by ";
-        const auto flags = [](const std::string& usualCategory) {
-            return " || iif(is_deleted, ' deleted', ' live') || iif(is_hidden, ' hidden', '') || iif(is_backup, '"
-                   " backup', '') || iif(is_system, ' system', '') || iif("
-                + usualCategory + ", '', ' category ' || category)";
-        };
-        const std::string written = " || case when last_updated_time = 30 then '' when last_updated_time between "
-            + std::to_string(start) + " and " + std::to_string(secondsNow())
-            + " then ' now' else ' at ' || last_updated_time end";
-        return query("select 'folder ' || folder_id || ' in ' || parent_id || ' ' || quote(path) || ' ' || quote(name)"
-                     " || ' ' || modified_time || ' ' || created_time"
-                   + flags("category = -1") + written + " from Folders where folder_id" + first + "folder_id")
-            + query("select 'file ' || file_id || ' in ' || folder_id || ' ' || quote(path) || ' ' || quote(name)"
-                    " || ' ' || category || ' ' || size || ' ' || modified_time || ' ' || created_time"
-                + flags("1") + written + " from Files where file_id" + first + "file_id");
-    }
+    /// dumpRowsInFull(), since the start of the test.
+    std::string dump(int firstId = 1) const { return dumpRowsInFull(dbPath, firstId, start); }
 
     /// What the call printed on standard output, then "true", "false" or the text of its exception.
     static std::string outcomeOf(const std::function<bool()>& call)

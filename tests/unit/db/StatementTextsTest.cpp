@@ -1,7 +1,7 @@
 #include "db/CatalogueTest.h"
 #include "db/ConnectionProbe.h"
 #include "db/DBOperationException.h"
-#include "db/SqlTexts.h"
+#include "support/SqlTexts.h"
 #include "support/SyslogCapture.h"
 
 #include <sqlite3.h>
@@ -112,7 +112,7 @@ TEST_F(StatementTextsTest, readFiles)
     EXPECT_EQ(liveFile, statementsOf([&] { db->fileExists(file); }));
     EXPECT_EQ(anyFile, statementsOf([&] { db->fileRowExists(file); }));
     EXPECT_EQ(sql::liveFilesIn("?"), statementsOf([&] { db->getFileListByFolder(folder); }));
-    EXPECT_EQ("select path , name , modified_time , created_time from  files  where  folder_id=?  and is_deleted=0 \n",
+    EXPECT_EQ(sql::listFiles + std::string("  where  folder_id=?  and is_deleted=0 \n"),
         statementsOf([&] { db->getSimpleFileListByFolder(folder); }));
 }
 

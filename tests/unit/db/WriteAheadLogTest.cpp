@@ -85,6 +85,16 @@ protected:
         EXPECT_TRUE(db->insertFolder(folder, true));
     }
 
+    /// Makes a catalogue of /Music and closes it while somebody reads; what is done before the reader goes as well.
+    void closeUnderAReader(const std::function<void()>& look)
+    {
+        openNew();
+        insertRoot("/Music");
+        const ConnectedReader reader(dbPath);
+        close();
+        look();
+    }
+
     /// A process that opens the catalogue, does its work and is gone without closing.
     void openAndDie(const std::function<void()>& work)
     {
@@ -140,26 +150,17 @@ TEST_F(WriteAheadLogTest, aClosedCatalogueIsOnePlainFile)
 
 TEST_F(WriteAheadLogTest, aCatalogueClosedUnderAReaderKeepsItsLog)
 {
-    openNew();
-    insertRoot("/Music");
-    {
-        const ConnectedReader reader(dbPath);
-        close();
+    closeUnderAReader([this] {
         EXPECT_EQ("wal\n", query("pragma journal_mode"));
         EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
-    }
+    });
     EXPECT_EQ("quarrow.db\nquarrow.db-shm\nquarrow.db-wal\n", dumpCatalogueFolder());
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 
 TEST_F(WriteAheadLogTest, theNextCloseWithoutAReaderMakesItPlainAgain)
 {
-    openNew();
-    insertRoot("/Music");
-    {
-        const ConnectedReader reader(dbPath);
-        close();
-    }
+    closeUnderAReader([] {});
     open();
     close();
     EXPECT_EQ(1, formatOfTheFile());
@@ -184,13 +185,7 @@ TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterTheClose)
 
 TEST_F(WriteAheadLogTest, aUserWithoutWritePermissionReadsAfterACloseUnderAReader)
 {
-    openNew();
-    insertRoot("/Music");
-    {
-        const ConnectedReader reader(dbPath);
-        close();
-        expectFoldersReadByNobody("/Music\n");
-    }
+    closeUnderAReader([this] { expectFoldersReadByNobody("/Music\n"); });
     expectFoldersReadByNobody("/Music\n");
 }
 

@@ -20,6 +20,57 @@ std::string dumpFilesByPath(const std::string& dbPath)
         " where f.path not like '/.quarrow%' order by f.path");
 }
 
+std::string dumpFoldersById(const std::string& dbPath)
+{
+    return queryCatalogue(dbPath,
+        "select folder_id, 'in', parent_id, quote(path), case is_deleted when 0 then 'live' else 'deleted' end"
+        " from Folders order by folder_id");
+}
+
+std::string dumpFilesById(const std::string& dbPath)
+{
+    return queryCatalogue(dbPath,
+        "select file_id, 'in', folder_id, quote(path), case is_deleted when 0 then 'live' else 'deleted' end"
+        " from Files order by file_id");
+}
+
+std::string dumpRowsInFull(const std::string& dbPath, int firstId, long start)
+{
+    const std::string first = " >= " + std::to_string(firstId) + " order by ";
+    const auto flags = [](const std::string& usualCategory) {
+        return " || iif(is_deleted, ' deleted', ' live') || iif(is_hidden, ' hidden', '') || iif(is_backup, '"
+               " backup', '') || iif(is_system, ' system', '') || iif("
+            + usualCategory + ", '', ' category ' || category)";
+    };
+    const std::string written = " || case when last_updated_time = 30 then '' when last_updated_time between "
+        + std::to_string(start)
+        + " and cast(strftime('%s', 'now') as int) then ' now' else ' at ' || last_updated_time end";
+    return queryCatalogue(dbPath,
+               "select 'folder ' || folder_id || ' in ' || parent_id || ' ' || quote(path) || ' ' || quote(name)"
+               " || ' ' || modified_time || ' ' || created_time"
+                   + flags("category = -1") + written + " from Folders where folder_id" + first + "folder_id")
+        + queryCatalogue(dbPath,
+            "select 'file ' || file_id || ' in ' || folder_id || ' ' || quote(path) || ' ' || quote(name)"
+            " || ' ' || category || ' ' || size || ' ' || modified_time || ' ' || created_time"
+                + flags("1") + written + " from Files where file_id" + first + "file_id");
+}
+
+std::string dumpFolderRow(const std::string& dbPath, int id)
+{
+    return queryCatalogue(dbPath,
+        "select parent_id, path, name, category, created_time, modified_time, is_deleted, is_backup, is_hidden,"
+        " is_system from Folders where folder_id = "
+            + std::to_string(id));
+}
+
+std::string dumpFileRow(const std::string& dbPath, int id)
+{
+    return queryCatalogue(dbPath,
+        "select folder_id, path, name, category, size, modified_time, created_time, is_deleted, is_backup, is_hidden,"
+        " is_system from Files where file_id = "
+            + std::to_string(id));
+}
+
 std::string dumpRowsById(const std::string& dbPath)
 {
     const std::string marks = "||iif(is_deleted, ' deleted', '')||iif(last_updated_time = 1, '', ' written') from ";

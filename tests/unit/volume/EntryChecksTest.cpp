@@ -2,6 +2,8 @@
 
 #include "SystemHooks.h"
 
+#include "support/SqlTexts.h"
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -117,7 +119,7 @@ TEST_F(EntryChecksTest, linkInTheFilesPlaceIsNoFile)
 TEST_F(EntryChecksTest, failedFileIsLoggedWithItsName)
 {
     volume.writeFile("Music/a.mp3");
-    const BrokenStatement broken("insert into files");
+    const BrokenStatement broken(sql::addFile);
     EXPECT_FALSE(checkFile("a.mp3"));
     EXPECT_EQ((std::vector<LogLine> {
                   err("insertFile() failed, handleStatus: 21\n"), err("Error in insert/update of the file a.mp3\n") }),
@@ -235,7 +237,7 @@ TEST_F(EntryChecksTest, pathShorterThanTheVolumesHasNothingLeftInTheCatalogue)
 TEST_F(EntryChecksTest, failedFolderIsLoggedAsAFile)
 {
     volume.makeFolder("Music/Rock");
-    const BrokenStatement broken("insert into folders");
+    const BrokenStatement broken(sql::addFolder);
     EXPECT_FALSE(checkFolder("/Music/Rock"));
     EXPECT_EQ((std::vector<LogLine> { err("insertIndividualFolder() failed, handleStatus: 21\n"),
                   err("Error in checking for the file " + root + "/Music/Rock in the DB\n") }),

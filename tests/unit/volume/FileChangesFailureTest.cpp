@@ -1,3 +1,4 @@
+#include "support/SqlTexts.h"
 #include "volume/HandlerTest.h"
 
 #include <ostream>
@@ -27,7 +28,6 @@ void moveUnknown(HandlerTest& volume) { volume.moveFile("/Music/x.mp3", "/Films/
 
 const char* const selectLiveFile = "from  files  where  path=?  and name=? and is_deleted=0";
 const char* const selectFile = "from  files  where  path=?  and name=?";
-const char* const selectLiveFolder = "from folders where path=? and is_deleted=0";
 const char* const markFile = "update files set is_deleted=1";
 
 const char* const newKnownFailed = "Error in insert/update of the file a.mp3\n";
@@ -58,7 +58,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(FileChanges, FileChangesFailureOfAStatementTest,
     testing::Values(Failure { "newLookUp", newKnown, selectLiveFile, "fileExists", newKnownFailed },
         Failure { "newUpdate", newKnown, "update files set name=?", "updateFile", newKnownFailed },
-        Failure { "newFolderLookUp", newUnknown, selectLiveFolder, "folderExists", newFailed },
+        Failure { "newFolderLookUp", newUnknown, sql::lookUpLiveFolder, "folderExists", newFailed },
         Failure { "newRowLookUp", newUnknown, "and name=?", "fileExists", newFailed },
         Failure { "newInsert", newUnknown, "insert into files", "insertFile", newFailed },
         Failure { "newAfterItsFolder", newOfUnknownFolder, "insert into files", "insertFile",
@@ -68,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(FileChanges, FileChangesFailureOfAStatementTest,
         Failure { "deleteLookUp", removeIt, selectLiveFile, "fileExists", deleteFailed },
         Failure { "deleteMark", removeIt, markFile, "deleteFile", deleteFailed },
         Failure { "moveLookUp", move, selectLiveFile, "fileExists", moveFailed },
-        Failure { "moveFolderLookUp", move, selectLiveFolder, "folderExists", moveFailed },
+        Failure { "moveFolderLookUp", move, sql::lookUpLiveFolder, "folderExists", moveFailed },
         Failure { "moveInsert", move, "insert into files", "insertFile", moveFailed },
         Failure { "moveMark", move, markFile, "deleteFile", moveFailed,
             "file 2 'c.avi' in 2 /Films/c.avi 1 5 100 written\n" },

@@ -1,3 +1,4 @@
+#include "support/SqlTexts.h"
 #include "volume/HandlerTest.h"
 
 #include <ostream>
@@ -6,9 +7,6 @@ namespace {
 
 using FolderChangesFailureTest = FolderChangesTest;
 
-const char* const selectLiveFolder = "from folders where path=? and is_deleted=0";
-const char* const insertFolder = "insert into folders";
-const char* const markFolder = "update folders set is_deleted = 1";
 const char* const markFiles = "update files set is_deleted=1, last_updated_time=strftime('%s','now')  where folder_id";
 
 struct Failure {
@@ -50,26 +48,26 @@ std::string moveUnknown(HandlerTest& volume)
 class FolderChangesFailureOfAStatementTest : public FolderChangesTest, public testing::WithParamInterface<Failure> { };
 
 INSTANTIATE_TEST_SUITE_P(FolderChanges, FolderChangesFailureOfAStatementTest,
-    testing::Values(Failure { "newLookUp", newUnknown, selectLiveFolder, "folderExists" },
+    testing::Values(Failure { "newLookUp", newUnknown, sql::lookUpLiveFolder, "folderExists" },
         Failure { "newRowLookUp", newUnknown, "from folders where path=?", "folderExists" },
-        Failure { "newInsert", newUnknown, insertFolder, "insertIndividualFolder" },
+        Failure { "newInsert", newUnknown, sql::addFolder, "insertIndividualFolder" },
         Failure { "newUpdate", newKnown, "update folders set last_updated_time", "updateFolder" },
-        Failure { "deleteLookUp", removeIt, selectLiveFolder, "folderExists", "(BsR)" },
-        Failure { "deleteList", removeIt, "select a.folder_id", "getListOfFolders", "(BsR)" },
+        Failure { "deleteLookUp", removeIt, sql::lookUpLiveFolder, "folderExists", "(BsR)" },
+        Failure { "deleteList", removeIt, sql::listFolderIds, "getListOfFolders", "(BsR)" },
         Failure { "deleteMarkFiles", removeIt, markFiles, "deleteFilesFromFolder", "(BsR)" },
-        Failure { "deleteMarkFolder", removeIt, markFolder, "deleteFolderRecord", "(BsR)" },
+        Failure { "deleteMarkFolder", removeIt, sql::markAFolder, "deleteFolderRecord", "(BsR)" },
         Failure { "moveBegin", move, "BEGIN", nullptr, "(B)" },
-        Failure { "moveLookUp", move, selectLiveFolder, "folderExists", "(BsR)" },
-        Failure { "moveInsertFolder", move, insertFolder, "insertIndividualFolder", "(BsR)" },
+        Failure { "moveLookUp", move, sql::lookUpLiveFolder, "folderExists", "(BsR)" },
+        Failure { "moveInsertFolder", move, sql::addFolder, "insertIndividualFolder", "(BsR)" },
         Failure { "moveListFiles", move, "select path , name , category", "getSimpleFileListByFolder", "(BsR)" },
         Failure { "moveInsertFile", move, "insert into files", "insertFile", "(BsR)" },
         Failure { "moveMarkFile", move, "where file_id = ?", "deleteFile", "(BsR)" },
         Failure { "moveListFolders", move, "where parent_id=?", "getFolderListByFolder", "(BsR)" },
-        Failure { "moveMarkFolder", move, markFolder, "deleteFolderRecord", "(BsR)" },
+        Failure { "moveMarkFolder", move, sql::markAFolder, "deleteFolderRecord", "(BsR)" },
         Failure { "moveMarkFiles", move, markFiles, "deleteFilesFromFolder", "(BsR)" },
         Failure { "moveCommit", move, "COMMIT", nullptr, "(BsCR)" },
-        Failure { "moveOfAnUnknownLookUp", moveUnknown, selectLiveFolder, "folderExists", "(BsR)" },
-        Failure { "moveOfAnUnknownInsert", moveUnknown, insertFolder, "insertIndividualFolder", "(BsR)" },
+        Failure { "moveOfAnUnknownLookUp", moveUnknown, sql::lookUpLiveFolder, "folderExists", "(BsR)" },
+        Failure { "moveOfAnUnknownInsert", moveUnknown, sql::addFolder, "insertIndividualFolder", "(BsR)" },
         Failure { "moveOfAnUnknownCommit", moveUnknown, "COMMIT", nullptr, "(BsCR)" }),
     [](const testing::TestParamInfo<Failure>& failure) { return std::string(failure.param.name); });
 
@@ -175,8 +173,8 @@ TEST_F(FolderChangesFailureTest, moveThatFillsTheCatalogueIsUndone)
 TEST_F(FolderChangesFailureTest, stopInTheMiddleOfAMoveUndoesIt)
 {
     rename("/Music/Rock", "/Films/Pop");
-    const OnStatement stop([this](const std::string& sql, sqlite3*) {
-        if (sql.find("insert into files") != std::string::npos)
+    const OnStatement stop([this](const std::string& text, sqlite3*) {
+        if (text.find("insert into files") != std::string::npos)
             manager->requestStop();
     });
     moveFolder("/Music/Rock", "/Films/Pop");
@@ -186,8 +184,8 @@ TEST_F(FolderChangesFailureTest, stopInTheMiddleOfAMoveUndoesIt)
 
 TEST_F(FolderChangesFailureTest, stopInTheMiddleOfADeletionUndoesIt)
 {
-    const OnStatement stop([this](const std::string& sql, sqlite3*) {
-        if (sql.find("select a.folder_id") != std::string::npos)
+    const OnStatement stop([this](const std::string& text, sqlite3*) {
+        if (text.find(sql::listFolderIds) != std::string::npos)
             manager->requestStop();
     });
     deleteFolder("/Music/Rock");

@@ -120,6 +120,12 @@ protected:
                 replaceByLink(below, "Music");
         }
     }
+
+    void expectNothingChanged() const
+    {
+        EXPECT_EQ(before, rows());
+        EXPECT_EQ(4, watches());
+    }
 };
 
 INSTANTIATE_TEST_SUITE_P(FolderChanges, FolderChangesOfNoFolderTest, testing::Values("gone", "file", "link"),
@@ -133,8 +139,7 @@ TEST_P(FolderChangesOfNoFolderTest, isIgnoredWhenNew)
         EXPECT_EQ(nothing, loggedLines());
         EXPECT_EQ("()", trace.text());
     }
-    EXPECT_EQ(before, rows());
-    EXPECT_EQ(4, watches());
+    expectNothingChanged();
 }
 
 TEST_P(FolderChangesOfNoFolderTest, isReportedOnStandardOutputAsTheGoalOfAMove)
@@ -145,8 +150,7 @@ TEST_P(FolderChangesOfNoFolderTest, isReportedOnStandardOutputAsTheGoalOfAMove)
         EXPECT_EQ(nothing, loggedLines());
         EXPECT_EQ("()", trace.text());
     }
-    EXPECT_EQ(before, rows());
-    EXPECT_EQ(4, watches());
+    expectNothingChanged();
 }
 
 TEST_P(FolderChangesOfNoFolderTest, canBeDeleted)

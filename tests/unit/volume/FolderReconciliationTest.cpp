@@ -1,6 +1,8 @@
 #include "SystemHooks.h"
 #include "VolumeTest.h"
 
+#include "support/SqlTexts.h"
+
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -217,7 +219,7 @@ TEST_F(FolderReconciliationTest, eachSubfolderCostsOneMoreLookUp)
 {
     makeFolders({ "a", "b", "c" });
     walkQuietly();
-    const StatementCount lookUps("from folders where path=? and is_deleted=0");
+    const StatementCount lookUps(sql::lookUpLiveFolder);
     walkQuietly();
     // Each of the 4 folders for its own row and once more for its lists, and /Music again at each of its subfolders.
     EXPECT_EQ(4 * 2 + 3, lookUps.count());

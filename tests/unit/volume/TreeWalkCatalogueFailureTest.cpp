@@ -1,13 +1,9 @@
 #include "SystemHooks.h"
 #include "VolumeTest.h"
 
-#include <sched.h>
-#include <sqlite3.h>
-#include <sys/mount.h>
-#include <unistd.h>
+#include "support/SqlTexts.h"
 
-#include <cerrno>
-#include <fstream>
+#include <sqlite3.h>
 
 namespace {
 
@@ -20,9 +16,15 @@ protected:
         initializeQuietly();
     }
 
-    LogLine gotAnException() const
+    /// A file that stays, and a file and a folder that are gone after the first walk.
+    void catalogueWhatThenGoes()
     {
-        return err("Got an exception during the walking of volumeManager " + name + "\n");
+        volume.writeFile("Music/a.mp3");
+        volume.writeFile("Music/gone.mp3");
+        volume.makeFolder("Music/gone");
+        walk("/Music");
+        volume.remove("Music/gone.mp3");
+        volume.remove("Music/gone");
     }
 };
 
@@ -57,13 +59,8 @@ TEST_F(TreeWalkCatalogueFailureTest, withoutFileTableTheListsAreEmptyAndTheWalkG
 
 TEST_F(TreeWalkCatalogueFailureTest, failedFileListLeavesTheFolderListEmptyToo)
 {
-    volume.writeFile("Music/a.mp3");
-    volume.writeFile("Music/gone.mp3");
-    volume.makeFolder("Music/gone");
-    walk("/Music");
-    volume.remove("Music/gone.mp3");
-    volume.remove("Music/gone");
-    const BrokenStatement broken("select path , name , modified_time , created_time from  files");
+    catalogueWhatThenGoes();
+    const BrokenStatement broken(sql::listFiles);
     walk("/Music");
     expectSummary("/Music", 1, 0, 0, 0);
     EXPECT_EQ("[/Music] root\n[/Music/gone] in [/Music]\n", folders());
@@ -72,12 +69,7 @@ TEST_F(TreeWalkCatalogueFailureTest, failedFileListLeavesTheFolderListEmptyToo)
 
 TEST_F(TreeWalkCatalogueFailureTest, failedFolderListLeavesTheFileListAsItIs)
 {
-    volume.writeFile("Music/a.mp3");
-    volume.writeFile("Music/gone.mp3");
-    volume.makeFolder("Music/gone");
-    walk("/Music");
-    volume.remove("Music/gone.mp3");
-    volume.remove("Music/gone");
+    catalogueWhatThenGoes();
     const BrokenStatement broken("where parent_id=? and is_deleted=0");
     walk("/Music");
     EXPECT_EQ((std::vector<LogLine> { err("getFolderListByFolder() failed, handleStatus: 21\n"),
@@ -100,7 +92,7 @@ TEST_F(TreeWalkCatalogueFailureTest, oneFileThatFailsDoesNotKeepTheOthersOut)
     EXPECT_EQ((std::vector<LogLine> {
                   err("updateFile() failed, handleStatus: 21\n"), err("Error in insert/update of the file b.mp3\n") }),
         loggedErrors());
-    EXPECT_EQ("4\n", query("select count(*) from Files where is_deleted=0"));
+    EXPECT_EQ(4, liveFiles());
 }
 
 TEST_F(TreeWalkCatalogueFailureTest, folderIsUndoneAndTheWalkGoesOnBelowIt)
@@ -176,8 +168,8 @@ TEST_F(TreeWalkCatalogueFailureTest, nothingIsWrittenOnceTheListingHasUndoneTheT
     volume.writeFile("Music/a.mp3");
     ageRows();
     {
-        const OnStatement undo([](const std::string& sql, sqlite3* connection) {
-            if (sql.find("select path , name , modified_time , created_time from  files") != std::string::npos) {
+        const OnStatement undo([](const std::string& text, sqlite3* connection) {
+            if (text.find(sql::listFiles) != std::string::npos) {
                 // As SQLite itself does when a statement finds the disk full or damaged.
                 EXPECT_EQ(SQLITE_OK, sqlite3_exec(connection, "ROLLBACK", nullptr, nullptr, nullptr));
             }
@@ -215,92 +207,6 @@ TEST_F(TreeWalkCatalogueFailureTest, fileThatIsNoCatalogueStaysAsItIs)
     EXPECT_EQ(1, timesLoggedFrom("Finished walk."));
     destroy();
     EXPECT_EQ(text, volume.readFile(".quarrow/quarrow.db"));
-}
-
-/// The catalogue on a file system of its own that can be filled to the brim.
-class TreeWalkFullVolumeTest : public TreeWalkCatalogueFailureTest {
-protected:
-    void SetUp() override
-    {
-        destroy();
-        volume.remove(".quarrow");
-        volume.makeFolder(".quarrow");
-        // In a mount namespace of this thread alone, whatever the process was started in.
-        ASSERT_EQ(0, unshare(CLONE_NEWNS)) << errno;
-        ASSERT_EQ(0, mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) << errno;
-        ASSERT_EQ(0, mount("tmpfs", volume.path(".quarrow").c_str(), "tmpfs", 0, "size=3m")) << errno;
-        mounted = true;
-        manager = std::make_unique<VolumeManager>();
-        initializeQuietly();
-        volume.makeFolder("Music/large");
-        volume.makeFolder("Music/small");
-        walk("/Music");
-        ASSERT_EQ("[/Music] root\n[/Music/large] in [/Music]\n[/Music/small] in [/Music]\n", folders());
-    }
-
-    void TearDown() override
-    {
-        destroy();
-        if (mounted) {
-            EXPECT_EQ(0, umount(volume.path(".quarrow").c_str()));
-        }
-    }
-
-    void makeFiles(int count, int nameLength) const
-    {
-        for (int number = 0; number < count; ++number) {
-            std::string file = std::to_string(number);
-            file.insert(0, static_cast<std::string::size_type>(nameLength) - file.length(), '0');
-            volume.writeFile("Music/large/" + file);
-        }
-        volume.writeFile("Music/small/a.mp3");
-    }
-
-    void fill() const
-    {
-        std::ofstream ballast(volume.path(".quarrow/ballast"), std::ios::binary);
-        const std::string page(4096, 'x');
-        while (ballast.write(page.data(), 4096).flush()) { }
-    }
-
-    void makeRoom() const
-    {
-        volume.remove(".quarrow/ballast");
-        ASSERT_EQ(0, mount(nullptr, volume.path(".quarrow").c_str(), nullptr, MS_REMOUNT, "size=64m"));
-    }
-
-    bool mounted = false;
-};
-
-TEST_F(TreeWalkFullVolumeTest, folderThatDoesNotFitIsAbandonedAtItsCommit)
-{
-    makeFiles(1000, 20);
-    fill();
-    walk("/Music");
-    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, loggedErrors());
-    EXPECT_EQ("[/Music/small/a.mp3] 2 in [/Music/small]\n", files());
-    makeRoom();
-    walk("/Music");
-    EXPECT_EQ(std::vector<LogLine> {}, loggedErrors());
-    EXPECT_EQ("1001\n", query("select count(*) from Files where is_deleted=0"));
-    EXPECT_EQ("ok\n", query("pragma integrity_check"));
-}
-
-TEST_F(TreeWalkFullVolumeTest, nothingMoreIsWrittenForAFolderThatFailedHalfWay)
-{
-    makeFiles(2500, 250); // more than what a transaction keeps in memory
-    fill();
-    walk("/Music");
-    EXPECT_EQ(1, timesLoggedFrom("insertFile() failed, handleStatus: "));
-    EXPECT_EQ(1, timesLoggedFrom("Error in insert/update of the file "));
-    EXPECT_EQ(gotAnException(), loggedErrors().back());
-    EXPECT_EQ(3U, loggedErrors().size());
-    EXPECT_EQ("[/Music/small/a.mp3] 2 in [/Music/small]\n", files());
-    makeRoom();
-    walk("/Music");
-    EXPECT_EQ(std::vector<LogLine> {}, loggedErrors());
-    EXPECT_EQ("2501\n", query("select count(*) from Files where is_deleted=0"));
-    EXPECT_EQ("ok\n", query("pragma integrity_check"));
 }
 
 } // namespace

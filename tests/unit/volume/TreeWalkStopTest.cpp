@@ -1,6 +1,8 @@
 #include "SystemHooks.h"
 #include "VolumeTest.h"
 
+#include "support/SqlTexts.h"
+
 namespace {
 
 /// A stop in the middle of a walk: what was begun is kept, what was not yet looked at is not taken for gone.
@@ -37,14 +39,19 @@ protected:
         };
     }
 
+    /// A walk on the thread that is stopped when it is about to delete its first folder.
+    void walkUntilAFolderIsDeleted()
+    {
+        const OnStatement stop(stopAtStatement(sql::markAFolder));
+        walkOnThread();
+    }
+
     void startAnew()
     {
         destroy();
         manager = std::make_unique<VolumeManager>();
         initializeQuietly();
     }
-
-    const std::string folderDeletion = "update folders set is_deleted = 1";
 };
 
 TEST_F(TreeWalkStopTest, beforeTheWalkLeavesOnlyTheLastLines)
@@ -152,7 +159,7 @@ TEST_F(TreeWalkStopTest, betweenTwoFilesKeepsWhatWasMerged)
     for (const char* file : { "Music/a", "Music/b", "Music/c", "Music/d" })
         volume.writeFile(file);
     {
-        const OnStatement stop(stopAtStatement("insert into files", 2));
+        const OnStatement stop(stopAtStatement(sql::addFile, 2));
         walk("/Music");
     }
     EXPECT_EQ("[/Music/a] 4 in [/Music]\n[/Music/b] 4 in [/Music]\n", files());
@@ -167,7 +174,7 @@ TEST_F(TreeWalkStopTest, betweenTwoVanishedFoldersKeepsWhatWasMerged)
     for (const char* folder : { "Music/a", "Music/b", "Music/c" })
         volume.remove(folder);
     {
-        const OnStatement stop(stopAtStatement(folderDeletion));
+        const OnStatement stop(stopAtStatement(sql::markAFolder));
         walk("/Music");
     }
     EXPECT_EQ(
@@ -184,7 +191,7 @@ TEST_F(TreeWalkStopTest, insideTheDeletionOfAVanishedFolderUndoesTheFolderInSile
     volume.writeFile("Music/b.mp3");
     ageRows();
     {
-        const OnStatement stop(stopAtStatement(folderDeletion));
+        const OnStatement stop(stopAtStatement(sql::markAFolder));
         walk("/Music");
     }
     EXPECT_EQ("", writtenRows());
@@ -206,10 +213,7 @@ TEST_F(TreeWalkStopTest, duringTheRemovalOfTopLevelFoldersLeavesNothingLiveBehin
     volume.makeFolder("a");
     walk("/c");
     configure({ "/a" });
-    {
-        const OnStatement stop(stopAtStatement(folderDeletion));
-        walkOnThread();
-    }
+    walkUntilAFolderIsDeleted();
     startAnew();
     walkOnThread();
     EXPECT_EQ("[/a] root\n[/c] root deleted\n[/c/x] in [/c] deleted\n[/c/x/y] in [/c/x] deleted\n", folders());
@@ -218,15 +222,9 @@ TEST_F(TreeWalkStopTest, duringTheRemovalOfTopLevelFoldersLeavesNothingLiveBehin
 
 TEST_F(TreeWalkStopTest, betweenTwoTopLevelFoldersKeepsTheSecond)
 {
-    volume.makeFolder("a");
-    volume.makeFolder("b");
-    walk("/a");
-    walk("/b");
+    catalogueTopLevelFolders({ "a", "b" });
     configure({ "/c" });
-    {
-        const OnStatement stop(stopAtStatement(folderDeletion));
-        walkOnThread();
-    }
+    walkUntilAFolderIsDeleted();
     EXPECT_EQ(1, timesLoggedFrom("Checking if the folder"));
     EXPECT_EQ("[/a] root deleted\n[/b] root\n", folders());
 }
@@ -244,14 +242,11 @@ TEST_F(TreeWalkStopTest, duringTheRemovalOfAFolderOfManyFilesLeavesNothingLiveBe
             " f.folder_id, f.path||'/'||i, i, 4, 1, 1, 1, 0, 1 from Folders f, n where f.name='"
             + place + "'");
         configure({ "/a" });
-        {
-            const OnStatement stop(stopAtStatement(folderDeletion));
-            walkOnThread();
-        }
+        walkUntilAFolderIsDeleted();
         startAnew();
         walkOnThread();
         EXPECT_EQ("[/a]\n", query("select '['||path||']' from Folders where is_deleted=0")) << place;
-        EXPECT_EQ("0\n", query("select count(*) from Files where is_deleted=0")) << place;
+        EXPECT_EQ(0, liveFiles()) << place;
     }
 }
 

@@ -1,6 +1,8 @@
 #include "SystemHooks.h"
 #include "VolumeTest.h"
 
+#include "support/SqlTexts.h"
+
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,9 +73,8 @@ TEST_F(TreeWalkSurvivalTest, folderThatBecomesALinkAfterTheFirstLookIsNotRead)
     volume.makeFolder("Music/Rock");
     walk("/Music");
     int listings = 0;
-    const OnStatement hook([&](const std::string& sql, sqlite3*) {
-        if (sql.find("select path , name , modified_time , created_time from  files") == std::string::npos
-            || ++listings != 2)
+    const OnStatement hook([&](const std::string& text, sqlite3*) {
+        if (text.find(sql::listFiles) == std::string::npos || ++listings != 2)
             return;
         volume.remove("Music/Rock");
         ASSERT_EQ(0, symlink(volume.path("outside").c_str(), volume.path("Music/Rock").c_str()));
@@ -199,7 +200,7 @@ TEST_F(TreeWalkSurvivalTest, namesAreBytes)
     volume.remove("Music/f");
     volume.remove("Music/d");
     walk("/Music");
-    EXPECT_EQ("0\n", query("select count(*) from Files where is_deleted=0"));
+    EXPECT_EQ(0, liveFiles());
     EXPECT_EQ("[/Music] root\n", query("select '['||path||'] root' from Folders where is_deleted=0"));
 }
 
@@ -234,9 +235,9 @@ TEST_F(TreeWalkSurvivalTest, twoRowsOfOneFileBecomeOne)
     change("insert into Files select 900, folder_id, path, name, category, size, modified_time, created_time, "
            "is_deleted, is_backup, is_hidden, is_system, last_updated_time from Files");
     walk("/Music");
-    EXPECT_EQ("1\n", query("select count(*) from Files where is_deleted=0"));
+    EXPECT_EQ(1, liveFiles());
     walk("/Music");
-    EXPECT_EQ("1\n", query("select count(*) from Files where is_deleted=0"));
+    EXPECT_EQ(1, liveFiles());
 }
 
 TEST_F(TreeWalkSurvivalTest, manyEqualRowsDoNotUpsetTheSorting)

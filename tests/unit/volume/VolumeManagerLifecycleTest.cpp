@@ -179,8 +179,7 @@ TEST_F(VolumeManagerLifecycleTest, failedWalkIsLoggedWithTheName)
 {
     initializeQuietly();
     manager->logFailedWalk();
-    EXPECT_EQ(std::vector<LogLine> { err("Got an exception during the walking of volumeManager " + name + "\n") },
-        loggedLines());
+    EXPECT_EQ(std::vector<LogLine> { gotAnException() }, loggedLines());
 }
 
 } // namespace

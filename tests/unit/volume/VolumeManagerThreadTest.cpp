@@ -57,6 +57,16 @@ protected:
         return changed.wait_for(held, std::chrono::seconds(60), [this] { return inside; });
     }
 
+    /// walkOnce() starts nothing, and the volume is idle after it.
+    void expectNoThreadIsStarted()
+    {
+        int started = 0;
+        const OnThreadCreation count([&started](const pthread_attr_t*) { return ++started, 0; });
+        manager->walkOnce();
+        EXPECT_FALSE(manager->isWalking());
+        EXPECT_EQ(0, started);
+    }
+
     void letGo()
     {
         const std::lock_guard<std::mutex> held(mutex);
@@ -158,11 +168,7 @@ TEST_F(VolumeManagerThreadTest, standbyStartsNothingAndClearsWalking)
     ASSERT_TRUE(isOnTheWay());
     ASSERT_TRUE(manager->isWalking());
     goIntoStandby();
-    int started = 0;
-    const OnThreadCreation count([&](const pthread_attr_t*) { return ++started, 0; });
-    manager->walkOnce();
-    EXPECT_FALSE(manager->isWalking());
-    EXPECT_EQ(0, started);
+    expectNoThreadIsStarted();
 }
 
 TEST_F(VolumeManagerThreadTest, standbyLogsNothing)
@@ -180,11 +186,7 @@ TEST_F(VolumeManagerThreadTest, stopStartsNothingAndClearsWalking)
     ASSERT_TRUE(isOnTheWay());
     manager->requestStop();
     EXPECT_TRUE(manager->isWalking());
-    int started = 0;
-    const OnThreadCreation count([&](const pthread_attr_t*) { return ++started, 0; });
-    manager->walkOnce();
-    EXPECT_FALSE(manager->isWalking());
-    EXPECT_EQ(0, started);
+    expectNoThreadIsStarted();
 }
 
 TEST_F(VolumeManagerThreadTest, initializeMakesAStoppedManagerWalkAgain)
@@ -282,8 +284,7 @@ TEST_F(VolumeManagerThreadTest, exceptionEndsTheWalkAndNotTheProcess)
     const BrokenStatement broken("where parent_id=?");
     walkOnThread();
     EXPECT_EQ((std::vector<LogLine> { info("pthread_sigmask returned 0\n"),
-                  err("getFolderListByFolder() failed, handleStatus: 21\n"),
-                  err("Got an exception during the walking of volumeManager " + name + "\n") }),
+                  err("getFolderListByFolder() failed, handleStatus: 21\n"), gotAnException() }),
         loggedLines());
     EXPECT_FALSE(manager->isWalking());
 }
@@ -293,7 +294,7 @@ TEST_F(VolumeManagerThreadTest, walksAgainAfterAnException)
     {
         const BrokenStatement broken("where parent_id=?");
         walkOnThread();
-        EXPECT_EQ(1, timesLogged(LOG_ERR, "Got an exception during the walking of volumeManager " + name + "\n"));
+        EXPECT_EQ(1, timesLogged(LOG_ERR, gotAnException().text));
     }
     walkOnThread();
     EXPECT_EQ(0, timesLoggedFrom("Got an exception"));

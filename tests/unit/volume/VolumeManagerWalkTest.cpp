@@ -1,3 +1,4 @@
+#include "support/SqlTexts.h"
 #include "volume/HandlerTest.h"
 
 #include <fcntl.h>
@@ -132,19 +133,16 @@ TEST_F(VolumeManagerWalkTest, removalOfATopLevelFolderThatFailsHalfWayIsUndone)
     volume.writeFile("a/x/1.mp3");
     walk("/a");
     configure({ "/b" });
-    const BrokenStatement broken("update folders set is_deleted = 1"); // fails after the subfolder's files
+    const BrokenStatement broken(sql::markAFolder); // fails after the subfolder's files
     walkOnThread();
     EXPECT_EQ("[/a] root\n[/a/x] in [/a]\n", folders());
     EXPECT_EQ("0\n", query("select sum(is_deleted) from Files"));
-    EXPECT_EQ(1, timesLogged(LOG_ERR, "Got an exception during the walking of volumeManager " + name + "\n"));
+    EXPECT_EQ(1, timesLogged(LOG_ERR, gotAnException().text));
 }
 
 TEST_F(VolumeManagerWalkTest, removalOfTopLevelFoldersTakesTheLockAndATransactionForEach)
 {
-    volume.makeFolder("a");
-    volume.makeFolder("b");
-    walk("/a");
-    walk("/b");
+    catalogueTopLevelFolders({ "a", "b" });
     configure({ "/c" });
     LockTrace trace(*manager);
     walkOnThread();

@@ -112,6 +112,16 @@ void VolumeTest::walkOnThread()
     }));
 }
 
+void VolumeTest::catalogueTopLevelFolders(const std::list<std::string>& names)
+{
+    for (const std::string& folder : names)
+        volume.makeFolder(folder);
+    for (const std::string& folder : names)
+        walk("/" + folder);
+}
+
+int VolumeTest::liveFiles() const { return std::stoi(query("select count(*) from Files where is_deleted=0")); }
+
 void VolumeTest::ageRows() const
 {
     change("update Folders set last_updated_time=1; update Files set last_updated_time=1");
@@ -135,6 +145,11 @@ int VolumeTest::watches() const { return VolumeWatcher::getInstance()->numWatche
 LogLine VolumeTest::watching(int folders) const
 {
     return info("Actively watching " + std::to_string(watchesBefore + folders) + " folders\n");
+}
+
+LogLine VolumeTest::gotAnException() const
+{
+    return err("Got an exception during the walking of volumeManager " + name + "\n");
 }
 
 std::vector<LogLine> VolumeTest::summary(

@@ -46,6 +46,9 @@ protected:
     /// walkOnce(), and waits for the end of that walk; what was logged before is gone.
     void walkOnThread();
 
+    /// Makes the folders and walks each, as if it were the only crawl path.
+    void catalogueTopLevelFolders(const std::list<std::string>& names);
+
     std::string dbPath() const { return volume.path(".quarrow/quarrow.db"); }
     std::string statePath() const { return volume.path(".quarrow/quarrow-volume.xml"); }
     std::string query(const std::string& sql) const { return queryCatalogue(dbPath(), sql); }
@@ -55,6 +58,7 @@ protected:
     std::string folders() const { return dumpFoldersByPath(dbPath()); }
     /// "[/Music/a.mp3] 2 in [/Music]\n"
     std::string files() const { return dumpFilesByPath(dbPath()); }
+    int liveFiles() const;
     /// Makes every row look as if it was last written in second 1, which no write leaves behind.
     void ageRows() const;
     /// The paths of folders and files, outside /.quarrow, that were written since ageRows(), by path.
@@ -66,6 +70,8 @@ protected:
     int watches() const;
     /// The last line of a walk.
     LogLine watching(int folders) const;
+    /// The line of a walk that had to give something up.
+    LogLine gotAnException() const;
     /// What a walk logs about a folder.
     std::vector<LogLine> summary(
         const std::string& below, int addedFiles, int deletedFiles, int addedFolders, int deletedFolders) const;

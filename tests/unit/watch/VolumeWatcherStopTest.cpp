@@ -38,6 +38,15 @@ protected:
         EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
     }
 
+    /// A stop while the thread waits for events and the kernel gives no watch, from which on it gives them again.
+    void stopAtRest()
+    {
+        startAndWait();
+        watcher->stop();
+        refuseWatches(false);
+        EXPECT_FALSE(watcher->isRunning());
+    }
+
     /// A stop when the one watch is of a read-only folder, where nothing can be touched, and no more are to be had.
     void stopWithoutMoreWatches(bool withStaleEntry)
     {
@@ -112,10 +121,7 @@ TEST_F(VolumeWatcherStopTest, stopEndsWhenTheKernelNeverGaveAWatch)
 {
     refuseWatches();
     EXPECT_LT(watch(folder.makeFolder("a")), 0);
-    startAndWait();
-    watcher->stop();
-    refuseWatches(false);
-    EXPECT_FALSE(watcher->isRunning());
+    stopAtRest();
     EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
 }
 
@@ -124,10 +130,7 @@ TEST_F(VolumeWatcherStopTest, stopEndsWhenEveryEntryIsStaleAndTheKernelGivesNoWa
     refuseWatches();
     route(17); // late events of watches that are no more
     route(18);
-    startAndWait();
-    watcher->stop();
-    refuseWatches(false);
-    EXPECT_FALSE(watcher->isRunning());
+    stopAtRest();
     EXPECT_EQ(1, timesLogged(LOG_INFO, "======\n"));
 }
 

@@ -69,4 +69,13 @@ inline std::string markFilesIn(const std::string& folderId)
         + "\n";
 }
 
+// Parts by which a statement is told from all others.
+
+inline const char* const lookUpLiveFolder = "from folders where path=? and is_deleted=0";
+inline const char* const listFolderIds = "select a.folder_id";
+inline const char* const listFiles = "select path , name , modified_time , created_time from  files";
+inline const char* const addFolder = "insert into folders";
+inline const char* const addFile = "insert into files";
+inline const char* const markAFolder = "update folders set is_deleted = 1";
+
 } // namespace sql

@@ -78,8 +78,10 @@ def test_a_storm_in_the_first_minute_and_one_in_the_control_loop(arena, clock):
     storm(daemon, [USR1])
     daemon.wait_walks()
     daemon.signal(USR1)  # in case that nothing of the storm was left when the minute began
-    for _ in range(3):
-        wait_at_rest(daemon, served=0)
+    wait_at_rest(daemon, served=0)
+    for number in range(50):  # on a busy machine more of a storm become one, and it takes more storms
+        if number >= 3 and daemon.count(GOT_USR1) > 100:
+            break
         before = daemon.count(GOT_USR1)
         storm(daemon, [USR1])
         wait_at_rest(daemon, before)

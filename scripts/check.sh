@@ -41,3 +41,6 @@ git ls-files -z 'tests/fuzz/*.cpp' 'bench/*.cpp' | xargs -0 -P "$(nproc)" -n 3 c
 
 echo '== valgrind'
 /usr/bin/python3 scripts/memcheck.py build/release/quarrow
+
+echo '== Instructions'
+/usr/bin/python3 scripts/instructions.py build/release/quarrow

@@ -64,8 +64,9 @@ def plan_file(chance, number, shelf):
     return name, size + chance.randrange(4096)
 
 
-def make_tree(root, file_count, folder_count, seed):
-    """Makes the tree in the folder `root`, which must be empty or missing; returns a description of it."""
+def make_tree(root, file_count, folder_count, seed, largest=LARGEST):
+    """Makes the tree in the folder `root`, which must be empty or missing; returns a description of it. No file is larger
+    than `largest` bytes."""
     chance = random.Random(seed)
     os.makedirs(root, exist_ok=True)
     if os.listdir(root):
@@ -80,6 +81,7 @@ def make_tree(root, file_count, folder_count, seed):
     total_size = 0
     for number, (path, shelf) in enumerate(chance.choices(folders, weights=weights, k=file_count) if folders else []):
         name, size = plan_file(chance, number, shelf)
+        size = min(size, largest)
         full = f"{root}/{path}/{name}"
         handle = os.open(full, os.O_CREAT | os.O_EXCL | os.O_WRONLY, 0o644)
         os.ftruncate(handle, size)

@@ -13,6 +13,7 @@ from daemon import Daemon, LogSink, WALK_BEGINS, WALK_ENDS
 from quarrow_driver.clock import fast_clock
 
 HURRY = 100  # how many times faster the clock runs where only the clock matters
+FLOORS = {"floor": [], "prepared floor": ["--prepared"], "prepared floor with log": ["--prepared", "--log"]}
 REWALKS = 10
 REWALK_PAUSE = 300  # seconds that the daemon lets pass between two starts of a walk
 MOVED_TREES = {"quarter": (5000, 250), "whole": (20000, 1000)}  # files and folders of a tree that is moved
@@ -73,13 +74,14 @@ def both_walks(bench, walk):
 
 
 def walks(bench):
-    """find, the floor without and with log lines, and the daemon, in turn; each repetition in another order, so that a
+    """find, the floors without and with log lines, and the daemon, in turn; each repetition in another order, so that a
     machine that slows down on the way favours none."""
     results = collections.defaultdict(list)
     bench.find()  # fills the caches; all that follows runs warm
     with bench.sink() as sink:
-        contestants = [("find", bench.find), ("floor", lambda: both_walks(bench, bench.floor)),
-                       ("floor with log", lambda: both_walks(bench, lambda: bench.floor("--log")))]
+        contestants = [("find", bench.find)]
+        for name, arguments in FLOORS.items():
+            contestants.append((name, lambda arguments=arguments: both_walks(bench, lambda: bench.floor(*arguments))))
         if bench.options.daemon:
             contestants.append(("daemon", lambda: both_walks(bench, lambda: bench.daemon_walk(sink))))
         for repetition in range(bench.options.repeat):

@@ -1,8 +1,8 @@
 #!/bin/sh
 # Looks for faults that no test asks for: shellcheck and pyflakes read the scripts, each header of src/ is compiled alone,
 # cppcheck reads src/, clang-tidy all of src/, tests/ and bench/, and valgrind watches a run of the daemon. Whatever one of
-# them finds is fatal. Installs what is missing first, and says so; builds in build/release, and looks up in build/fuzz
-# how the fuzz targets and bench/ are compiled.
+# them finds is fatal, and so is a walk that takes more instructions than is recorded. Installs what is missing first, and
+# says so; builds in build/release, and looks up in build/fuzz how the fuzz targets and bench/ are compiled.
 set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh

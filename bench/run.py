@@ -17,6 +17,7 @@ sys.path.insert(0, f"{HERE}/../scripts")
 import make_tree  # (the path comes first)
 import measure
 import private_run
+from table import Table, spread
 
 WALK_TARGETS = {"first": 1.3, "again": 1.4}  # times the floor whose statements stay prepared
 MEMORY_TARGET = 20_000_000 / 1024, 600 / 1024  # kB, and kB per watched folder
@@ -84,25 +85,6 @@ def provide_tree(options, work):
     with open(label, "w", encoding="utf-8") as file:
         json.dump(made, file)
     return tree
-
-
-class Table:
-    def __init__(self):
-        self.rows = []
-
-    def add(self, what, value, target="", good=None):
-        self.rows.append((what, value, target, {None: "", True: "met", False: "MISSED"}[good]))
-
-    def show(self):
-        widths = [max(len(row[column]) for row in self.rows) for column in range(4)]
-        for row in self.rows:
-            print("  ".join(text.ljust(width) for text, width in zip(row, widths)).rstrip())
-
-
-def spread(values, form, unit=""):
-    """The median, with the least and the greatest behind it."""
-    return (f"{statistics.median(values):{form}}{unit}"
-            + (f"  ({min(values):{form}} to {max(values):{form}})" if len(values) > 1 else ""))
 
 
 def show_walks(results, table):

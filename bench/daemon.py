@@ -75,12 +75,14 @@ class LogSink:
 
 
 class Daemon(DaemonProcess):
-    """The daemon over one volume, from start to SIGTERM."""
+    """The daemon over one volume and perhaps further ones, from start to SIGTERM."""
 
-    def __init__(self, program, volume, work, crawl_paths=(), tracer=(), environment=None):
+    def __init__(self, program, volume, work, crawl_paths=(), tracer=(), environment=None, exclude=(), further=()):
         config = f"{work}/quarrow-host.xml"
+        elements = [volume_element("bench", volume, crawl_paths, exclude)]
+        elements += [volume_element(f"bench {number}", root, (), exclude) for number, root in enumerate(further, 2)]
         with open(config, "w", encoding="utf-8") as file:
-            file.write(host_configuration([volume_element("bench", volume, crawl_paths)]))
+            file.write(host_configuration(elements))
         self.started = time.monotonic()
         super().__init__([*tracer, program], config, environment, stdout=subprocess.DEVNULL, preexec_fn=end_with_parent)
 

@@ -223,7 +223,8 @@ class Watching(Peer):
     """A peer that stays and follows changes."""
 
     def run(self, is_seen=None):
-        server = self.start()
+        """Starts it: the first time when no `is_seen` is given, and then a second time over what it has."""
+        server = self.start(again=is_seen is not None)
         try:
             seconds = server.seconds_until_quiet()
             result = {"seconds": seconds, "memory": server.peak}
@@ -244,7 +245,8 @@ class Baloo(Watching):
     def program(_):
         return shutil.which("baloo_file") and shutil.which("dbus-daemon") and shutil.which("baloosearch")
 
-    def start(self):
+    def start(self, again):
+        del again  # it always looks for what has changed
         self.environment = {"HOME": self.folder, "XDG_CONFIG_HOME": f"{self.folder}/config", "XDG_RUNTIME_DIR": self.folder,
                             "XDG_DATA_HOME": f"{self.folder}/data", "QT_QPA_PLATFORM": "offscreen",
                             "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.folder}/bus"}
@@ -284,15 +286,16 @@ class MiniDlna(Watching):
     def program(_):
         return shutil.which("minidlnad")
 
-    def start(self):
+    def start(self, again):
         with open(f"{self.folder}/minidlna.conf", "w", encoding="utf-8") as file:
             with socket.socket() as free:
                 free.bind(("127.0.0.1", 0))
                 port = free.getsockname()[1]
             file.write(f"media_dir={self.tree}\ndb_dir={self.folder}/db\nlog_dir={self.folder}\nport={port}\n"
                        "network_interface=lo\ninotify=yes\nnotify_interval=100000\n")
-        return Server(["minidlnad", "-d", "-f", f"{self.folder}/minidlna.conf", "-P", f"{self.folder}/pid"],
-                      {"HOME": self.folder})
+        # Unless told to, it would not look for changes at a second start.
+        return Server(["minidlnad", "-d", "-f", f"{self.folder}/minidlna.conf", "-P", f"{self.folder}/pid",
+                       *(["-r"] if again else [])], {"HOME": self.folder})
 
     def is_indexed(self, path):
         connection = sqlite3.connect(f"file:{self.folder}/db/files.db?mode=ro", uri=True, timeout=60)

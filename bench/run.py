@@ -17,7 +17,7 @@ sys.path.insert(0, f"{HERE}/../scripts")
 import make_tree  # (the path comes first)
 import measure
 import private_run
-from table import Table, spread
+from table import Table, run_measurements, spread
 
 WALK_TARGETS = {"first": 1.3, "again": 1.4}  # times the floor whose statements stay prepared
 MEMORY_TARGET = 20_000_000 / 1024, 600 / 1024  # kB, and kB per watched folder
@@ -198,14 +198,8 @@ def main():
     if tree:
         table.add("tree", f"{options.files} files in {options.folders} folders, seed {options.seed}")
     raw = {"tree": {"files": options.files, "folders": options.folders, "seed": options.seed}, "load": os.getloadavg()}
-    for name in options.measurements:
-        print(f"measuring {name} ...", file=sys.stderr, flush=True)
-        raw[name] = getattr(measure, name)(bench)
-        globals()[f"show_{name}"](raw[name], table)
-        if options.json:  # after each, so that a long run that fails late keeps what it has
-            with open(options.json, "w", encoding="utf-8") as file:
-                json.dump(raw, file, indent=1)
-    table.show()
+    run_measurements(options.measurements, lambda name: getattr(measure, name)(bench),
+                     lambda name, numbers, shown: globals()[f"show_{name}"](numbers, shown), raw, table, options.json)
     return 0
 
 

@@ -25,7 +25,7 @@ import private_run
 from daemon import Daemon, LogSink, STOP_PATIENCE, WALK_BEGINS, WALK_ENDS
 from quarrow_driver.reading import open_for_reading
 from quarrow_driver.waiting import poll
-from table import Table, spread
+from table import Table, run_measurements, spread
 
 SHAPES = ["files", "one-folder", "many-folders", "deep", "volumes"]
 BURSTS = ["burst", "delete", "move"]
@@ -550,14 +550,8 @@ def main():
     raw = {"scale": options.scale, "load": os.getloadavg()}
     with LogSink(options.sink) as sink:
         lab = Lab(options, work, sink)
-        for name in options.measurements:
-            print(f"measuring {name} ...", file=sys.stderr, flush=True)
-            raw[name] = globals()[f"measure_{name.replace('-', '_')}"](lab)
-            show(name, raw[name], table)
-            if options.json:  # after each, so that a long run that fails late keeps what it has
-                with open(options.json, "w", encoding="utf-8") as file:
-                    json.dump(raw, file, indent=1)
-    table.show()
+        run_measurements(options.measurements, lambda name: globals()[f"measure_{name.replace('-', '_')}"](lab), show, raw,
+                         table, options.json)
     return 0
 
 

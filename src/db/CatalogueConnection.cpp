@@ -76,9 +76,7 @@ sqlite3_stmt* CatalogueConnection::prepare(const char* text)
 {
     if (!endAbandonedTransaction())
         return nullptr;
-    if (!keepsStatements())
-        statements.clear(); // SQLite has ended the transaction that they are from
-    sqlite3_stmt* const kept = statements.take(text);
+    sqlite3_stmt* const kept = keepsStatements() ? statements.take(text) : nullptr;
     return kept != nullptr ? kept : prepareNew(text);
 }
 
@@ -96,10 +94,13 @@ sqlite3_stmt* CatalogueConnection::prepareNew(const char* text) const
 
 int CatalogueConnection::finish(const char* text, sqlite3_stmt* statement, int status)
 {
-    if (statement == nullptr || status != SQLITE_DONE || !keepsStatements())
-        return sqlite3_finalize(statement);
-    statements.put(text, statement);
-    return SQLITE_OK;
+    if (!keepsStatements()) {
+        statements.clear(); // SQLite has ended the transaction that they are from
+    } else if (statement != nullptr && status == SQLITE_DONE) {
+        statements.put(text, statement);
+        return SQLITE_OK;
+    }
+    return sqlite3_finalize(statement);
 }
 
 bool CatalogueConnection::keepsStatements() const { return ownsWriteLock && isInTransaction(); }

@@ -1,5 +1,6 @@
 #include "db/SqliteMemory.h"
 
+#include <pthread.h>
 #include <sqlite3.h>
 
 #include <cstddef>
@@ -9,12 +10,16 @@
 
 namespace {
 
-constexpr std::size_t step = 32;         // bytes from one list's blocks to the next one's
-constexpr std::size_t lists = 32;        // so blocks of up to 1 KiB are kept
+constexpr std::size_t step = 32;  // bytes from one list's blocks to the next one's
+constexpr std::size_t lists = 32; // so blocks of up to 1 KiB are kept
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t mostKept = 0; // it would not see the use of a block that was freed
+#else
 constexpr std::size_t mostKept = 262144; // bytes per thread: two or three folders' statements
+#endif
 
-/// Stands before the memory that SQLite gets.
-struct Header {
+/// Stands before the memory that SQLite gets, which has to be aligned to 8 bytes.
+struct alignas(8) Header {
     std::size_t size; ///< of that memory
 };
 
@@ -24,19 +29,33 @@ struct FreeBlock {
 
 /// The free blocks of one thread. A block may come back on another thread than it was taken on, and stays there.
 struct FreeBlocks {
-    FreeBlock* first[lists] = {};
-    std::size_t kept = 0;
-
-    ~FreeBlocks()
-    {
-        for (FreeBlock*& block : first)
-            while (block != nullptr)
-                std::free(reinterpret_cast<Header*>(std::exchange(block, block->next)) - 1);
-        kept = mostKept; // what is freed while the thread ends is not kept any more
-    }
+    FreeBlock* first[lists];
+    std::size_t kept;     ///< bytes
+    bool isFreedAtTheEnd; ///< of the thread; without that no block is kept
 };
 
+/// Without a constructor or destructor: C++ ends the process when it finds no memory to register one.
 thread_local FreeBlocks freeBlocks;
+pthread_key_t endOfThread;
+
+void freeAll(void* blocks)
+{
+    auto* const own = static_cast<FreeBlocks*>(blocks);
+    for (FreeBlock*& block : own->first)
+        while (block != nullptr)
+            std::free(reinterpret_cast<Header*>(std::exchange(block, block->next)) - 1);
+    own->kept = 0;
+    own->isFreedAtTheEnd = false;
+}
+
+bool mayKeep(FreeBlocks& own, std::size_t size)
+{
+    if (own.kept + size > mostKept)
+        return false;
+    if (!own.isFreedAtTheEnd)
+        own.isFreedAtTheEnd = pthread_setspecific(endOfThread, &own) == 0;
+    return own.isFreedAtTheEnd;
+}
 
 std::size_t rounded(std::size_t bytes) { return (bytes + step - 1) / step * step; }
 
@@ -66,7 +85,7 @@ void release(void* memory)
     const std::size_t size = header->size;
     const std::size_t list = size / step - 1;
     FreeBlocks& own = freeBlocks;
-    if (list >= lists || own.kept + size > mostKept) {
+    if (list >= lists || !mayKeep(own, size)) {
         std::free(header);
         return;
     }
@@ -76,7 +95,7 @@ void release(void* memory)
     own.kept += size;
 }
 
-int sizeOf(void* memory) { return memory == nullptr ? 0 : static_cast<int>(headerOf(memory)->size); }
+int sizeOf(void* memory) { return static_cast<int>(headerOf(memory)->size); }
 
 void* resize(void* memory, int bytes)
 {
@@ -98,7 +117,9 @@ int roundUp(int bytes) { return static_cast<int>(rounded(static_cast<std::size_t
 
 void giveSqliteMemoryPerThread()
 {
-    static sqlite3_mem_methods methods
+    if (pthread_key_create(&endOfThread, freeAll) != 0)
+        return;
+    sqlite3_mem_methods methods
         = { allocate, release, resize, sizeOf, roundUp, [](void*) { return SQLITE_OK; }, [](void*) {}, nullptr };
     sqlite3_config(SQLITE_CONFIG_MALLOC, &methods);
 }

@@ -21,6 +21,7 @@ public:
     /// link has taken its place, and when the catalogue failed.
     bool checkFile(const std::string& fileName, const std::string& fullPath) const;
     /// As checkFile(), for a file of the folder that is open as `folder`: the kernel need not go down the whole path.
+    /// The file counts as there when the folder has been moved away meanwhile: that is an event of its own.
     bool checkFileIn(int folder, const std::string& fileName, const std::string& fullPath) const;
 
 private:

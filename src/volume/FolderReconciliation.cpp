@@ -60,13 +60,12 @@ void FolderReconciliation::run(const Transaction& transaction)
     // The watch comes before the read: an entry that is made between the two is then read, reported, or both.
     std::string watched = path;
     VolumeWatcher::getInstance()->addDirectoryToWatch(volume.name, watched);
-    FolderReader reader(path, configuredPath);
-    if (!reader.isOpen() || !listDisk(reader, folder))
-        return;
-
-    std::sort(diskFiles.begin(), diskFiles.end());
-    std::sort(diskFolders.begin(), diskFolders.end());
-    mergeFiles(reader.descriptor(), transaction);
+    {
+        FolderReader reader(path, configuredPath);
+        if (!reader.isOpen() || !listDisk(reader, folder))
+            return;
+        mergeFiles(reader.descriptor(), transaction);
+    }
     mergeFolders();
 }
 
@@ -115,6 +114,7 @@ bool FolderReconciliation::listDisk(FolderReader& reader, DBFolder& folder)
 
 void FolderReconciliation::mergeFiles(int folderOnDisk, const Transaction& transaction)
 {
+    std::sort(diskFiles.begin(), diskFiles.end());
     const auto known = sortedBy(cataloguedFiles, [](const SimpleDBFile& file) { return file.getName(); });
     auto disk = diskFiles.begin();
     auto row = known.begin();
@@ -133,6 +133,7 @@ void FolderReconciliation::mergeFiles(int folderOnDisk, const Transaction& trans
 
 void FolderReconciliation::mergeFolders()
 {
+    std::sort(diskFolders.begin(), diskFolders.end());
     const auto known = sortedBy(cataloguedFolders, [](const DBFolder& folder) { return folder.getPath(); });
     auto disk = diskFolders.begin();
     // The loop ends with the catalogue's list, on purpose: log readers know that new folders behind it are not counted.

@@ -94,6 +94,13 @@ std::string journalThatNames(const std::string& path, std::size_t pages)
 
 } // namespace
 
+TEST_F(SqliteProcessTest, givesItMemoryInStepsOf32Bytes)
+{
+    void* const memory = sqlite3_malloc(33);
+    EXPECT_EQ(64U, sqlite3_msize(memory));
+    sqlite3_free(memory);
+}
+
 TEST_F(SqliteProcessTest, readsWhatWasAdmitted)
 {
     const std::string path = makeWith("/Music");

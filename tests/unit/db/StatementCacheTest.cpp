@@ -210,17 +210,23 @@ TEST_F(StatementCacheTest, whatATransactionKeptIsGoneWhenSqliteHasEndedIt)
     pathsFrom("/");
     EXPECT_THROW(Statement(connection, "update Folders set is_deleted = 1").run("failed: %d\n"), DBOperationException);
     EXPECT_FALSE(connection.isInTransaction());
-    EXPECT_EQ("/a/b", pathsFrom("/"));
     EXPECT_EQ("", kept());
+    EXPECT_EQ("/a/b", pathsFrom("/"));
 }
 
 TEST_F(StatementCacheTest, nothingIsKeptWithoutTheWriteLock)
 {
-    change("drop table Folders");
+    begin(); // with the lock
+    connection.commitTransaction();
+    sqlite3* neighbour = nullptr;
+    sqlite3_open(dbPath.c_str(), &neighbour);
+    sqlite3_exec(neighbour, "begin immediate", nullptr, nullptr, nullptr);
+    connection.requestStop(); // or it would wait for the neighbour
     begin();
     for (int run = 0; run < 2; ++run)
-        Statement(connection, "select path from Files").run("%d");
+        EXPECT_EQ("/a/b", pathsFrom("/"));
     EXPECT_EQ("", kept());
+    sqlite3_close(neighbour);
 }
 
 TEST_F(StatementCacheTest, theWriteLockIsTakenByOneStatementOfTheWholeConnection)
@@ -259,6 +265,16 @@ TEST_F(StatementCacheTest, aTransactionSeesAForeignSchemaChangeBeforeIt)
     begin();
     EXPECT_EQ("/b/a", pathsFrom("/"));
     EXPECT_EQ("/b/a", pathsFrom("/"));
+}
+
+TEST_F(StatementCacheTest, aStopLetsShortStatementsThroughHoweverOftenTheyRun)
+{
+    connection.configure();
+    begin();
+    connection.requestStop();
+    for (int run = 0; run < 30000; ++run)
+        ASSERT_EQ("/a/b", pathsFrom("/")) << run;
+    connection.commitTransaction();
 }
 
 TEST_F(StatementCacheTest, eachRunHasItsOwnTime)

@@ -225,6 +225,17 @@ TEST_F(FolderReconciliationTest, eachSubfolderCostsOneMoreLookUp)
     EXPECT_EQ(4 * 2 + 3, lookUps.count());
 }
 
+TEST_F(FolderReconciliationTest, folderThatMovesOnceItIsOpenIsReconciledAsItWas)
+{
+    makeFiles({ "a.mp3", "b.mp3" });
+    const OnReaddir move([this](const std::string&, dirent* entry) {
+        rename(volume.path("Music").c_str(), volume.path("Moved").c_str()); // once: then it is gone
+        return entry;
+    });
+    walkQuietly();
+    EXPECT_EQ("[/Music/a.mp3] 2 in [/Music]\n[/Music/b.mp3] 2 in [/Music]\n", files());
+}
+
 TEST_F(FolderReconciliationTest, folderIsWatchedBeforeItIsRead)
 {
     makeFiles({ "a.mp3" });

@@ -75,9 +75,9 @@ TEST_F(SqliteMemoryTest, takesFreeBlocksOfTheSameSizeAgainTheLastOneFirst)
 {
     if (sanitizerHasTheMemory)
         GTEST_SKIP() << "nothing is kept from the sanitizer";
-    std::vector<void*> blocks;
-    for (int number = 0; number < 100; ++number)
-        blocks.push_back(sqlite3_malloc(100));
+    std::vector<void*> blocks(100);
+    for (void*& block : blocks)
+        block = sqlite3_malloc(100);
     for (void* block : blocks)
         sqlite3_free(block);
     while (!blocks.empty()) {
@@ -90,11 +90,10 @@ TEST_F(SqliteMemoryTest, goesBackToTheSystemBeyondABound)
 {
     if (sanitizerHasTheMemory)
         GTEST_SKIP() << "the sanitizer does not tell what is in use";
-    std::vector<void*> blocks;
-    blocks.reserve(10000);
+    std::vector<void*> blocks(10000);
     const std::size_t before = mallinfo2().uordblks;
-    for (int number = 0; number < 10000; ++number)
-        blocks.push_back(sqlite3_malloc(1000));
+    for (void*& block : blocks)
+        block = sqlite3_malloc(1000);
     EXPECT_LT(before + 10000000, mallinfo2().uordblks);
     for (void* block : blocks)
         sqlite3_free(block);
@@ -105,11 +104,10 @@ TEST_F(SqliteMemoryTest, mayBeFreedOnAnotherThreadAndGoesWithIt)
 {
     if (sanitizerHasTheMemory)
         GTEST_SKIP() << "the sanitizer does not tell what is in use";
-    std::vector<void*> blocks;
-    blocks.reserve(200);
+    std::vector<void*> blocks(200);
     const std::size_t before = mallinfo2().uordblks;
-    for (int number = 0; number < 200; ++number)
-        blocks.push_back(sqlite3_malloc(1000));
+    for (void*& block : blocks)
+        block = sqlite3_malloc(1000);
     std::thread([&blocks] {
         for (void* block : blocks)
             sqlite3_free(block);

@@ -57,6 +57,7 @@ protected:
             paths += stmt.columnText(0);
         return paths;
     }
+    const std::string firstPath = "/a"; ///< to be bound, which borrows it
     const std::string pathsText = "select path from Folders where path >= ?";
 
     ConnectionProbe probe;
@@ -117,7 +118,7 @@ TEST_F(StatementCacheTest, aTextInUseTwiceAtOnceGetsASecondStatement)
 {
     begin();
     Statement outer(connection, "select path from Folders where path >= ?");
-    outer.bind("/a");
+    outer.bind(firstPath);
     ASSERT_TRUE(outer.nextRow());
     EXPECT_EQ("/b", pathsFrom("/b"));
     EXPECT_EQ("/a", outer.columnText(0));
@@ -134,7 +135,7 @@ TEST_F(StatementCacheTest, aHalfReadStatementIsNotHandedOn)
     begin();
     {
         Statement half(connection, "select path from Folders where path >= ?");
-        half.bind("/");
+        half.bind(firstPath);
         ASSERT_TRUE(half.nextRow());
     }
     EXPECT_EQ("", kept());
@@ -143,7 +144,7 @@ TEST_F(StatementCacheTest, aHalfReadStatementIsNotHandedOn)
 TEST_F(StatementCacheTest, aStatementThatNeverRanIsNotHandedOn)
 {
     begin();
-    Statement(connection, "select path from Folders where path >= ?").bind("/");
+    Statement(connection, "select path from Folders where path >= ?").bind(firstPath);
     EXPECT_EQ("", kept());
 }
 
@@ -163,7 +164,7 @@ TEST_F(StatementCacheTest, anInterruptedStatementIsNotHandedOn)
     pathsFrom("/");
     probe.atTheStartOf("select path", [this] { probe.interrupt(); });
     Statement interrupted(connection, "select path from Folders where path >= ?");
-    interrupted.bind("/");
+    interrupted.bind(firstPath);
     EXPECT_FALSE(interrupted.nextRow());
     EXPECT_THROW(interrupted.check("failed: %d\n"), DBOperationException);
     interrupted.finalize();

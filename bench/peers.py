@@ -245,8 +245,7 @@ class Baloo(Watching):
     def program(_):
         return shutil.which("baloo_file") and shutil.which("dbus-daemon") and shutil.which("baloosearch")
 
-    def start(self, again):
-        del again  # it always looks for what has changed
+    def start(self, **_):  # it looks for changes at each start
         self.environment = {"HOME": self.folder, "XDG_CONFIG_HOME": f"{self.folder}/config", "XDG_RUNTIME_DIR": self.folder,
                             "XDG_DATA_HOME": f"{self.folder}/data", "QT_QPA_PLATFORM": "offscreen",
                             "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.folder}/bus"}

@@ -15,7 +15,7 @@ constexpr std::size_t lists = 32; // so blocks of up to 1 KiB are kept
 #ifdef __SANITIZE_ADDRESS__
 constexpr std::size_t mostKept = 0; // it would not see the use of a block that was freed
 #else
-constexpr std::size_t mostKept = 262144; // bytes per thread: two or three folders' statements
+constexpr std::size_t mostKept = 262144; // bytes: what a thread holds that once prepared or read a lot
 #endif
 
 /// Stands before the memory that SQLite gets, which has to be aligned to 8 bytes.

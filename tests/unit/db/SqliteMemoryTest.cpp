@@ -80,10 +80,10 @@ TEST_F(SqliteMemoryTest, takesFreeBlocksOfTheSameSizeAgainTheLastOneFirst)
         block = sqlite3_malloc(100);
     for (void* block : blocks)
         sqlite3_free(block);
-    while (!blocks.empty()) {
-        ASSERT_EQ(blocks.back(), sqlite3_malloc(128));
-        blocks.pop_back();
-    }
+    for (auto block = blocks.rbegin(); block != blocks.rend(); ++block)
+        ASSERT_EQ(*block, sqlite3_malloc(128));
+    for (void* block : blocks)
+        sqlite3_free(block);
 }
 
 TEST_F(SqliteMemoryTest, goesBackToTheSystemBeyondABound)

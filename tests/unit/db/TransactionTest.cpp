@@ -22,6 +22,13 @@ protected:
         return db->insertFolder(folder, true);
     }
 
+    void insertInScope(const std::string& path)
+    {
+        Transaction transaction(*db);
+        insert(path);
+        transaction.commit();
+    }
+
     /// What another program gets when it writes right now, without waiting.
     int foreignWrite(const std::string& path) const
     {
@@ -226,11 +233,7 @@ TEST_F(TransactionTest, whatCannotBeRolledBackAtOnceIsRolledBackBeforeTheNextSta
     EXPECT_TRUE(insert("/Videos"));
     EXPECT_FALSE(db->isInTransaction());
     EXPECT_EQ("1 in -1 '/Videos' live\n", dumpFolders());
-    {
-        Transaction transaction(*db);
-        insert("/Pictures");
-        transaction.commit();
-    }
+    insertInScope("/Pictures");
     EXPECT_EQ("1 in -1 '/Videos' live\n2 in -1 '/Pictures' live\n", dumpFolders());
 }
 
@@ -259,21 +262,13 @@ TEST_F(TransactionTest, aScopeThatCannotBeRolledBackAtOnceDoesNotHinderTheNext)
     open();
     abandonOne(probe);
     probe.refuse(ConnectionProbe::nothing);
-    {
-        Transaction transaction(*db);
-        insert("/Pictures");
-        transaction.commit();
-    }
+    insertInScope("/Pictures");
     EXPECT_EQ("1 in -1 '/Pictures' live\n", dumpFolders());
 }
 
 TEST_F(TransactionTest, aCommittedScopeStays)
 {
-    {
-        Transaction transaction(*db);
-        insert("/Music");
-        transaction.commit();
-    }
+    insertInScope("/Music");
     EXPECT_EQ("1 in -1 '/Music' live\n", dumpFolders());
 }
 

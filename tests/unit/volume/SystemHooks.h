@@ -71,7 +71,7 @@ public:
     OnSemPost& operator=(const OnSemPost&) = delete;
 };
 
-/// Is told, before a statement of the catalogue runs or fails to be prepared, its text and the connection.
+/// Is told, before a statement of the catalogue runs or meets a BrokenStatement, its text and the connection.
 class OnStatement {
 public:
     using Hook = std::function<void(const std::string& sql, sqlite3* connection)>;

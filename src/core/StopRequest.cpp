@@ -2,4 +2,9 @@
 
 #include "core/SignalMask.h"
 
-bool StopRequest::isMadeOrPending() const { return made || isStopSignalPending(); }
+bool StopRequest::isMadeOrPending()
+{
+    if (!made && isStopSignalPending())
+        made = true;
+    return made;
+}

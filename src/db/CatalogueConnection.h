@@ -17,6 +17,11 @@ struct sqlite3_stmt;
 class CatalogueConnection {
 public:
     CatalogueConnection() = default;
+    /// One that heeds the given request, which outlives the object.
+    explicit CatalogueConnection(StopRequest& stopRequest)
+        : stop(stopRequest)
+    {
+    }
     ~CatalogueConnection(); ///< closes
     CatalogueConnection(const CatalogueConnection&) = delete;
     CatalogueConnection& operator=(const CatalogueConnection&) = delete;
@@ -88,5 +93,6 @@ private:
     bool ownsWriteLock = false;        ///< what the latest transaction had at its start
     FileIdentity file;                 ///< the one that was open last
     bool abandoned = false;            ///< a transaction is open that could not be rolled back yet
-    StopRequest stop;                  ///< made by the main thread, asked by whoever works on the catalogue
+    StopRequest ownStop;               ///< of a catalogue that nobody shares a request with
+    StopRequest& stop = ownStop;       ///< any thread makes it and asks
 };

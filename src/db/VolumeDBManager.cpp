@@ -10,8 +10,20 @@
 #include <sqlite3.h>
 #include <syslog.h>
 
+#include <utility>
+
 VolumeDBManager::VolumeDBManager()
-    : connection(std::make_unique<CatalogueConnection>())
+    : VolumeDBManager(std::make_unique<CatalogueConnection>())
+{
+}
+
+VolumeDBManager::VolumeDBManager(StopRequest& stopRequest)
+    : VolumeDBManager(std::make_unique<CatalogueConnection>(stopRequest))
+{
+}
+
+VolumeDBManager::VolumeDBManager(std::unique_ptr<CatalogueConnection> newConnection)
+    : connection(std::move(newConnection))
     , writeAheadLog(std::make_unique<WriteAheadLog>(*connection))
 {
 }

@@ -13,6 +13,7 @@
 
 struct sqlite3_stmt;
 class CatalogueConnection;
+class StopRequest;
 class WriteAheadLog;
 
 /// The catalogue of one volume: an SQLite file with a table of folders and one of files.
@@ -29,6 +30,8 @@ class WriteAheadLog;
 class VolumeDBManager {
 public:
     VolumeDBManager();
+    /// One that heeds the given request to stop, which outlives it, as requestStop() of its own.
+    explicit VolumeDBManager(StopRequest& stopRequest);
     virtual ~VolumeDBManager(); ///< closes the catalogue and leaves a plain single file unless a reader prevents that
     VolumeDBManager(const VolumeDBManager&) = delete;
     VolumeDBManager& operator=(const VolumeDBManager&) = delete;
@@ -185,6 +188,7 @@ public:
 private:
     friend class Transaction; // uses the connection
 
+    explicit VolumeDBManager(std::unique_ptr<CatalogueConnection> newConnection);
     void closeCatalogue();
     void forEachFolderBelow(int folderId, const std::function<void(int)>& visit);
     void moveContent(DBFolder& from, DBFolder& src, DBFolder& dst);

@@ -19,7 +19,7 @@ struct VolumeAccess {
     const VolumePaths paths;
     std::string& name;                ///< never changed; not const because VolumeWatcher takes std::string&
     VolumeDBManager* const dbManager; ///< used with the lock held
-    const StopRequest& stopRequest;
+    StopRequest& stopRequest;
     std::mutex& door; ///< this and `lock` are for FairLock
     sem_t* const lock;
 };

@@ -38,7 +38,7 @@ bool VolumeManager::initialize(std::string& volumeName, std::string& path)
     stopRequest.takeBack();
     sem_init(&lock, 0, 1);
     initialized = true;
-    dbManager = new VolumeDBManager;
+    dbManager = new VolumeDBManager(stopRequest);
     name = volumeName;
     volumePath = path;
     volumePathLength = static_cast<int>(volumePath.length());
@@ -85,12 +85,7 @@ void* VolumeManager::start_thread_once(void* manager)
     return nullptr;
 }
 
-void VolumeManager::requestStop()
-{
-    stopRequest.make();
-    if (dbManager != nullptr)
-        dbManager->requestStop();
-}
+void VolumeManager::requestStop() { stopRequest.make(); }
 
 void VolumeManager::destroy()
 {

@@ -104,7 +104,7 @@ private:
 
     int volumePathLength = 0;          ///< bytes to cut off an absolute path for the catalogue
     std::atomic<bool> walking = false; ///< set by the walk thread, also cleared by the main thread; any thread asks
-    StopRequest stopRequest;           ///< made and taken back by the main thread; any thread asks
+    StopRequest stopRequest;           ///< the catalogue's too; the main thread takes it back
     bool orphansReleased = false;      ///< walk thread only
     bool suspended = false;            ///< this and `online` are set by initialize(), and nothing reads them
     bool online = false;

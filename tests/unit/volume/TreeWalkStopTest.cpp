@@ -1,9 +1,24 @@
 #include "SystemHooks.h"
 #include "VolumeTest.h"
 
+#include "core/SignalMask.h"
 #include "support/SqlTexts.h"
 
+#include <unistd.h>
+
+#include <csignal>
+
 namespace {
+
+/// Takes the signal, which is blocked, without its handler. False when it is not pending.
+bool takePending(int signal)
+{
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    sigaddset(&wanted, signal);
+    const timespec now = {};
+    return sigtimedwait(&wanted, nullptr, &now) == signal;
+}
 
 /// A stop in the middle of a walk: what was begun is kept, what was not yet looked at is not taken for gone.
 class TreeWalkStopTest : public VolumeTest {
@@ -205,6 +220,32 @@ TEST_F(TreeWalkStopTest, insideTheDeletionOfAVanishedFolderUndoesTheFolderInSile
               "[/Music/x/2] in [/Music/x] deleted\n",
         folders());
     EXPECT_EQ("[/Music/b.mp3] 2 in [/Music]\n[/Music/x/1/a.mp3] 2 in [/Music/x/1] deleted\n", files());
+}
+
+/// The handler of the signal begins between the two moments at which the walk asks for it: the catalogue gives the
+/// deletion up, and the folder's exception is to be logged or not.
+TEST_F(TreeWalkStopTest, bySignalIsNoFailureEitherWhenTheSignalIsJustBeingServed)
+{
+    volume.makeFolder("Music/x/1");
+    volume.makeFolder("Music/x/2");
+    walk("/Music");
+    volume.remove("Music/x");
+    ageRows();
+    const ServedSignals blocked(ServedSignals::block);
+    bool served = false;
+    {
+        const OnStatement stop([&](const std::string& text, sqlite3*) {
+            if (text.find(sql::markAFolder) != std::string::npos)
+                kill(getpid(), SIGTERM);
+            if (text == "ROLLBACK")
+                served = takePending(SIGTERM);
+        });
+        walk("/Music");
+    }
+    EXPECT_TRUE(served);
+    EXPECT_EQ("", writtenRows());
+    EXPECT_EQ(0, timesLoggedFrom("Got an exception"));
+    EXPECT_EQ(1, timesLoggedFrom("Finished walk."));
 }
 
 TEST_F(TreeWalkStopTest, duringTheRemovalOfTopLevelFoldersLeavesNothingLiveBehind)

@@ -2,10 +2,11 @@
 // them. No watch registry, no locks, no classification, no exclude paths, no recovery: whatever goes wrong ends the
 // program. The daemon's walk is measured against this.
 //
-//     bench_floor VOLUME [--prepared] [--log] [--pragma TEXT]...
+//     bench_floor VOLUME [--prepared | --per-folder] [--log] [--pragma TEXT]...
 //
 // Each statement is prepared and finalized every time, or, with --prepared, prepared once for the whole walk: the least
-// that these statements can take. The daemon keeps them for one folder at a time.
+// that these statements can take. With --per-folder they live as long as the transaction of one folder, which is how
+// the daemon keeps them: the least that it can take.
 //
 // The catalogue is VOLUME/.quarrow/quarrow.db, as the daemon has it, so that both meet the same entries on disk. A
 // first run makes it (the first walk), a second run over the same catalogue is the walk of an unchanged tree.
@@ -50,7 +51,15 @@ Counts counts;
 }
 
 bool staysPrepared = false;
+bool endsWithFolder = false;
 std::unordered_map<const char*, sqlite3_stmt*> prepared; ///< by the address of the text, which is a literal
+
+void finalizePrepared()
+{
+    for (const auto& [text, statement] : prepared)
+        sqlite3_finalize(statement);
+    prepared.clear();
+}
 
 /// One statement from prepare to finalize, or from one use to the next. Texts are borrowed, so they must live until the
 /// last step.
@@ -350,7 +359,11 @@ void walk(const std::string& volume, int watcher, bool log)
         Statement("BEGIN").run();
         if (checkFolder(fullPath, path, fullPath == volume))
             reconcile(fullPath, path, watcher, queue);
+        if (endsWithFolder)
+            finalizePrepared();
         Statement("COMMIT").run();
+        if (endsWithFolder)
+            finalizePrepared();
         if (log) {
             syslog(LOG_LOCAL5 | LOG_INFO, "For folder %s", fullPath.c_str());
             syslog(LOG_LOCAL5 | LOG_INFO, "Add file count = %d, Delete file count = %d", 0, 0);
@@ -402,7 +415,7 @@ void openCatalogue(const std::string& volume)
 int main(int argc, char** argv)
 {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: bench_floor VOLUME [--prepared] [--log] [--pragma TEXT]...\n");
+        std::fprintf(stderr, "usage: bench_floor VOLUME [--prepared | --per-folder] [--log] [--pragma TEXT]...\n");
         return 2;
     }
     const std::string volume = argv[1];
@@ -413,6 +426,8 @@ int main(int argc, char** argv)
             log = true;
         else if (std::strcmp(argv[i], "--prepared") == 0)
             staysPrepared = true;
+        else if (std::strcmp(argv[i], "--per-folder") == 0)
+            staysPrepared = endsWithFolder = true;
         else if (std::strcmp(argv[i], "--pragma") == 0 && i + 1 < argc)
             execute((std::string("PRAGMA ") + argv[++i]).c_str());
     }
@@ -428,8 +443,7 @@ int main(int argc, char** argv)
                 "\"inserted\": %ld, \"updated\": %ld, \"deleted\": %ld}\n",
         elapsed.count(), processor, counts.folders, counts.files, counts.statements, counts.inserted, counts.updated,
         counts.deleted);
-    for (const auto& [text, statement] : prepared)
-        sqlite3_finalize(statement);
+    finalizePrepared();
     sqlite3_close(database);
     close(watcher);
     return 0;

@@ -13,7 +13,8 @@ from daemon import Daemon, LogSink, WALK_BEGINS, WALK_ENDS
 from quarrow_driver.clock import fast_clock
 
 HURRY = 100  # how many times faster the clock runs where only the clock matters
-FLOORS = {"floor": [], "prepared floor": ["--prepared"], "prepared floor with log": ["--prepared", "--log"]}
+FLOORS = {"floor": [], "prepared floor": ["--prepared"], "prepared floor with log": ["--prepared", "--log"],
+          "floor per folder with log": ["--per-folder", "--log"]}
 REWALKS = 10
 REWALK_PAUSE = 300  # seconds that the daemon lets pass between two starts of a walk
 MOVED_TREES = {"quarter": (5000, 250), "whole": (20000, 1000)}  # files and folders of a tree that is moved

@@ -68,6 +68,8 @@ bool QuarrowConfig::load()
     return !version.empty() && purgeThreshold != 0 && lastUpdatedTime != 0 && !volumes.empty();
 }
 
+const std::string& QuarrowConfig::getConfigFilePath() const { return configFilePath; }
+
 int QuarrowConfig::getPurgeThreshold() const { return purgeThreshold; }
 
 const std::map<std::string, std::string>& QuarrowConfig::getQuarrowVolumes() const { return volumes; }

@@ -25,6 +25,7 @@ public:
     /// volume.
     bool load();
 
+    const std::string& getConfigFilePath() const;
     /// How many seconds a deleted row is kept at least.
     int getPurgeThreshold() const;
     /// Volume name -> root path, as written in the file.

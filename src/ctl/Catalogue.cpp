@@ -1,0 +1,119 @@
+#include "ctl/Catalogue.h"
+
+#include "ctl/CatalogueUri.h"
+#include "ctl/Problem.h"
+#include "ctl/Query.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr int busyMilliseconds = 5000;
+constexpr const char* makeAnew = "Remove it and restart the daemon, which makes it anew";
+
+/// A user of the volume can put anything in these places. A pipe would hold this program, a link show another file.
+void requireRegularFiles(const std::string& path)
+{
+    struct stat64 status;
+    if (stat64(path.c_str(), &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR)
+            throw Problem(path, "There is no catalogue",
+                "The daemon makes it when it starts: does it run, and is the volume mounted");
+        throw Problem(path, std::string("The catalogue cannot be read: ") + std::strerror(errno),
+            "Ask for the right to read this folder");
+    }
+    if (!S_ISREG(status.st_mode))
+        throw Problem(path, "This is no regular file, so it is no catalogue", makeAnew);
+    for (const char* suffix : { "-wal", "-shm", "-journal" }) {
+        const std::string side = path + suffix;
+        if (lstat64(side.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+            throw Problem(side, "This is no regular file", "Remove it and restart the daemon");
+    }
+}
+
+} // namespace
+
+Catalogue::Catalogue(const std::string& path)
+    : file(path)
+{
+    requireRegularFiles(path);
+    try {
+        open();
+        admit();
+    } catch (const Problem&) {
+        sqlite3_close(handle);
+        throw;
+    }
+}
+
+Catalogue::~Catalogue() { sqlite3_close(handle); }
+
+void Catalogue::open()
+{
+    const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX;
+    const int status = sqlite3_open_v2(catalogueUri(file).c_str(), &handle, flags, nullptr);
+    if (status != SQLITE_OK)
+        fail(status);
+    sqlite3_extended_result_codes(handle, 1);
+    sqlite3_busy_timeout(handle, busyMilliseconds);
+    // What somebody else has put into the schema is not to run, nor to make this program build large values.
+    sqlite3_db_config(handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(handle, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+    sqlite3_limit(handle, SQLITE_LIMIT_ATTACHED, 0);
+    sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, 1000000);
+    // Sorting is done in memory: nothing is written anywhere.
+    sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000", nullptr, nullptr, nullptr);
+}
+
+/// Reads the two tables' schema, which is also the first look at the file.
+void Catalogue::admit() const
+{
+    Query tables(*this, "select count(*) from sqlite_master where type='table' and name in ('Folders', 'Files')");
+    if (!tables.next() || tables.number(0) != 2)
+        throw Problem(file, "This is another program's database, not a catalogue", makeAnew);
+    Query(*this,
+        "select folder_id, parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time"
+        " from Folders limit 0")
+        .next();
+    Query(*this,
+        "select file_id, folder_id, path, name, category, size, created_time, modified_time, is_deleted,"
+        " last_updated_time from Files limit 0")
+        .next();
+}
+
+void Catalogue::beginReading() const
+{
+    // The state is chosen by the first read.
+    Query(*this, "begin").next();
+    Query(*this, "select 1 from sqlite_master limit 1").next();
+}
+
+void Catalogue::endReading() const { sqlite3_exec(handle, "rollback", nullptr, nullptr, nullptr); }
+
+void Catalogue::fail(int status) const
+{
+    const std::string reason = sqlite3_errmsg(handle);
+    switch (status & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        throw Problem(file, "Another program has the catalogue locked", "Try again when it is done");
+    case SQLITE_NOTADB:
+        throw Problem(file, "This is no catalogue: " + reason, makeAnew);
+    case SQLITE_CORRUPT:
+        throw Problem(file, "The catalogue is damaged: " + reason, makeAnew);
+    case SQLITE_CANTOPEN:
+        throw Problem(file, "The catalogue cannot be opened: " + reason,
+            "Ask for the right to read it and the files beside it; if those are missing, start the daemon");
+    case SQLITE_READONLY:
+        throw Problem(file, "An interrupted writer has left work in the files beside the catalogue",
+            "Start the daemon, which puts that right");
+    case SQLITE_ERROR:
+        throw Problem(file, "This is another program's database, not a catalogue: " + reason, makeAnew);
+    default:
+        throw Problem(file, "The catalogue cannot be read: " + reason, "Look at the kernel's log for a failing disk");
+    }
+}

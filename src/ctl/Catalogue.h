@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+struct sqlite3;
+
+/// A connection that reads one volume's catalogue. It never writes, waits for a writer for five seconds at most, and
+/// does not wake the daemon. One thread at a time.
+class Catalogue {
+public:
+    /// Opens the catalogue at `path` (absolute). Throws a Problem that says why, and what helps, when it is missing,
+    /// not readable, locked, damaged, or no catalogue at all.
+    explicit Catalogue(const std::string& path);
+    ~Catalogue();
+    Catalogue(const Catalogue&) = delete;
+    Catalogue& operator=(const Catalogue&) = delete;
+
+    const std::string& path() const { return file; }
+    sqlite3* get() const { return handle; }
+
+    /// Begins a transaction: until endReading(), or the end of the object, all queries see one state. Only for short:
+    /// meanwhile the daemon's log grows.
+    void beginReading() const;
+    void endReading() const;
+
+    /// Throws the Problem that this SQLite status stands for.
+    [[noreturn]] void fail(int status) const;
+
+private:
+    void open();
+    void admit() const;
+
+    const std::string file;
+    sqlite3* handle = nullptr;
+};

@@ -1,0 +1,3 @@
+#include "ctl/Commands.h"
+
+void addChangesCommand(CLI::App&, Command&) { }

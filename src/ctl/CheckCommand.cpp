@@ -1,0 +1,3 @@
+#include "ctl/Commands.h"
+
+void addCheckCommand(CLI::App&, Command&) { }

@@ -1,0 +1,3 @@
+#include "ctl/Commands.h"
+
+void addFindCommand(CLI::App&, Command&) { }

@@ -1,0 +1,3 @@
+#include "ctl/Commands.h"
+
+void addReportCommand(CLI::App&, Command&) { }

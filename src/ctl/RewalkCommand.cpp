@@ -1,0 +1,3 @@
+#include "ctl/Commands.h"
+
+void addRewalkCommand(CLI::App&, Command&) { }

@@ -1,0 +1,3 @@
+#include "ctl/Commands.h"
+
+void addStatusCommand(CLI::App&, Command&) { }

@@ -3,6 +3,7 @@
 #include "ctl/CatalogueUri.h"
 #include "ctl/Problem.h"
 #include "ctl/Query.h"
+#include "ctl/ReadOnlyFiles.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -22,7 +23,7 @@ void requireRegularFiles(const std::string& path)
     if (stat64(path.c_str(), &status) != 0) {
         if (errno == ENOENT || errno == ENOTDIR)
             throw Problem(path, "There is no catalogue",
-                "The daemon makes it when it starts: does it run, and is the volume mounted");
+                "The daemon makes it when it starts: does it run, and is the volume mounted?");
         throw Problem(path, std::string("The catalogue cannot be read: ") + std::strerror(errno),
             "Ask for the right to read this folder");
     }
@@ -44,6 +45,9 @@ Catalogue::Catalogue(const std::string& path)
     try {
         open();
         admit();
+        // Sorting is done in memory: nothing is written anywhere. These statements read the schema, so they come last:
+        // a lock is waited for once.
+        sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000", nullptr, nullptr, nullptr);
     } catch (const Problem&) {
         sqlite3_close(handle);
         throw;
@@ -55,7 +59,7 @@ Catalogue::~Catalogue() { sqlite3_close(handle); }
 void Catalogue::open()
 {
     const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX;
-    const int status = sqlite3_open_v2(catalogueUri(file).c_str(), &handle, flags, nullptr);
+    const int status = sqlite3_open_v2(catalogueUri(file).c_str(), &handle, flags, readOnlyFiles());
     if (status != SQLITE_OK)
         fail(status);
     sqlite3_extended_result_codes(handle, 1);
@@ -65,8 +69,6 @@ void Catalogue::open()
     sqlite3_db_config(handle, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
     sqlite3_limit(handle, SQLITE_LIMIT_ATTACHED, 0);
     sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, 1000000);
-    // Sorting is done in memory: nothing is written anywhere.
-    sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000", nullptr, nullptr, nullptr);
 }
 
 /// Reads the two tables' schema, which is also the first look at the file.

@@ -6,8 +6,15 @@
 
 #include <cstdio>
 
+static std::string asLastSentence(const std::string& remedy)
+{
+    if (remedy.empty())
+        return "";
+    return " " + remedy + (remedy.back() == '?' ? "" : ".");
+}
+
 Problem::Problem(const std::string& subject, const std::string& reason, const std::string& remedy)
-    : std::runtime_error(visible(subject) + ": " + visible(reason) + "." + (remedy.empty() ? "" : " " + remedy + "."))
+    : std::runtime_error(visible(subject) + ": " + visible(reason) + "." + asLastSentence(remedy))
 {
 }
 

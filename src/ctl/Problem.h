@@ -6,8 +6,8 @@
 /// Why something cannot be read or done: what it is about, the reason, and what the administrator can do about it.
 class Problem : public std::runtime_error {
 public:
-    /// `subject` is a path or another name. `reason` and `remedy` are sentences without a full stop; an empty remedy is
-    /// left out. The message is "SUBJECT: REASON. REMEDY.", without control characters.
+    /// `subject` is a path or another name. `reason` and `remedy` are sentences without a full stop, and the remedy may
+    /// be a question or empty. The message is "SUBJECT: REASON. REMEDY.", without control characters.
     Problem(const std::string& subject, const std::string& reason, const std::string& remedy = {});
 };
 

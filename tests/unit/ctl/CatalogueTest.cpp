@@ -1,0 +1,190 @@
+#include "ctl/Catalogue.h"
+
+#include "SampleCatalogue.h"
+#include "ctl/CatalogueUri.h"
+#include "ctl/Problem.h"
+#include "ctl/Query.h"
+
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const std::string oneFile = "insert into Files(folder_id, path, name, category, size, modified_time, created_time,"
+                            " is_deleted, last_updated_time) values (1, '/a', 'a', 4, 7, 1, 1, 0, 1);";
+
+long long countFiles(const Catalogue& catalogue)
+{
+    Query query(catalogue, "select count(*) from Files");
+    EXPECT_TRUE(query.next());
+    return query.number(0);
+}
+
+/// What opening it says against it; "" when it opens.
+std::string problemOf(const std::string& path)
+{
+    try {
+        const Catalogue catalogue(path);
+        return "";
+    } catch (const Problem& problem) {
+        return problem.what();
+    }
+}
+
+class CatalogueTest : public ::testing::Test {
+protected:
+    void expectProblem(const std::string& text) const
+    {
+        EXPECT_NE(std::string::npos, problemOf(sample.path()).find(text)) << problemOf(sample.path());
+    }
+
+    SampleCatalogue sample;
+};
+
+TEST_F(CatalogueTest, isReadWhileItsWriterHasItOpen)
+{
+    sample.run(oneFile);
+    const Catalogue catalogue(sample.path());
+    EXPECT_EQ(1, countFiles(catalogue));
+    sample.run(oneFile);
+    EXPECT_EQ(2, countFiles(catalogue));
+}
+
+TEST_F(CatalogueTest, staysTheSameFromBeginToEnd)
+{
+    const Catalogue catalogue(sample.path());
+    catalogue.beginReading();
+    sample.run(oneFile);
+    EXPECT_EQ(0, countFiles(catalogue));
+    catalogue.endReading();
+    EXPECT_EQ(1, countFiles(catalogue));
+}
+
+TEST_F(CatalogueTest, isReadAfterTheWritersEndAndAfterItsDeath)
+{
+    sample.run(oneFile);
+    sample.killWriter();
+    EXPECT_EQ(1, countFiles(Catalogue(sample.path())));
+    EXPECT_TRUE(sample.folder.exists(".quarrow/quarrow.db-wal"));
+    SampleCatalogue other;
+    other.run(oneFile);
+    other.stopWriter();
+    EXPECT_EQ(1, countFiles(Catalogue(other.path())));
+    EXPECT_FALSE(other.folder.exists(".quarrow/quarrow.db-wal"));
+}
+
+/// The daemon may watch this folder: what it sees there wakes it.
+TEST_F(CatalogueTest, readingLeavesNoTraceInItsFolder)
+{
+    sample.run(oneFile);
+    const int watcher = inotify_init1(IN_NONBLOCK);
+    ASSERT_GE(inotify_add_watch(watcher, sample.folder.path(".quarrow").c_str(),
+                  IN_ATTRIB | IN_CLOSE_WRITE | IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO),
+        0);
+    EXPECT_EQ(1, countFiles(Catalogue(sample.path())));
+    char event[4096];
+    EXPECT_EQ(-1, read(watcher, event, sizeof event));
+    sample.run(oneFile); // which the watch does see
+    EXPECT_LT(0, read(watcher, event, sizeof event));
+    close(watcher);
+}
+
+TEST_F(CatalogueTest, mayLieAtAnyPath)
+{
+    sample.run(oneFile);
+    sample.stopWriter();
+    for (const std::string name : { "a b%41?mode=rw#x&y", "\xff\n\t\"';", "%" }) {
+        const std::string path
+            = sample.folder.writeFile(name + "/quarrow.db", sample.folder.readFile(".quarrow/quarrow.db"));
+        EXPECT_EQ(1, countFiles(Catalogue(path))) << path;
+    }
+}
+
+TEST_F(CatalogueTest, cannotBeWritten)
+{
+    const Catalogue catalogue(sample.path());
+    EXPECT_THROW(Query(catalogue, "delete from Files").next(), Problem);
+}
+
+TEST_F(CatalogueTest, missingOneIsNamed)
+{
+    EXPECT_EQ("/nowhere/quarrow.db: There is no catalogue. The daemon makes it when it starts: does it run, and is the"
+              " volume mounted?",
+        problemOf("/nowhere/quarrow.db"));
+}
+
+TEST_F(CatalogueTest, whatIsNoRegularFileIsRefusedAtOnce)
+{
+    for (const char* suffix : { "-wal", "-shm", "-journal", "" }) {
+        SampleCatalogue other;
+        other.stopWriter();
+        const std::string place = other.path() + suffix;
+        unlink(place.c_str());
+        ASSERT_EQ(0, mkfifo(place.c_str(), 0644)); // a program that opened it would wait for ever
+        EXPECT_NE(std::string::npos, problemOf(other.path()).find("is no regular file")) << place;
+    }
+}
+
+TEST_F(CatalogueTest, foreignFilesAreRefused)
+{
+    sample.stopWriter();
+    sample.folder.writeFile(".quarrow/quarrow.db", std::string(5000, 'x'));
+    expectProblem("This is no catalogue: file is not a database");
+    sample.folder.writeFile(".quarrow/quarrow.db", "");
+    expectProblem("This is another program's database");
+}
+
+TEST_F(CatalogueTest, foreignTablesAndViewsAreRefused)
+{
+    SampleCatalogue renamed;
+    renamed.run("alter table Files rename column size to length");
+    EXPECT_NE(std::string::npos, problemOf(renamed.path()).find("no such column: size"));
+    sample.run("drop table Files; create view Files as with recursive n(i) as (select 1 union all select i+1 from n)"
+               " select i as file_id from n"); // it would never end
+    expectProblem("This is another program's database");
+}
+
+TEST_F(CatalogueTest, damagedOneIsRefusedWhereTheDamageIsMet)
+{
+    sample.run("with recursive n(i) as (select 1 union all select i+1 from n where i<5000) insert into Files(folder_id,"
+               " path, name, category, size, modified_time, created_time, is_deleted, last_updated_time) select 1,"
+               " '/'||i, i, 4, 7, 1, 1, 0, 1 from n");
+    sample.stopWriter();
+    const std::string whole = sample.folder.readFile(".quarrow/quarrow.db");
+    sample.folder.writeFile(".quarrow/quarrow.db", whole.substr(0, whole.size() / 2)); // a copy that was interrupted
+    try {
+        countFiles(Catalogue(sample.path()));
+        ADD_FAILURE() << "half of a catalogue was read";
+    } catch (const Problem& problem) {
+        EXPECT_NE(std::string::npos, std::string(problem.what()).find("The catalogue is damaged")) << problem.what();
+    }
+}
+
+TEST_F(CatalogueTest, lockedOneIsWaitedForAndThenNamed)
+{
+    sample.run("PRAGMA journal_mode=DELETE; begin exclusive");
+    expectProblem("Another program has the catalogue locked");
+}
+
+TEST_F(CatalogueTest, queryReadsBytesAsTheyAre)
+{
+    sample.run("insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)"
+               " values (-1, cast(x'2fff0a' as text), '', 1, 1, 0, -5)");
+    const Catalogue catalogue(sample.path());
+    Query query(
+        catalogue, "select path, name, last_updated_time, null from Folders where path=? and last_updated_time=?");
+    query.bind("/\xff\n").bind(-5);
+    ASSERT_TRUE(query.next());
+    EXPECT_EQ("/\xff\n", query.bytes(0));
+    EXPECT_EQ("", query.bytes(1));
+    EXPECT_EQ(-5, query.number(2));
+    EXPECT_FALSE(query.isNull(1));
+    EXPECT_TRUE(query.isNull(3));
+    EXPECT_FALSE(query.next());
+    query.reset();
+    EXPECT_FALSE(query.bind("/").bind(-5).next());
+}
+
+} // namespace

@@ -1,7 +1,7 @@
 """The show of quickstart.sh: one daemon, one folder, one change.
 
   quickstart.py --make-sample FOLDER     makes the sample library
-  quickstart.py DAEMON FOLDER            runs DAEMON on FOLDER and shows what it logs
+  quickstart.py DAEMON FOLDER            runs DAEMON on FOLDER and shows what it logs, and what quarrowctl beside it tells
 
 The daemon runs in a mount namespace in which /tmp, /dev and /usr/local/quarrow are private. They are furnished beside DAEMON.
 """
@@ -196,6 +196,16 @@ def show_daemon(daemon, log, folder):
     return good and status == 0
 
 
+def show_commands(ctl, configuration, page):
+    """What a user's own look at the catalogue is; whether it was possible. `page` is where the report goes."""
+    say("\nquarrowctl status:")
+    status = subprocess.run([ctl, "--config", configuration, "status"], check=False).returncode
+    report = subprocess.run([ctl, "--config", configuration, "report", "-o", page], stdout=subprocess.DEVNULL, check=False)
+    if report.returncode == 0:
+        say(f"\nquarrowctl report wrote a page for your browser: {page}")
+    return status in (0, 1) and report.returncode == 0  # 1: the daemon does not run any more
+
+
 def run(daemon_path, folder):
     daemon_path = os.path.abspath(daemon_path)
     own = enter_private_space(daemon_path, folder)
@@ -212,7 +222,9 @@ def run(daemon_path, folder):
     good = show_daemon(DaemonProcess([daemon_path], configuration, stdout=subprocess.DEVNULL), log, folder)
     if not had_tickle and os.path.lexists(tickle):
         os.unlink(tickle)  # what the daemon wakes its watcher with
-    say(f"The catalogue is {folder}/.quarrow/quarrow.db: look into it with sqlite3.")
+    tools = os.path.dirname(daemon_path)
+    good = show_commands(f"{tools}/quarrowctl", configuration, f"{tools}/report.html") and good
+    say(f"The catalogue is {folder}/.quarrow/quarrow.db: look into it with sqlite3, or with quarrowctl.")
     return 0 if good else 1
 
 

@@ -29,10 +29,10 @@ fi
 
 # shellcheck disable=SC2086 # a list of words
 install_packages $build_packages python3 util-linux
-echo "Building the daemon"
+echo "Building the daemon and quarrowctl"
 cd "$checkout"
 cmake --preset release -DQUARROW_TESTS=OFF -B build/quickstart >/dev/null
-cmake --build build/quickstart --target quarrow -- --quiet
+cmake --build build/quickstart --target quarrow quarrowctl -- --quiet
 
 if [ $# = 0 ]; then
     echo "Making a sample library in $folder"

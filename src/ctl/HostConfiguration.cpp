@@ -50,7 +50,7 @@ std::vector<ConfiguredVolume> readConfiguredVolumes()
 
 std::vector<ConfiguredVolume> readConfiguredVolumes(const std::vector<std::string>& names)
 {
-    const std::vector<ConfiguredVolume> all = readConfiguredVolumes();
+    std::vector<ConfiguredVolume> all = readConfiguredVolumes();
     if (names.empty())
         return all;
     std::vector<ConfiguredVolume> chosen;

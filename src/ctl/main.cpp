@@ -11,22 +11,7 @@ namespace {
 /// Whether all that was printed has arrived: a full disk shows here.
 bool outputIsComplete() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }
 
-int run(const Command& command)
-{
-    try {
-        const int status = command();
-        if (!outputIsComplete())
-            throw Problem("standard output", "Not all of it could be written");
-        return status;
-    } catch (const Problem& problem) {
-        report(problem);
-        return exitRefused;
-    }
-}
-
-} // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     Command chosen;
     CLI::App app("Sees, checks and uses the catalogues that the Quarrow daemon keeps.", "quarrowctl");
@@ -44,5 +29,20 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? exitSuccess : exitRefused;
     }
-    return run(chosen);
+    const int status = chosen();
+    if (!outputIsComplete())
+        throw Problem("standard output", "Not all of it could be written");
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& failure) { // a Problem, or no memory
+        std::fprintf(stderr, "quarrowctl: %s\n", failure.what());
+        return exitRefused;
+    }
 }

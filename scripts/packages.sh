@@ -26,4 +26,5 @@ install_packages() {
 }
 
 # shellcheck disable=SC2034 # used by the scripts that source this
-build_packages="g++ cmake ninja-build pkg-config libsqlite3-dev libxml2-dev libcli11-dev libfmt-dev nlohmann-json3-dev"
+build_packages="g++ cmake ninja-build pkg-config libsqlite3-dev libxml2-dev libcli11-dev libfmt-dev nlohmann-json3-dev \
+    node-d3-axis node-d3-hierarchy node-d3-scale node-d3-selection"

@@ -126,7 +126,8 @@ std::string localTime(long long seconds)
 {
     const std::time_t time = seconds;
     std::tm parts = {};
-    localtime_r(&time, &parts);
+    if (localtime_r(&time, &parts) == nullptr)
+        return std::to_string(seconds);
     return fmt::format("{:%Y-%m-%d %H:%M:%S}", parts);
 }
 

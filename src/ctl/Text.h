@@ -21,7 +21,7 @@ void setBytes(nlohmann::ordered_json& object, const std::string& key, std::strin
 std::string humanBytes(long long bytes);
 /// "1,234,567".
 std::string withSeparators(long long number);
-/// "2026-11-22 14:03:07", local time.
+/// "2026-11-22 14:03:07", local time; the number where the year has none, which only another program can have written.
 std::string localTime(long long seconds);
 /// "video", "audio", "image", "other" of a category's number; "other" of any further number.
 const char* categoryName(long long category);

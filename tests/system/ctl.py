@@ -46,17 +46,17 @@ class Ctl:
                 os.chmod(path, 0o755)
             os.chown(self.folder, user, user)  # its home
 
-    def command(self, *arguments, environment=None):
-        """For Popen: what runs quarrowctl in the sandbox."""
+    def command(self, *arguments, environment=None, folder="/"):
+        """For Popen: what runs quarrowctl in the sandbox, with that current folder."""
         settings = {"QUARROW_CONFIG_FILE": self.config, "PATH": os.environ["PATH"], "LANG": "C.UTF-8", "HOME": self.folder,
                     **sanitizer_options(), **(environment or {})}
         return sandbox_command(self.arena, tempfile.mkdtemp(dir=self.arena.folder),
-                               [BINARY, *(os.fsdecode(argument) for argument in arguments)], log=None,
-                               mime_table=self.mime_table, user=self.user, environment=settings)
+                               ["/usr/bin/env", "-C", folder, BINARY, *(os.fsdecode(argument) for argument in arguments)],
+                               log=None, mime_table=self.mime_table, user=self.user, environment=settings)
 
-    def run(self, *arguments, environment=None):
+    def run(self, *arguments, environment=None, folder="/"):
         """Never raises for a status: the test says which one it wants."""
-        return Result(subprocess.run(self.command(*arguments, environment=environment), capture_output=True,
+        return Result(subprocess.run(self.command(*arguments, environment=environment, folder=folder), capture_output=True,
                                      stdin=subprocess.DEVNULL, timeout=BOUND, check=False))
 
     def good(self, *arguments):

@@ -47,4 +47,6 @@ TEST(TextTest, numbersForPeople)
     EXPECT_EQ("-1,234,567", withSeparators(-1234567));
 }
 
+TEST(TextTest, aTimeWithoutAYearIsANumber) { EXPECT_EQ("9223372036854775807", localTime(9223372036854775807)); }
+
 } // namespace

@@ -2,7 +2,8 @@
 # Builds Quarrow and runs its tests on a Debian 12 machine; installs what is missing first, and says so.
 #
 #   test.sh          the unit and the system tests, in under 10 minutes on 2 cores
-#   test.sh --full   also the fault tests, both sanitizer builds, fuzzing, static analysis, valgrind and the format check
+#   test.sh --full   also the fault tests, those with a browser, both sanitizer builds, fuzzing, static analysis, valgrind and
+#                    the format check
 #
 # Works in build/ of the checkout. The tests run in mount namespaces of their own: nothing else on the machine changes.
 # Ends with the summary of the last test run, and with its status when one of them failed.
@@ -19,7 +20,8 @@ esac
 
 # shellcheck disable=SC2086 # lists of words
 install_packages $build_packages libgtest-dev python3 python3-pytest sqlite3 faketime strace util-linux \
-    ${full:+clang-format clang libclang-rt-dev llvm btrfs-progs xfsprogs bindfs python3-fusepy}
+    ${full:+clang-format clang libclang-rt-dev llvm btrfs-progs xfsprogs bindfs python3-fusepy \
+    chromium chromium-driver python3-selenium}
 
 test_presets=release
 if [ -n "$full" ]; then
@@ -44,10 +46,11 @@ fi
 jobs=$(nproc)
 for preset in $test_presets; do
     echo "== Tests: $preset"
-    # Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away.
+    # Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away. And what a browser
+    # shows is the same in all of them.
     [ "$preset" != release ] || jobs=$((jobs * 2))
     if [ "$preset$full" = releaseyes ]; then
-        ctest --preset "$preset" --parallel "$jobs" --label-regex '^fault$'
+        ctest --preset "$preset" --parallel "$jobs" --label-regex '^(fault|browser)$'
     fi
-    ctest --preset "$preset" --parallel "$jobs" --label-exclude '^fault$'
+    ctest --preset "$preset" --parallel "$jobs" --label-exclude '^(fault|browser)$'
 done

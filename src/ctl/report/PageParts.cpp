@@ -1,10 +1,12 @@
 #include "ctl/report/PageParts.h"
 
 // The assembler puts the files into the program: it can do so for every machine that the compiler builds for, and takes
-// them as they are. CMake writes the list, with a pair of labels around each part.
+// them as they are. CMake writes the lines, with a pair of labels around each part.
+// clang-format off
 __asm__(".pushsection .rodata\n"
-        ".include \"" QUARROW_PAGE_PARTS "\"\n"
+#include QUARROW_PAGE_PARTS
         ".popsection\n");
+// clang-format on
 
 extern "C" {
 extern const char quarrowPageTemplate[], quarrowPageTemplateEnd[];

@@ -1,4 +1,5 @@
-# Lists the files that PageParts.cpp puts into the program, in `page_part_files`, and writes `page_parts` for the assembler.
+# Lists the files that PageParts.cpp puts into the program, in `page_part_files`, and writes the lines
+# for the assembler into `page_parts`.
 # The chart library comes from its Debian packages: of D3 the modules that the page needs, behind what each of them uses.
 set(QUARROW_D3_FOLDER /usr/share/nodejs CACHE PATH "Where the packages node-d3-* have their folders d3-*")
 set(QUARROW_D3_LICENCE /usr/share/doc/node-d3-hierarchy/copyright CACHE FILEPATH "The licence of D3")
@@ -20,25 +21,26 @@ if(comment_ends)
 endif()
 
 # page_part(LABEL ITEM...): the items one after the other, each with a line end, between LABEL and LABELEnd. An item is
-# the path of a file, or the mark of a comment.
+# the path of a file, or the mark of a comment. The assembler's lines are C++ strings, for #include: a compiler cache that
+# sees an .incbin in the source knows that the source is not all there is.
 set(assembly)
 set(page_part_files)
 macro(page_part label)
-    string(APPEND assembly ".global ${label}\n.hidden ${label}\n${label}:\n")
+    string(APPEND assembly "\".global ${label}\\n.hidden ${label}\\n${label}:\\n\"\n")
     foreach(item IN ITEMS ${ARGN})
         if(EXISTS ${item})
-            string(APPEND assembly ".incbin \"${item}\"\n.ascii \"\\n\"\n")
+            string(APPEND assembly "\".incbin \\\"${item}\\\"\\n.ascii \\\"\\\\n\\\"\\n\"\n")
             list(APPEND page_part_files ${item})
         else()
-            string(APPEND assembly ".ascii \"${item}\\n\"\n")
+            string(APPEND assembly "\".ascii \\\"${item}\\\\n\\\"\\n\"\n")
         endif()
     endforeach()
-    string(APPEND assembly ".global ${label}End\n.hidden ${label}End\n${label}End:\n")
+    string(APPEND assembly "\".global ${label}End\\n.hidden ${label}End\\n${label}End:\\n\"\n")
 endmacro()
 page_part(quarrowPageTemplate ${CMAKE_CURRENT_SOURCE_DIR}/report/report.html)
 page_part(quarrowPageStyle ${CMAKE_CURRENT_SOURCE_DIR}/report/report.css)
 page_part(quarrowChartLibrary "/*" ${QUARROW_D3_LICENCE} "*/" ${chart_modules})
 page_part(quarrowPageScript ${scripts})
 
-set(page_parts ${CMAKE_CURRENT_BINARY_DIR}/page_parts.s)
-file(CONFIGURE OUTPUT ${page_parts} CONTENT "${assembly}" @ONLY)
+set(page_parts ${CMAKE_CURRENT_BINARY_DIR}/page_parts.inc)
+file(CONFIGURE OUTPUT ${page_parts} CONTENT [[@assembly@]] @ONLY)

@@ -159,7 +159,7 @@ def test_all_text_stands_out_in_both_schemes(arena, browser):
             const opaque = element => { for (; element; element = element.parentElement) {
                 const colour = getComputedStyle(element).backgroundColor;
                 if (colour !== 'rgba(0, 0, 0, 0)') return colour; } };
-            return [...document.querySelectorAll('h1, h2, p, td, th, dd, dt, .tile span, button, summary, label, legend')]
+            return [...document.querySelectorAll('h1, h2, p, td, th, dd, dt, .tile span, .tile i, button, summary, label, legend')]
                 .map(element => [opaque(element), getComputedStyle(element).color, element.textContent]);""")
         assert len(pairs) > 50
         assert [text for background, colour, text in pairs if contrast(numbers(background), numbers(colour)) < 4.5] == []

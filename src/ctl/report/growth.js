@@ -1,6 +1,6 @@
 // Files by month, as bars that are stacked by category.
 
-const mostMonths = 72; // more than these are shown by year
+const mostMonths = 120; // more than these are shown by year
 
 /** Every period from the first to the last, also those without files. A period is { name, files, bytes: [4] }. */
 function periodsOf(months) {
@@ -90,14 +90,15 @@ function growthChart(months, what) {
 function growthSection(volume) {
   const place = make("div");
   const bases = { arrived: "arrival", modified: "last change" };
-  const choice = make("fieldset", {}, make("legend", {}, "By the month of"));
+  const choice = make("div", { class: "choice", role: "radiogroup", "aria-label": "By the month of" },
+    make("span", { "aria-hidden": "true" }, "By the month of"));
   const show = basis => place.replaceChildren(growthChart(volume[basis], bases[basis]));
   for (const basis of Object.keys(bases)) {
     const radio = make("input", { type: "radio", name: "basis", value: basis });
     radio.checked = basis === "arrived";
-    choice.append(make("label", {}, on(radio, "change", () => show(basis)), ` ${bases[basis]}`));
+    choice.append(make("label", {}, on(radio, "change", () => show(basis)), bases[basis]));
   }
   show("arrived");
   return section("Growth", "The files that are there today. Arrival is created_time: the inode's change time when the file was "
-    + "first catalogued. Last change is modified_time.", "", choice, place);
+    + "first catalogued. Last change is modified_time. More than ten years are shown by year.", "", choice, place);
 }

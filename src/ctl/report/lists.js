@@ -12,8 +12,9 @@ function categoriesSection(volume) {
       bar.append(make("i", { style: `width: ${bytes * 100 / most}%; background: var(--c${i})` }));
     return [[key(i), categories[i], bar], count(volume.files[i - 1]), size(bytes), share(bytes, all)];
   });
-  return section("Categories", "By the file names' extensions.", "tall",
-    table("Categories", [["Category"], ["Files", "number"], ["Size", "number"], ["Share", "number"]], rows));
+  const whole = table("Categories", [["Category"], ["Files", "number"], ["Size", "number"], ["Share", "number"]], rows);
+  whole.className = "categories";
+  return section("Categories", "By the file names' extensions.", "tall", whole);
 }
 
 /** The name of a file above the folder that it lies in. */

@@ -4,9 +4,10 @@ const data = JSON.parse(document.getElementById("data").textContent);
 let treemap = null;
 
 function figures(volume) {
-  const entries = [[size(sum(volume.bytes)), "in all"], [count(sum(volume.files)), "files"], [count(volume.folders), "folders"],
-    [volume.newestChange.slice(0, 16) || "never", "newest change"]];
-  return make("dl", { class: "figures" }, ...entries.map(([value, name]) => make("div", {}, make("dt", {}, name), make("dd", {}, value))));
+  const entries = [[size(sum(volume.bytes)), "in all"], [count(sum(volume.files)), "files"],
+    [count(volume.folders), "folders"], [volume.newestChange.slice(0, 16) || "never", "newest change"]];
+  return make("dl", { class: "figures" }, ...entries.map(([value, name]) => make("div", {}, make("dt", {}, name),
+    make("dd", {}, value))));
 }
 
 function show(volume) {
@@ -21,13 +22,14 @@ function show(volume) {
   const [mapSection, map] = treemapSection(volume);
   treemap = map;
   history.replaceState(null, "");
-  place.replaceChildren(figures(volume), make("div", { class: "sections" }, categoriesSection(volume), growthSection(volume), mapSection,
+  place.replaceChildren(figures(volume), make("div", { class: "sections" },
+    categoriesSection(volume), growthSection(volume), mapSection,
     filesSection("Newest files", "By arrival: created_time.", volume.newest, "Arrived"),
     filesSection("Largest files", "With the time of their last change.", volume.largest, "Changed"),
     duplicatesSection(volume), deletedSection(volume)));
   if (volume.negativeSizes > 0) {
-    place.append(make("p", { class: "note" }, `Of ${files(volume.negativeSizes)} the catalogue has only the low 32 bits of the size, `
-      + "until the next walk: counted is the smallest size that fits."));
+    place.append(make("p", { class: "note" }, `Of ${files(volume.negativeSizes)} the catalogue has only the low 32 bits `
+      + "of the size, until the next walk: counted is the smallest size that fits."));
   }
 }
 
@@ -71,8 +73,8 @@ function fillPage() {
   document.getElementById("footer").append(
     make("p", {}, `Made by quarrowctl report from ${data.volumes.map(volume => `${volume.root}/.quarrow/quarrow.db`
       + (volume.newestChange ? ` (newest change ${volume.newestChange})` : "")).join(", ")}.`),
-    make("p", {}, `Times are those of the machine it was made on (${data.zone}). Nothing was loaded, and nothing is sent. The charts are `
-      + "drawn by D3; its licence is in this page's source."));
+    make("p", {}, `Times are those of the machine it was made on (${data.zone}). Nothing was loaded, and nothing is sent. `
+      + "The charts are drawn by D3; its licence is in this page's source."));
   prepareScheme();
   show(data.volumes.find(volume => volume.problem === undefined) ?? data.volumes[0]);
   on(window, "popstate", event => treemap?.restore(event.state));

@@ -1,7 +1,7 @@
 // The folders by size. Each tile is a folder in the one that is open; what is in the tile's folder is drawn in it.
 
 const mostTiles = 100; // of one folder
-const mostInner = 40; // in one tile
+const innerBoxes = 600; // in all tiles together, by their sizes
 
 /** Links the rows of the data to a tree with sums, largest children first. Parents stand in front of their children. */
 function folderTree(rows, rootName) {
@@ -48,7 +48,8 @@ class Treemap {
     this.map = make("div", { class: "map", role: "group" });
     this.status = make("p", { class: "readout", role: "status" });
     this.table = folded("Show as a table", () => this.partsTable());
-    this.element = make("div", {}, make("nav", { "aria-label": "Open folder" }, this.crumbs), this.status, this.map, this.table);
+    this.element = make("div", {}, make("nav", { "aria-label": "Open folder" }, this.crumbs), this.status, this.map,
+      this.table);
     on(this.element, "keydown", event => this.press(event));
     drawToWidth(this.map, () => this.draw());
     this.describe();
@@ -88,8 +89,8 @@ class Treemap {
 
   draw() {
     const { clientWidth: width, clientHeight: height } = this.map;
-    const parts = partsOf(this.open, mostTiles).map(part => (
-      { ...part, children: part.node !== undefined && opens(part.node) ? partsOf(part.node, mostInner) : null }));
+    const parts = partsOf(this.open, mostTiles).map(part => ({ ...part, children: part.node !== undefined && opens(part.node)
+      ? partsOf(part.node, Math.ceil(innerBoxes * part.bytes / Math.max(1, this.open.bytes))) : null }));
     const layout = d3.hierarchy({ children: parts }).sum(item => item.children ? 0 : item.bytes);
     d3.treemap().size([width, height]).round(true).paddingInner(1).paddingTop(box => box.depth === 1 ? 22 : 0)(layout);
     const tiles = (layout.children ?? []).filter(box => box.x1 - box.x0 > 2 && box.y1 - box.y0 > 2).map(box => this.tile(box));
@@ -110,9 +111,10 @@ class Treemap {
     const tile = make("button", { class: "tile", type: "button", tabindex: "-1", title: words, "aria-label": words,
       "aria-disabled": canOpen ? null : "true", style: place(box.x0, box.y0, box.x1, box.y1, part.category) });
     for (const inner of box.children ?? []) {
-      if (inner.x1 - inner.x0 > 3 && inner.y1 - inner.y0 > 3) {
+      const [innerWidth, innerHeight] = [inner.x1 - inner.x0, inner.y1 - inner.y0];
+      if (innerWidth > 3 && innerHeight > 3) {
         tile.append(make("i", { style: place(inner.x0 - box.x0, inner.y0 - box.y0, inner.x1 - box.x0, inner.y1 - box.y0,
-          inner.data.category) }));
+          inner.data.category) }, ...(innerWidth > 48 && innerHeight > 18 ? [inner.data.label] : [])));
       }
     }
     if (width > 36 && height > 20)
@@ -143,8 +145,10 @@ class Treemap {
     let [best, least] = [null, Infinity];
     for (const other of this.tiles()) {
       const to = other.getBoundingClientRect();
-      const ahead = x > 0 ? to.left - from.right : x < 0 ? from.left - to.right : y > 0 ? to.top - from.bottom : from.top - to.bottom;
-      const aside = x !== 0 ? gap(from.top, from.bottom, to.top, to.bottom) : gap(from.left, from.right, to.left, to.right);
+      const ahead = x > 0 ? to.left - from.right : x < 0 ? from.left - to.right
+        : y > 0 ? to.top - from.bottom : from.top - to.bottom;
+      const aside = x !== 0 ? gap(from.top, from.bottom, to.top, to.bottom)
+        : gap(from.left, from.right, to.left, to.right);
       if (other !== tile && ahead >= -2 && ahead + 4 * aside < least)
         [best, least] = [other, ahead + 4 * aside];
     }
@@ -164,13 +168,14 @@ function treemapSection(volume) {
   const map = new Treemap(folderTree(volume.tree, volume.name), volume.name);
   const legend = make("p", { class: "legend" }, ...[1, 2, 3, 4].map(i => make("span", {}, key(i), `mostly ${categories[i]}`)));
   // The browser's way back leads to the folder before.
-  const step = node => history.pushState({ folder: lineage(node).slice(1).map(folder => folder.parent.children.indexOf(folder)) }, "");
+  const step = node => history.pushState(
+    { folder: lineage(node).slice(1).map(folder => folder.parent.children.indexOf(folder)) }, "");
   map.changed = step;
   map.restore = state => {
     map.changed = null;
     map.go((state?.folder ?? []).reduce((node, i) => node.children[i], map.root), map.open);
     map.changed = step;
   };
-  return [section("Folders by size", "Open a folder with a click or Enter, go up with Escape. The arrow keys move between folders.",
-    "wide", map.element, legend), map];
+  return [section("Folders by size", "Open a folder with a click or Enter, go up with Escape. The arrow keys move between "
+    + "folders.", "wide", map.element, legend), map];
 }

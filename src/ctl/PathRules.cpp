@@ -32,10 +32,9 @@ public:
         }
         for (const TextAt& path : volume.crawlPaths)
             checkCrawlPathAbove(path);
-        bool isEmptied = false;
         for (const TextAt& exclusion : volume.excludePaths)
-            isEmptied = checkExclusion(exclusion) || isEmptied;
-        if (!isEmptied && walksOwnCatalogue())
+            checkExclusion(exclusion);
+        if (walksOwnCatalogue())
             found.warn(volume.root.line,
                 "The volume " + quoted(volume.name)
                     + " is catalogued whole, without the exclusion '/.quarrow'. The daemon catalogues and watches its"
@@ -86,25 +85,24 @@ private:
         }
     }
 
-    /// True when nothing of the volume is left.
-    bool checkExclusion(const TextAt& exclusion) const
+    void checkExclusion(const TextAt& exclusion) const
     {
         const std::string what = "The exclusion " + quoted(exclusion.text) + of;
         if (exclusion.text.empty()) {
             found.warn(exclusion.line, what + " is in every path: it leaves out everything", "Remove it");
-            return true;
+            return;
         }
         if (leavesOut(exclusion.text, root)) {
             found.warn(exclusion.line,
                 what + " occurs in the path of the volume itself, " + quoted(root) + ": it leaves out everything",
                 "Write a text that occurs only below the volume's root");
-            return true;
+            return;
         }
         if ((root + "/").find(exclusion.text) != std::string::npos) {
             found.warn(exclusion.line,
                 what + " occurs in every path below " + quoted(root) + ": it leaves out all folders of the volume",
                 "Write a text that occurs only below the volume's root");
-            return true;
+            return;
         }
         if (exclusion.text.compare(0, root.length() + 1, root + "/") == 0 && !root.empty())
             found.warn(exclusion.line,
@@ -114,7 +112,6 @@ private:
                 "To leave it out whole, write " + quoted(exclusion.text.substr(root.length()))
                     + ", wherever that occurs");
         checkAgainstCrawlPaths(exclusion);
-        return false;
     }
 
     void checkAgainstCrawlPaths(const TextAt& exclusion) const

@@ -5,7 +5,6 @@
 #include "ctl/FolderLook.h"
 #include "ctl/HostReading.h"
 
-#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -72,8 +71,8 @@ private:
     /// `below`: how the inner one is reached from the outer one; empty for the same folder.
     void checkPair(const StartFolder& outer, const StartFolder& inner, const std::string& below)
     {
-        // Of volumes with one root the reader is told otherwise.
-        if (outer.root == inner.root || !isWalked(outer, below))
+        // Of volumes with one root the reader is told otherwise. And what an exclusion leaves out no walk comes to.
+        if (outer.root == inner.root || outer.volume->leavesOut(outer.folder.text + below))
             return;
         if (!told.insert({ inner.volume->name, outer.volume->name }).second
             || (below.empty() && told.count({ outer.volume->name, inner.volume->name }) != 0))
@@ -83,18 +82,6 @@ private:
                 + quoted(outer.volume->name) + " at " + outer.folder.text + " in line "
                 + std::to_string(outer.folder.line) + ". Only one of them sees changes there as they happen",
             "Catalogue each folder in one volume: by crawl paths, an exclusion, or by removing one volume");
-    }
-
-    /// Whether the outer volume's walk gets there.
-    static bool isWalked(const StartFolder& outer, const std::string& below)
-    {
-        std::size_t end = 0;
-        do {
-            if (outer.volume->leavesOut(outer.folder.text + below.substr(0, end)))
-                return false;
-            end = end < below.length() ? std::min(below.find('/', end + 1), below.length()) : std::string::npos;
-        } while (end != std::string::npos);
-        return true;
     }
 
     const FindingsAbout& found;

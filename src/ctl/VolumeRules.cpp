@@ -67,7 +67,7 @@ void checkRootFolder(const VolumeReading& volume, const FindingsAbout& found)
             "Check again as the user that the daemon runs as");
         break;
     case FolderLook::State::folder:
-        if (volume.crawlPaths.empty() && isEmptyFolder(path) && !isMountPoint(path))
+        if (isEmptyFolder(path) && !isMountPoint(path))
             found.warn(volume.root.line, root + " is an empty folder, and no file system is mounted there",
                 "If one is meant to be, mount it before the daemon starts, which would catalogue the empty folder");
         if (isOnReadOnlyFileSystem(lookAtFolder(path + ".quarrow").isFolder() ? path + ".quarrow" : path))

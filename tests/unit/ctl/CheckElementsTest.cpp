@@ -126,6 +126,12 @@ TEST_F(CheckElementsTest, somethingElseInPlaceOfAValue)
         check(withSettings("<purge_threshold/>")));
 }
 
+TEST_F(CheckElementsTest, anEmptyElementDoesNotReplaceAnEarlierOne)
+{
+    EXPECT_EQ("2: warning: <purge_threshold> is empty, which counts as absent. Give it a value, or remove it.\n",
+        check(withSettings("<purge_threshold>7</purge_threshold><purge_threshold/>")));
+}
+
 TEST_F(CheckElementsTest, blanksAroundAValueBelongToIt)
 {
     EXPECT_EQ(

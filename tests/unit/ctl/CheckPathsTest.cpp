@@ -44,6 +44,14 @@ TEST_F(CheckPathsTest, aCrawlPathThatLeadsNowhere)
     EXPECT_EQ("", check(withVolumes(volume("a", "DIR/v", crawl("/link/"))))); // the daemon follows it there
 }
 
+TEST_F(CheckPathsTest, crawlPathsOfAMissingRootAreNotLookedFor)
+{
+    EXPECT_EQ(
+        "5: warning: The root 'DIR/gone' of the volume 'a' is missing: the daemon would make it and catalogue it empty."
+        " Mount the volume before the daemon starts, or correct the path.\n",
+        check(withVolumes(volume("a", "DIR/gone", crawl("/Music")))));
+}
+
 TEST_F(CheckPathsTest, anOddCrawlPath)
 {
     for (const char* path : { "//Music", "/./Music", "/Music/../Music", "/Music/." })

@@ -104,7 +104,8 @@ TEST_F(CheckRefusalsTest, whatIsNoXmlIsRefusedInTheParsersWordsAndLine)
     EXPECT_EQ(std::string("2: refused: This is no XML: Entity 'no' not defined. ") + correct, check("<a>\n&no;</a>"));
     EXPECT_EQ(std::string("2: refused: This is no XML: Extra content at the end of the document. ") + correct,
         check("<a/>\n<b/>"));
-    EXPECT_EQ("", check(withSettings(""))); // nothing of it is left in the library
+    EXPECT_EQ("", check(withSettings("")));
+    EXPECT_EQ(nullptr, xmlStructuredError); // nothing of it is left in the library
 }
 
 TEST_F(CheckRefusalsTest, whatTheParserTakesWithAComplaintIsAWarning)
@@ -172,32 +173,54 @@ TEST_F(CheckRefusalsTest, moreFaultsThanAnybodyReadsAreCounted)
     EXPECT_TRUE(done.isAccepted());
     EXPECT_EQ(1000U, done.findings().list().size());
     EXPECT_EQ(49000U, done.findings().omitted());
+    // A refusal is not among those that are left out.
+    EXPECT_EQ(0U, check("<Q>" + many + "</Q>").find("refused: "));
 }
 
-/// Empties the configuration when it is opened for the second time.
-xmlExternalEntityLoader usualLoader;
-int timesOpened;
+/// Replaces the configuration when it is opened for the second time.
+class ChangeMeanwhile {
+public:
+    explicit ChangeMeanwhile(const std::string& text)
+    {
+        other = text;
+        timesOpened = 0;
+        usualLoader = xmlGetExternalEntityLoader();
+        xmlSetExternalEntityLoader(load);
+    }
+    ~ChangeMeanwhile() { xmlSetExternalEntityLoader(usualLoader); }
+    ChangeMeanwhile(const ChangeMeanwhile&) = delete;
+    ChangeMeanwhile& operator=(const ChangeMeanwhile&) = delete;
 
-xmlParserInputPtr emptyTheSecondTime(const char* url, const char* id, xmlParserCtxtPtr context)
-{
-    if (++timesOpened == 2)
-        std::ofstream(url, std::ios::trunc).close();
-    return usualLoader(url, id, context);
-}
+private:
+    static xmlParserInputPtr load(const char* url, const char* id, xmlParserCtxtPtr context)
+    {
+        if (++timesOpened == 2)
+            std::ofstream(url, std::ios::trunc) << other;
+        return usualLoader(url, id, context);
+    }
+
+    static inline xmlExternalEntityLoader usualLoader;
+    static inline int timesOpened;
+    static inline std::string other;
+};
 
 TEST_F(CheckRefusalsTest, aFileThatIsChangedMeanwhileIsRefused)
 {
-    folder.writeFile("host.xml", replaced(withSettings(""), "DIR", folder.path()));
-    timesOpened = 0;
-    usualLoader = xmlGetExternalEntityLoader();
-    xmlSetExternalEntityLoader(emptyTheSecondTime);
-    const ConfigurationCheck done(machine);
-    xmlSetExternalEntityLoader(usualLoader);
-    EXPECT_FALSE(done.isConsistent());
-    EXPECT_FALSE(done.isAccepted());
-    ASSERT_EQ(1U, done.findings().list().size());
-    EXPECT_TRUE(done.findings().hasRefusal());
-    EXPECT_EQ("The file was changed while it was read", done.findings().list()[0].reason);
+    const std::string good = withSettings("<purge_threshold>7</purge_threshold>");
+    folder.writeFile("host.xml", good);
+    for (const std::string& other : { std::string(), std::string("<Q/>"), replaced(good, "7", "8"),
+             replaced(good, "DIR/v", "/w"), replaced(good, "media", "other"), replaced(good, ".quarrow", "x"),
+             replaced(good, "</Root>", "</Root><CrawlPaths><Path>/x</Path></CrawlPaths>"),
+             replaced(good, "</Volumes>", "<Volume><Name>b</Name><Root>/b</Root></Volume></Volumes>") }) {
+        folder.writeFile("host.xml", good);
+        const ChangeMeanwhile change(other);
+        const ConfigurationCheck done(machine);
+        EXPECT_FALSE(done.isConsistent()) << other;
+        EXPECT_FALSE(done.isAccepted()) << other;
+        ASSERT_EQ(1U, done.findings().list().size()) << other;
+        EXPECT_TRUE(done.findings().hasRefusal()) << other;
+        EXPECT_EQ("The file was changed while it was read", done.findings().list()[0].reason) << other;
+    }
 }
 
 // What explains a refusal is other code than what decides it. They are to agree on anything.

@@ -5,7 +5,7 @@
 #include "ctl/FolderLook.h"
 #include "ctl/HostReading.h"
 
-#include <algorithm>
+#include <climits>
 
 namespace {
 
@@ -72,6 +72,8 @@ private:
                 "Remove one of them");
             return;
         }
+        if (path.text.length() >= PATH_MAX)
+            return; // no folder has it, and there may be a million elements
         for (std::size_t slash = path.text.rfind('/'); slash != std::string::npos && slash < path.text.length();
              slash = slash == 0 ? std::string::npos : path.text.rfind('/', slash - 1)) {
             const auto above = places.find(path.text.substr(0, slash));

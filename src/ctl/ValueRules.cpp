@@ -1,10 +1,10 @@
 #include "ctl/ValueRules.h"
 
 #include "config/XmlDocument.h"
+#include "ctl/ConfigurationTexts.h"
 #include "ctl/ElementRules.h"
 #include "ctl/Findings.h"
 #include "ctl/HostReading.h"
-#include "ctl/ConfigurationTexts.h"
 
 #include <map>
 

@@ -5,6 +5,7 @@
 #include "ctl/FolderLook.h"
 #include "ctl/HostReading.h"
 
+#include <climits>
 #include <map>
 #include <set>
 #include <string>
@@ -57,6 +58,8 @@ private:
     /// Looks at the start folders of other volumes at the path and above it.
     void checkAbove(const std::string& path, const StartFolder& inner)
     {
+        if (path.length() >= PATH_MAX)
+            return; // no folder has it, and there may be a million elements
         for (std::string above = path;; above = above.substr(0, above.rfind('/'))) {
             const auto outer = starts.find(above.empty() ? "/" : above);
             if (outer != starts.end()) {

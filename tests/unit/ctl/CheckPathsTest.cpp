@@ -52,6 +52,17 @@ TEST_F(CheckPathsTest, crawlPathsOfAMissingRootAreNotLookedFor)
         check(withVolumes(volume("a", "DIR/gone", crawl("/Music")))));
 }
 
+TEST_F(CheckPathsTest, aPathLongerThanThatOfAnyFolderIsNotTakenApart)
+{
+    std::string path;
+    for (int i = 0; i < 3000000; ++i)
+        path += "/a";
+    EXPECT_EQ("5: warning: The crawl path '" + path
+            + "' of the volume 'a' cannot be looked at: File name too long. Check again as the user that the daemon runs"
+              " as.\n",
+        check(withVolumes(volume("a", "DIR/v", crawl(path))))); // that would take most of an hour
+}
+
 TEST_F(CheckPathsTest, anOddCrawlPath)
 {
     for (const char* path : { "//Music", "/./Music", "/Music/../Music", "/Music/." })

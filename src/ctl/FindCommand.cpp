@@ -1,3 +1,157 @@
 #include "ctl/Commands.h"
 
-void addFindCommand(CLI::App&, Command&) { }
+#include "ctl/FindRun.h"
+#include "ctl/Problem.h"
+#include "ctl/SizeAndAge.h"
+#include "ctl/Terminal.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// The options as they were given.
+struct Arguments {
+    std::optional<std::string> pattern;
+    bool exact = false;
+    bool ignoreCase = false;
+    std::vector<std::string> volumes;
+    std::optional<std::string> under;
+    std::optional<std::string> type;
+    std::vector<std::string> categories;
+    std::optional<std::string> larger;
+    std::optional<std::string> changedWithin;
+    bool deleted = false;
+    bool exists = false;
+    bool detailed = false;
+    bool nul = false;
+    bool json = false;
+    bool count = false;
+    std::size_t limit = 20;
+};
+
+void fillTypes(const Arguments& arguments, FindTask& task)
+{
+    const bool onlyFiles = !arguments.categories.empty() || arguments.larger || task.kind == FindTask::newest
+        || task.kind == FindTask::largest;
+    if (onlyFiles && arguments.type == "d")
+        throw Problem("--type d", "Folders have no size and no category", "Leave this option out");
+    task.selection.files = arguments.type != "d";
+    task.selection.folders = !onlyFiles && arguments.type != "f";
+    static const std::vector<std::string> names = { "video", "audio", "image", "other" };
+    for (const std::string& category : arguments.categories) {
+        const auto place = std::find(names.begin(), names.end(), category);
+        if (place == names.end())
+            throw Problem(
+                "--category " + category, "There is no such category", "Give some of video,audio,image,other");
+        task.selection.categories.push_back(place - names.begin() + 1);
+    }
+}
+
+int find(const Arguments& arguments, FindTask::Kind kind)
+{
+    FindTask task;
+    task.kind = arguments.count ? FindTask::count : kind;
+    fillTypes(arguments, task);
+    if (arguments.pattern)
+        task.selection.pattern.emplace(*arguments.pattern,
+            arguments.exact ? NamePattern::Words::exact : NamePattern::Words::wildcards, arguments.ignoreCase);
+    if (arguments.larger)
+        task.selection.largerThan = parseSize("--larger", *arguments.larger);
+    if (arguments.changedWithin)
+        task.selection.changedSince = std::time(nullptr) - parseAge("--changed-within", *arguments.changedWithin);
+    task.selection.deleted = arguments.deleted;
+    task.mustBeThere = arguments.exists;
+    task.limit = arguments.limit;
+    task.form.kind = arguments.json ? RowOutput::Form::json : RowOutput::Form::paths;
+    task.form.end = arguments.nul ? '\0' : '\n';
+    task.form.readable = terminal::isTerminal() && !arguments.nul;
+    // Who looks at the largest files wants to see how large they are; who pipes them on wants the files.
+    task.form.detailed = arguments.detailed || (kind != FindTask::list && task.form.readable);
+    const std::vector<ConfiguredVolume> volumes = readConfiguredVolumes(arguments.volumes);
+    task.volumes = arguments.under ? below(*arguments.under, volumes) : everywhere(volumes);
+    return FindRun(task).run();
+}
+
+void addFilters(CLI::App& app, Arguments& arguments)
+{
+    app.add_option("PATTERN", arguments.pattern, "A part of the name, or with wild cards the whole name; see below");
+    app.add_flag("-x,--exact", arguments.exact, "PATTERN is the whole name or path; nothing in it is a wild card");
+    app.add_flag("-i,--ignore-case", arguments.ignoreCase,
+        "Take a to z for A to Z. Letters beyond these, as in other languages, have to be of the same case");
+    app.add_option(
+           "--volume", arguments.volumes, "Only in this volume; may be repeated (default: all that are configured)")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    app.add_option("--under", arguments.under,
+           "Only below this folder: an absolute path, or one from the current folder. It need not exist any more")
+        ->type_name("FOLDER");
+    app.add_option(
+           "--category", arguments.categories, "Only files of these: video, audio, image, other, with commas between")
+        ->type_name("LIST")
+        ->delimiter(',')
+        ->allow_extra_args(false);
+    app.add_option("--larger", arguments.larger,
+           "Only files of more than these bytes: 2000, 500K, 10M, 1.5G (of 1024), 10MB (of 1000)")
+        ->type_name("SIZE");
+    app.add_option("--changed-within", arguments.changedWithin,
+           "Only what was modified in this time: 90m (minutes), 3h, 2d, 1w. With --deleted: what was deleted in it")
+        ->type_name("TIME");
+    app.add_flag("--deleted", arguments.deleted,
+        "What is gone but was not purged yet, instead of what is there (a deletion's time is when the daemon saw it)");
+    app.add_flag("--exists", arguments.exists, "Look at the disk, and leave out what is not there (any more)");
+}
+
+void addForms(CLI::App& app, Arguments& arguments)
+{
+    auto* const detailed = app.add_flag("-l,--long", arguments.detailed,
+        "In front of each path its size in bytes, and when it was modified (with --deleted: deleted)");
+    auto* const nul = app.add_flag("-0,--null", arguments.nul, "A NUL instead of a line end, for 'xargs -0'");
+    auto* const json = app.add_flag("--json", arguments.json,
+        "A JSON object per line: volume, type, path, size, category, modified, changed (what --changed-within looks at), "
+        "deleted; times in seconds since 1970; path_hex when a path is no UTF-8");
+    json->excludes(nul)->excludes(detailed);
+    if (app.get_name() == "find")
+        app.add_flag("--count", arguments.count, "Only how many")->excludes(nul)->excludes(detailed)->excludes(json);
+    else
+        app.add_option("-n,--limit", arguments.limit, "How many (default: 20)")
+            ->type_name("NUMBER")
+            ->check(CLI::Range(1, 100000));
+}
+
+constexpr const char* footer = R"(
+PATTERN without wild cards is a part of the name: 'live' finds Live.mp3 only with -i, and 'olive.jpg'.
+With * ? [ ] it is for the whole name: '*.mp3', 'IMG_000?.jpg', '[A-C]*'. A backslash takes a wild card for what it is.
+With a slash in it, it is for the absolute path: '/Live/' is a part of it, '/srv/media/*/Live/*' all of it; here * also
+takes slashes. Quote it, or the shell replaces the wild cards.
+
+Paths are absolute, one per line, in the order in which they were first catalogued. In a pipe they are the bytes of the
+names, in which there can be line ends: use -0. On a terminal control characters are shown as \n, \x1b.
+The catalogue may be some seconds behind the disk, or more when the daemon does not run: see --exists.
+A size that was stored in 32 bits (a large file that came back) is the smallest that it can be.
+Status: 0 also when nothing was found; 1 when a volume could not be read, the others were; 2 refused.)";
+
+void add(CLI::App& app, Command& chosen, const char* name, const char* description, FindTask::Kind kind)
+{
+    CLI::App* const command = app.add_subcommand(name, description);
+    const auto arguments = std::make_shared<Arguments>();
+    addFilters(*command, *arguments);
+    addForms(*command, *arguments);
+    command->footer(footer);
+    command->callback([arguments, &chosen, kind] { chosen = [arguments, kind] { return find(*arguments, kind); }; });
+}
+
+} // namespace
+
+void addFindCommand(CLI::App& app, Command& chosen)
+{
+    add(app, chosen, "find", "Lists files and folders by name, place, category, size and time", FindTask::list);
+    add(app, chosen, "recent", "Lists the files that were modified last, the newest first", FindTask::newest);
+    add(app, chosen, "largest", "Lists the largest files, the largest first", FindTask::largest);
+}

@@ -9,30 +9,6 @@
 
 namespace {
 
-/// How many bytes the UTF-8 character at the beginning has; 0 when there is none.
-std::size_t characterLength(std::string_view bytes)
-{
-    const auto at = [bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
-    const unsigned first = at(0);
-    const std::size_t length = first < 0x80 ? 1
-        : first < 0xc2                      ? 0
-        : first < 0xe0                      ? 2
-        : first < 0xf0                      ? 3
-        : first < 0xf5                      ? 4
-                                            : 0;
-    if (length == 0 || length > bytes.size())
-        return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((at(i) & 0xc0U) != 0x80)
-            return 0;
-    }
-    // Overlong forms, surrogates, and what is above U+10FFFF.
-    if ((first == 0xe0 && at(1) < 0xa0) || (first == 0xed && at(1) > 0x9f) || (first == 0xf0 && at(1) < 0x90)
-        || (first == 0xf4 && at(1) > 0x8f))
-        return 0;
-    return length;
-}
-
 bool isControl(std::string_view character)
 {
     const auto first = static_cast<unsigned char>(character[0]);
@@ -55,6 +31,29 @@ std::string escaped(std::string_view bytes)
 }
 
 } // namespace
+
+std::size_t characterLength(std::string_view bytes)
+{
+    const auto at = [bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const unsigned first = at(0);
+    const std::size_t length = first < 0x80 ? 1
+        : first < 0xc2                      ? 0
+        : first < 0xe0                      ? 2
+        : first < 0xf0                      ? 3
+        : first < 0xf5                      ? 4
+                                            : 0;
+    if (length == 0 || length > bytes.size())
+        return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((at(i) & 0xc0U) != 0x80)
+            return 0;
+    }
+    // Overlong forms, surrogates, and what is above U+10FFFF.
+    if ((first == 0xe0 && at(1) < 0xa0) || (first == 0xed && at(1) > 0x9f) || (first == 0xf0 && at(1) < 0x90)
+        || (first == 0xf4 && at(1) > 0x8f))
+        return 0;
+    return length;
+}
 
 std::string visible(std::string_view bytes)
 {

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,8 @@
 /// the cursor. A backslash stays as it is.
 std::string visible(std::string_view bytes);
 
+/// How many bytes the UTF-8 character at the beginning of the bytes has; 0 when there is none. At least one byte.
+std::size_t characterLength(std::string_view bytes);
 bool isUtf8(std::string_view bytes);
 
 /// Sets `object[key]` to the text. When the bytes are no UTF-8, the value has U+FFFD in their place, and

@@ -79,43 +79,42 @@ int find(const Arguments& arguments, FindTask::Kind kind)
     return FindRun(task).run();
 }
 
+void addPattern(CLI::App& app, Arguments& arguments)
+{
+    app.add_option("PATTERN", arguments.pattern, "A part of the name, or with wild cards all of it; see below");
+    app.add_flag("-x,--exact", arguments.exact, "PATTERN is the whole name or path, nothing in it a wild card");
+    app.add_flag("-i,--ignore-case", arguments.ignoreCase, "Take A to Z for a to z; other letters keep their case");
+}
+
 void addFilters(CLI::App& app, Arguments& arguments)
 {
-    app.add_option("PATTERN", arguments.pattern, "A part of the name, or with wild cards the whole name; see below");
-    app.add_flag("-x,--exact", arguments.exact, "PATTERN is the whole name or path; nothing in it is a wild card");
-    app.add_flag("-i,--ignore-case", arguments.ignoreCase,
-        "Take a to z for A to Z. Letters beyond these, as in other languages, have to be of the same case");
-    app.add_option(
-           "--volume", arguments.volumes, "Only in this volume; may be repeated (default: all that are configured)")
+    app.add_option("--volume", arguments.volumes, "Only in this volume; may be repeated (default: all)")
         ->type_name("NAME")
         ->allow_extra_args(false);
-    app.add_option("--under", arguments.under,
-           "Only below this folder: an absolute path, or one from the current folder. It need not exist any more")
+    app.add_option("--under", arguments.under, "Only below this folder, which need not exist any more; see below")
         ->type_name("FOLDER");
-    app.add_option(
-           "--category", arguments.categories, "Only files of these: video, audio, image, other, with commas between")
+    app.add_option("--type", arguments.type, "Only files: f; only folders: d")
+        ->type_name("f|d")
+        ->check(CLI::IsMember({ "f", "d" }));
+    app.add_option("--category", arguments.categories, "Only files that are video, audio, image or other, with commas")
         ->type_name("LIST")
         ->delimiter(',')
         ->allow_extra_args(false);
-    app.add_option("--larger", arguments.larger,
-           "Only files of more than these bytes: 2000, 500K, 10M, 1.5G (of 1024), 10MB (of 1000)")
+    app.add_option("--larger", arguments.larger, "Only files of more bytes: 2000, 500K, 1.5G (of 1024), 10MB (of 1000)")
         ->type_name("SIZE");
-    app.add_option("--changed-within", arguments.changedWithin,
-           "Only what was modified in this time: 90m (minutes), 3h, 2d, 1w. With --deleted: what was deleted in it")
+    app.add_option("--changed-within", arguments.changedWithin, "Only what was modified in this time: 90m, 3h, 2d, 1w")
         ->type_name("TIME");
-    app.add_flag("--deleted", arguments.deleted,
-        "What is gone but was not purged yet, instead of what is there (a deletion's time is when the daemon saw it)");
-    app.add_flag("--exists", arguments.exists, "Look at the disk, and leave out what is not there (any more)");
+    app.add_flag(
+        "--deleted", arguments.deleted, "What is gone and not yet purged, instead of what is there; see below");
+    app.add_flag("--exists", arguments.exists, "Look at the disk, and leave out what is not there any more");
 }
 
 void addForms(CLI::App& app, Arguments& arguments)
 {
-    auto* const detailed = app.add_flag("-l,--long", arguments.detailed,
-        "In front of each path its size in bytes, and when it was modified (with --deleted: deleted)");
-    auto* const nul = app.add_flag("-0,--null", arguments.nul, "A NUL instead of a line end, for 'xargs -0'");
-    auto* const json = app.add_flag("--json", arguments.json,
-        "A JSON object per line: volume, type, path, size, category, modified, changed (what --changed-within looks at), "
-        "deleted; times in seconds since 1970; path_hex when a path is no UTF-8");
+    auto* const detailed
+        = app.add_flag("-l,--long", arguments.detailed, "Size in bytes and time in front of each path");
+    auto* const nul = app.add_flag("-0,--null", arguments.nul, "A NUL instead of each line end, for 'xargs -0'");
+    auto* const json = app.add_flag("--json", arguments.json, "A JSON object per line; see below");
     json->excludes(nul)->excludes(detailed);
     if (app.get_name() == "find")
         app.add_flag("--count", arguments.count, "Only how many")->excludes(nul)->excludes(detailed)->excludes(json);
@@ -126,21 +125,31 @@ void addForms(CLI::App& app, Arguments& arguments)
 }
 
 constexpr const char* footer = R"(
-PATTERN without wild cards is a part of the name: 'live' finds Live.mp3 only with -i, and 'olive.jpg'.
-With * ? [ ] it is for the whole name: '*.mp3', 'IMG_000?.jpg', '[A-C]*'. A backslash takes a wild card for what it is.
-With a slash in it, it is for the absolute path: '/Live/' is a part of it, '/srv/media/*/Live/*' all of it; here * also
-takes slashes. Quote it, or the shell replaces the wild cards.
+Names. PATTERN without wild cards is a part of the name: 'live' finds olive.jpg, and Live.mp3 with -i. With * ? [ ] it
+is for the whole name: '*.mp3', 'IMG_000?.jpg', '[A-C]*'; a backslash takes a wild card for what it is. With a slash in
+it, it is for the absolute path: '/Live/' is a part of it, '/srv/media/*/Live/*' all of it, where * takes slashes as
+well. Quote it, or the shell replaces the wild cards.
 
-Paths are absolute, one per line, in the order in which they were first catalogued. In a pipe they are the bytes of the
-names, in which there can be line ends: use -0. On a terminal control characters are shown as \n, \x1b.
-The catalogue may be some seconds behind the disk, or more when the daemon does not run: see --exists.
-A size that was stored in 32 bits (a large file that came back) is the smallest that it can be.
-Status: 0 also when nothing was found; 1 when a volume could not be read, the others were; 2 refused.)";
+Places. FOLDER is an absolute path or one from the current folder, as these are printed. It is in a volume, or has
+volumes in it. What is below it is searched, not the folder itself.
+
+Deletions. --deleted lists what the daemon has seen to be gone. The time of such a file, also for --changed-within and
+-l, is that of its deletion. The catalogue may be some seconds behind the disk, or more when the daemon does not run;
+--exists asks the disk.
+
+Output. Absolute paths, one per line; without another order, as they were first catalogued. In a pipe they are the
+names' bytes, with a line end in a name as it is: use -0. On a terminal that is shown as \n, and recent and largest
+have the form of -l. Objects of --json have volume, type, path, size and category (of files), modified, changed (the
+time that --changed-within means) and deleted. Times are seconds since 1970. A path that is no UTF-8 has all its bytes
+in path_hex. A size that was stored in 32 bits, of a large file that came back, is the smallest that it can be.
+
+Status. 0, also when nothing is found; 1 when a volume could not be read and the others were; 2 when refused.)";
 
 void add(CLI::App& app, Command& chosen, const char* name, const char* description, FindTask::Kind kind)
 {
     CLI::App* const command = app.add_subcommand(name, description);
     const auto arguments = std::make_shared<Arguments>();
+    addPattern(*command, *arguments);
     addFilters(*command, *arguments);
     addForms(*command, *arguments);
     command->footer(footer);

@@ -59,8 +59,8 @@ class Ctl:
         return Result(subprocess.run(self.command(*arguments, environment=environment, folder=folder), capture_output=True,
                                      stdin=subprocess.DEVNULL, timeout=BOUND, check=False))
 
-    def good(self, *arguments):
+    def good(self, *arguments, environment=None):
         """run(), where nothing is to be wrong."""
-        result = self.run(*arguments)
+        result = self.run(*arguments, environment=environment)
         assert (result.status, result.errors) == (0, "")
         return result

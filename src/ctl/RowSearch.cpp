@@ -14,7 +14,7 @@ constexpr std::size_t batchSize = 2000;
 /// stands for the number of rows. The limit above it is for memory.
 std::size_t mostCandidates(long long greatestId)
 {
-    return static_cast<std::size_t>(std::clamp(greatestId / 8, 10'000LL, 1'000'000LL));
+    return static_cast<std::size_t>(std::clamp(greatestId / 32, 10'000LL, 1'000'000LL));
 }
 
 void bind(Query& query, const BoundText& text)

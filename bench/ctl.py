@@ -27,6 +27,7 @@ from table import Table, run_measurements, spread
 
 FOLDERS = 5000  # of the tree
 MEMORY_TARGET = 100  # MB
+A_FOLDER = "select path from Folders where path like '/Music/%/%' order by path limit 1"
 
 
 class Bench:
@@ -97,7 +98,7 @@ class Find:
     def beside(self):
         tree = self.bench.tree()
         with open_for_reading(f"{tree}/.quarrow/quarrow.db") as catalogue:
-            folder, = catalogue.execute("select path from Folders where path like '/Music/%/%' order by path limit 1").fetchone()
+            folder, = catalogue.execute(A_FOLDER).fetchone()
             name, = catalogue.execute("select name from Files where path like '/Photos/%' order by file_id desc limit 1").fetchone()
         find = lambda *tests: ["find", tree, "-path", f"{tree}/.quarrow", "-prune", "-o", *tests, "-print"]
         shell = lambda form, key: ["sh", "-c", f"find '{tree}' -path '{tree}/.quarrow' -prune -o -type f -printf '{form} %p\\n'"
@@ -131,7 +132,7 @@ class Find:
     def large(self):
         volume = self.bench.large()
         connection = sqlite3.connect(f"{volume}/.quarrow/quarrow.db")
-        folder, = connection.execute("select path from Folders where path like '/Music/%/%' order by path limit 1").fetchone()
+        folder, = connection.execute(A_FOLDER).fetchone()
         connection.close()
         questions = {
             "part of few names": (["find", "12345"], 0.5),

@@ -11,7 +11,8 @@ import sqlite3
 import stat
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-CATEGORIES = {1: ("mkv", "mp4", "avi", "m4v", "mov"), 2: ("mp3", "flac", "m4a", "ogg", "wav"), 3: ("jpg", "JPG", "png", "gif", "tif")}
+CATEGORIES = {1: ("mkv", "mp4", "avi", "m4v", "mov"), 2: ("mp3", "flac", "m4a", "ogg", "wav"),
+              3: ("jpg", "JPG", "png", "gif", "tif")}
 CATEGORY = {extension: category for category, extensions in CATEGORIES.items() for extension in extensions}
 SHELVES = {"Music": "mp3", "Photos": "jpg", "Video": "mkv", "Documents": "pdf", "Backup": "bin"}
 WORDS = """holiday summer winter rock jazz blues mountain river ocean family birthday wedding concert live studio session album

@@ -3,7 +3,6 @@
 #include "ctl/Catalogue.h"
 #include "ctl/Commands.h"
 #include "ctl/Problem.h"
-#include "ctl/Text.h"
 
 #include <sys/stat.h>
 

@@ -177,7 +177,7 @@ std::string RowQueries::filter(BoundText& into) const
         into.values.emplace_back(*selection.largerThan - fourGiB);
     }
     if (selection.changedSince) {
-        text += selection.deleted ? " and +last_updated_time >= ?" : " and modified_time >= ?";
+        text += selection.deleted ? " and last_updated_time >= ?" : " and modified_time >= ?";
         into.values.emplace_back(*selection.changedSince);
     }
     return text;

@@ -2,7 +2,6 @@
 
 #include "ctl/RowQueries.h"
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>

@@ -148,6 +148,7 @@ def test_what_cannot_be_done_is_refused(arena):
                             (["--type", "d", "--larger", "1"], "--type d")):
         result = ctl.run("find", *arguments)
         assert (result.status, result.bytes) == (2, b"") and word in result.errors, arguments
+    assert ctl.good("find", "--count", "status").text == "0\n"  # which is a command, but not here
     result = ctl.run("largest", "-n", "0")
     assert result.status == 2 and "--limit" in result.errors
     result = Ctl(arena, [], config="<Quarrow/>").run("find")
@@ -253,6 +254,24 @@ def test_a_full_disk_and_a_reader_that_leaves(arena):
             process.stdout.close()
             assert process.stderr.read() == b""
             assert process.wait(BOUND) == -signal.SIGPIPE
+
+
+def test_a_terminal(arena):
+    """Names do not move its cursor; recent and largest tell times and sizes. With -0 all is as in a pipe."""
+    volume = arena.volume("V", crawl=["/m"])
+    volume.make_file("/m/bell\a\n\x1b[2J\udcff.mp3", b"12345", modified=1_600_000_000)
+    catalogued(arena, volume)
+    ctl = Ctl(arena, [volume])
+    path = volume.path("/m/bell")
+    for arguments, expected in ((["find", "bell"], f"{path}\\x07\\n\\x1b[2J\\xff.mp3\r\n"),
+                                (["largest", "bell"], f"{5:15}  2020-09-13 12:26:40  {path}\\x07\\n\\x1b[2J\\xff.mp3\r\n"),
+                                (["find", "-0", "bell"], f"{path}\a\r\n\x1b[2J\udcff.mp3\0")):
+        terminal, other = os.openpty()
+        process = subprocess.run(ctl.command(*arguments, environment={"TZ": "UTC"}), stdout=other, timeout=BOUND, check=False)
+        os.close(other)
+        assert process.returncode == 0
+        with open(terminal, "rb", buffering=0) as shown:
+            assert os.fsdecode(shown.read(10000)) == expected
 
 
 def test_a_reader_that_pauses_holds_no_log(arena):

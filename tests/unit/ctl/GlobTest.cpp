@@ -61,6 +61,8 @@ TEST(GlobTest, aCharacterIsOneOfUtf8OrAByteThatIsNone)
     EXPECT_FALSE(matches("[\xc3\xa0-\xc3\xbf]", "\xa9"));
     EXPECT_TRUE(matches("[!a]", "\xf0\x9f\x8e\xb5"));
     EXPECT_TRUE(matches("[\xff]", "\xff"));
+    EXPECT_FALSE(matches("*\xa9", "caf\xc3\xa9")); // the byte is part of a character
+    EXPECT_TRUE(matches("*\xa9", "caf\xa9"));
 }
 
 TEST(GlobTest, ignoresTheCaseOfAsciiLettersOnly)

@@ -50,7 +50,12 @@ std::vector<ConfiguredVolume> readConfiguredVolumes()
 
 std::vector<ConfiguredVolume> readConfiguredVolumes(const std::vector<std::string>& names)
 {
-    std::vector<ConfiguredVolume> all = readConfiguredVolumes();
+    return chooseVolumes(readConfiguredVolumes(), names);
+}
+
+std::vector<ConfiguredVolume> chooseVolumes(
+    const std::vector<ConfiguredVolume>& all, const std::vector<std::string>& names)
+{
     if (names.empty())
         return all;
     std::vector<ConfiguredVolume> chosen;

@@ -25,6 +25,10 @@ std::string configurationPath();
 /// daemon would refuse it. At most once in a process: a second reading would add to the first.
 std::vector<ConfiguredVolume> readConfiguredVolumes();
 
-/// The same, less the volumes whose names are not in `names`; all of them when `names` is empty. Throws a Problem also
-/// when there is no volume of a given name.
+/// The same, less those that chooseVolumes() leaves out.
 std::vector<ConfiguredVolume> readConfiguredVolumes(const std::vector<std::string>& names);
+
+/// Those of `all` whose names are in `names`, in that order; all of them when `names` is empty. Throws a Problem when
+/// there is no volume of a given name.
+std::vector<ConfiguredVolume> chooseVolumes(
+    const std::vector<ConfiguredVolume>& all, const std::vector<std::string>& names);

@@ -1,9 +1,9 @@
 #include "FuzzSupport.h"
 
 #include "XmlReference.h"
-#include "ctl/CheckReport.h"
-#include "ctl/ConfigurationCheck.h"
-#include "ctl/Machine.h"
+#include "ctl/check/CheckReport.h"
+#include "ctl/check/ConfigurationCheck.h"
+#include "ctl/check/Machine.h"
 
 #include <cstdlib>
 

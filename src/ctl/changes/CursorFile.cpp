@@ -1,0 +1,99 @@
+#include "ctl/changes/CursorFile.h"
+
+#include "ctl/Problem.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr std::size_t longest = 1000000; // far more than thousands of volumes need
+
+[[noreturn]] void fail(const std::string& path, const std::string& what)
+{
+    const int error = errno;
+    throw Problem(path, what + ": " + std::strerror(error), "Name a file in a folder that you may write to");
+}
+
+std::string folderOf(const std::string& path)
+{
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+/// False with errno set.
+bool writeAll(int descriptor, const std::string& text)
+{
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t written = write(descriptor, text.data() + done, text.size() - done);
+        if (written < 0 && errno != EINTR)
+            return false;
+        done += written < 0 ? 0 : static_cast<std::size_t>(written);
+    }
+    return fsync(descriptor) == 0;
+}
+
+} // namespace
+
+CursorFile::CursorFile(const std::string& path)
+    : file(path)
+{
+    const std::unique_ptr<char, void (*)(void*)> real(realpath(path.c_str(), nullptr), std::free);
+    if (real != nullptr)
+        file = real.get();
+    struct stat64 status;
+    if (real != nullptr && stat64(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        throw Problem(file, "This is no regular file", "Name another file for the cursor");
+    if (access(folderOf(file).c_str(), W_OK | X_OK) != 0)
+        fail(file, "The cursor cannot be stored here");
+}
+
+std::string CursorFile::read() const
+{
+    const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0 && errno == ENOENT)
+        return {};
+    if (descriptor < 0)
+        fail(file, "The cursor cannot be read");
+    std::string text(longest, '\0');
+    std::size_t length = 0;
+    ssize_t got = 0;
+    while ((got = ::read(descriptor, text.data() + length, text.size() - length)) > 0)
+        length += static_cast<std::size_t>(got);
+    close(descriptor);
+    if (got < 0)
+        fail(file, "The cursor cannot be read");
+    text.resize(length);
+    return text;
+}
+
+void CursorFile::write(const std::string& text) const
+{
+    const std::string temporary = file + ".new";
+    unlink(temporary.c_str()); // left by a run that was killed
+    const int descriptor = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor < 0)
+        fail(temporary, "The cursor cannot be stored");
+    const bool good = writeAll(descriptor, text + "\n");
+    const int error = errno;
+    close(descriptor);
+    errno = error;
+    if (!good || std::rename(temporary.c_str(), file.c_str()) != 0) {
+        const int reason = errno;
+        unlink(temporary.c_str());
+        errno = reason;
+        fail(file, "The cursor cannot be stored");
+    }
+    const int folder = open(folderOf(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder >= 0) {
+        fsync(folder);
+        close(folder);
+    }
+}

@@ -1,0 +1,98 @@
+#include "ctl/status/Rewalk.h"
+
+#include "ctl/status/EndedThreads.h"
+
+#include <algorithm>
+#include <csignal>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds untilTaken(5);         // the daemon takes it at once, unless it purges or starts
+constexpr std::chrono::milliseconds afterTaken(1500); // it then needs a fraction of a millisecond
+constexpr std::chrono::milliseconds betweenLooks(1);
+constexpr std::chrono::milliseconds betweenLooksAtEnd(50);
+constexpr int quietLooks = 6; // volumes are taken in turn: the next walk may begin after a purge of the last volume
+constexpr std::size_t steadyThreads = 3;
+
+} // namespace
+
+Rewalk::Rewalk(const ProcessFacts& process)
+    : daemon(process)
+    , start(daemon.stat())
+    , threads(daemon.threads())
+    , endedTime(timeOfEndedThreads(daemon))
+{
+}
+
+bool Rewalk::isAlive() const
+{
+    const std::optional<ProcessStat> now = daemon.stat();
+    return now && start && now->startTicks == start->startTicks;
+}
+
+bool Rewalk::hasNewThread(const std::vector<ThreadFacts>& now) const
+{
+    return std::any_of(now.begin(), now.end(), [this](const ThreadFacts& thread) {
+        return std::find(threads.begin(), threads.end(), thread) == threads.end();
+    });
+}
+
+/// Whether a thread that was not there before has come and gone. False when that cannot be told.
+bool Rewalk::hasThreadEnded() const
+{
+    const std::optional<long long> now = timeOfEndedThreads(daemon);
+    return now && endedTime && *now > *endedTime && daemon.threads() == threads;
+}
+
+Rewalk::Outcome Rewalk::observe()
+{
+    Clock::time_point deadline = Clock::now() + untilTaken;
+    bool isTaken = false;
+    while (Clock::now() < deadline) {
+        if (hasNewThread(daemon.threads()))
+            return Outcome::begun;
+        if (!isTaken && !daemon.isPending(SIGUSR1)) {
+            isTaken = true;
+            deadline = Clock::now() + afterTaken;
+        }
+        if (isTaken && hasThreadEnded())
+            return Outcome::finished;
+        std::this_thread::sleep_for(betweenLooks);
+    }
+    if (!isAlive())
+        return Outcome::ended;
+    if (!isTaken)
+        return Outcome::notTaken;
+    return Outcome::tooSoon;
+}
+
+bool Rewalk::waitForEnd(const std::function<void()>& waiting) const
+{
+    int quiet = 0;
+    long long lastTime = -1;
+    while (isAlive()) {
+        const std::optional<long long> mainTime = daemon.timeOfMainThread();
+        const bool isBusy = daemon.threads().size() > steadyThreads || mainTime.value_or(0) != lastTime;
+        lastTime = mainTime.value_or(0);
+        quiet = isBusy ? 0 : quiet + 1;
+        if (quiet >= quietLooks)
+            return true;
+        waiting();
+        std::this_thread::sleep_for(betweenLooksAtEnd);
+    }
+    return false;
+}
+
+long long latestNextWish(long long signalled, long long started, long long ready)
+{
+    constexpr long long betweenWalks = 300;
+    constexpr long long firstSleep = 60;
+    constexpr long long rounding = 1; // a process's start is known to the second
+    long long lastLoopBegin = signalled;
+    if (signalled - started < betweenWalks) // no wish can have counted yet
+        lastLoopBegin = std::min(signalled, ready + firstSleep + rounding);
+    return lastLoopBegin + betweenWalks;
+}

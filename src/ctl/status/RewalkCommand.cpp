@@ -1,0 +1,173 @@
+#include "ctl/Commands.h"
+#include "ctl/Problem.h"
+#include "ctl/Text.h"
+#include "ctl/status/ActivityLine.h"
+#include "ctl/status/DaemonSearch.h"
+#include "ctl/status/HostStatus.h"
+#include "ctl/status/ProcessFacts.h"
+#include "ctl/status/Rewalk.h"
+#include "ctl/status/TextBar.h"
+
+#include "core/FileDescriptor.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+namespace {
+
+constexpr const char* procFolder = "/proc";
+
+void say(const std::string& sentence)
+{
+    fmt::print("{}\n", sentence);
+    std::fflush(stdout);
+}
+
+std::string nameOf(const ProcessFacts& daemon) { return fmt::format("process {}", daemon.id()); }
+
+/// The daemon of the configuration, and nothing but that. Throws a Problem.
+ProcessFacts findDaemon(const std::string& configuration, const std::vector<ConfiguredVolume>& volumes)
+{
+    const DaemonFinding finding = DaemonSearch(configuration, volumes).run();
+    if (finding.state == DaemonFinding::State::stopped)
+        throw Problem(
+            configuration, "The daemon of this configuration does not run", "It walks all volumes when it starts");
+    if (finding.state == DaemonFinding::State::unknown)
+        throw Problem(configuration, finding.reason, finding.remedy);
+    ProcessFacts daemon(finding.process, procFolder);
+    if (kill(daemon.id(), 0) != 0 && errno == EPERM)
+        throw Problem(nameOf(daemon), "This user may not send signals to the daemon", "Run this as root");
+    if (!finding.otherConfiguration.empty())
+        throw Problem(nameOf(daemon),
+            "A daemon has these catalogues open, but with another configuration: " + finding.otherConfiguration,
+            "Name that one with --config");
+    if (!finding.hasConfiguration)
+        throw Problem(
+            nameOf(daemon), "It cannot be made sure that this is the daemon of this configuration", "Run this as root");
+    return daemon;
+}
+
+// Not by <sys/pidfd.h>: in some C libraries it has no declarations for C++.
+
+int openProcess(int process) { return static_cast<int>(syscall(SYS_pidfd_open, process, 0)); }
+
+long signalProcess(int descriptor, int signal)
+{
+    return syscall(SYS_pidfd_send_signal, descriptor, signal, nullptr, 0);
+}
+
+/// Sends SIGUSR1 to the daemon. Throws a Problem.
+void signalDaemon(
+    const ProcessFacts& daemon, const std::string& configuration, const std::vector<ConfiguredVolume>& volumes)
+{
+    // From here on the process may end, but its id cannot come to stand for another one. So it is looked at once more.
+    const FileDescriptor held(openProcess(daemon.id()));
+    if (findDaemon(configuration, volumes).id() != daemon.id())
+        throw Problem(configuration, "The daemon was just restarted", "It walks all volumes when it starts");
+    if (!daemon.handles(SIGUSR1)) // which would end it
+        throw Problem(
+            nameOf(daemon), "The daemon is just starting", "It walks all volumes then: nothing is to be done");
+    const long sent = held.isOpen() ? signalProcess(held.get(), SIGUSR1) : kill(daemon.id(), SIGUSR1);
+    if (sent != 0)
+        throw Problem(nameOf(daemon), std::string("The daemon cannot be signalled: ") + std::strerror(errno));
+}
+
+/// What a wish that came too soon has to be told.
+Problem tooSoon(const ProcessFacts& daemon, const std::vector<ThreadFacts>& threads, long long now)
+{
+    std::string remedy = "Try again in 5 minutes";
+    const auto started = threads.empty() ? std::nullopt : secondsSince1970(threads.front().startTicks, procFolder);
+    const auto ready = threads.empty() ? std::nullopt : secondsSince1970(threads.back().startTicks, procFolder);
+    if (started && ready) {
+        const long long next = latestNextWish(now, *started, *ready);
+        remedy = fmt::format(
+            "Try again at {}, in {}: a signal counts from then on at the latest, unless somebody else sends one before",
+            localTime(next), duration(next - now));
+    }
+    return Problem(nameOf(daemon),
+        "No walk has been seen to begin: the last one, or the start of the daemon, seems to be less than 300 seconds ago",
+        remedy);
+}
+
+/// Waits for the end of the walks. Throws a Problem when the daemon ends first.
+void wait(const Rewalk& rewalk, const ProcessFacts& daemon)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    bool isComplete = false;
+    {
+        ActivityLine activity;
+        isComplete = rewalk.waitForEnd([&activity] { activity.show("The volumes are being walked", -1); });
+    }
+    if (!isComplete)
+        throw Problem(nameOf(daemon), "The daemon has ended before its walk", "Look at its log");
+    const auto elapsed = std::chrono::steady_clock::now() - begin;
+    say("The walk has ended after " + duration(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count())
+        + ".");
+}
+
+void rewalk(const std::string& configuration, const std::vector<ConfiguredVolume>& volumes, bool shallWait)
+{
+    const ProcessFacts daemon = findDaemon(configuration, volumes);
+    if (isInStandby(daemon.id()) == true)
+        throw Problem(nameOf(daemon), "In standby no walk begins, and a signal would only put off the next one",
+            "Remove /tmp/standby first");
+    Rewalk wish(daemon);
+    const long long now = std::time(nullptr);
+    signalDaemon(daemon, configuration, volumes);
+    const Rewalk::Outcome outcome = wish.observe();
+    const WalkObservation before = observeWalks(wish.threadsBefore(), sysconf(_SC_CLK_TCK));
+    const bool isWalkedAnyway = before.running > 0 && before.running >= static_cast<int>(volumes.size());
+    switch (outcome) {
+    case Rewalk::Outcome::begun:
+        say(fmt::format("The daemon (process {}) walks the volumes.", daemon.id()));
+        break;
+    case Rewalk::Outcome::finished:
+        say(fmt::format("The daemon (process {}) has walked the volumes.", daemon.id()));
+        return;
+    case Rewalk::Outcome::tooSoon:
+        if (!isWalkedAnyway)
+            throw tooSoon(daemon, wish.threadsBefore(), now);
+        say(fmt::format("The daemon (process {}) was walking every volume already.", daemon.id()));
+        break;
+    case Rewalk::Outcome::notTaken:
+        throw Problem(nameOf(daemon), "The daemon is busy and has not taken the signal yet", "It will when it is done");
+    case Rewalk::Outcome::ended:
+        throw Problem(nameOf(daemon), "The daemon has ended", "Look at its log");
+    }
+    if (shallWait)
+        wait(wish, daemon);
+}
+
+int run(bool shallWait)
+{
+    const std::vector<ConfiguredVolume> volumes = readConfiguredVolumes();
+    try {
+        rewalk(configurationPath(), volumes, shallWait);
+    } catch (const Problem& problem) {
+        report(problem);
+        return exitProblems;
+    }
+    return exitSuccess;
+}
+
+} // namespace
+
+void addRewalkCommand(CLI::App& app, Command& chosen)
+{
+    CLI::App* const command = app.add_subcommand("rewalk",
+        "Asks the daemon for a full walk of all volumes, and says what comes of it.\n\n"
+        "The daemon begins at most one in 300 seconds and none in standby. Ends with 1 when none begins.");
+    const auto shallWait = std::make_shared<bool>(false);
+    command->add_flag("--wait", *shallWait, "Return when the walk has ended");
+    command->callback([shallWait, &chosen] { chosen = [shallWait] { return run(*shallWait); }; });
+}

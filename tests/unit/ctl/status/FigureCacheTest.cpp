@@ -1,0 +1,64 @@
+#include "ctl/status/FigureCache.h"
+
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace {
+
+class FigureCacheTest : public testing::Test {
+protected:
+    FigureCacheTest()
+    {
+        setenv("XDG_CACHE_HOME", home.path("cache").c_str(), 1);
+        figures.folders = 1;
+        figures.deletedFolders = 2;
+        figures.deletedFiles = 3;
+        figures.newestChange = 4;
+        figures.oldestFolder = -5;
+        figures.kinds = { { { 6, 7 }, { 8, 9 }, { 10, 11 }, { 12, INT64_MAX } } };
+    }
+    ~FigureCacheTest() override { unsetenv("XDG_CACHE_HOME"); }
+
+    TemporaryFolder home;
+    CatalogueFigures figures;
+};
+
+TEST_F(FigureCacheTest, everyFigureComesBack)
+{
+    FigureCache().keep("/a", "state", figures);
+    const auto found = FigureCache().find("/a", "state");
+    ASSERT_TRUE(found);
+    EXPECT_EQ(1, found->folders);
+    EXPECT_EQ(2, found->deletedFolders);
+    EXPECT_EQ(3, found->deletedFiles);
+    EXPECT_EQ(4, found->newestChange);
+    EXPECT_EQ(-5, found->oldestFolder);
+    for (std::size_t i = 0; i < figures.kinds.size(); ++i) {
+        EXPECT_EQ(figures.kinds[i].files, found->kinds[i].files);
+        EXPECT_EQ(figures.kinds[i].bytes, found->kinds[i].bytes);
+    }
+}
+
+TEST_F(FigureCacheTest, anotherStateOrCatalogueHasNone)
+{
+    FigureCache().keep("/a", "state", figures);
+    EXPECT_FALSE(FigureCache().find("/a", "stat"));
+    EXPECT_FALSE(FigureCache().find("/a", "state2"));
+    EXPECT_FALSE(FigureCache().find("/b", "state"));
+}
+
+TEST_F(FigureCacheTest, theNewestOfACatalogueReplacesTheOldOne)
+{
+    FigureCache().keep("/a", "old", figures);
+    FigureCache().keep("/b", "old", figures);
+    figures.folders = 99;
+    FigureCache().keep("/a", "new", figures);
+    EXPECT_FALSE(FigureCache().find("/a", "old"));
+    EXPECT_EQ(99, FigureCache().find("/a", "new")->folders);
+    EXPECT_EQ(1, FigureCache().find("/b", "old")->folders);
+}
+
+} // namespace

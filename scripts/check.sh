@@ -1,17 +1,22 @@
 #!/bin/sh
-# Looks for faults that no test asks for: shellcheck and pyflakes read the scripts, each header of src/ is compiled alone,
-# cppcheck reads src/, clang-tidy all of src/, tests/ and bench/, and valgrind watches a run of the daemon. Whatever one of
-# them finds is fatal, and so is a walk that takes more instructions than is recorded. Installs what is missing first, and
-# says so; builds in build/release, and looks up in build/fuzz how the fuzz targets and bench/ are compiled.
+# Looks for faults that no test asks for: shellcheck, pyflakes and mandoc read the scripts and the manual pages, each header
+# of src/ is compiled alone, cppcheck reads src/, clang-tidy all of src/, tests/ and bench/, and valgrind watches a run of the
+# daemon. Whatever one of them finds is fatal, and so is a walk that takes more instructions than is recorded. Installs what
+# is missing first, and says so; builds in build/release, and looks up in build/fuzz how the fuzz targets and bench/ are
+# compiled.
 set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
 # shellcheck disable=SC2086 # a list of words
-install_packages $build_packages libgtest-dev python3 util-linux shellcheck pyflakes3 cppcheck clang clang-tidy valgrind
+install_packages $build_packages libgtest-dev python3 util-linux shellcheck pyflakes3 mandoc cppcheck clang clang-tidy valgrind
 
 echo '== shellcheck'
 git ls-files -z '*.sh' .ci/run | xargs -0 shellcheck -x
+shellcheck -s bash packaging/quarrowctl.bash-completion
+
+echo '== Manual pages'
+mandoc -T lint -W warning packaging/*.[1-8]
 
 echo '== pyflakes'
 git ls-files -z '*.py' | xargs -0 pyflakes3

@@ -1,0 +1,63 @@
+"""What quarrowctl says of itself, and what its manual page and its completion say of it."""
+import os
+import re
+
+import pytest
+
+from ctl import Ctl
+
+PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging")
+COMMANDS = ["status", "check", "find", "recent", "largest", "changes", "report", "rewalk"]
+
+
+@pytest.fixture
+def ctl(arena):
+    return Ctl(arena, [arena.volume()])
+
+
+def read(name):
+    with open(os.path.join(PACKAGING, name), encoding="utf-8") as file:
+        return file.read()
+
+
+def options_of(ctl, *command):
+    """Every long option that the help lists, at the beginning of a line."""
+    words = [line.split()[0] for line in ctl.good(*command, "--help").lines if line.startswith("  -")]
+    return {option for word in words for option in re.findall(r"--[a-z][a-z-]*", word)}
+
+
+def test_help_lists_the_commands(ctl):
+    text = ctl.good("--help").text
+    for command in COMMANDS:
+        assert re.search(rf"^  {command} ", text, re.MULTILINE)
+
+
+def test_every_option_is_in_the_manual(ctl):
+    manual = read("quarrowctl.1").replace("\\-", "-")
+    options = options_of(ctl).union(*(options_of(ctl, command) for command in COMMANDS))
+    assert {"--config", "--version", "--deep", "--category", "--cursor-file", "--output", "--wait"} <= options
+    assert {option for option in options if not re.search(rf"{option}\b", manual)} == set()
+
+
+def test_completion_knows_every_command(ctl):
+    text = read("quarrowctl.bash-completion")
+    assert f"compgen -W '{' '.join(COMMANDS)}'" in text
+    assert f"        {' | '.join(COMMANDS)}) command=$word ;;" in text
+
+
+def test_version_is_printed(ctl):
+    assert re.fullmatch(r"quarrowctl [0-9.]+\n", ctl.good("--version").text)
+
+
+@pytest.mark.parametrize("arguments", [[], ["nonsense"], ["find", "--nonsense"], ["--config"], ["status", "surplus"]])
+def test_wrong_arguments_are_refused(ctl, arguments):
+    result = ctl.run(*arguments)
+    assert result.status == 2
+    assert "--help" in result.errors and result.text == ""
+
+
+def test_a_configuration_that_is_not_there_is_named(ctl):
+    for command in COMMANDS:
+        result = ctl.run("--config", "/nowhere.xml", command)
+        assert result.status == 2
+        assert "/nowhere.xml" in result.errors + result.text

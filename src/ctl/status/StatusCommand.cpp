@@ -19,12 +19,14 @@
 
 namespace {
 
+constexpr double usualSeconds = 2;
+
 struct Options {
     bool isJson = false;
     bool isMetrics = false;
     bool isDeep = false;
     bool isWatching = false;
-    double seconds = 2;
+    double seconds = 0;
     std::vector<std::string> volumes;
 };
 
@@ -129,19 +131,22 @@ void addStatusCommand(CLI::App& app, Command& chosen)
         = command->add_flag("--json", options->isJson, "Print one JSON object (with --watch one per line)");
     CLI::Option* const metrics = command->add_flag("--metrics", options->isMetrics,
         "Print OpenMetrics text, for the textfile collector of node_exporter for example");
-    CLI::Option* const watching = command
-                                      ->add_option("--watch", options->seconds,
-                                          "Show it again and again, with so many seconds between (default: 2)")
-                                      ->type_name("SECONDS")
-                                      ->expected(0, 1)
-                                      ->check(CLI::Range(0.1, 86400.0));
+    CLI::Option* const watching
+        = command
+              ->add_option("--watch", options->seconds,
+                  "Show it again and again, with so many seconds (from 0.1 on) in between (default: 2)")
+              ->type_name("[SECONDS]")
+              ->expected(0, 1)
+              ->check(CLI::Range(0.1, 86400.0).description(""));
     command->add_flag("--deep", options->isDeep,
-        "Read each catalogue as a whole to see whether it is undamaged. Takes minutes on a large volume, and the "
+        "Read each catalogue as a whole to see whether it is undamaged. Takes up to minutes on a large volume, and the "
         "daemon's log grows meanwhile");
     command->add_option("--volume", options->volumes, "Only the volumes with these names")->type_name("NAME");
     metrics->excludes(json)->excludes(watching);
     command->callback([options, watching, &chosen] {
         options->isWatching = watching->count() > 0;
+        if (options->seconds == 0) // without a number behind it; 0 itself is refused
+            options->seconds = usualSeconds;
         chosen = [options] { return run(*options); };
     });
 }

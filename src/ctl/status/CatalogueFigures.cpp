@@ -4,6 +4,7 @@
 #include "ctl/Query.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace {
 
@@ -46,7 +47,8 @@ void countFiles(const Catalogue& catalogue, CatalogueFigures& figures, const Pro
             continue;
         }
         const long long category = rows.number(1);
-        CatalogueFigures::Kind& kind = figures.kinds[category >= 1 && category <= 3 ? category - 1U : 3U];
+        const bool isOther = category < 1 || category > 3;
+        CatalogueFigures::Kind& kind = figures.kinds[isOther ? 3 : static_cast<std::size_t>(category) - 1];
         ++kind.files;
         kind.bytes = saturatedSum(kind.bytes, rows.number(2));
     }

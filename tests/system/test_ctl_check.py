@@ -8,7 +8,7 @@ import tempfile
 import pytest
 
 from ctl import Ctl, Result
-from daemon import HERE, has_address_sanitizer, has_thread_sanitizer, sandbox_command
+from daemon import HERE, has_address_sanitizer, sandbox_command
 from harness import configuration
 from lines import err, info
 from quarrow_driver.waiting import BOUND
@@ -246,4 +246,4 @@ def test_a_large_configuration_needs_little(arena):
     assert process.returncode == 1
     assert lines[-2:] == ["There are 99,000 further warnings.",
                           f"{ctl.config}: The daemon accepts this configuration, with 100,000 warnings."]
-    assert usage.ru_maxrss < 100_000 or has_address_sanitizer() or has_thread_sanitizer()  # KiB
+    assert usage.ru_maxrss < 100_000 or has_address_sanitizer()  # KiB

@@ -7,13 +7,9 @@ import subprocess
 import sys
 import time
 
-import pytest
 from ctl import Ctl
-from daemon import has_thread_sanitizer
 from lines import info
 from quarrow_driver.waiting import BOUND, wait_for
-
-pytestmark = pytest.mark.skipif(has_thread_sanitizer(), reason="the sanitizer's own thread looks like a walk")
 
 STRANGER = 65534
 SIGNALLED = info("Got a usr1 signal\n")

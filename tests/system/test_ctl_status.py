@@ -14,12 +14,9 @@ import openmetrics
 import pytest
 from catalogue import edit
 from ctl import Ctl
-from daemon import has_thread_sanitizer
 from harness import inotify_limit
 from lines import info
 from quarrow_driver.waiting import BOUND, poll, wait_for
-
-pytestmark = pytest.mark.skipif(has_thread_sanitizer(), reason="the sanitizer's own thread looks like a walk")
 
 STRANGER = 65534
 CATEGORIES = ("video", "audio", "image", "other")

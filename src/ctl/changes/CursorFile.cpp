@@ -1,5 +1,6 @@
 #include "ctl/changes/CursorFile.h"
 
+#include "ctl/FileReplacement.h"
 #include "ctl/Problem.h"
 
 #include <fcntl.h>
@@ -7,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -20,24 +20,6 @@ constexpr std::size_t longest = 1000000; // far more than thousands of volumes n
 {
     const int error = errno;
     throw Problem(path, what + ": " + std::strerror(error), "Name a file in a folder that you may write to");
-}
-
-std::string folderOf(const std::string& path)
-{
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
-/// False with errno set.
-bool writeAll(int descriptor, const std::string& text)
-{
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t written = write(descriptor, text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR)
-            return false;
-        done += written < 0 ? 0 : static_cast<std::size_t>(written);
-    }
-    return fsync(descriptor) == 0;
 }
 
 } // namespace
@@ -76,24 +58,6 @@ std::string CursorFile::read() const
 
 void CursorFile::write(const std::string& text) const
 {
-    const std::string temporary = file + ".new";
-    unlink(temporary.c_str()); // left by a run that was killed
-    const int descriptor = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (descriptor < 0)
-        fail(temporary, "The cursor cannot be stored");
-    const bool good = writeAll(descriptor, text + "\n");
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-    if (!good || std::rename(temporary.c_str(), file.c_str()) != 0) {
-        const int reason = errno;
-        unlink(temporary.c_str());
-        errno = reason;
+    if (!replaceFile(file, text + "\n", modeOfNewFiles()))
         fail(file, "The cursor cannot be stored");
-    }
-    const int folder = open(folderOf(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder >= 0) {
-        fsync(folder);
-        close(folder);
-    }
 }

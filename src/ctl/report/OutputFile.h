@@ -11,7 +11,7 @@ public:
     explicit OutputFile(const std::string& place);
 
     /// Writes the file beside its place and puts it there. Throws a Problem; what was there is then as it was.
-    void replace(std::string_view content) const;
+    void replace(const std::string& content) const;
 
 private:
     const std::string path;

@@ -6,19 +6,6 @@ namespace {
 
 using CheckPathsTest = CheckTest;
 
-constexpr const char* own = "<ExcludePaths><Path>/.quarrow</Path></ExcludePaths>";
-
-std::string volume(const std::string& name, const std::string& root, const std::string& more = own)
-{
-    return "\n<Volume><Name>" + name + "</Name><Root>" + root + "</Root>" + more + "</Volume>";
-}
-
-std::string crawl(const std::string& path) { return "<CrawlPaths><Path>" + path + "</Path></CrawlPaths>"; }
-std::string exclude(const std::string& path)
-{
-    return "<ExcludePaths><Path>/.quarrow</Path><Path>" + path + "</Path></ExcludePaths>";
-}
-
 // Crawl paths
 
 TEST_F(CheckPathsTest, aCrawlPathThatLeadsNowhere)
@@ -88,8 +75,8 @@ TEST_F(CheckPathsTest, aCrawlPathThatIsWalkedTwice)
     EXPECT_EQ(
         "5: warning: The crawl path '/Music' of the volume 'a' lies in the crawl path '/' in line 5, and is walked"
         " twice. Remove it.\n",
-        check(withVolumes(
-            volume("a", "DIR/v", "<CrawlPaths><Path>/Music</Path><Path>/</Path></CrawlPaths>" + std::string(own)))));
+        check(withVolumes(volume("a", "DIR/v",
+            "<CrawlPaths><Path>/Music</Path><Path>/</Path></CrawlPaths>" + std::string(ownFolderExcluded)))));
 }
 
 // Exclusions

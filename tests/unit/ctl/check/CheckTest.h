@@ -78,3 +78,19 @@ protected:
     TemporaryFolder folder;
     Machine machine;
 };
+
+// Pieces of a configuration.
+
+inline constexpr const char* ownFolderExcluded = "<ExcludePaths><Path>/.quarrow</Path></ExcludePaths>";
+
+inline std::string volume(const std::string& name, const std::string& root, const std::string& more = ownFolderExcluded)
+{
+    return "\n<Volume><Name>" + name + "</Name><Root>" + root + "</Root>" + more + "</Volume>";
+}
+
+inline std::string crawl(const std::string& path) { return "<CrawlPaths><Path>" + path + "</Path></CrawlPaths>"; }
+
+inline std::string exclude(const std::string& path)
+{
+    return "<ExcludePaths><Path>/.quarrow</Path><Path>" + path + "</Path></ExcludePaths>";
+}

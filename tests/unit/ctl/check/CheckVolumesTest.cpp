@@ -8,19 +8,6 @@ namespace {
 
 using CheckVolumesTest = CheckTest;
 
-constexpr const char* own = "<ExcludePaths><Path>/.quarrow</Path></ExcludePaths>";
-
-std::string volume(const std::string& name, const std::string& root, const std::string& more = own)
-{
-    return "\n<Volume><Name>" + name + "</Name><Root>" + root + "</Root>" + more + "</Volume>";
-}
-
-std::string crawl(const std::string& path) { return "<CrawlPaths><Path>" + path + "</Path></CrawlPaths>"; }
-std::string exclude(const std::string& path)
-{
-    return "<ExcludePaths><Path>/.quarrow</Path><Path>" + path + "</Path></ExcludePaths>";
-}
-
 TEST_F(CheckVolumesTest, aVolumeWithoutRootOrName)
 {
     EXPECT_EQ(
@@ -30,7 +17,7 @@ TEST_F(CheckVolumesTest, aVolumeWithoutRootOrName)
     EXPECT_EQ(
         "4: warning: The volume has no <Name>: log lines do not say that they are about it. Give it a <Name> of its"
         " own.\n",
-        check(withVolumes("<Volume><Root>DIR/v</Root>" + std::string(own) + "</Volume>")));
+        check(withVolumes("<Volume><Root>DIR/v</Root>" + std::string(ownFolderExcluded) + "</Volume>")));
 }
 
 TEST_F(CheckVolumesTest, oneNameForTwo)

@@ -106,7 +106,8 @@ TEST_F(RowQueriesTest, whatNoIndexKnowsTakesTheTableInOneGo)
 
 TEST_F(RowQueriesTest, thePathsOfAFolderBeginWithItAndASlash)
 {
-    const RowQueries music = queries({}, "/Music");
+    const Selection all;
+    const RowQueries music = queries(all, "/Music");
     EXPECT_EQ((std::vector<std::variant<long long, std::string>> { "/Music/", "/Music0" }), music.candidates()->values);
     EXPECT_TRUE(music.accepts("/Music/a"));
     EXPECT_TRUE(music.accepts("/Music/\xff"));

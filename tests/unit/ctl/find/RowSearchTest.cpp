@@ -1,7 +1,7 @@
 #include "ctl/find/RowSearch.h"
 
-#include "ctl/Catalogue.h"
 #include "SearchedCatalogue.h"
+#include "ctl/Catalogue.h"
 
 #include <gtest/gtest.h>
 

@@ -177,7 +177,7 @@ def enter_private_space(daemon_path, folder):
     return own
 
 
-def show_daemon(daemon, log, folder):
+def show_daemon(daemon, log, folder, command):
     """From the start to the stop; whether all went well."""
     good = False
     try:
@@ -186,6 +186,7 @@ def show_daemon(daemon, log, folder):
             catalogue.show_summary()
             good = show_change(folder, catalogue, log, daemon)
             catalogue.close()  # the daemon leaves one plain file behind when no reader prevents it
+            good = command.show_status() and good
     except KeyboardInterrupt:
         say("Interrupted.")
     finally:
@@ -196,14 +197,23 @@ def show_daemon(daemon, log, folder):
     return good and status == 0
 
 
-def show_commands(ctl, configuration, page):
-    """What a user's own look at the catalogue is; whether it was possible. `page` is where the report goes."""
-    say("\nquarrowctl status:")
-    status = subprocess.run([ctl, "--config", configuration, "status"], check=False).returncode
-    report = subprocess.run([ctl, "--config", configuration, "report", "-o", page], stdout=subprocess.DEVNULL, check=False)
-    if report.returncode == 0:
-        say(f"\nquarrowctl report wrote a page for your browser: {page}")
-    return status in (0, 1) and report.returncode == 0  # 1: the daemon does not run any more
+class Command:
+    """quarrowctl, with what it keeps for the next time in a folder that goes with the process."""
+
+    def __init__(self, program, configuration, cache):
+        self.command = [program, "--config", configuration]
+        self.environment = {**os.environ, "XDG_CACHE_HOME": cache}
+
+    def run(self, *arguments):
+        return subprocess.run([*self.command, *arguments], env=self.environment, check=False).returncode == 0
+
+    def show_status(self):
+        say("\nquarrowctl status:")
+        return self.run("status")
+
+    def write_report(self, page):
+        say("\nquarrowctl report made a page of it for your browser:")
+        return self.run("report", "-o", page)
 
 
 def run(daemon_path, folder):
@@ -219,11 +229,12 @@ def run(daemon_path, folder):
     write_configuration(configuration, folder)
     log = Log(own, os.path.basename(daemon_path))
     say(f"\nStarting the daemon on {folder}. It logs:")
-    good = show_daemon(DaemonProcess([daemon_path], configuration, stdout=subprocess.DEVNULL), log, folder)
+    tools = os.path.dirname(daemon_path)
+    command = Command(f"{tools}/quarrowctl", configuration, own)
+    good = show_daemon(DaemonProcess([daemon_path], configuration, stdout=subprocess.DEVNULL), log, folder, command)
     if not had_tickle and os.path.lexists(tickle):
         os.unlink(tickle)  # what the daemon wakes its watcher with
-    tools = os.path.dirname(daemon_path)
-    good = show_commands(f"{tools}/quarrowctl", configuration, f"{tools}/report.html") and good
+    good = command.write_report(f"{tools}/report.html") and good
     say(f"The catalogue is {folder}/.quarrow/quarrow.db: look into it with sqlite3, or with quarrowctl.")
     return 0 if good else 1
 

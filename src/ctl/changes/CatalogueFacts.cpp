@@ -1,9 +1,9 @@
 #include "ctl/changes/CatalogueFacts.h"
 
 #include "ctl/Catalogue.h"
+#include "ctl/Fnv.h"
 #include "ctl/Problem.h"
 #include "ctl/Query.h"
-#include "ctl/changes/Fnv.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

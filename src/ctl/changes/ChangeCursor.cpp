@@ -1,7 +1,7 @@
 #include "ctl/changes/ChangeCursor.h"
 
+#include "ctl/Fnv.h"
 #include "ctl/Problem.h"
-#include "ctl/changes/Fnv.h"
 
 #include <fmt/format.h>
 

@@ -1,8 +1,8 @@
 #include "ctl/changes/ChangedRows.h"
 
 #include "ctl/Catalogue.h"
+#include "ctl/Fnv.h"
 #include "ctl/Query.h"
-#include "ctl/changes/Fnv.h"
 #include "ctl/changes/VolumePosition.h"
 
 namespace {

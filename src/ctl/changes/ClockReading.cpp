@@ -1,6 +1,6 @@
 #include "ctl/changes/ClockReading.h"
 
-#include "ctl/changes/Fnv.h"
+#include "ctl/Fnv.h"
 #include "ctl/changes/VolumePosition.h"
 
 #include <ctime>

@@ -1,10 +1,10 @@
 #include "ctl/changes/CursorCheck.h"
 
 #include "ctl/Catalogue.h"
+#include "ctl/Fnv.h"
 #include "ctl/Query.h"
 #include "ctl/changes/CatalogueFacts.h"
 #include "ctl/changes/ClockReading.h"
-#include "ctl/changes/Fnv.h"
 
 #include <algorithm>
 

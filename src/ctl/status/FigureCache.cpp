@@ -1,6 +1,7 @@
 #include "ctl/status/FigureCache.h"
 
 #include "core/FileDescriptor.h"
+#include "ctl/Fnv.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -8,7 +9,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -16,15 +16,6 @@
 namespace {
 
 constexpr std::size_t largestFile = 16384;
-
-/// Tells damage from content, and paths from each other. Not against anybody's will: only the owner writes here.
-std::uint64_t checksum(const std::string& text)
-{
-    std::uint64_t sum = 14695981039346656037U;
-    for (const char c : text)
-        sum = (sum ^ static_cast<unsigned char>(c)) * 1099511628211U;
-    return sum;
-}
 
 bool isOwnFolder(const std::string& path)
 {
@@ -41,7 +32,7 @@ std::string environmentPath(const char* name)
 /// What the file begins with when it is of this catalogue in this state.
 std::string heading(const std::string& path, const std::string& state)
 {
-    return fmt::format("quarrowctl figures 1\n{:016x} {}\n{}\n", checksum(path), path.size(), state);
+    return fmt::format("quarrowctl figures 1\n{:016x} {}\n{}\n", fnv(path), path.size(), state);
 }
 
 std::string numbers(const CatalogueFigures& figures)
@@ -54,7 +45,8 @@ std::string numbers(const CatalogueFigures& figures)
             figures.newestChange, figures.oldestFolder);
 }
 
-std::string withChecksum(const std::string& text) { return text + fmt::format("{:016x}\n", checksum(text)); }
+/// Tells damage from content. Not against anybody's will: only the owner writes here.
+std::string withChecksum(const std::string& text) { return text + fmt::format("{:016x}\n", fnv(text)); }
 
 /// The content of a regular file of this user's; empty when there is none.
 std::string readOwnFile(const std::string& path)
@@ -82,7 +74,7 @@ FigureCache::FigureCache()
 
 std::string FigureCache::fileOf(const std::string& path) const
 {
-    return fmt::format("{}/figures-{:016x}", folder, checksum(path));
+    return fmt::format("{}/figures-{:016x}", folder, fnv(path));
 }
 
 std::optional<CatalogueFigures> FigureCache::find(const std::string& path, const std::string& state) const

@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int busyMilliseconds = 5000;
+constexpr int longestRow = 20000; // bytes: the daemon writes no longer ones
 constexpr const char* makeAnew = "Remove it and restart the daemon, which makes it anew";
 
 /// A user of the volume can put anything in these places. A pipe would hold this program, a link show another file.
@@ -68,7 +69,7 @@ void Catalogue::open()
     sqlite3_db_config(handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
     sqlite3_db_config(handle, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
     sqlite3_limit(handle, SQLITE_LIMIT_ATTACHED, 0);
-    sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, 1000000);
+    sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, longestRow);
 }
 
 /// Reads the two tables' schema, which is also the first look at the file.
@@ -87,15 +88,6 @@ void Catalogue::admit() const
         .next();
 }
 
-void Catalogue::beginReading() const
-{
-    // The state is chosen by the first read.
-    Query(*this, "begin").next();
-    Query(*this, "select 1 from sqlite_master limit 1").next();
-}
-
-void Catalogue::endReading() const { sqlite3_exec(handle, "rollback", nullptr, nullptr, nullptr); }
-
 void Catalogue::fail(int status) const
 {
     const std::string reason = sqlite3_errmsg(handle);
@@ -113,6 +105,8 @@ void Catalogue::fail(int status) const
     case SQLITE_READONLY:
         throw Problem(file, "An interrupted writer has left work in the files beside the catalogue",
             "Start the daemon, which puts that right");
+    case SQLITE_TOOBIG:
+        throw Problem(file, "Another program has written into the catalogue: a name is too long", makeAnew);
     case SQLITE_ERROR:
         throw Problem(file, "This is another program's database, not a catalogue: " + reason, makeAnew);
     default:

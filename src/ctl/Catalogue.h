@@ -18,11 +18,6 @@ public:
     const std::string& path() const { return file; }
     sqlite3* get() const { return handle; }
 
-    /// Begins a transaction: until endReading(), or the end of the object, all queries see one state. Only for short:
-    /// meanwhile the daemon's log grows.
-    void beginReading() const;
-    void endReading() const;
-
     /// Throws the Problem that this SQLite status stands for.
     [[noreturn]] void fail(int status) const;
 

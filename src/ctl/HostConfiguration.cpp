@@ -60,8 +60,10 @@ std::vector<ConfiguredVolume> chooseVolumes(
         return all;
     std::vector<ConfiguredVolume> chosen;
     for (const std::string& name : names) {
-        const auto found = std::find_if(
-            all.begin(), all.end(), [&name](const ConfiguredVolume& volume) { return volume.name == name; });
+        const auto isIt = [&name](const ConfiguredVolume& volume) { return volume.name == name; };
+        if (std::any_of(chosen.begin(), chosen.end(), isIt))
+            continue;
+        const auto found = std::find_if(all.begin(), all.end(), isIt);
         if (found == all.end())
             throw Problem(configurationPath(), "There is no volume '" + name + "'", "'quarrowctl check' lists them");
         chosen.push_back(*found);

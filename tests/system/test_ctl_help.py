@@ -42,7 +42,7 @@ def test_every_option_is_in_the_manual(ctl):
 def test_completion_knows_every_command(ctl):
     text = read("quarrowctl.bash-completion")
     assert f"compgen -W '{' '.join(COMMANDS)}'" in text
-    assert f"        {' | '.join(COMMANDS)}) command=$word ;;" in text
+    assert f"        {' | '.join(COMMANDS)})\n" in text
 
 
 def test_version_is_printed(ctl):

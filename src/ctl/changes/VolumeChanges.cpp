@@ -2,6 +2,7 @@
 
 #include "ctl/Catalogue.h"
 #include "ctl/Problem.h"
+#include "ctl/Reading.h"
 #include "ctl/Text.h"
 #include "ctl/changes/CatalogueFacts.h"
 #include "ctl/changes/ChangedRows.h"
@@ -42,7 +43,7 @@ VolumeChanges::Outcome VolumeChanges::read(const VolumePosition* since, Restart 
 {
     const Catalogue catalogue(configured.cataloguePath());
     Reading reading(catalogue, configured.name, output);
-    catalogue.beginReading();
+    const ::Reading state(catalogue);
     const CatalogueFacts facts = CatalogueFacts::read(catalogue, settlingMoment(since, reading.clock));
     const auto reason
         = since != nullptr ? whyRestart(*since, facts, reading.clock, threshold, catalogue) : std::nullopt;

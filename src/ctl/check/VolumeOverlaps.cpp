@@ -60,7 +60,7 @@ private:
     {
         if (path.length() >= PATH_MAX)
             return; // no folder has it, and there may be a million elements
-        for (std::string above = path;; above = above.substr(0, above.rfind('/'))) {
+        for (std::string above = path;; above.resize(above.rfind('/'))) {
             const auto outer = starts.find(above.empty() ? "/" : above);
             if (outer != starts.end()) {
                 for (const StartFolder& start : outer->second)

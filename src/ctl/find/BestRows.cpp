@@ -11,7 +11,7 @@ bool BestRows::isBetter(const Entry& left, const Entry& right)
 
 void BestRows::add(long long value, std::size_t volume, const Row& row)
 {
-    if (heap.size() == limit && value < heap.front().value)
+    if (!wants(value))
         return;
     heap.push_back({ value, volume, row });
     std::push_heap(heap.begin(), heap.end(), isBetter);

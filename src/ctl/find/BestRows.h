@@ -21,6 +21,8 @@ public:
     {
     }
 
+    /// Whether add() would keep a row of this value now.
+    bool wants(long long value) const { return heap.size() < limit || value >= heap.front().value; }
     void add(long long value, std::size_t volume, const Row& row);
 
     /// The greatest first; of equal ones by volume and path. Leaves none.

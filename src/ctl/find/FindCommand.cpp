@@ -41,7 +41,8 @@ void fillTypes(const Arguments& arguments, FindTask& task)
     const bool onlyFiles = !arguments.categories.empty() || arguments.larger || task.kind == FindTask::newest
         || task.kind == FindTask::largest;
     if (onlyFiles && arguments.type == "d")
-        throw Problem("--type d", "Folders have no size and no category", "Leave this option out");
+        throw Problem("--type d", "This search is for files only: by size, by category, or recent and largest",
+            "Leave this option out");
     task.selection.files = arguments.type != "d";
     task.selection.folders = !onlyFiles && arguments.type != "f";
     static const std::vector<std::string> names = { "video", "audio", "image", "other" };

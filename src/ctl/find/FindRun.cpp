@@ -71,6 +71,10 @@ void FindRun::searchTable(const Catalogue& catalogue, std::size_t number, RowQue
 void FindRun::take(std::size_t number, const Row& row)
 {
     const ConfiguredVolume& volume = task.volumes[number].volume;
+    const long long value = task.kind == FindTask::newest ? row.changed() : row.size;
+    const bool isRanked = task.kind == FindTask::newest || task.kind == FindTask::largest;
+    if (isRanked && !best.wants(value))
+        return; // before the disk is asked, which may sleep
     if (task.mustBeThere && !isThere(volume, row))
         return;
     switch (task.kind) {
@@ -81,10 +85,8 @@ void FindRun::take(std::size_t number, const Row& row)
         ++count;
         break;
     case FindTask::newest:
-        best.add(row.changed(), number, row);
-        break;
     case FindTask::largest:
-        best.add(row.size, number, row);
+        best.add(value, number, row);
         break;
     }
 }

@@ -158,8 +158,7 @@ bool RowQueries::accepts(std::string_view path) const
     return selection.pattern->matches(absolute.empty() ? "/" : absolute);
 }
 
-/// The conditions on what a row holds beside its place. A plus keeps an index out that would take the rows out of
-/// order.
+/// The conditions on what a row holds beside its place.
 std::string RowQueries::filter(BoundText& into) const
 {
     std::string text = selection.deleted ? " and is_deleted <> 0" : " and is_deleted = 0";
@@ -174,7 +173,7 @@ std::string RowQueries::filter(BoundText& into) const
         // A negative one has lost what is above its low 32 bits.
         text += " and (size > ? or (size < 0 and size > ?))";
         into.values.emplace_back(*selection.largerThan);
-        into.values.emplace_back(*selection.largerThan - fourGiB);
+        into.values.emplace_back(std::max(*selection.largerThan - fourGiB, -fourGiB / 2 - 1));
     }
     if (selection.changedSince) {
         text += selection.deleted ? " and last_updated_time >= ?" : " and modified_time >= ?";

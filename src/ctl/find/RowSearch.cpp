@@ -1,7 +1,9 @@
 #include "ctl/find/RowSearch.h"
 
+#include "ctl/Bytes.h"
 #include "ctl/Catalogue.h"
 #include "ctl/Query.h"
+#include "ctl/Reading.h"
 
 #include <algorithm>
 #include <limits>
@@ -26,22 +28,6 @@ void bind(Query& query, const BoundText& text)
             query.bind(std::string_view(std::get<std::string>(value)));
     }
 }
-
-/// A transaction for as long as it lives.
-class Reading {
-public:
-    explicit Reading(const Catalogue& opened)
-        : catalogue(opened)
-    {
-        catalogue.beginReading();
-    }
-    ~Reading() { catalogue.endReading(); }
-    Reading(const Reading&) = delete;
-    Reading& operator=(const Reading&) = delete;
-
-private:
-    const Catalogue& catalogue;
-};
 
 } // namespace
 
@@ -131,9 +117,7 @@ void RowSearch::add(std::vector<Row>& batch, const Query& query)
     row.path = query.bytes(0);
     row.isFolder = table == RowQueries::Table::folders;
     row.isDeleted = selection.deleted;
-    row.size = query.number(1);
-    if (row.size < 0)
-        row.size += 1LL << 32;
+    row.size = fileSize(query.number(1));
     row.category = query.number(2);
     row.modified = query.number(3);
     row.updated = query.number(4);

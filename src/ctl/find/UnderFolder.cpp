@@ -57,6 +57,8 @@ std::vector<SearchedVolume> everywhere(const std::vector<ConfiguredVolume>& volu
 
 std::vector<SearchedVolume> below(const std::string& folder, const std::vector<ConfiguredVolume>& volumes)
 {
+    if (folder.empty())
+        throw Problem("--under", "The folder is empty", "Name a folder, or leave the option out to search everything");
     std::vector<SearchedVolume> chosen = select(tidy(folder), volumes, tidy);
     if (chosen.empty())
         chosen = select(resolved(folder), volumes, resolved);

@@ -1,6 +1,6 @@
 #include "ctl/report/DuplicateFinder.h"
 
-#include "ctl/report/Bytes.h"
+#include "ctl/Bytes.h"
 
 #include <algorithm>
 #include <functional>

@@ -2,6 +2,10 @@
 
 #include <functional>
 
+/// Beyond so many, what is in a folder counts as lying in the one above. Another program's rows could name half as many
+/// folders as they have bytes.
+constexpr std::size_t mostFolders = 1000000;
+
 FolderTree::FolderTree() { folders.push_back({ 0, {}, {} }); }
 
 std::size_t FolderTree::PlaceHash::operator()(const Place& place) const
@@ -14,6 +18,8 @@ std::size_t FolderTree::child(std::size_t parent, std::string_view name)
     const auto found = places.find({ parent, name });
     if (found != places.end())
         return found->second;
+    if (folders.size() == mostFolders)
+        return parent;
     folders.push_back({ parent, std::string(name), {} });
     places.emplace(Place { parent, folders.back().name }, folders.size() - 1);
     return folders.size() - 1;

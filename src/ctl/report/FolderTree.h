@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ctl/report/Categories.h"
+#include "ctl/Categories.h"
 
 #include <cstddef>
 #include <deque>

@@ -30,8 +30,10 @@ mode_t modeFor(const std::string& path)
 OutputFile::OutputFile(const std::string& place)
     : path(place)
 {
+    if (path.empty())
+        throw Problem("-o", "The name of the file is empty", "Name a file, or '-' for standard output");
     char folder[PATH_MAX];
-    if (path.empty() || realpath(folderOf(path).c_str(), folder) == nullptr)
+    if (realpath(folderOf(path).c_str(), folder) == nullptr)
         fail(path, "The report cannot be written there");
     const char* const slash = std::strrchr(folder, '/');
     if (std::strcmp(slash + 1, ".quarrow") == 0)

@@ -2,17 +2,17 @@
 
 #include "ctl/Catalogue.h"
 #include "ctl/Query.h"
+#include "ctl/Reading.h"
 
 #include <algorithm>
 
 VolumeSummary::VolumeSummary(const Catalogue& catalogue)
 {
     DuplicateFinder finder;
-    catalogue.beginReading();
+    const Reading reading(catalogue);
     readFolders(catalogue);
     readFiles(catalogue, finder);
     readDuplicates(catalogue, finder);
-    catalogue.endReading();
 }
 
 void VolumeSummary::readFolders(const Catalogue& catalogue)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ctl/report/Categories.h"
+#include "ctl/Categories.h"
 #include "ctl/report/DuplicateFinder.h"
 #include "ctl/report/FolderTree.h"
 #include "ctl/report/MonthlyTotals.h"

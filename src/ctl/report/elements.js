@@ -7,7 +7,7 @@ const categories = ["empty", "video", "audio", "image", "other"]; // by their nu
 function make(tag, properties = {}, ...children) {
   const element = document.createElement(tag);
   for (const [name, value] of Object.entries(properties)) {
-    if (value !== null)
+    if (value !== null && value !== undefined)
       element.setAttribute(name, value);
   }
   element.append(...children);

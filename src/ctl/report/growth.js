@@ -48,7 +48,10 @@ function drawBars(place, periods, width, choose) {
   }
   bars.append("rect").attr("class", "hover").attr("x", period => x(period.name) - x.step() * x.padding() / 2)
     .attr("width", x.step()).attr("y", edge.top).attr("height", height - edge.top - edge.bottom)
-    .on("pointermove", (_, i) => choose(i)).on("pointerdown", (_, i) => choose(i));
+    .each(function follow(_, i) {
+      for (const event of ["pointermove", "pointerdown"])
+        on(this, event, () => choose(i));
+    });
   return svg;
 }
 

@@ -19,7 +19,7 @@ function show(volume) {
     place.replaceChildren(make("p", { class: "problem", role: "alert" }, volume.problem));
     return;
   }
-  const [mapSection, map] = treemapSection(volume);
+  const [mapSection, map] = treemapSection(volume, data.volumes.indexOf(volume));
   treemap = map;
   history.replaceState(null, "");
   place.replaceChildren(figures(volume), make("div", { class: "sections" },
@@ -74,7 +74,7 @@ function fillPage() {
     make("p", {}, `Made by quarrowctl report from ${data.volumes.map(volume => `${volume.root}/.quarrow/quarrow.db`
       + (volume.newestChange ? ` (newest change ${volume.newestChange})` : "")).join(", ")}.`),
     make("p", {}, `Times are those of the machine it was made on (${data.zone}). Nothing was loaded, and nothing is sent. `
-      + "The charts are drawn by D3; its licence is in this page's source."));
+      + "The charts are drawn by D3; its licences are in this page's source."));
   prepareScheme();
   show(data.volumes.find(volume => volume.problem === undefined) ?? data.volumes[0]);
   on(window, "popstate", event => treemap?.restore(event.state));

@@ -2,23 +2,26 @@
 # for the assembler into `page_parts`.
 # The chart library comes from its Debian packages: of D3 the modules that the page needs, behind what each of them uses.
 set(QUARROW_D3_FOLDER /usr/share/nodejs CACHE PATH "Where the packages node-d3-* have their folders d3-*")
-set(QUARROW_D3_LICENCE /usr/share/doc/node-d3-hierarchy/copyright CACHE FILEPATH "The licence of D3")
+set(QUARROW_D3_LICENCES /usr/share/doc/node-d3-hierarchy/copyright /usr/share/doc/node-d3-array/copyright
+    CACHE STRING "The licences of D3's modules")
 
 set(chart_modules array collection color format interpolate time time-format scale selection axis hierarchy)
 list(TRANSFORM chart_modules REPLACE "(.+)" "${QUARROW_D3_FOLDER}/d3-\\1/dist/d3-\\1.min.js")
 set(scripts elements.js growth.js treemap.js lists.js page.js)
 list(TRANSFORM scripts PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/report/)
 
-foreach(file IN LISTS QUARROW_D3_LICENCE chart_modules)
+foreach(file IN LISTS QUARROW_D3_LICENCES chart_modules)
     if(NOT EXISTS ${file})
         message(FATAL_ERROR "${file} is missing. node-d3-axis, node-d3-hierarchy, node-d3-scale and node-d3-selection bring "
-            "it; QUARROW_D3_FOLDER and QUARROW_D3_LICENCE name another place.")
+            "it; QUARROW_D3_FOLDER and QUARROW_D3_LICENCES name another place.")
     endif()
 endforeach()
-file(STRINGS ${QUARROW_D3_LICENCE} comment_ends REGEX "[*]/")
-if(comment_ends)
-    message(FATAL_ERROR "${QUARROW_D3_LICENCE} cannot stand in a comment: ${comment_ends}")
-endif()
+foreach(licence IN LISTS QUARROW_D3_LICENCES)
+    file(STRINGS ${licence} comment_ends REGEX "[*]/")
+    if(comment_ends)
+        message(FATAL_ERROR "${licence} cannot stand in a comment: ${comment_ends}")
+    endif()
+endforeach()
 
 # page_part(LABEL ITEM...): the items one after the other, each with a line end, between LABEL and LABELEnd. An item is
 # the path of a file, or the mark of a comment. The assembler's lines are C++ strings, for #include: a compiler cache that
@@ -39,7 +42,7 @@ macro(page_part label)
 endmacro()
 page_part(quarrowPageTemplate ${CMAKE_CURRENT_SOURCE_DIR}/report/report.html)
 page_part(quarrowPageStyle ${CMAKE_CURRENT_SOURCE_DIR}/report/report.css)
-page_part(quarrowChartLibrary "/*" ${QUARROW_D3_LICENCE} "*/" ${chart_modules})
+page_part(quarrowChartLibrary "/*" ${QUARROW_D3_LICENCES} "*/" ${chart_modules})
 page_part(quarrowPageScript ${scripts})
 
 set(page_parts ${CMAKE_CURRENT_BINARY_DIR}/page_parts.inc)

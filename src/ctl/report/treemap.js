@@ -164,16 +164,19 @@ class Treemap {
   }
 }
 
-function treemapSection(volume) {
+function treemapSection(volume, place) {
   const map = new Treemap(folderTree(volume.tree, volume.name), volume.name);
   const legend = make("p", { class: "legend" }, ...[1, 2, 3, 4].map(i => make("span", {}, key(i), `mostly ${categories[i]}`)));
-  // The browser's way back leads to the folder before.
+  // The browser's way back leads to the folder before. What it knows of another volume, or of a former report in this
+  // file's place, is left alone.
   const step = node => history.pushState(
-    { folder: lineage(node).slice(1).map(folder => folder.parent.children.indexOf(folder)) }, "");
+    { volume: place, folder: lineage(node).slice(1).map(folder => folder.parent.children.indexOf(folder)) }, "");
   map.changed = step;
   map.restore = state => {
+    if (state !== null && state.volume !== place)
+      return;
     map.changed = null;
-    map.go((state?.folder ?? []).reduce((node, i) => node.children[i], map.root), map.open);
+    map.go((state?.folder ?? []).reduce((node, i) => node.children?.[i] ?? node, map.root), map.open);
     map.changed = step;
   };
   return [section("Folders by size", "Open a folder with a click or Enter, go up with Escape. The arrow keys move between "

@@ -1,23 +1,15 @@
 #include "ctl/status/CatalogueFigures.h"
 
 #include "ctl/Catalogue.h"
+#include "ctl/Categories.h"
 #include "ctl/Query.h"
+#include "ctl/Reading.h"
 
 #include <algorithm>
-#include <cstdint>
 
 namespace {
 
 constexpr int rowsPerReport = 20000;
-
-/// Sizes in a catalogue can be anything, and a sum that does not fit is no reason to fail.
-long long saturatedSum(long long a, long long b)
-{
-    long long sum = 0;
-    if (__builtin_add_overflow(a, b, &sum))
-        return b > 0 ? INT64_MAX : INT64_MIN;
-    return sum;
-}
 
 long long single(const Catalogue& catalogue, const char* text)
 {
@@ -46,11 +38,9 @@ void countFiles(const Catalogue& catalogue, CatalogueFigures& figures, const Pro
             ++figures.deletedFiles;
             continue;
         }
-        const long long category = rows.number(1);
-        const bool isOther = category < 1 || category > 3;
-        CatalogueFigures::Kind& kind = figures.kinds[isOther ? 3 : static_cast<std::size_t>(category) - 1];
+        CatalogueFigures::Kind& kind = figures.kinds[categoryIndex(rows.number(1))];
         ++kind.files;
-        kind.bytes = saturatedSum(kind.bytes, rows.number(2));
+        kind.bytes = addBytes(kind.bytes, fileSize(rows.number(2)));
     }
 }
 
@@ -61,7 +51,7 @@ CatalogueFigures::Kind CatalogueFigures::all() const
     Kind sum;
     for (const Kind& kind : kinds) {
         sum.files += kind.files;
-        sum.bytes = saturatedSum(sum.bytes, kind.bytes);
+        sum.bytes = addBytes(sum.bytes, kind.bytes);
     }
     return sum;
 }
@@ -69,12 +59,11 @@ CatalogueFigures::Kind CatalogueFigures::all() const
 CatalogueFigures readFigures(const Catalogue& catalogue, const Progress& progress)
 {
     CatalogueFigures figures;
-    catalogue.beginReading();
+    const Reading reading(catalogue);
     countFolders(catalogue, figures);
     countFiles(catalogue, figures, progress);
     figures.newestChange = std::max(single(catalogue, "select max(last_updated_time) from Folders"),
         single(catalogue, "select max(last_updated_time) from Files"));
     figures.oldestFolder = single(catalogue, "select min(last_updated_time) from Folders");
-    catalogue.endReading();
     return figures;
 }

@@ -11,11 +11,11 @@
 
 namespace {
 
-/// Reads the figures, or finds them in the cache. `catalogue` is closed on return: the state is read again then.
-CatalogueFigures findFigures(std::optional<Catalogue>& catalogue, const CatalogueState& before,
+/// Reads the figures, or finds them in the cache. `catalogue`, which is open, may be closed on return: the state is
+/// read again then.
+CatalogueFigures findFigures(const std::string& path, std::optional<Catalogue>& catalogue, const CatalogueState& before,
     const FigureCache& cache, const Progress& progress)
 {
-    const std::string path = catalogue->path();
     if (const auto kept = cache.find(path, before.text()))
         return *kept;
     const CatalogueFigures figures = readFigures(*catalogue, progress);
@@ -52,7 +52,8 @@ void readCatalogue(VolumeStatus& status, bool isDeep, const FigureCache& cache, 
     const CatalogueState state(path); // before a connection is open, see there
     std::optional<Catalogue> catalogue(path);
     try {
-        status.figures = findFigures(catalogue, state, cache, [&](double done) { progress("Counting " + name, done); });
+        status.figures
+            = findFigures(path, catalogue, state, cache, [&](double done) { progress("Counting " + name, done); });
         if (!isDeep)
             return;
         if (!catalogue)

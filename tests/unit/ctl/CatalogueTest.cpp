@@ -4,6 +4,7 @@
 #include "ctl/CatalogueUri.h"
 #include "ctl/Problem.h"
 #include "ctl/Query.h"
+#include "ctl/Reading.h"
 
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
@@ -52,14 +53,40 @@ TEST_F(CatalogueTest, isReadWhileItsWriterHasItOpen)
     EXPECT_EQ(2, countFiles(catalogue));
 }
 
-TEST_F(CatalogueTest, staysTheSameFromBeginToEnd)
+TEST_F(CatalogueTest, staysTheSameForAReading)
 {
     const Catalogue catalogue(sample.path());
-    catalogue.beginReading();
-    sample.run(oneFile);
-    EXPECT_EQ(0, countFiles(catalogue));
-    catalogue.endReading();
+    {
+        const Reading reading(catalogue);
+        sample.run(oneFile);
+        EXPECT_EQ(0, countFiles(catalogue));
+    }
     EXPECT_EQ(1, countFiles(catalogue));
+}
+
+TEST_F(CatalogueTest, aReadingThatCannotBeginLeavesNoTransaction)
+{
+    sample.run("PRAGMA journal_mode=DELETE");
+    const Catalogue catalogue(sample.path());
+    sample.run("begin exclusive");
+    EXPECT_THROW(const Reading reading(catalogue), Problem);
+    sample.run("commit");
+    const Reading reading(catalogue);
+    EXPECT_EQ(0, countFiles(catalogue));
+}
+
+TEST_F(CatalogueTest, aRowThatTheDaemonCannotHaveWrittenIsNamedAsSuch)
+{
+    sample.run("insert into Folders(parent_id, path, name, created_time, modified_time, is_deleted, last_updated_time)"
+               " values (-1, printf('%.*c', 30000, 'x'), '', 1, 1, 0, 1)");
+    const Catalogue catalogue(sample.path());
+    Query query(catalogue, "select path from Folders");
+    try {
+        query.next();
+        ADD_FAILURE() << "it was read";
+    } catch (const Problem& problem) {
+        EXPECT_NE(std::string::npos, std::string(problem.what()).find("a name is too long")) << problem.what();
+    }
 }
 
 TEST_F(CatalogueTest, isReadAfterTheWritersEndAndAfterItsDeath)

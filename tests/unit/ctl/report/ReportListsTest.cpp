@@ -1,4 +1,4 @@
-#include "ctl/report/Bytes.h"
+#include "ctl/Bytes.h"
 #include "ctl/report/DuplicateFinder.h"
 #include "ctl/report/MonthlyTotals.h"
 #include "ctl/report/TopFiles.h"

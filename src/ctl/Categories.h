@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ctl/report/Bytes.h"
+#include "ctl/Bytes.h"
 
 #include <array>
 #include <cstddef>

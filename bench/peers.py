@@ -50,7 +50,7 @@ def peak_memory(process):
         return 0
 
 
-def run_to_end(command, environment=None):
+def run_to_end(command, environment=None, good=(0,)):
     """Seconds and peak memory in KiB of a program that ends by itself. (Not what wait4() tells of its memory: that counts
     this process too, as it was when it forked.)"""
     start = time.monotonic()
@@ -60,7 +60,7 @@ def run_to_end(command, environment=None):
     while process.poll() is None:
         memory = max(memory, peak_memory(process.pid))
         time.sleep(0.002)
-    if process.returncode != 0:
+    if process.returncode not in good:
         raise RuntimeError(f"{command[0]} ended with {process.returncode}")
     return {"seconds": time.monotonic() - start, "memory": memory}
 

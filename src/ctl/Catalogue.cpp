@@ -1,5 +1,6 @@
 #include "ctl/Catalogue.h"
 
+#include "core/WithoutLinks.h"
 #include "ctl/CatalogueUri.h"
 #include "ctl/Problem.h"
 #include "ctl/Query.h"
@@ -17,17 +18,39 @@ constexpr int busyMilliseconds = 5000;
 constexpr int longestRow = 20000; // bytes: the daemon writes no longer ones
 constexpr const char* makeAnew = "Remove it and restart the daemon, which makes it anew";
 
-/// A user of the volume can put anything in these places. A pipe would hold this program, a link show another file.
+[[noreturn]] void failToFind(const std::string& path, int error)
+{
+    if (error == ENOENT || error == ENOTDIR)
+        throw Problem(path, "There is no catalogue",
+            "The daemon makes it when it starts: does it run, and is the volume mounted?");
+    const std::string reason = std::string("The catalogue cannot be read: ") + std::strerror(error);
+    throw Problem(path, reason,
+        error == EACCES ? "Ask for the right to read this folder" : "Look at what is in its place, and at the disk");
+}
+
+/// Where the catalogue is, with the links followed that the daemon follows. A user of the volume can put anything in
+/// its place: a link would show another file.
+std::string findCatalogue(const std::string& path)
+{
+    if (path.empty() || path.front() != '/')
+        throw Problem(path, "The volume's root is no absolute path: where it is depends on the daemon's current folder",
+            "Write an absolute path into <Root>");
+    struct stat64 status;
+    if (stat64(path.c_str(), &status) != 0)
+        failToFind(path, errno);
+    const std::string place = resolveOwnLinks(path, LinkedFile::followed);
+    if (place.empty())
+        throw Problem(path, "This is behind another user's link, and the daemon does not follow it either",
+            "Remove the link, or make it as root");
+    return place;
+}
+
+/// A pipe would hold this program.
 void requireRegularFiles(const std::string& path)
 {
     struct stat64 status;
-    if (stat64(path.c_str(), &status) != 0) {
-        if (errno == ENOENT || errno == ENOTDIR)
-            throw Problem(path, "There is no catalogue",
-                "The daemon makes it when it starts: does it run, and is the volume mounted?");
-        throw Problem(path, std::string("The catalogue cannot be read: ") + std::strerror(errno),
-            "Ask for the right to read this folder");
-    }
+    if (stat64(path.c_str(), &status) != 0)
+        failToFind(path, errno);
     if (!S_ISREG(status.st_mode))
         throw Problem(path, "This is no regular file, so it is no catalogue", makeAnew);
     for (const char* suffix : { "-wal", "-shm", "-journal" }) {
@@ -42,13 +65,15 @@ void requireRegularFiles(const std::string& path)
 Catalogue::Catalogue(const std::string& path)
     : file(path)
 {
-    requireRegularFiles(path);
+    const std::string place = findCatalogue(path);
+    requireRegularFiles(place);
     try {
-        open();
+        open(place);
         admit();
         // Sorting is done in memory: nothing is written anywhere. These statements read the schema, so they come last:
         // a lock is waited for once.
-        sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000", nullptr, nullptr, nullptr);
+        sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000; PRAGMA ignore_check_constraints=1",
+            nullptr, nullptr, nullptr);
     } catch (const Problem&) {
         sqlite3_close(handle);
         throw;
@@ -57,10 +82,10 @@ Catalogue::Catalogue(const std::string& path)
 
 Catalogue::~Catalogue() { sqlite3_close(handle); }
 
-void Catalogue::open()
+void Catalogue::open(const std::string& place)
 {
     const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX;
-    const int status = sqlite3_open_v2(catalogueUri(file).c_str(), &handle, flags, readOnlyFiles());
+    const int status = sqlite3_open_v2(catalogueUri(place).c_str(), &handle, flags, readOnlyFiles());
     if (status != SQLITE_OK)
         fail(status);
     sqlite3_extended_result_codes(handle, 1);
@@ -75,7 +100,11 @@ void Catalogue::open()
 /// Reads the two tables' schema, which is also the first look at the file.
 void Catalogue::admit() const
 {
-    Query tables(*this, "select count(*) from sqlite_master where type='table' and name in ('Folders', 'Files')");
+    // Neither virtual tables nor generated columns: they are programs, and somebody else's would run here.
+    Query tables(*this,
+        "select count(*) from sqlite_master where type='table' and name in ('Folders', 'Files')"
+        " and sql like 'create table %' and not exists (select 1 from pragma_table_xinfo(sqlite_master.name)"
+        " where hidden <> 0)");
     if (!tables.next() || tables.number(0) != 2)
         throw Problem(file, "This is another program's database, not a catalogue", makeAnew);
     Query(*this,

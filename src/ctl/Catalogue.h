@@ -22,7 +22,7 @@ public:
     [[noreturn]] void fail(int status) const;
 
 private:
-    void open();
+    void open(const std::string& place);
     void admit() const;
 
     const std::string file;

@@ -31,7 +31,7 @@ int run(int argc, char** argv)
     }
     const int status = chosen();
     if (!outputIsComplete())
-        throw Problem("standard output", "Not all of it could be written");
+        throw Problem("standard output", "Not all of it could be written", "Is the disk full?");
     return status;
 }
 

@@ -27,7 +27,7 @@ def browser(arena):
 def write_report(arena, *volumes):
     """What the daemon finds on the volumes, as a page; its path."""
     daemon = arena.start(list(volumes))
-    daemon.wait_walks()
+    daemon.wait_walks(len(volumes))
     daemon.stop()
     path = arena.path("report.html")
     Ctl(arena, volumes).good("report", "-o", path)
@@ -101,6 +101,23 @@ def test_keys_alone_do_as_much(arena, browser):
     assert crumbs(browser) == ["Volume1"]
 
 
+def test_the_way_back_leaves_another_volume_alone(arena, browser):
+    first, second = library(arena), arena.volume("Volume2", crawl=["/m"])
+    second.make_file("/m/x/y/a.mp3", b"x")
+    browser.open(write_report(arena, first, second))
+    browser.all("#volumes button")[0].click()
+    tile(browser, "Films").click()
+    tile(browser, "Old").click()
+    browser.all("#volumes button")[1].click()
+    assert crumbs(browser) == ["Volume2"]
+    browser.driver.back()
+    browser.driver.back()
+    assert crumbs(browser) == ["Volume2"]
+    tile(browser, "m").click()
+    assert crumbs(browser) == ["Volume2", "m"]
+    assert browser.complaints() == []
+
+
 def test_each_chart_has_a_table(arena, browser):
     browser.open(write_report(arena, library(arena)))
     for summary in browser.all("summary"):
@@ -132,6 +149,8 @@ def test_the_growth_can_be_read_with_keys(arena, browser):
     assert first == "2001: 888.7 KiB in 2 files"
     browser.press("ArrowRight")
     assert browser.text(".chart + .readout") == "2002: 0 bytes in 0 files"
+    browser.run("document.querySelector('.chart .hover').dispatchEvent(new PointerEvent('pointermove', { bubbles: true }))")
+    assert browser.text(".chart + .readout") == first
 
 
 def test_both_colour_schemes_are_there(arena, browser):

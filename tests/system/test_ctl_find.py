@@ -359,3 +359,19 @@ def test_random_arguments_never_crash_it(arena):
         assert status in "012" and silent == "False", run
     counts = {status: sum(line.startswith(status) for line in lines) for status in "02"}
     assert counts["0"] > 30 and counts["2"] > 100, counts  # it got past the options, and it refused
+
+
+def test_an_empty_folder_is_not_everything(arena):
+    volume = arena.volume("V", crawl=["/m"])
+    result = Ctl(arena, [volume]).run("find", "--under", "")
+    assert (result.status, result.text) == (2, "")
+    assert "--under: The folder is empty" in result.errors
+
+
+def test_a_volume_that_is_named_twice_is_searched_once(arena):
+    volume = arena.volume("V", crawl=["/m"])
+    volume.make_file("/m/a.mp3", b"x")
+    daemon = arena.start([volume])
+    daemon.wait_walks()
+    daemon.stop_without_errors()
+    assert Ctl(arena, [volume]).good("find", "--volume", "V", "--volume", "V", "a.mp3").lines == [volume.path("/m/a.mp3")]

@@ -32,11 +32,23 @@ def test_help_lists_the_commands(ctl):
         assert re.search(rf"^  {command} ", text, re.MULTILINE)
 
 
-def test_every_option_is_in_the_manual(ctl):
-    manual = read("quarrowctl.1").replace("\\-", "-")
-    options = options_of(ctl).union(*(options_of(ctl, command) for command in COMMANDS))
-    assert {"--config", "--version", "--deep", "--category", "--cursor-file", "--output", "--wait"} <= options
-    assert {option for option in options if not re.search(rf"{option}\b", manual)} == set()
+def manual_sections():
+    """Text of each section of the manual under each command of its heading; that of the rest under None."""
+    sections = {}
+    for part in re.split(r"^\.S[HS] ", read("quarrowctl.1").replace("\\-", "-"), flags=re.MULTILINE):
+        heading, _, text = part.partition("\n")
+        names = [name for name in re.split(r"[, ]+", heading) if name in COMMANDS] or [None]
+        for name in names:
+            sections[name] = sections.get(name, "") + text
+    return sections
+
+
+@pytest.mark.parametrize("command", [None, *COMMANDS])
+def test_every_option_is_in_the_manual(ctl, command):
+    options = options_of(ctl, *filter(None, [command])) - ({"--help"} if command else set())
+    assert options or command is None
+    text = manual_sections()[command]
+    assert {option for option in options if not re.search(rf"{option}\b", text)} == set()
 
 
 def test_completion_knows_every_command(ctl):

@@ -138,7 +138,7 @@ Deletions. --deleted lists what the daemon has seen to be gone. The time of such
 -l, is that of its deletion. The catalogue may be some seconds behind the disk, or more when the daemon does not run;
 --exists asks the disk.
 
-Output. Absolute paths, one per line; without another order, as they were first catalogued. In a pipe they are the
+Output. Absolute paths, one per line: volume by volume, folders before files, as they were first catalogued. In a pipe they are the
 names' bytes, with a line end in a name as it is: use -0. On a terminal that is shown as \n, and recent and largest
 have the form of -l. Objects of --json have volume, type, path, size and category (of files), modified, changed (the
 time that --changed-within means) and deleted. Times are seconds since 1970. A path that is no UTF-8 has all its bytes

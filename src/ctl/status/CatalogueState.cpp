@@ -1,6 +1,7 @@
 #include "ctl/status/CatalogueState.h"
 
 #include "core/FileDescriptor.h"
+#include "core/WithoutLinks.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -22,9 +23,10 @@ long long nanoseconds(const timespec& time) { return time.tv_sec * 1000000000LL 
 CatalogueState::CatalogueState(const std::string& catalogue)
 {
     const long long now = std::time(nullptr);
+    const std::string place = resolveOwnLinks(catalogue, LinkedFile::followed); // the side files are beside that
     for (const char* suffix : { "", "-wal", "-journal" })
-        addFile(catalogue + suffix, now);
-    addIndexHeader(catalogue + "-shm");
+        addFile(place + suffix, now);
+    addIndexHeader(place + "-shm");
 }
 
 void CatalogueState::addFile(const std::string& path, long long now)

@@ -103,19 +103,103 @@ TEST_F(CatalogueTest, isReadAfterTheWritersEndAndAfterItsDeath)
 }
 
 /// The daemon may watch this folder: what it sees there wakes it.
+class FolderWatch {
+public:
+    explicit FolderWatch(const SampleCatalogue& sample)
+        : watcher(inotify_init1(IN_NONBLOCK))
+    {
+        EXPECT_GE(inotify_add_watch(watcher, sample.folder.path(".quarrow").c_str(),
+                      IN_ATTRIB | IN_CLOSE_WRITE | IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO),
+            0);
+    }
+    ~FolderWatch() { close(watcher); }
+    FolderWatch(const FolderWatch&) = delete;
+    FolderWatch& operator=(const FolderWatch&) = delete;
+
+    /// Whether something has changed since it was last asked.
+    bool hasSeen() const
+    {
+        char event[4096];
+        return read(watcher, event, sizeof event) > 0;
+    }
+
+private:
+    const int watcher;
+};
+
 TEST_F(CatalogueTest, readingLeavesNoTraceInItsFolder)
 {
     sample.run(oneFile);
-    const int watcher = inotify_init1(IN_NONBLOCK);
-    ASSERT_GE(inotify_add_watch(watcher, sample.folder.path(".quarrow").c_str(),
-                  IN_ATTRIB | IN_CLOSE_WRITE | IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO),
-        0);
+    const FolderWatch watch(sample);
     EXPECT_EQ(1, countFiles(Catalogue(sample.path())));
-    char event[4096];
-    EXPECT_EQ(-1, read(watcher, event, sizeof event));
-    sample.run(oneFile); // which the watch does see
-    EXPECT_LT(0, read(watcher, event, sizeof event));
-    close(watcher);
+    EXPECT_FALSE(watch.hasSeen());
+    sample.run(oneFile);
+    EXPECT_TRUE(watch.hasSeen()); // it does see changes
+    sample.run("PRAGMA wal_checkpoint(TRUNCATE)");
+    chmod(sample.path().c_str(), 0640); // another mode than that of the log, which is empty
+    EXPECT_TRUE(watch.hasSeen());
+    EXPECT_EQ(2, countFiles(Catalogue(sample.path())));
+    EXPECT_FALSE(watch.hasSeen());
+}
+
+TEST_F(CatalogueTest, readingLeavesNoTraceAfterTheWriterEither)
+{
+    sample.run(oneFile);
+    sample.killWriter();
+    const FolderWatch afterAKill(sample);
+    EXPECT_EQ(1, countFiles(Catalogue(sample.path())));
+    EXPECT_FALSE(afterAKill.hasSeen());
+    SampleCatalogue other;
+    other.stopWriter();
+    const FolderWatch afterAStop(other);
+    EXPECT_EQ(0, countFiles(Catalogue(other.path())));
+    EXPECT_FALSE(afterAStop.hasSeen());
+}
+
+TEST_F(CatalogueTest, theLogOfAnEmptyFileIsKept)
+{
+    sample.run(oneFile);
+    sample.killWriter();
+    sample.folder.writeFile(".quarrow/quarrow.db", "");
+    expectProblem("This is another program's database");
+    EXPECT_TRUE(sample.folder.exists(".quarrow/quarrow.db-wal"));
+}
+
+TEST_F(CatalogueTest, behindALinkItsSideFilesAreBesideTheTarget)
+{
+    sample.run(oneFile);
+    TemporaryFolder elsewhere;
+    const std::string link = elsewhere.path("quarrow.db");
+    ASSERT_EQ(0, symlink(sample.path().c_str(), link.c_str()));
+    EXPECT_EQ(1, countFiles(Catalogue(link)));
+    sample.killWriter();
+    unlink((sample.path() + "-wal").c_str());
+    ASSERT_EQ(0, mkfifo((sample.path() + "-wal").c_str(), 0644));
+    EXPECT_NE(std::string::npos, problemOf(link).find("quarrow.db-wal: This is no regular file")) << problemOf(link);
+}
+
+TEST_F(CatalogueTest, linksOfStrangersAreNotFollowed)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a link away";
+    TemporaryFolder elsewhere;
+    const std::string link = elsewhere.path("quarrow.db");
+    ASSERT_EQ(0, symlink(sample.path().c_str(), link.c_str()));
+    ASSERT_EQ(0, lchown(link.c_str(), 65534, 65534));
+    EXPECT_NE(std::string::npos, problemOf(link).find("behind another user's link")) << problemOf(link);
+}
+
+TEST_F(CatalogueTest, pathHasToBeAbsolute)
+{
+    EXPECT_EQ("v/quarrow.db: The volume's root is no absolute path: where it is depends on the daemon's current folder."
+              " Write an absolute path into <Root>.",
+        problemOf("v/quarrow.db"));
+}
+
+TEST_F(CatalogueTest, tablesThatComputeAreRefused)
+{
+    sample.run("alter table Files add column more int generated always as (length(path) + 1) virtual");
+    expectProblem("This is another program's database");
 }
 
 TEST_F(CatalogueTest, mayLieAtAnyPath)

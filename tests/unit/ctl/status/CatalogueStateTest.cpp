@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <ctime>
@@ -44,6 +45,17 @@ TEST(CatalogueStateTest, everyTransactionChangesIt)
         EXPECT_NE(before, now);
         before = now;
     }
+}
+
+TEST(CatalogueStateTest, everyTransactionChangesItAlsoBehindALink)
+{
+    const SampleCatalogue sample;
+    const TemporaryFolder folder;
+    const std::string link = folder.path("quarrow.db");
+    ASSERT_EQ(0, symlink(sample.path().c_str(), link.c_str()));
+    const std::string before = CatalogueState(link).text();
+    sample.run(change);
+    EXPECT_NE(before, CatalogueState(link).text());
 }
 
 TEST(CatalogueStateTest, theEndOfTheWriterChangesIt)

@@ -10,13 +10,34 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+/// The first link on the way to the path that leads to nothing; empty when there is none.
+std::string deadLinkIn(const std::string& path)
+{
+    for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
+        const std::string upTo = path.substr(0, slash);
+        struct stat64 status;
+        if (lstat64(upTo.c_str(), &status) != 0)
+            return "";
+        if (S_ISLNK(status.st_mode) && stat64(upTo.c_str(), &status) != 0)
+            return upTo;
+        if (slash == std::string::npos)
+            return "";
+    }
+}
+
+} // namespace
+
 FolderLook lookAtFolder(const std::string& path)
 {
     struct stat64 status;
     if (stat64(path.c_str(), &status) == 0)
         return { S_ISDIR(status.st_mode) ? FolderLook::State::folder : FolderLook::State::other, "" };
-    if (errno == ENOENT)
-        return { FolderLook::State::missing, "" };
+    if (errno == ENOENT) {
+        const std::string link = deadLinkIn(path);
+        return { link.empty() ? FolderLook::State::missing : FolderLook::State::deadLink, link };
+    }
     if (errno == ENOTDIR)
         return { FolderLook::State::other, "" };
     return { FolderLook::State::unknown, std::strerror(errno) };

@@ -6,12 +6,13 @@
 struct FolderLook {
     enum class State {
         folder,
-        missing, ///< nothing is there
-        other,   ///< something that is no folder, here or above
-        unknown, ///< it cannot be looked at
+        missing,  ///< nothing is there
+        deadLink, ///< a link on the way leads to nothing
+        other,    ///< something that is no folder, here or above
+        unknown,  ///< it cannot be looked at
     };
     State state;
-    std::string reason; ///< of `unknown`, in the words of the system
+    std::string reason; ///< of `unknown`, in the words of the system; of `deadLink`, the path of the link
 
     bool isFolder() const { return state == State::folder; }
 };

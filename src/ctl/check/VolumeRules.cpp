@@ -58,6 +58,12 @@ void checkRootFolder(const VolumeReading& volume, const FindingsAbout& found)
         found.warn(volume.root.line, root + " is missing: the daemon would make it and catalogue it empty",
             "Mount the volume before the daemon starts, or correct the path");
         break;
+    case FolderLook::State::deadLink:
+        found.warn(volume.root.line,
+            root + " cannot be reached: " + quoted(look.reason)
+                + " is a link to nothing. The daemon would leave the volume out",
+            "Make or mount what the link leads to before the daemon starts, or correct the path");
+        break;
     case FolderLook::State::other:
         found.warn(volume.root.line, root + " is no folder: the daemon would leave the volume out",
             "Write the path of a folder");

@@ -58,12 +58,10 @@ TEST_F(CheckVolumesTest, theRootFolderNeedsCrawlPaths)
 
 TEST_F(CheckVolumesTest, aRootThatIsNotThere)
 {
-    const std::string missing
-        = "5: warning: The root 'DIR/gone' of the volume 'a' is missing: the daemon would make it and"
-          " catalogue it empty. Mount the volume before the daemon starts, or correct the path.\n";
-    EXPECT_EQ(missing, check(withVolumes(volume("a", "DIR/gone"))));
-    std::filesystem::create_directory_symlink(folder.path("nowhere"), folder.path("gone"));
-    EXPECT_EQ(missing, check(withVolumes(volume("a", "DIR/gone"))));
+    EXPECT_EQ(
+        "5: warning: The root 'DIR/gone' of the volume 'a' is missing: the daemon would make it and catalogue it empty."
+        " Mount the volume before the daemon starts, or correct the path.\n",
+        check(withVolumes(volume("a", "DIR/gone"))));
     for (const char* root : { "DIR/v/Music/a.mp3", "DIR/v/Music/a.mp3/below" })
         EXPECT_EQ("5: warning: The root '" + std::string(root)
                 + "' of the volume 'a' is no folder: the daemon would leave the volume out. Write the path of a folder.\n",
@@ -78,6 +76,21 @@ TEST_F(CheckVolumesTest, aRootThatIsNotThere)
         "5: warning: The root 'DIR/empty' of the volume 'a' is an empty folder, and no file system is mounted there. If"
         " one is meant to be, mount it before the daemon starts, which would catalogue the empty folder.\n",
         check(withVolumes(volume("a", "DIR/empty"))));
+}
+
+TEST_F(CheckVolumesTest, aLinkToNothingOnTheWayToTheRoot)
+{
+    std::filesystem::create_directory_symlink(folder.path("nowhere"), folder.path("link"));
+    for (const char* root : { "DIR/link", "DIR/link/below" })
+        EXPECT_EQ("5: warning: The root '" + std::string(root)
+                + "' of the volume 'a' cannot be reached: 'DIR/link' is a link to nothing. The daemon would leave the"
+                  " volume out. Make or mount what the link leads to before the daemon starts, or correct the path.\n",
+            check(withVolumes(volume("a", root))));
+    folder.makeFolder("nowhere");
+    EXPECT_EQ(
+        "5: warning: The root 'DIR/link/below' of the volume 'a' is missing: the daemon would make it and catalogue it"
+        " empty. Mount the volume before the daemon starts, or correct the path.\n",
+        check(withVolumes(volume("a", "DIR/link/below"))));
 }
 
 TEST_F(CheckVolumesTest, anEmptyFolderWhereSomethingIsMountedAndOneThatIsReadOnly)

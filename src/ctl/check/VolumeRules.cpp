@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr const char* cataloguePlace = "/.quarrow/quarrow.db"; // below the root
+
 void checkVolumeElements(const HostReading& reading, const FindingsAbout& found)
 {
     std::map<std::string, int> lines;
@@ -48,6 +50,21 @@ void checkRootText(const VolumeReading& volume, const FindingsAbout& found)
             "Write it without them");
 }
 
+void checkWritability(const VolumeReading& volume, const std::string& root, const FindingsAbout& found)
+{
+    const std::string path = volume.rootPath();
+    const std::string catalogue = path + cataloguePlace;
+    const std::string remedy = "Mount it with write permission";
+    if (lookAtFolder(catalogue).state == FolderLook::State::other) {
+        if (isOnReadOnlyFileSystem(catalogue))
+            found.warn(
+                volume.root.line, root + " is mounted read-only: nothing can be written into its catalogue", remedy);
+    } else if (isOnReadOnlyFileSystem(lookAtFolder(path + "/.quarrow").isFolder() ? path + "/.quarrow" : path + "/")) {
+        found.warn(volume.root.line,
+            root + " is mounted read-only, and has no catalogue yet: the daemon would leave the volume out", remedy);
+    }
+}
+
 void checkRootFolder(const VolumeReading& volume, const FindingsAbout& found)
 {
     const std::string path = volume.rootPath() + "/"; // the daemon takes no text for this one, too
@@ -76,9 +93,7 @@ void checkRootFolder(const VolumeReading& volume, const FindingsAbout& found)
         if (isEmptyFolder(path) && !isMountPoint(path))
             found.warn(volume.root.line, root + " is an empty folder, and no file system is mounted there",
                 "If one is meant to be, mount it before the daemon starts, which would catalogue the empty folder");
-        if (isOnReadOnlyFileSystem(lookAtFolder(path + ".quarrow").isFolder() ? path + ".quarrow" : path))
-            found.warn(volume.root.line, root + " is mounted read-only: the daemon would leave the volume out",
-                "Mount it with write permission");
+        checkWritability(volume, root, found);
         break;
     }
 }

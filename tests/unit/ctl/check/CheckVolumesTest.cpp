@@ -101,8 +101,21 @@ TEST_F(CheckVolumesTest, anEmptyFolderWhereSomethingIsMountedAndOneThatIsReadOnl
     EXPECT_EQ("", check(withVolumes(volume("a", "DIR/mounted"))));
     ASSERT_TRUE(mount.makeReadOnly());
     EXPECT_EQ(
-        "5: warning: The root 'DIR/mounted' of the volume 'a' is mounted read-only: the daemon would leave the volume"
-        " out. Mount it with write permission.\n",
+        "5: warning: The root 'DIR/mounted' of the volume 'a' is mounted read-only, and has no catalogue yet: the daemon"
+        " would leave the volume out. Mount it with write permission.\n",
+        check(withVolumes(volume("a", "DIR/mounted"))));
+}
+
+TEST_F(CheckVolumesTest, aReadOnlyVolumeThatHasACatalogue)
+{
+    const PrivateMount mount = PrivateMount::inMemory(folder.makeFolder("mounted"), "size=64k");
+    if (!mount.isMounted())
+        GTEST_SKIP() << "mounting is not permitted here";
+    folder.writeFile("mounted/.quarrow/quarrow.db");
+    ASSERT_TRUE(mount.makeReadOnly());
+    EXPECT_EQ(
+        "5: warning: The root 'DIR/mounted' of the volume 'a' is mounted read-only: nothing can be written into its"
+        " catalogue. Mount it with write permission.\n",
         check(withVolumes(volume("a", "DIR/mounted"))));
 }
 

@@ -143,6 +143,17 @@ TEST_F(CheckMachineTest, entriesOfTheMimeTableWithoutEffect)
         checkHere());
 }
 
+TEST_F(CheckMachineTest, aTypeIsKnownByItsFirstFiveCharacters)
+{
+    folder.writeFile("machine/mime_types.txt", "video mp4\naudio-x mp3\nimages jpg\n");
+    EXPECT_EQ("", checkHere());
+    folder.writeFile("machine/mime_types.txt", "Video mp4\n");
+    EXPECT_EQ(table
+            + std::string("1: warning: 'Video' is no MIME type: the extensions behind it are of category other. Begin"
+                          " the line with a type such as video/mp4.\n"),
+        checkHere());
+}
+
 TEST_F(CheckMachineTest, theTableOfThisReleaseIsWithoutFault)
 {
     machine.mimeTable = QUARROW_MIME_TABLE;

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr const char* cataloguePlace = "/.quarrow/quarrow.db"; // below the root
+constexpr std::size_t longestCataloguePath = 504; // bytes that the daemon takes, since SQLite adds "-journal" to them
 
 void checkVolumeElements(const HostReading& reading, const FindingsAbout& found)
 {
@@ -65,11 +66,27 @@ void checkWritability(const VolumeReading& volume, const std::string& root, cons
     }
 }
 
+/// The length of the catalogue's path, as written or with links resolved, whichever is longer.
+std::size_t lengthOfCataloguePath(const VolumeReading& volume)
+{
+    const std::string path = volume.rootPath() + cataloguePlace;
+    return path.front() == '/' ? std::max(path.length(), canonicalPath(path).length()) : path.length();
+}
+
 void checkRootFolder(const VolumeReading& volume, const FindingsAbout& found)
 {
     const std::string path = volume.rootPath() + "/"; // the daemon takes no text for this one, too
     const std::string root = "The root " + quoted(volume.root.text) + " of the volume " + quoted(volume.name);
     const FolderLook look = lookAtFolder(path);
+    const std::size_t length = lengthOfCataloguePath(volume);
+    if (length > longestCataloguePath && (look.isFolder() || look.state == FolderLook::State::missing)) {
+        found.warn(volume.root.line,
+            root + " is too long: with " + quoted(cataloguePlace) + " it has " + std::to_string(length)
+                + " bytes, links resolved, and may have " + std::to_string(longestCataloguePath)
+                + ". The daemon would leave the volume out",
+            "Move the folder to a shorter path");
+        return;
+    }
     switch (look.state) {
     case FolderLook::State::missing:
         found.warn(volume.root.line, root + " is missing: the daemon would make it and catalogue it empty",

@@ -78,6 +78,31 @@ TEST_F(CheckVolumesTest, aRootThatIsNotThere)
         check(withVolumes(volume("a", "DIR/empty"))));
 }
 
+TEST_F(CheckVolumesTest, aRootWhoseCataloguePathIsTooLongForTheDaemon)
+{
+    const auto rootOf = [this](std::size_t length) {
+        std::string root = folder.path();
+        while (root.length() + 101 < length)
+            root += "/" + std::string(99, 'x');
+        return root + "/" + std::string(length - root.length() - 1, 'y');
+    };
+    const auto tooLong = [](const std::string& root) {
+        return "5: warning: The root '" + root
+            + "' of the volume 'a' is too long: with '/.quarrow/quarrow.db' it has 505 bytes, links resolved, and may have"
+              " 504. The daemon would leave the volume out. Move the folder to a shorter path.\n";
+    };
+    const auto relative = [this](const std::string& root) { return replaced(root, folder.path(), "DIR"); };
+    const std::string longest = rootOf(484);
+    const std::string longer = rootOf(485);
+    EXPECT_EQ(tooLong(relative(longer)), check(withVolumes(volume("a", longer))));
+    for (const std::string& root : { longest, longer })
+        folder.writeFile(root.substr(folder.path().length() + 1) + "/file");
+    EXPECT_EQ(tooLong(relative(longer)), check(withVolumes(volume("a", longer))));
+    EXPECT_EQ("", check(withVolumes(volume("a", longest + "/"))));
+    std::filesystem::create_directory_symlink(longer, folder.path("short"));
+    EXPECT_EQ(tooLong("DIR/short"), check(withVolumes(volume("a", "DIR/short"))));
+}
+
 TEST_F(CheckVolumesTest, aLinkToNothingOnTheWayToTheRoot)
 {
     std::filesystem::create_directory_symlink(folder.path("nowhere"), folder.path("link"));

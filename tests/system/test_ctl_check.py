@@ -183,7 +183,7 @@ def test_inotify_limits(arena):
     daemon.wait_walks()
     watches = run_limited(ctl, max_inotify_watches=40).json()["findings"]
     assert [(finding["subject"], finding["reason"].split(".")[0]) for finding in watches] == [
-        ("fs.inotify.max_user_watches",
+        ("user.max_inotify_watches",
          "The catalogues list 52 folders, but a user may have only 40 watches")]  # the root, Music and the 50
     assert run_limited(ctl, max_inotify_watches=52).json()["findings"] == []
     instances = run_limited(ctl, max_inotify_instances=0)

@@ -12,10 +12,10 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <vector>
 
 namespace {
 
@@ -26,11 +26,37 @@ std::optional<long long> numberIn(const std::string& path)
     return file >> number ? std::optional<long long>(number) : std::nullopt;
 }
 
-std::optional<long long> lowest(const std::optional<long long>& one, const std::optional<long long>& other)
+struct Limit {
+    std::string setting; ///< its name
+    long long watches;
+};
+
+/// The limits that the kernel keeps to, the lowest first. Outside of a user namespace both files show the same one.
+std::vector<Limit> watchLimits(const Machine& machine)
 {
-    if (!one || !other)
-        return one ? one : other;
-    return std::min(*one, *other);
+    const std::optional<long long> general = numberIn(machine.watchLimit);
+    const std::optional<long long> here = numberIn(machine.watchLimitHere);
+    std::vector<Limit> limits;
+    if (here && (!general || *here < *general))
+        limits.push_back({ "user.max_inotify_watches", *here });
+    if (general)
+        limits.push_back({ "fs.inotify.max_user_watches", *general });
+    return limits;
+}
+
+/// What raises the limits that are too low.
+std::string raisingLimits(const std::vector<Limit>& limits, long long folders)
+{
+    std::string settings;
+    for (const Limit& limit : limits) {
+        if (limit.watches < folders)
+            settings += (settings.empty() ? "'" : " and '") + limit.setting + " = " + std::to_string(2 * folders) + "'";
+    }
+    const bool isOfNamespace = limits.front().setting.compare(0, 5, "user.") == 0;
+    return "Write " + settings + " into /etc/sysctl.d/quarrow.conf, run 'sysctl --system' and restart the daemon"
+        + (isOfNamespace ? ". The setting user.max_inotify_watches belongs to the user namespace, such as a container,"
+                           " and is changed inside it"
+                         : "");
 }
 
 struct FolderCount {
@@ -60,19 +86,19 @@ FolderCount countFolders(const HostReading& reading)
 
 void checkWatches(const Machine& machine, const HostReading& reading, Findings& findings)
 {
-    const std::optional<long long> limit = lowest(numberIn(machine.watchLimit), numberIn(machine.watchLimitHere));
-    if (!limit)
+    const std::vector<Limit> limits = watchLimits(machine);
+    if (limits.empty())
         return;
     const FolderCount count = countFolders(reading);
-    if (count.folders <= *limit)
+    const Limit& lowest = limits.front();
+    if (count.folders <= lowest.watches)
         return;
-    FindingsAbout(findings, "fs.inotify.max_user_watches")
+    FindingsAbout(findings, lowest.setting)
         .warn(0,
             std::string("The catalogues list ") + (count.isWhole ? "" : "at least ") + withSeparators(count.folders)
-                + " folders, but a user may have only " + withSeparators(*limit)
+                + " folders, but a user may have only " + withSeparators(lowest.watches)
                 + " watches. The daemon sees changes in the other folders in full walks only",
-            "Write 'fs.inotify.max_user_watches = " + std::to_string(2 * count.folders)
-                + "' into /etc/sysctl.d/quarrow.conf, run 'sysctl --system' and restart the daemon");
+            raisingLimits(limits, count.folders));
 }
 
 void checkInstances(const Machine& machine, Findings& findings)

@@ -47,12 +47,29 @@ TEST_F(CheckMachineTest, fewerWatchesThanFolders)
     EXPECT_EQ("", checkHere());
     folder.writeFile("machine/watches", "999\n");
     EXPECT_EQ(tooFewWatches("1,000", "999", "2000"), checkHere());
-    machine.watchLimitHere = folder.writeFile("machine/here", "60\n"); // the lower one counts
-    EXPECT_EQ(tooFewWatches("1,000", "60", "2000"), checkHere());
+    machine.watchLimitHere = folder.writeFile("machine/here", "999\n"); // the same one, as without a namespace
+    EXPECT_EQ(tooFewWatches("1,000", "999", "2000"), checkHere());
     machine.watchLimit = folder.path("machine/no-such-limit");
-    EXPECT_EQ(tooFewWatches("1,000", "60", "2000"), checkHere());
     machine.watchLimitHere = machine.watchLimit;
     EXPECT_EQ("", checkHere());
+}
+
+TEST_F(CheckMachineTest, theLowerLimitOfAUserNamespaceIsNamed)
+{
+    const auto tooFewHere = [](const std::string& settings) {
+        return "user.max_inotify_watches: warning: The catalogues list 1,000 folders, but a user may have only 60"
+               " watches. The daemon sees changes in the other folders in full walks only. Write "
+            + settings
+            + " into /etc/sysctl.d/quarrow.conf, run 'sysctl --system' and restart the daemon. The setting"
+              " user.max_inotify_watches belongs to the user namespace, such as a container, and is changed inside it.\n";
+    };
+    makeCatalogue("v", 1000, 0);
+    machine.watchLimitHere = folder.writeFile("machine/here", "60\n");
+    EXPECT_EQ(tooFewHere("'user.max_inotify_watches = 2000'"), checkHere());
+    folder.writeFile("machine/watches", "999\n");
+    EXPECT_EQ(tooFewHere("'user.max_inotify_watches = 2000' and 'fs.inotify.max_user_watches = 2000'"), checkHere());
+    machine.watchLimit = folder.path("machine/no-such-limit");
+    EXPECT_EQ(tooFewHere("'user.max_inotify_watches = 2000'"), checkHere());
 }
 
 TEST_F(CheckMachineTest, watchesAreSharedByTheVolumesWhoseCataloguesCanBeRead)

@@ -210,11 +210,19 @@ def test_standby_and_a_missing_mime_table(arena):
 def test_files_that_are_none(arena):
     ctl = Ctl(arena, [good_volume(arena)])
     os.mkfifo(arena.path("pipe"))
-    for path, reason in {arena.path("pipe"): "This is no regular file", arena.folder: "It cannot be read: Is a directory",
+    for path, reason in {arena.folder: "It cannot be read: Is a directory",
                          arena.path("missing"): "It cannot be read: No such file or directory"}.items():
         result = ctl.run("check", path)
         assert (path, result.status, result.errors) == (path, 2, "")
         assert result.lines[0].startswith(f"{path}: refused: {reason}")
+    pipe = ctl.run("check", arena.path("pipe"))
+    assert (pipe.status, pipe.errors) == (2, "")  # the daemon would read what somebody writes into it
+    assert pipe.lines[0].startswith(f"{arena.path('pipe')}: not checked: This is no regular file")
+    assert pipe.lines[1:] == [f"{arena.path('pipe')}: This configuration was not checked."]
+    unchecked = ctl.run("check", arena.path("pipe"), "--json")
+    assert unchecked.json()["accepted"] is None
+    assert [finding["kind"] for finding in unchecked.json()["findings"]] == ["unchecked"]
+    assert ctl.good("check", f"file://{ctl.config}").lines[-1] == f"file://{ctl.config}: The daemon accepts this configuration."
 
 
 def test_an_ordinary_user(arena):

@@ -50,7 +50,7 @@ void addCheckCommand(CLI::App& app, Command& chosen)
         ->type_name("");
     command->add_flag("--json", options->json, "Print one JSON object instead of lines");
     command->footer("The exit status is 0 when the daemon accepts the configuration, 1 when it does and there are\n"
-                    "warnings, and 2 when it refuses it. Run it as the daemon's user: what that one may not read\n"
-                    "cannot be checked. Nothing is changed.");
+                    "warnings, and 2 when it refuses it, or when it is no regular file and is not checked. Run it as\n"
+                    "the daemon's user: what that one may not read cannot be checked. Nothing is changed.");
     command->callback([options, &chosen] { chosen = [options] { return check(*options); }; });
 }

@@ -23,17 +23,43 @@ void printVolume(const VolumeReading& volume)
         fmt::print("    exclusion   {}\n", visible(path.text));
 }
 
-std::string kindOf(const Finding& finding) { return finding.kind == Finding::Kind::refusal ? "refused" : "warning"; }
+struct Words {
+    const char* forPeople;
+    const char* inJson;
+};
+
+Words kindOf(const Finding& finding)
+{
+    switch (finding.kind) {
+    case Finding::Kind::refusal:
+        return { "refused", "refusal" };
+    case Finding::Kind::unchecked:
+        return { "not checked", "unchecked" };
+    case Finding::Kind::warning:
+        break;
+    }
+    return { "warning", "warning" };
+}
+
+std::string verdictOn(const ConfigurationCheck& check)
+{
+    using terminal::Colour;
+    using terminal::coloured;
+    if (!check.isChecked())
+        return "This configuration was " + coloured("not checked", Colour::red);
+    return "The daemon " + (check.isAccepted() ? coloured("accepts", Colour::green) : coloured("refuses", Colour::red))
+        + " this configuration";
+}
 
 void printFinding(const Finding& finding)
 {
     const std::string place
         = finding.line == 0 ? visible(finding.subject) : fmt::format("{}:{}", visible(finding.subject), finding.line);
     const terminal::Colour colour
-        = finding.kind == Finding::Kind::refusal ? terminal::Colour::red : terminal::Colour::yellow;
+        = finding.kind == Finding::Kind::warning ? terminal::Colour::yellow : terminal::Colour::red;
     const std::string remedy = visible(finding.remedy);
-    fmt::print(
-        "{}: {}: {}. {}.\n", place, terminal::coloured(kindOf(finding), colour), visible(finding.reason), remedy);
+    fmt::print("{}: {}: {}. {}.\n", place, terminal::coloured(kindOf(finding).forPeople, colour),
+        visible(finding.reason), remedy);
 }
 
 /// As the end of a sentence.
@@ -72,7 +98,7 @@ ordered_json jsonOf(const VolumeReading& volume)
 ordered_json jsonOf(const Finding& finding)
 {
     ordered_json object;
-    object["kind"] = finding.kind == Finding::Kind::refusal ? "refusal" : "warning";
+    object["kind"] = kindOf(finding).inJson;
     setBytes(object, "subject", finding.subject);
     if (finding.line != 0)
         object["line"] = finding.line;
@@ -95,9 +121,7 @@ void printCheck(const ConfigurationCheck& check)
     if (check.findings().omitted() != 0)
         fmt::print(
             "There are {} further warnings.\n", withSeparators(static_cast<long long>(check.findings().omitted())));
-    fmt::print("{}: The daemon {} this configuration{}.\n", check.path().empty() ? "''" : visible(check.path()),
-        check.isAccepted() ? terminal::coloured("accepts", terminal::Colour::green)
-                           : terminal::coloured("refuses", terminal::Colour::red),
+    fmt::print("{}: {}{}.\n", check.path().empty() ? "''" : visible(check.path()), verdictOn(check),
         check.isAccepted() ? numberOfWarnings(check.findings()) : "");
 }
 
@@ -105,7 +129,7 @@ void printCheckAsJson(const ConfigurationCheck& check)
 {
     ordered_json object;
     setBytes(object, "configuration", check.path());
-    object["accepted"] = check.isAccepted();
+    object["accepted"] = check.isChecked() ? ordered_json(check.isAccepted()) : ordered_json();
     if (check.isAccepted()) {
         object["purge_threshold"] = check.purgeThreshold();
         object["volumes"] = ordered_json::array();

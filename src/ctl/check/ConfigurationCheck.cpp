@@ -12,6 +12,8 @@
 #include "ctl/check/VolumeRules.h"
 
 #include <fcntl.h>
+#include <libxml/uri.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -20,10 +22,35 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
 constexpr const char* nameAnother = "Name another one, as the argument, with --config or by QUARROW_CONFIG_FILE";
+
+/// The path of a local file: address, as far as the XML library knows it; any other text as it is.
+std::string withoutScheme(const std::string& address)
+{
+    for (const std::string prefix : { "file://localhost/", "file:///", "file:/" }) {
+        if (strncasecmp(address.c_str(), prefix.c_str(), prefix.length()) == 0)
+            return address.substr(prefix.length() - 1);
+    }
+    return address;
+}
+
+/// Where the XML library looks for the configuration: at the path that an address stands for, and, if nothing is there,
+/// at that with %20 and the like replaced.
+std::string placeOf(const std::string& path)
+{
+    const std::string place = withoutScheme(path);
+    struct stat64 status;
+    if (stat64(place.c_str(), &status) == 0)
+        return place;
+    char* const unescaped = xmlURIUnescapeString(path.c_str(), 0, nullptr);
+    const std::string other = unescaped == nullptr ? place : withoutScheme(unescaped);
+    xmlFree(unescaped);
+    return stat64(other.c_str(), &status) == 0 ? other : place;
+}
 
 /// Whether reading would go to somewhere else than a file, or might not end. The XML library takes '-' for standard
 /// input and fetches addresses.
@@ -88,8 +115,11 @@ ConfigurationCheck::ConfigurationCheck(const Machine& machine)
         return;
     }
     const FindingsAbout found(all, file);
-    if (isNoFile(file)) {
-        found.refuse(0, "This is no regular file, and the daemon's start might wait for it for ever",
+    if (isNoFile(placeOf(file))) {
+        checked = false;
+        found.leaveUnchecked(
+            "This is no regular file: reading it might never end, and takes from a pipe what is meant for"
+            " the daemon",
             "Write the configuration into a file");
         return;
     }
@@ -101,9 +131,10 @@ ConfigurationCheck::ConfigurationCheck(const Machine& machine)
     explain();
     consistent = accepted != all.hasRefusal() && (!accepted || isEqual(read, config));
     if (!consistent) {
+        checked = false;
         accepted = false;
         all.clear();
-        found.refuse(0, "The file was changed while it was read", "Check it again");
+        found.leaveUnchecked("The file was changed while it was read", "Check it again");
         return;
     }
     all.sortByLine();
@@ -135,7 +166,7 @@ void ConfigurationCheck::explain()
 
 void ConfigurationCheck::refuseUnparsed(const ParserMessages& messages, const FindingsAbout& found)
 {
-    const std::string failure = failureToOpen(file);
+    const std::string failure = failureToOpen(placeOf(file));
     if (!failure.empty()) {
         found.refuse(0, "It cannot be read: " + failure, nameAnother);
         return;

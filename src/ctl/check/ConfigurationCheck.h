@@ -17,10 +17,12 @@ public:
 
     const std::string& path() const { return file; }
     bool isAccepted() const { return accepted; }
+    /// False when the file was not read, because it is no regular file, or not consistently. Nothing is accepted then.
+    bool isChecked() const { return checked; }
     /// False when the daemon's class and the reading differ: the file was changed between them. Nothing is accepted
     /// then.
     bool isConsistent() const { return consistent; }
-    /// Why it is refused, and warnings.
+    /// Why it is refused or was not checked, and warnings.
     const Findings& findings() const { return all; }
     /// What the daemon would use. Only with an accepted configuration.
     const HostReading& reading() const { return read; }
@@ -32,6 +34,7 @@ private:
 
     std::string file;
     bool accepted = false;
+    bool checked = true;
     bool consistent = true;
     int threshold = 0;
     HostReading read = HostReading(nullptr);

@@ -35,6 +35,11 @@ void FindingsAbout::refuse(int line, const std::string& reason, const std::strin
     all.add({ Finding::Kind::refusal, about, line, reason, remedy });
 }
 
+void FindingsAbout::leaveUnchecked(const std::string& reason, const std::string& remedy) const
+{
+    all.add({ Finding::Kind::unchecked, about, 0, reason, remedy });
+}
+
 void FindingsAbout::warn(int line, const std::string& reason, const std::string& remedy) const
 {
     all.add({ Finding::Kind::warning, about, line, reason, remedy });

@@ -6,7 +6,7 @@
 
 /// One thing that a check has found out.
 struct Finding {
-    enum class Kind { refusal, warning };
+    enum class Kind { refusal, unchecked, warning };
     Kind kind;
     std::string subject; ///< the path, or another name, of what it is about
     int line;            ///< in that file, from 1; 0 when none belongs to it
@@ -38,6 +38,8 @@ public:
 
     /// The daemon refuses the configuration for this reason.
     void refuse(int line, const std::string& reason, const std::string& remedy) const;
+    /// What the daemon makes of it was not found out, for this reason.
+    void leaveUnchecked(const std::string& reason, const std::string& remedy) const;
     /// The daemon takes it without a word.
     void warn(int line, const std::string& reason, const std::string& remedy) const;
 

@@ -152,14 +152,31 @@ TEST_F(CheckRefusalsTest, whatIsNoReadableFileIsRefusedWithTheReason)
 
 TEST_F(CheckRefusalsTest, whatIsNoFileIsNotWaitedFor)
 {
-    const std::string refusal
-        = "refused: This is no regular file, and the daemon's start might wait for it for ever. Write"
-          " the configuration into a file.\n";
+    const std::string unchecked
+        = "not checked: This is no regular file: reading it might never end, and takes from a pipe what is meant for the"
+          " daemon. Write the configuration into a file.\n";
     ASSERT_EQ(0, mkfifo(folder.path("host.xml").c_str(), 0600));
-    EXPECT_EQ(refusal, check());
-    for (const char* path : { "-", "http://localhost:1/host.xml", "/dev/zero" }) {
+    EXPECT_EQ(unchecked, check());
+    for (const char* path :
+        { "-", "http://localhost:1/host.xml", "/dev/zero", "file:///dev/zero", "/dev/%7aero", "file://host/x" }) {
         setenv("QUARROW_CONFIG_FILE", path, 1);
-        EXPECT_EQ(path + std::string(": ") + refusal, check());
+        EXPECT_EQ(path + std::string(": ") + unchecked, check());
+    }
+}
+
+TEST_F(CheckRefusalsTest, anAddressOfAFileIsReadAsItsPath)
+{
+    folder.writeFile("a b.xml", replaced(withSettings(""), "DIR", folder.path()));
+    folder.writeFile("other.xml", "<Q/>");
+    for (const char* const prefix : { "", "file:", "file://", "FILE://", "file://localhost" }) {
+        for (const char* const name : { "/a b.xml", "/a%20b.xml" }) {
+            setenv("QUARROW_CONFIG_FILE", (prefix + folder.path() + name).c_str(), 1);
+            EXPECT_EQ("", check()) << prefix << name;
+        }
+        setenv("QUARROW_CONFIG_FILE", (prefix + folder.path() + "/other.xml").c_str(), 1);
+        EXPECT_NE(std::string::npos, check().find("refused: There is no <Version>")) << prefix;
+        setenv("QUARROW_CONFIG_FILE", (prefix + folder.path()).c_str(), 1);
+        EXPECT_NE(std::string::npos, check().find("refused: It cannot be read: Is a directory")) << prefix;
     }
 }
 
@@ -204,7 +221,7 @@ private:
     static inline std::string other;
 };
 
-TEST_F(CheckRefusalsTest, aFileThatIsChangedMeanwhileIsRefused)
+TEST_F(CheckRefusalsTest, aFileThatIsChangedMeanwhileIsNotChecked)
 {
     const std::string good = withSettings("<purge_threshold>7</purge_threshold>");
     folder.writeFile("host.xml", good);
@@ -218,7 +235,7 @@ TEST_F(CheckRefusalsTest, aFileThatIsChangedMeanwhileIsRefused)
         EXPECT_FALSE(done.isConsistent()) << other;
         EXPECT_FALSE(done.isAccepted()) << other;
         ASSERT_EQ(1U, done.findings().list().size()) << other;
-        EXPECT_TRUE(done.findings().hasRefusal()) << other;
+        EXPECT_FALSE(done.isChecked()) << other;
         EXPECT_EQ("The file was changed while it was read", done.findings().list()[0].reason) << other;
     }
 }

@@ -76,9 +76,14 @@ bool DaemonSearch::isCatalogueFile(unsigned long long device, unsigned long long
         [=](const Inode& file) { return file.device == device && file.number == number; });
 }
 
-bool DaemonSearch::isTrusted(unsigned owner) const
+bool DaemonSearch::isTrusted(const ProcessFacts& process) const
 {
-    return std::find(owners.begin(), owners.end(), owner) != owners.end();
+    // Anybody can start a set-user-ID program with a name and an environment of his choice. Some of them then take on
+    // root's id in all three places.
+    const std::vector<uid_t> users = process.users();
+    return !users.empty() && !process.isSetUserProgram() && std::all_of(users.begin(), users.end(), [this](uid_t user) {
+        return std::find(owners.begin(), owners.end(), user) != owners.end();
+    });
 }
 
 bool DaemonSearch::hasLockedCatalogue(int process) const
@@ -99,8 +104,7 @@ std::optional<DaemonSearch::Candidate> DaemonSearch::examine(int process) const
 {
     const ProcessFacts facts(process, proc);
     const std::optional<ProcessStat> stat = facts.stat();
-    const std::optional<uid_t> owner = facts.owner();
-    if (!stat || stat->name != daemonName || !owner || !isTrusted(*owner))
+    if (!stat || stat->name != daemonName || !isTrusted(facts))
         return std::nullopt;
     const std::optional<std::string> environment = facts.environment();
     const std::string named = environment ? configurationIn(*environment) : std::string();

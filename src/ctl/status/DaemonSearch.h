@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+class ProcessFacts;
+
 /// What is known about the daemon of a configuration.
 struct DaemonFinding {
     enum class State { running, stopped, unknown };
@@ -26,8 +28,9 @@ struct DaemonFinding {
 /// machine. So it is told by the configuration that its environment names, which its own user and root can read, and by
 /// the locks that it holds on the catalogues, which everybody can see while they are in write-ahead mode.
 ///
-/// Only processes that belong to root, to the caller or to the owner of one of the catalogues count: any program can
-/// give itself the daemon's name and lock a file that it may read.
+/// Only processes that belong to root, to the caller or to the owner of one of the catalogues count, by their real,
+/// effective and saved user: any program can give itself the daemon's name and lock a file that it may read. Programs
+/// with the set-user-ID bit do not count.
 class DaemonSearch {
 public:
     /// `procFolder`: where the kernel's files are, /proc but for tests.
@@ -46,7 +49,7 @@ private:
     std::optional<Candidate> examine(int process) const;
     std::vector<Candidate> candidates() const;
     DaemonFinding withoutMatch(bool isAnyInDoubt) const;
-    bool isTrusted(unsigned owner) const;
+    bool isTrusted(const ProcessFacts& process) const;
     bool isCatalogueFile(unsigned long long device, unsigned long long number) const;
     bool hasLockedCatalogue(int process) const;
 

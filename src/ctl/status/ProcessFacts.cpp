@@ -128,10 +128,24 @@ std::optional<ProcessStat> ProcessFacts::stat() const
     return stat && stat->isAlive() ? stat : std::nullopt;
 }
 
-std::optional<uid_t> ProcessFacts::owner() const
+std::vector<uid_t> ProcessFacts::users() const
+{
+    constexpr std::size_t kinds = 3; // real, effective, saved
+    std::istringstream words(readKernelFile(file("status")).value_or(""));
+    std::vector<uid_t> users;
+    for (std::string word; users.empty() && words >> word;) {
+        if (word != "Uid:")
+            continue;
+        for (uid_t user; users.size() < kinds && words >> user;)
+            users.push_back(user);
+    }
+    return users.size() == kinds ? users : std::vector<uid_t>();
+}
+
+bool ProcessFacts::isSetUserProgram() const
 {
     struct stat64 status;
-    return stat64(folder.c_str(), &status) == 0 ? std::optional(status.st_uid) : std::nullopt;
+    return stat64(file("exe").c_str(), &status) == 0 && (status.st_mode & S_ISUID) != 0;
 }
 
 std::optional<MemoryUse> ProcessFacts::memory() const

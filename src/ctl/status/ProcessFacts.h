@@ -41,7 +41,8 @@ public:
     int id() const { return number; }
     /// nullopt when there is no such process (any more).
     std::optional<ProcessStat> stat() const;
-    std::optional<uid_t> owner() const;
+    /// Its real, effective and saved user; empty when there is no such process (any more).
+    std::vector<uid_t> users() const;
     std::optional<MemoryUse> memory() const;
     /// Sorted by start, then id.
     std::vector<ThreadFacts> threads() const;
@@ -55,6 +56,8 @@ public:
 
     // For those who may trace it alone: its own user, mostly, and root.
 
+    /// Whether its program runs as the program's owner, whoever starts it. False also when it may not be looked at.
+    bool isSetUserProgram() const;
     /// The environment as it was at the start, NUL behind each variable; nullopt when it may not be read.
     std::optional<std::string> environment() const;
     /// Where a path leads for the process, which may have another root and another current folder.

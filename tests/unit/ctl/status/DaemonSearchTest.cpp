@@ -27,6 +27,13 @@ protected:
     {
         proc(std::to_string(id) + "/stat",
             fmt::format("{} ({}) {} 1 7 7 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 3 0 1000 111\n", id, name, state));
+        users(id, geteuid(), geteuid(), geteuid());
+    }
+
+    void users(int id, unsigned real, unsigned effective, unsigned saved) const
+    {
+        proc(std::to_string(id) + "/status",
+            fmt::format("Name:\tquarrow\nUid:\t{}\t{}\t{}\t{}\nGid:\t0\t0\t0\t0\n", real, effective, saved, effective));
     }
 
     /// A daemon with a root folder like everybody's.
@@ -56,6 +63,8 @@ protected:
 };
 
 using State = DaemonFinding::State;
+
+constexpr unsigned stranger = 12345;
 
 TEST_F(DaemonSearchTest, withoutADaemonItIsStopped)
 {
@@ -164,14 +173,39 @@ TEST_F(DaemonSearchTest, withoutTheVariableItIsTheAppliancesConfiguration)
 
 TEST_F(DaemonSearchTest, processesOfStrangersDoNotCount)
 {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root";
     daemon(20, configuration);
     lock(20, "music/.quarrow/quarrow.db");
-    ASSERT_EQ(0, chown(machine.path("proc/20").c_str(), 12345, 12345));
+    users(20, stranger, stranger, stranger);
     EXPECT_EQ(State::stopped, find().state);
-    ASSERT_EQ(0, chown(volume.cataloguePath().c_str(), 12345, 12345));
+    if (geteuid() != 0)
+        GTEST_SKIP() << "the rest needs root";
+    ASSERT_EQ(0, chown(volume.cataloguePath().c_str(), stranger, stranger));
     EXPECT_EQ(State::running, find().state);
+}
+
+TEST_F(DaemonSearchTest, aStrangersProgramThatRunsAsRootDoesNotCount)
+{
+    daemon(20, configuration);
+    lock(20, "music/.quarrow/quarrow.db");
+    ASSERT_EQ(State::running, find().state);
+    users(20, stranger, 0, 0);
+    EXPECT_EQ(State::stopped, find().state);
+    users(20, 0, stranger, 0);
+    EXPECT_EQ(State::stopped, find().state);
+    users(20, 0, 0, stranger);
+    EXPECT_EQ(State::stopped, find().state);
+    proc("20/status", "Name:\tquarrow\nUid:\t0\t0\n");
+    EXPECT_EQ(State::stopped, find().state);
+}
+
+TEST_F(DaemonSearchTest, aProgramThatTakesOnItsOwnersUserDoesNotCount)
+{
+    daemon(20, configuration);
+    const std::string program = machine.writeFile("bin/program");
+    ASSERT_EQ(0, symlink(program.c_str(), machine.path("proc/20/exe").c_str()));
+    EXPECT_EQ(State::running, find().state);
+    ASSERT_EQ(0, chmod(program.c_str(), 04755));
+    EXPECT_EQ(State::stopped, find().state);
 }
 
 } // namespace

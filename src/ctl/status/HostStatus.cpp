@@ -101,7 +101,7 @@ HostStatus readHostStatus(const StatusQuestion& question, const StepProgress& pr
             [process = host.daemon.finding.process] { return ProcessFacts(process, procFolder).watches(); });
     const FigureCache cache;
     for (const ConfiguredVolume& volume : question.volumes)
-        host.volumes.push_back(readVolumeStatus(volume, question.purgeThreshold, question.isDeep, cache, progress));
+        host.volumes.push_back(readVolumeStatus(volume, question.isDeep, cache, progress));
     if (watches.valid())
         host.daemon.watches = watches.get();
     if (question.volumes.size() == question.allVolumes.size())

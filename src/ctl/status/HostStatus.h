@@ -41,7 +41,6 @@ struct StatusQuestion {
     std::string configuration;
     std::vector<ConfiguredVolume> allVolumes; ///< by these the daemon is known
     std::vector<ConfiguredVolume> volumes;    ///< those to look at
-    int purgeThreshold = 0;
     bool isDeep = false;
 };
 

@@ -5,8 +5,6 @@
 #include "ctl/status/StatusForms.h"
 #include "ctl/status/TextBar.h"
 
-#include "config/QuarrowConfig.h"
-
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
@@ -112,7 +110,6 @@ int run(const Options& options)
     question.configuration = configurationPath();
     question.allVolumes = readConfiguredVolumes();
     question.volumes = chooseVolumes(question.allVolumes, options.volumes);
-    question.purgeThreshold = QuarrowConfig::getInstance()->getPurgeThreshold();
     question.isDeep = options.isDeep;
     return options.isWatching ? watch(question, options) : showOnce(question, options);
 }

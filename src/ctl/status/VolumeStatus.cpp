@@ -70,10 +70,10 @@ void readCatalogue(VolumeStatus& status, bool isDeep, const FigureCache& cache, 
     }
 }
 
-void readStateFile(VolumeStatus& status, int purgeThreshold)
+void readStateFile(VolumeStatus& status)
 {
     const std::string path = status.volume.stateFilePath();
-    status.purge = readPurgeRecord(path, purgeThreshold);
+    status.purge = readPurgeRecord(path);
     if (!status.purge.isKnown && access(path.c_str(), F_OK) == 0)
         status.problems.emplace_back(path, "The time of the last purge cannot be read",
             "If you may read the file, it is damaged: remove it and restart the daemon");
@@ -81,8 +81,8 @@ void readStateFile(VolumeStatus& status, int purgeThreshold)
 
 } // namespace
 
-VolumeStatus readVolumeStatus(const ConfiguredVolume& volume, int purgeThreshold, bool isDeep, const FigureCache& cache,
-    const StepProgress& progress)
+VolumeStatus readVolumeStatus(
+    const ConfiguredVolume& volume, bool isDeep, const FigureCache& cache, const StepProgress& progress)
 {
     VolumeStatus status;
     status.volume = volume;
@@ -92,7 +92,7 @@ VolumeStatus readVolumeStatus(const ConfiguredVolume& volume, int purgeThreshold
     status.bytes = status.isPresent ? file.st_size : 0;
     if (stat64((path + "-wal").c_str(), &file) == 0)
         status.bytes += file.st_size;
-    readStateFile(status, purgeThreshold);
+    readStateFile(status);
     try {
         readCatalogue(status, isDeep, cache, progress);
     } catch (const Problem& problem) {

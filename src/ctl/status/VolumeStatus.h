@@ -30,5 +30,5 @@ using StepProgress = std::function<void(const std::string& step, double done)>;
 
 /// Looks at a volume. `isDeep`: reads the whole catalogue to see whether it is sound. Never throws a Problem, it is in
 /// the result.
-VolumeStatus readVolumeStatus(const ConfiguredVolume& volume, int purgeThreshold, bool isDeep, const FigureCache& cache,
-    const StepProgress& progress);
+VolumeStatus readVolumeStatus(
+    const ConfiguredVolume& volume, bool isDeep, const FigureCache& cache, const StepProgress& progress);

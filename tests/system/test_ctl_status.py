@@ -371,11 +371,11 @@ def test_plain_lines_in_a_pipe(arena):
 
 
 class OnTerminal:
-    """The command with a terminal of 100 columns and 40 lines as its output."""
+    """The command with a terminal of 100 columns as its output."""
 
-    def __init__(self, ctl, *arguments, environment=None):
+    def __init__(self, ctl, *arguments, environment=None, lines=40):
         self.master, slave = pty.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, 100, 0, 0))
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", lines, 100, 0, 0))
         self.process = subprocess.Popen(ctl.command(*arguments, environment={"TERM": "xterm", **(environment or {})}),
                                         stdin=subprocess.DEVNULL, stdout=slave, stderr=subprocess.PIPE)
         os.close(slave)
@@ -436,6 +436,15 @@ def test_watching_without_a_number_has_a_pause_of_its_own(arena):
     wait_for(lambda: "\033[J" in shown.read(), "a picture")
     shown.close()
     assert "Every 2 s. Ctrl+C ends this.\033[K\r\n" in shown.text
+
+
+@pytest.mark.parametrize("lines", [1, 2])
+def test_watching_on_a_terminal_of_few_lines(arena, lines):
+    shown = OnTerminal(Ctl(arena, [sample_volume(arena)]), "status", "--watch", "0.1", lines=lines)
+    wait_for(lambda: shown.read().count("\033[J") >= 2, "two pictures")
+    assert shown.process.poll() is None
+    shown.close()
+    assert shown.text.startswith("\033[2J\033[H...\033[K\r\n\033[J\033[H...")
 
 
 def test_watching_in_a_pipe(arena):

@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -44,7 +45,7 @@ void drawScreen(const HostStatus& host, const std::string& head)
     lines.insert(lines.begin(), head);
     for (const Problem& problem : host.problems())
         lines.push_back(terminal::coloured(problem.what(), terminal::Colour::yellow));
-    const std::size_t height = screenHeight(lines.size());
+    const std::size_t height = std::max<std::size_t>(screenHeight(lines.size()), 2); // a picture and the cursor's line
     if (lines.size() >= height) {
         lines.resize(height - 1);
         lines.back() = "...";

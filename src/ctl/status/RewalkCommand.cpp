@@ -3,23 +3,20 @@
 #include "ctl/Text.h"
 #include "ctl/status/ActivityLine.h"
 #include "ctl/status/DaemonSearch.h"
+#include "ctl/status/HeldProcess.h"
 #include "ctl/status/HostStatus.h"
 #include "ctl/status/ProcessFacts.h"
 #include "ctl/status/Rewalk.h"
 #include "ctl/status/TextBar.h"
 
-#include "core/FileDescriptor.h"
-
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <memory>
 
@@ -57,29 +54,19 @@ ProcessFacts findDaemon(const std::string& configuration, const std::vector<Conf
     return daemon;
 }
 
-// Not by <sys/pidfd.h>: in some C libraries it has no declarations for C++.
-
-int openProcess(int process) { return static_cast<int>(syscall(SYS_pidfd_open, process, 0)); }
-
-long signalProcess(int descriptor, int signal)
-{
-    return syscall(SYS_pidfd_send_signal, descriptor, signal, nullptr, 0);
-}
-
 /// Sends SIGUSR1 to the daemon. Throws a Problem.
 void signalDaemon(
     const ProcessFacts& daemon, const std::string& configuration, const std::vector<ConfiguredVolume>& volumes)
 {
-    // From here on the process may end, but its id cannot come to stand for another one. So it is looked at once more.
-    const FileDescriptor held(openProcess(daemon.id()));
+    // What was found may have ended before it was held, and its id may stand for another process now. So it is looked
+    // at once more.
+    const HeldProcess held(daemon.id());
     if (findDaemon(configuration, volumes).id() != daemon.id())
         throw Problem(configuration, "The daemon was just restarted", "It walks all volumes when it starts");
     if (!daemon.handles(SIGUSR1)) // which would end it
         throw Problem(
             nameOf(daemon), "The daemon is just starting", "It walks all volumes then: nothing is to be done");
-    const long sent = held.isOpen() ? signalProcess(held.get(), SIGUSR1) : kill(daemon.id(), SIGUSR1);
-    if (sent != 0)
-        throw Problem(nameOf(daemon), std::string("The daemon cannot be signalled: ") + std::strerror(errno));
+    held.send(SIGUSR1);
 }
 
 /// What a wish that came too soon has to be told.

@@ -29,10 +29,10 @@ std::string environmentPath(const char* name)
     return value != nullptr && value[0] == '/' ? value : "";
 }
 
-/// What the file begins with when it is of this catalogue in this state.
+/// What the file begins with when it is of this catalogue in this state. The number stands for what the figures mean.
 std::string heading(const std::string& path, const std::string& state)
 {
-    return fmt::format("quarrowctl figures 1\n{:016x} {}\n{}\n", fnv(path), path.size(), state);
+    return fmt::format("quarrowctl figures 2\n{:016x} {}\n{}\n", fnv(path), path.size(), state);
 }
 
 std::string numbers(const CatalogueFigures& figures)

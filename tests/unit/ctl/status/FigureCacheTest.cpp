@@ -1,7 +1,9 @@
 #include "ctl/status/FigureCache.h"
 
+#include "ctl/Fnv.h"
 #include "support/TemporaryFolder.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -59,6 +61,22 @@ TEST_F(FigureCacheTest, theNewestOfACatalogueReplacesTheOldOne)
     EXPECT_FALSE(FigureCache().find("/a", "old"));
     EXPECT_EQ(99, FigureCache().find("/a", "new")->folders);
     EXPECT_EQ(1, FigureCache().find("/b", "old")->folders);
+}
+
+TEST_F(FigureCacheTest, figuresThatMeantSomethingElseDoNotCount)
+{
+    FigureCache().keep("/a", "state", figures);
+    const std::string name = fmt::format("cache/quarrow/figures-{:016x}", fnv("/a"));
+    const std::string numbers = "6 7 8 9 10 11 12 9223372036854775807 1 2 3 4 -5\n";
+    const auto write = [&](int meaning) {
+        const std::string text
+            = fmt::format("quarrowctl figures {}\n{:016x} 2\nstate\n{}", meaning, fnv("/a"), numbers);
+        home.writeFile(name, text + fmt::format("{:016x}\n", fnv(text)));
+    };
+    write(2);
+    EXPECT_TRUE(FigureCache().find("/a", "state"));
+    write(1); // bytes as the catalogue has them
+    EXPECT_FALSE(FigureCache().find("/a", "state"));
 }
 
 } // namespace

@@ -23,6 +23,14 @@ bool isOwnFolder(const std::string& path)
     return stat64(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
 }
 
+/// The folder that the path is in.
+std::string folderAbove(const std::string& path)
+{
+    const std::size_t last = path.find_last_not_of('/');
+    const std::size_t slash = last == std::string::npos ? last : path.rfind('/', last);
+    return slash == std::string::npos ? "/" : path.substr(0, slash + 1);
+}
+
 std::string environmentPath(const char* name)
 {
     const char* const value = std::getenv(name);
@@ -99,8 +107,10 @@ bool FigureCache::makeFolder() const
     constexpr mode_t ownersOnly = 0700;
     if (base.empty())
         return false;
-    // Where they are there already, this fails, and the question below is all that counts.
-    mkdir(base.c_str(), ownersOnly);
+    // Where they are there already, mkdir() fails, and whose they are is all that counts. Nothing is made in somebody
+    // else's folder: root's new ~/.cache would lock out its owner.
+    if (isOwnFolder(folderAbove(base)))
+        mkdir(base.c_str(), ownersOnly);
     if (!isOwnFolder(base))
         return false;
     mkdir(folder.c_str(), ownersOnly);

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -77,6 +78,22 @@ TEST_F(FigureCacheTest, figuresThatMeantSomethingElseDoNotCount)
     EXPECT_TRUE(FigureCache().find("/a", "state"));
     write(1); // bytes as the catalogue has them
     EXPECT_FALSE(FigureCache().find("/a", "state"));
+}
+
+TEST_F(FigureCacheTest, nothingIsMadeInSomebodyElsesFolder)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root";
+    constexpr unsigned stranger = 12345;
+    ASSERT_EQ(0, chown(home.makeFolder("home").c_str(), stranger, stranger));
+    for (const char* name : { "home/.cache", "home/.cache//" }) {
+        setenv("XDG_CACHE_HOME", home.path(name).c_str(), 1);
+        FigureCache().keep("/a", "state", figures);
+        EXPECT_FALSE(home.exists("home/.cache"));
+    }
+    home.makeFolder("home/.cache"); // this user's own
+    FigureCache().keep("/a", "state", figures);
+    EXPECT_TRUE(FigureCache().find("/a", "state"));
 }
 
 } // namespace

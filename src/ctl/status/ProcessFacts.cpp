@@ -173,7 +173,7 @@ std::vector<ThreadFacts> ProcessFacts::threads() const
     return threads;
 }
 
-bool ProcessFacts::hasSignal(const char* set, int signal) const
+std::optional<bool> ProcessFacts::hasSignal(const char* set, int signal) const
 {
     std::istringstream lines(readKernelFile(file("status")).value_or(""));
     for (std::string line; std::getline(lines, line);) {
@@ -182,20 +182,20 @@ bool ProcessFacts::hasSignal(const char* set, int signal) const
             return ((std::strtoull(line.c_str() + colon + 1, nullptr, 16) >> static_cast<unsigned>(signal - 1)) & 1U)
                 != 0;
     }
-    return false;
+    return std::nullopt;
 }
 
-bool ProcessFacts::isPending(int signal) const { return hasSignal("ShdPnd", signal); }
+bool ProcessFacts::isPending(int signal) const { return hasSignal("ShdPnd", signal) == true; }
 
-bool ProcessFacts::handles(int signal) const { return hasSignal("SigCgt", signal); }
+bool ProcessFacts::handles(int signal) const { return hasSignal("SigCgt", signal) == true; }
+
+bool ProcessFacts::letsIn(int signal) const { return hasSignal("SigBlk", signal) == false; }
 
 std::optional<long long> ProcessFacts::timeOfThread(int thread) const
 {
     const auto text = readKernelFile(file("task/" + std::to_string(thread) + "/schedstat"));
     return text ? std::optional(std::atoll(text->c_str())) : std::nullopt;
 }
-
-std::optional<long long> ProcessFacts::timeOfMainThread() const { return timeOfThread(number); }
 
 std::optional<long long> ProcessFacts::timeOfThreads() const
 {

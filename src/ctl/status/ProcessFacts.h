@@ -50,9 +50,10 @@ public:
     bool isPending(int signal) const;
     /// Whether the process has a handler for the signal.
     bool handles(int signal) const;
+    /// Whether the main thread does not block the signal. False also when there is no such process (any more).
+    bool letsIn(int signal) const;
     /// The processor time of the threads that are there, in nanoseconds; nullopt when the kernel does not say.
     std::optional<long long> timeOfThreads() const;
-    std::optional<long long> timeOfMainThread() const; ///< likewise
 
     // For those who may trace it alone: its own user, mostly, and root.
 
@@ -71,7 +72,7 @@ public:
 
 private:
     std::optional<long long> timeOfThread(int thread) const;
-    bool hasSignal(const char* set, int signal) const;
+    std::optional<bool> hasSignal(const char* set, int signal) const;
     std::string file(const std::string& name) const { return folder + "/" + name; }
 
     int number;

@@ -12,9 +12,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds untilTaken(5);         // the daemon takes it at once, unless it purges or starts
 constexpr std::chrono::milliseconds afterTaken(1500); // it then needs a fraction of a millisecond
+constexpr std::chrono::seconds whileBusy(10);         // longer where its main thread is busy
 constexpr std::chrono::milliseconds betweenLooks(1);
 constexpr std::chrono::milliseconds betweenLooksAtEnd(50);
-constexpr int quietLooks = 6; // volumes are taken in turn: the next walk may begin after a purge of the last volume
 constexpr std::size_t steadyThreads = 3;
 
 } // namespace
@@ -50,8 +50,10 @@ bool Rewalk::hasThreadEnded() const
 Rewalk::Outcome Rewalk::observe()
 {
     Clock::time_point deadline = Clock::now() + untilTaken;
+    const Clock::time_point latest = deadline + whileBusy;
     bool isTaken = false;
-    while (Clock::now() < deadline) {
+    // A main thread that is not at rest may yet begin a walk, on a slow machine.
+    while (Clock::now() < deadline || (isTaken && Clock::now() < latest && isAlive() && !isMainThreadAtRest())) {
         if (hasNewThread(daemon.threads()))
             return Outcome::begun;
         if (!isTaken && !daemon.isPending(SIGUSR1)) {
@@ -69,16 +71,15 @@ Rewalk::Outcome Rewalk::observe()
     return Outcome::tooSoon;
 }
 
+/// Whether the daemon's main thread waits. It takes the volumes in turn, with a purge after each beginning of a walk,
+/// and lets signals in when all that is done, and only then.
+bool Rewalk::isMainThreadAtRest() const { return daemon.letsIn(SIGUSR1); }
+
 bool Rewalk::waitForEnd(const std::function<void()>& waiting) const
 {
-    int quiet = 0;
-    long long lastTime = -1;
     while (isAlive()) {
-        const std::optional<long long> mainTime = daemon.timeOfMainThread();
-        const bool isBusy = daemon.threads().size() > steadyThreads || mainTime.value_or(0) != lastTime;
-        lastTime = mainTime.value_or(0);
-        quiet = isBusy ? 0 : quiet + 1;
-        if (quiet >= quietLooks)
+        // In this order: once the main thread is at rest, no further walk begins, so that the threads tell.
+        if (isMainThreadAtRest() && daemon.threads().size() <= steadyThreads && isAlive())
             return true;
         waiting();
         std::this_thread::sleep_for(betweenLooksAtEnd);

@@ -8,7 +8,7 @@
 #include <vector>
 
 /// The wish for a full walk that SIGUSR1 is, and what becomes of it. The daemon gives no answer, so the threads tell:
-/// it makes one for each volume that it walks.
+/// it makes one for each volume that it walks. Its main thread blocks the signal but for its waits.
 class Rewalk {
 public:
     enum class Outcome {
@@ -32,6 +32,7 @@ public:
 
 private:
     bool isAlive() const;
+    bool isMainThreadAtRest() const;
     bool hasNewThread(const std::vector<ThreadFacts>& now) const;
     bool hasThreadEnded() const;
 

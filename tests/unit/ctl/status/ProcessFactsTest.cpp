@@ -62,11 +62,17 @@ TEST_F(ProcessFactsTest, memoryIsInBytes)
 
 TEST_F(ProcessFactsTest, signalsThatWaitAndSignalsThatAreHandled)
 {
-    write("status", "SigPnd:\tffffffffffffffff\nShdPnd:\t0000000000000200\nSigCgt:\t0000000000004000\n");
+    write("status",
+        "SigPnd:\tffffffffffffffff\nShdPnd:\t0000000000000200\nSigBlk:\t0000000000004000\n"
+        "SigCgt:\t0000000000004000\n");
     EXPECT_TRUE(process.isPending(SIGUSR1));
     EXPECT_FALSE(process.isPending(SIGTERM));
     EXPECT_FALSE(process.handles(SIGUSR1));
     EXPECT_TRUE(process.handles(SIGTERM));
+    EXPECT_TRUE(process.letsIn(SIGUSR1));
+    EXPECT_FALSE(process.letsIn(SIGTERM));
+    proc.remove("7/status");
+    EXPECT_FALSE(process.letsIn(SIGUSR1));
 }
 
 TEST_F(ProcessFactsTest, pathsAreThoseOfTheProcess)

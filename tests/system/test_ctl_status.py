@@ -61,6 +61,12 @@ def kept_files(ctl):
 # The daemon
 
 
+def test_the_help_says_when_the_progress_of_a_walk_is_shown(arena):
+    text = " ".join(Ctl(arena, [sample_volume(arena)]).good("status", "--help").text.split())
+    assert ("shown for walks that began with the daemon, to those who may see its watches (root, mostly), and without --volume."
+            in text)
+
+
 def test_a_daemon_at_rest(arena):
     volume = sample_volume(arena)
     before = time.time()

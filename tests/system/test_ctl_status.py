@@ -110,6 +110,16 @@ def test_a_catalogue_that_changes_is_counted_anew(arena):
     assert figures(found)[1]["video"] == (3, 1105)
 
 
+def test_a_size_beyond_32_bits(arena):
+    """The daemon stores it as a negative number."""
+    volume = sample_volume(arena)
+    walked(arena, volume).stop()
+    edit(volume.catalogue.path, "update Files set size = ? where name = '3.avi'", -1073741824)
+    ctl = Ctl(arena, [volume])
+    assert status(ctl)[0]["volumes"][0]["files"]["video"] == {"count": 1, "bytes": 3 << 30}
+    assert "    video                    1       3.0 GiB" in ctl.run("status").lines
+
+
 def test_a_daemon_that_does_not_run(arena):
     volume = sample_volume(arena)
     daemon = walked(arena, volume)

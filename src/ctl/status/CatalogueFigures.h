@@ -9,7 +9,7 @@ class Catalogue;
 struct CatalogueFigures {
     struct Kind {
         long long files = 0;
-        long long bytes = 0; ///< as the catalogue has them
+        long long bytes = 0; ///< with sizes that were stored in 32 bits put right, see fileSize()
     };
 
     long long folders = 0;

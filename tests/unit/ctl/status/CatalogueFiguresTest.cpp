@@ -71,6 +71,13 @@ TEST(CatalogueFiguresTest, impossibleSizesDoNotWrap)
     EXPECT_EQ(INT64_MAX, figures.all().bytes);
 }
 
+TEST(CatalogueFiguresTest, aSizeThatWasCutTo32BitsIsPutRight)
+{
+    const SampleCatalogue sample;
+    insertFile(sample, 1, "-1073741824", false, 1);
+    EXPECT_EQ(3221225472LL, figuresOf(sample).kinds[0].bytes);
+}
+
 TEST(CatalogueFiguresTest, progressIsToldInBetween)
 {
     const SampleCatalogue sample;

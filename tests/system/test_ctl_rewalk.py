@@ -59,7 +59,7 @@ def test_waiting_for_the_end_of_the_walk(arena, clock):
         assert waiting.stdout.readline() == f"The daemon (process {daemon.pid}) walks the volumes.\n"
         daemon.wait_walks_of(volumes[0], 2)
         # A second wish finds the other walk at work, and is too soon.
-        assert_refused(ctl.run("rewalk", *config), "No walk has been seen to begin")
+        assert_refused(ctl.run("rewalk", *config), "No walk has been seen to begin: 1 of 2 configured volumes was being walked")
         assert waiting.poll() is None
         writer.execute("rollback")
         writer.close()

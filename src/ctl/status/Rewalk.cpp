@@ -2,6 +2,8 @@
 
 #include "ctl/status/EndedThreads.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <csignal>
 #include <thread>
@@ -96,4 +98,17 @@ long long latestNextWish(long long signalled, long long started, long long ready
     if (signalled - started < betweenWalks) // no wish can have counted yet
         lastLoopBegin = std::min(signalled, ready + firstSleep + rounding);
     return lastLoopBegin + betweenWalks;
+}
+
+std::string whyNoWalkBegan(int walking, int configured)
+{
+    std::string why = "No walk has been seen to begin: ";
+    if (walking == 0)
+        return why + "the last one, or the start of the daemon, seems to be less than 300 seconds ago";
+    // The daemon does not say how many volumes it serves. So neither cause can be ruled out.
+    return why
+        + fmt::format(
+            "{} of {} configured volumes {} being walked already, and the rest was walked less than 300 seconds "
+            "ago, or left out by the daemon at its start",
+            walking, configured, walking == 1 ? "was" : "were");
 }

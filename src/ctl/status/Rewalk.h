@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 /// The wish for a full walk that SIGUSR1 is, and what becomes of it. The daemon gives no answer, so the threads tell:
@@ -46,3 +47,7 @@ private:
 /// daemon looks for 300 seconds from its last walk or, before the first signal that counts, from the beginning of its
 /// loop: at the first signal, or a minute after it was `ready`.
 long long latestNextWish(long long signalled, long long started, long long ready);
+
+/// Why no walk may have begun though the signal was taken, in a sentence without a full stop. `walking`: how many of
+/// the `configured` volumes were being walked already.
+std::string whyNoWalkBegan(int walking, int configured);

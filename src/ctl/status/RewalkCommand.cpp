@@ -69,21 +69,25 @@ void signalDaemon(
     held.send(SIGUSR1);
 }
 
-/// What a wish that came too soon has to be told.
-Problem tooSoon(const ProcessFacts& daemon, const std::vector<ThreadFacts>& threads, long long now)
+/// What helps when a wish came too soon and nothing was being walked.
+std::string whenToTryAgain(const std::vector<ThreadFacts>& threads, long long now)
 {
-    std::string remedy = "Try again in 5 minutes";
     const auto started = threads.empty() ? std::nullopt : secondsSince1970(threads.front().startTicks, procFolder);
     const auto ready = threads.empty() ? std::nullopt : secondsSince1970(threads.back().startTicks, procFolder);
-    if (started && ready) {
-        const long long next = latestNextWish(now, *started, *ready);
-        remedy = fmt::format(
-            "Try again at {}, in {}: a signal counts from then on at the latest, unless somebody else sends one before",
-            localTime(next), duration(next - now));
-    }
-    return Problem(nameOf(daemon),
-        "No walk has been seen to begin: the last one, or the start of the daemon, seems to be less than 300 seconds ago",
-        remedy);
+    if (!started || !ready)
+        return "Try again in 5 minutes";
+    const long long next = latestNextWish(now, *started, *ready);
+    return fmt::format(
+        "Try again at {}, in {}: a signal counts from then on at the latest, unless somebody else sends one before",
+        localTime(next), duration(next - now));
+}
+
+/// What a wish that came too soon has to be told. `walking`: how many volumes were being walked before.
+Problem tooSoon(const ProcessFacts& daemon, const Rewalk& wish, int walking, int configured, long long now)
+{
+    return Problem(nameOf(daemon), whyNoWalkBegan(walking, configured),
+        walking == 0 ? whenToTryAgain(wish.threadsBefore(), now)
+                     : "Try again when that has ended, and look at the daemon's log for volumes that it left out");
 }
 
 /// Waits for the end of the walks. Throws a Problem when the daemon ends first.
@@ -112,8 +116,9 @@ void rewalk(const std::string& configuration, const std::vector<ConfiguredVolume
     const long long now = std::time(nullptr);
     signalDaemon(daemon, configuration, volumes);
     const Rewalk::Outcome outcome = wish.observe();
+    const auto configured = static_cast<int>(volumes.size());
     const WalkObservation before = observeWalks(wish.threadsBefore(), sysconf(_SC_CLK_TCK));
-    const bool isWalkedAnyway = before.running > 0 && before.running >= static_cast<int>(volumes.size());
+    const bool isWalkedAnyway = before.running > 0 && before.running >= configured;
     switch (outcome) {
     case Rewalk::Outcome::begun:
         say(fmt::format("The daemon (process {}) walks the volumes.", daemon.id()));
@@ -123,7 +128,7 @@ void rewalk(const std::string& configuration, const std::vector<ConfiguredVolume
         return;
     case Rewalk::Outcome::tooSoon:
         if (!isWalkedAnyway)
-            throw tooSoon(daemon, wish.threadsBefore(), now);
+            throw tooSoon(daemon, wish, before.running, configured, now);
         say(fmt::format("The daemon (process {}) was walking every volume already.", daemon.id()));
         break;
     case Rewalk::Outcome::notTaken:

@@ -72,4 +72,18 @@ TEST(LatestNextWishTest, laterTheLastWalkMayJustHaveBegun)
     EXPECT_EQ(99000 + 300, latestNextWish(99000, 1000, 1002));
 }
 
+TEST(WhyNoWalkBeganTest, whereNothingWasWalkedItIsTheTime)
+{
+    EXPECT_EQ("No walk has been seen to begin: the last one, or the start of the daemon, seems to be less than 300 "
+              "seconds ago",
+        whyNoWalkBegan(0, 2));
+}
+
+TEST(WhyNoWalkBeganTest, whereTheRestMayBeLeftOutThatIsSaid)
+{
+    EXPECT_EQ("No walk has been seen to begin: 1 of 2 configured volumes was being walked already, and the rest was "
+              "walked less than 300 seconds ago, or left out by the daemon at its start",
+        whyNoWalkBegan(1, 2));
+}
+
 } // namespace

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -60,7 +61,7 @@ int main(int, char** argv)
 {
     const std::string path = argv[1];
     Rows rows = load(path);
-    int status = 0;
+    std::set<std::string> restarts; // the volumes that need one
     std::string text;
     while (std::getline(std::cin, text) && !std::cin.eof()) { // a line without its end is half a line
         const Json line = Json::parse(text);
@@ -71,14 +72,14 @@ int main(int, char** argv)
             const std::string volume = volumeOf(line);
             for (auto row = rows.begin(); row != rows.end();)
                 row = std::get<0>(row->first) == volume ? rows.erase(row) : std::next(row);
-            status = 0;
+            restarts.erase(volume);
         } else if (event == "restart-needed") {
-            status = 3;
+            restarts.insert(volumeOf(line));
         } else if (line.contains("kind") && line.at("deleted").get<bool>()) {
             rows.erase(keyOf(line));
         } else if (line.contains("kind")) {
             rows[keyOf(line)] = text;
         }
     }
-    return status;
+    return restarts.empty() ? 0 : 3;
 }

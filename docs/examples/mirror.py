@@ -34,7 +34,7 @@ def store(path, cursor, rows):
 
 
 def main(path):
-    rows, status = load(path), 0
+    rows, restarts = load(path), set()  # the volumes that need one
     for text in sys.stdin.buffer:
         if not text.endswith(b"\n"):
             break  # the rest of a line whose writer was killed
@@ -44,14 +44,14 @@ def main(path):
         elif line.get("event") == "full-listing":
             volume = line.get("volume_hex", line["volume"])
             rows = {each: row for each, row in rows.items() if each[0] != volume}
-            status = 0
+            restarts.discard(volume)
         elif line.get("event") == "restart-needed":
-            status = 3
+            restarts.add(line.get("volume_hex", line["volume"]))
         elif "kind" in line and line["deleted"]:
             rows.pop(key(line), None)
         elif "kind" in line:
             rows[key(line)] = line
-    return status
+    return 3 if restarts else 0
 
 
 if __name__ == "__main__":

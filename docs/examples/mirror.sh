@@ -12,20 +12,21 @@ state=$1
 { tail -n +2 "$state" && cat; } | jq -n -r '
     def volume: .volume_hex // .volume;
     def key: [volume, .kind, .id] | tojson;
-    reduce inputs as $line ({rows: {}};
+    reduce inputs as $line ({rows: {}, restarts: []};
         if $line.cursor then .cursor = $line.cursor
         elif $line.event == "full-listing" then
-            .restart = false | .rows |= with_entries(select((.value | volume) != ($line | volume)))
-        elif $line.event == "restart-needed" then .restart = true
+            .restarts -= [$line | volume] | .rows |= with_entries(select((.value | volume) != ($line | volume)))
+        elif $line.event == "restart-needed" then .restarts += [$line | volume]
         elif $line.deleted then del(.rows[$line | key])
         elif $line.kind then .rows[$line | key] = $line
         else . end)
-    | if .cursor then .cursor, (.rows[] | tojson), if .restart then "restart" else empty end
+    | if .cursor then .cursor, (.rows[] | tojson), if .restarts != [] then "restart" else empty end
       else error("no cursor") end' >"$state.new"
 
 # Rows and cursor in one step.
 if [ "$(tail -n 1 "$state.new")" = restart ]; then
     sed '$d' "$state.new" >"$state.tmp"
+    sync "$state.tmp"
     mv "$state.tmp" "$state"
     rm "$state.new"
     exit 3

@@ -25,7 +25,7 @@ constexpr const char* description
 
 struct ChangesOptions {
     std::string since;
-    std::string cursorFile;
+    std::optional<std::string> cursorFile;
     bool isFull = false;
     bool shallFollow = false;
     std::vector<std::string> volumes;
@@ -47,8 +47,10 @@ ChangesRun prepare(const ChangesOptions& options)
 {
     std::optional<CursorFile> file;
     ChangeCursor cursor;
-    if (!options.cursorFile.empty()) {
-        file.emplace(options.cursorFile);
+    if (options.cursorFile) {
+        if (options.cursorFile->empty())
+            throw Problem("--cursor-file", "The name of the file is empty", "Name a file");
+        file.emplace(*options.cursorFile);
         cursor = ChangeCursor::parse(file->read(), file->path());
     } else {
         cursor = ChangeCursor::parse(options.since, "--since");
@@ -95,6 +97,7 @@ void addChangesCommand(CLI::App& app, Command& chosen)
     command->add_flag("--full", options->isFull, "List every row, live and deleted, whatever the cursor says");
     command->add_flag("--follow", options->shallFollow,
         "Stay and list changes as they come, until SIGTERM or SIGINT. Where a restart is needed, all rows are listed");
+    command->add_flag("--json", "Accepted, as in other commands: the lines are JSON always");
     command->add_option("--volume", options->volumes, "Only this volume; may be given again (default: every volume)")
         ->type_name("NAME");
     command->callback([options, &chosen] { chosen = [options] { return runChanges(*options); }; });

@@ -32,7 +32,7 @@ constexpr const char* nameAnother = "Name another one, as the argument, with --c
 std::string withoutScheme(const std::string& address)
 {
     for (const std::string prefix : { "file://localhost/", "file:///", "file:/" }) {
-        if (strncasecmp(address.c_str(), prefix.c_str(), prefix.length()) == 0)
+        if (strncasecmp(address.c_str(), prefix.c_str(), prefix.length()) == 0 && address[prefix.length()] != '/')
             return address.substr(prefix.length() - 1);
     }
     return address;
@@ -42,12 +42,12 @@ std::string withoutScheme(const std::string& address)
 /// at that with %20 and the like replaced.
 std::string placeOf(const std::string& path)
 {
-    const std::string place = withoutScheme(path);
+    std::string place = withoutScheme(path);
     struct stat64 status;
     if (stat64(place.c_str(), &status) == 0)
         return place;
     char* const unescaped = xmlURIUnescapeString(path.c_str(), 0, nullptr);
-    const std::string other = unescaped == nullptr ? place : withoutScheme(unescaped);
+    std::string other = unescaped == nullptr ? place : withoutScheme(unescaped);
     xmlFree(unescaped);
     return stat64(other.c_str(), &status) == 0 ? other : place;
 }

@@ -16,7 +16,7 @@ namespace {
 std::string deadLinkIn(const std::string& path)
 {
     for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-        const std::string upTo = path.substr(0, slash);
+        std::string upTo = path.substr(0, slash);
         struct stat64 status;
         if (lstat64(upTo.c_str(), &status) != 0)
             return "";

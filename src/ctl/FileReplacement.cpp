@@ -56,8 +56,11 @@ bool replaceFile(const std::string& path, const std::string& content, mode_t mod
     return true;
 }
 
-mode_t modeOfNewFiles()
+mode_t modeInPlaceOf(const std::string& path)
 {
+    struct stat64 status;
+    if (lstat64(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
+        return status.st_mode & 0777;
     const mode_t mask = umask(0);
     umask(mask);
     return 0666 & ~mask;

@@ -11,5 +11,5 @@ std::string folderOf(const std::string& path);
 /// with this mode, synced and renamed. False with errno set when that fails; nothing is left beside the file then.
 bool replaceFile(const std::string& path, const std::string& content, mode_t mode);
 
-/// The mode that the process gives a new file.
-mode_t modeOfNewFiles();
+/// The mode of the regular file at the path, else what the process gives a new file.
+mode_t modeInPlaceOf(const std::string& path);

@@ -513,3 +513,27 @@ def test_the_example_consumers_end_with_the_same_state(arena, clock):
                     if not line["deleted"])
     for number in range(len(consumers)):
         assert stored(f"{ctl.folder}/state{number}") == wanted
+
+
+def test_a_slow_consumer_holds_up_no_writer(arena):
+    """Of a catalogue with a rollback journal, which cannot be written while somebody reads it."""
+    volume = arena.volume("V", crawl=["/m"])
+    volume.make_file("/m/a.mp3", b"x")
+    daemon = arena.start([volume])
+    daemon.wait_walks()
+    daemon.stop_without_errors()
+    edit(volume.catalogue.path, """
+        with recursive n(i) as (select 1 union all select i + 1 from n where i < 60000)
+        insert into Files(folder_id, path, name, category, size, created_time, modified_time, is_deleted, last_updated_time)
+            select 1, '/m/file number ' || i, 'file number ' || i, 4, 1, 1, 1, 0, 1 from n""")
+    process = subprocess.Popen(Ctl(arena, [volume]).command("changes"), stdout=subprocess.PIPE)
+    first = process.stdout.readline()  # all is read by then, and far more than a pipe takes is still to be written
+    writer = sqlite3.connect(volume.catalogue.path, timeout=0, isolation_level=None)
+    writer.execute("begin exclusive")
+    writer.execute("rollback")
+    writer.close()
+    lines = [first, *process.stdout]
+    assert process.wait(BOUND) == 0
+    process.stdout.close()
+    assert len(lines) == 1 + 60000 + 2 + 1  # the event, the files, file and folder of the daemon's, the cursor
+    assert len(b"".join(lines)) > 10 << 20

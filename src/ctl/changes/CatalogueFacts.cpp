@@ -35,20 +35,27 @@ long long lastId(const Catalogue& catalogue, std::string_view table)
     return query.next() ? query.number(0) : 0;
 }
 
+/// Another program may have written any number. These still can be reckoned with.
+long long timeOf(const Query& query)
+{
+    constexpr long long farthest = 1LL << 60;
+    return std::clamp(query.number(0), -farthest, farthest);
+}
+
 void addTimes(const Catalogue& catalogue, const std::string& table, long long moment, CatalogueFacts& facts)
 {
     const std::string select = "select last_updated_time from " + table;
     Query newest(catalogue, select + " order by last_updated_time desc limit 1");
     if (!newest.next())
         return;
-    facts.newest = std::max(facts.newest, newest.number(0));
+    facts.newest = std::max(facts.newest, timeOf(newest));
     Query oldest(catalogue, select + " order by last_updated_time limit 1");
     oldest.next();
-    facts.oldest = facts.oldest == noTime ? oldest.number(0) : std::min(facts.oldest, oldest.number(0));
+    facts.oldest = facts.oldest == noTime ? timeOf(oldest) : std::min(facts.oldest, timeOf(oldest));
     Query settled(catalogue, select + " where last_updated_time <= ? order by last_updated_time desc limit 1");
     settled.bind(moment);
     if (settled.next())
-        facts.settled = std::max(facts.settled, settled.number(0));
+        facts.settled = std::max(facts.settled, timeOf(settled));
 }
 
 } // namespace

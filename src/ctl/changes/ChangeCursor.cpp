@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view prefix = "qc1."; // the number is that of the format
 constexpr std::string_view blanks = " \t\r\n";
-constexpr std::size_t fieldCount = 15;
+constexpr std::size_t fieldCount = 17;
 
 std::string hexOf(std::string_view bytes)
 {
@@ -58,9 +58,9 @@ std::vector<std::string_view> split(std::string_view text, char separator)
 
 std::string positionText(const std::string& name, const VolumePosition& at)
 {
-    return fmt::format("{}:{}:{}:{}:{}:{}:{}:{}:{}:{}:{:x}:{:x}:{}:{}:{:x}", hexOf(name), at.identity, at.lastFolder,
-        at.lastFile, at.floor, at.settled, at.newest, at.oldest, at.readAt, at.clockOffset, at.boot, at.digest,
-        at.witnessKind, at.witnessId, at.witnessHash);
+    return fmt::format("{}:{}:{}:{}:{}:{}:{}:{}:{}:{}:{:x}:{:x}:{}:{}:{:x}:{}:{}", hexOf(name), at.identity,
+        at.lastFolder, at.lastFile, at.floor, at.settled, at.newest, at.oldest, at.readAt, at.clockOffset, at.boot,
+        at.digest, at.witnessKind, at.witnessId, at.witnessHash, at.doubtUntil, at.threshold);
 }
 
 bool parsePosition(std::string_view text, std::string& name, VolumePosition& at)
@@ -76,7 +76,8 @@ bool parsePosition(std::string_view text, std::string& name, VolumePosition& at)
     for (std::size_t i = 0; i < numbers.size(); ++i)
         good = good && parseNumber(fields[2 + i], *numbers[i]);
     return good && parseNumber(fields[10], at.boot, 16) && parseNumber(fields[11], at.digest, 16)
-        && parseNumber(fields[13], at.witnessId) && parseNumber(fields[14], at.witnessHash, 16);
+        && parseNumber(fields[13], at.witnessId) && parseNumber(fields[14], at.witnessHash, 16)
+        && parseNumber(fields[15], at.doubtUntil) && parseNumber(fields[16], at.threshold);
 }
 
 std::string_view trimmed(std::string_view text)

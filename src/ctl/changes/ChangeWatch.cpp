@@ -67,6 +67,10 @@ void ChangeWatch::renew(std::size_t catalogue)
         }
     }
     watchFolderOf(catalogue, paths[catalogue]);
+    if (access(paths[catalogue].c_str(), R_OK) == 0 && access(folderOf(paths[catalogue]).c_str(), R_OK) != 0
+        && deaf.insert(catalogue).second)
+        report(Problem(folderOf(paths[catalogue]), "Changes cannot be watched without the right to read this folder",
+            "Ask for it, or run without --follow from time to time"));
     // An administrator may keep the catalogue elsewhere and have a link to it here. Its log is beside the file itself.
     std::array<char, PATH_MAX> real = {};
     if (realpath(paths[catalogue].c_str(), real.data()) != nullptr && paths[catalogue] != real.data())
@@ -81,7 +85,7 @@ void ChangeWatch::renew(std::size_t catalogue)
 void ChangeWatch::watchFolderOf(std::size_t catalogue, const std::string& file)
 {
     std::string entry = file;
-    for (;;) {
+    for (int mostTries = 100;; --mostTries) { // what may be entered need not be what may be watched
         const int watch = add(folderOf(entry), entry == file ? eventsBeside : eventsAbove);
         if (watch < 0 && folderOf(entry) == "/")
             return;
@@ -92,7 +96,7 @@ void ChangeWatch::watchFolderOf(std::size_t catalogue, const std::string& file)
         struct stat64 status;
         const bool hasComeMeanwhile = entry != file && stat64(entry.c_str(), &status) == 0 && S_ISDIR(status.st_mode)
             && access(entry.c_str(), R_OK) == 0;
-        if (!hasComeMeanwhile) {
+        if (!hasComeMeanwhile || mostTries <= 0) {
             interests.emplace(watch, Interest { catalogue, nameOf(entry) });
             return;
         }

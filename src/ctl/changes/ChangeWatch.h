@@ -43,4 +43,5 @@ private:
     int inotify = -1;
     int mounts = -1;
     std::multimap<int, Interest> interests; ///< by watch descriptor
+    std::set<std::size_t> deaf;             ///< of which it was said that they cannot be watched
 };

@@ -21,7 +21,8 @@ constexpr const char* description
       "out. A line {\"event\":\"full-listing\"} says to forget what is known of a volume: all its rows follow. A line "
       "{\"event\":\"restart-needed\"} says that the changes of a volume cannot be told since that cursor, because its "
       "catalogue was made anew, the clock was set back, or deleted rows may have been purged: run again with --full.\n\n"
-      "Exit status: 0 all well, 1 a catalogue could not be read (the others were), 2 nothing was done, 3 restart needed.";
+      "Exit status: 0 all well, 1 a catalogue could not be read (the others were), 2 nothing was done, or "
+      "output could not be written, 3 restart needed.";
 
 struct ChangesOptions {
     std::string since;

@@ -10,14 +10,18 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <utility>
 
 namespace {
 
-constexpr int quietMilliseconds = 200;   // a walk commits again and again
-constexpr int retryMilliseconds = 10000; // for a catalogue that is there but cannot be read
+constexpr int quietMilliseconds = 200; // a walk commits again and again
+constexpr int lateMilliseconds = 3000; // until a change is looked at once more
+constexpr int firstRetry = 10000;      // for a catalogue that is there but cannot be read
+constexpr int longestRetry = 600000;
 constexpr std::chrono::seconds longestGathering { 1 };
 
 /// From here on SIGTERM and SIGINT end nothing: they make the descriptor readable.
@@ -52,6 +56,7 @@ ChangesFollower::ChangesFollower(ChangesRun& run, ChangeWatch& watch, LineOutput
     , watching(watch)
     , lines(output)
     , stopDescriptor(stop)
+    , retryPause(firstRetry)
 {
 }
 
@@ -76,22 +81,39 @@ void ChangesFollower::followUntilStopped()
         changes.printCursor(lines);
 }
 
-/// Waits for a change and for its end, or not much longer: what keeps changing is to be seen, too.
+/// Waits for a change and for its end, or not much longer: what keeps changing is to be seen, too. What has changed is
+/// looked at once more after a pause: the kernel reports the writing of the log, and a moment later the rows can be
+/// seen.
 std::set<std::size_t> ChangesFollower::waitForChanges()
 {
     std::set<std::size_t> changed;
-    while (changed.empty())
-        changed = waitOnce(patience());
+    if (!toLookAtAgain.empty()) {
+        changed = waitOnce(lateMilliseconds);
+        if (changed.empty())
+            return std::exchange(toLookAtAgain, {});
+    }
+    while (changed.empty()) {
+        const std::set<std::size_t> troubled = inTrouble();
+        if (troubled.empty())
+            retryPause = firstRetry;
+        changed = waitOnce(troubled.empty() ? -1 : retryPause);
+        if (changed.empty() && !troubled.empty()) {
+            retryPause = std::min(2 * retryPause, longestRetry);
+            return troubled;
+        }
+    }
     const auto deadline = std::chrono::steady_clock::now() + longestGathering;
     for (;;) {
         std::set<std::size_t> more = waitOnce(quietMilliseconds);
         if (more.empty() || std::chrono::steady_clock::now() >= deadline)
-            return changed;
+            break;
         changed.merge(more);
     }
+    toLookAtAgain = changed;
+    return changed;
 }
 
-/// Returns what has changed, nothing after that time. A catalogue in trouble has changed whenever the wait ends.
+/// Returns what has changed, nothing after that time.
 std::set<std::size_t> ChangesFollower::waitOnce(int milliseconds)
 {
     // A pipe without a reader is in error, whatever it is asked for.
@@ -109,17 +131,15 @@ std::set<std::size_t> ChangesFollower::waitOnce(int milliseconds)
         changed = watching.take();
     if (ready > 0 && waits[2].revents != 0)
         changed = watching.all();
-    if (ready == 0 && milliseconds == retryMilliseconds)
-        changed = watching.all();
     return changed;
 }
 
-/// How long to wait for the next change: for ever, unless a catalogue is to be tried again.
-int ChangesFollower::patience() const
+std::set<std::size_t> ChangesFollower::inTrouble() const
 {
+    std::set<std::size_t> troubled;
     for (std::size_t volume = 0; volume < changes.volumeCount(); ++volume) {
         if (changes.isInTrouble(volume))
-            return retryMilliseconds;
+            troubled.insert(volume);
     }
-    return -1;
+    return troubled;
 }

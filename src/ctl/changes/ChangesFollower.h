@@ -18,10 +18,12 @@ private:
     void followUntilStopped();
     std::set<std::size_t> waitForChanges();
     std::set<std::size_t> waitOnce(int milliseconds);
-    int patience() const;
+    std::set<std::size_t> inTrouble() const;
 
     ChangesRun& changes;
     ChangeWatch& watching;
     LineOutput& lines;
     const int stopDescriptor;
+    std::set<std::size_t> toLookAtAgain; ///< what was read because something had changed
+    int retryPause;                      ///< milliseconds until what is in trouble is tried again
 };

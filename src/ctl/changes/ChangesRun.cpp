@@ -39,10 +39,13 @@ void ChangesRun::read(std::size_t volume, VolumeChanges::Restart restart, LineOu
     try {
         const VolumeChanges::Outcome outcome
             = changes.read(since != cursor.positions.end() ? &since->second : nullptr, restart, output);
+        output.send();
         wasRestartNeeded = wasRestartNeeded || outcome.isRestartNeeded;
         isPrintDue = isPrintDue || outcome.hasPrinted;
         cursor.positions[changes.volume().name] = outcome.position;
         problems.erase(volume);
+    } catch (const OutputFailure&) {
+        throw;
     } catch (const Problem& problem) {
         output.takeBack(before);
         std::string& said = problems[volume];

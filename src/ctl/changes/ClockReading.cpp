@@ -5,11 +5,13 @@
 
 #include <ctime>
 #include <fstream>
+#include <limits>
 #include <string>
 
 namespace {
 
 constexpr long long toleranceMilliseconds = 100; // the two clocks are not read at the same moment
+constexpr int readings = 5;
 
 long long milliseconds(clockid_t clock)
 {
@@ -31,11 +33,20 @@ std::uint64_t bootIdentity()
 ClockReading ClockReading::take()
 {
     ClockReading reading;
-    const long long now = milliseconds(CLOCK_REALTIME);
-    reading.now = now / 1000;
-    // This clock also runs while the machine sleeps, and both are slewed alike. So the difference stays the same until
-    // somebody sets the time of day.
-    reading.offset = now - milliseconds(CLOCK_BOOTTIME);
+    long long closest = std::numeric_limits<long long>::max();
+    // This process may have to wait between the two. The closest of several readings counts.
+    for (int i = 0; i < readings; ++i) {
+        const long long before = milliseconds(CLOCK_BOOTTIME);
+        const long long now = milliseconds(CLOCK_REALTIME);
+        const long long pause = milliseconds(CLOCK_BOOTTIME) - before;
+        if (pause >= closest)
+            continue;
+        closest = pause;
+        reading.now = now / 1000;
+        // This clock also runs while the machine sleeps, and both are slewed alike. So the difference stays the same
+        // until somebody sets the time of day.
+        reading.offset = now - before;
+    }
     reading.boot = bootIdentity();
     return reading;
 }

@@ -94,14 +94,23 @@ long long settlingMoment(const VolumePosition* since, const ClockReading& clock)
     return since != nullptr && since->newest > since->readAt ? std::min(since->readAt, clock.now) : clock.now;
 }
 
+long long nextDoubt(const VolumePosition* since, const ClockReading& clock)
+{
+    if (since == nullptr)
+        return noTime;
+    const long long back = clock.setBackSince(*since);
+    return back > 0 ? std::max(since->doubtUntil, clock.now + back) : since->doubtUntil;
+}
+
 long long nextFloor(const VolumePosition* since, const CatalogueFacts& facts, const ClockReading& clock)
 {
     if (facts.newest == noTime)
         return noTime;
     if (since == nullptr || since->floor == noTime)
         return facts.settled != noTime ? facts.settled : clock.now;
-    const long long back = clock.setBackSince(*since);
-    // Without a new settled row nothing shows that the writer has passed the last step of the clock. With one, that row
-    // may be of before the step.
-    return facts.settled > since->settled ? facts.settled - back : std::min(since->floor - back, clock.now);
+    // Only a new row that is later than all rows of before the last step of the clock shows that the writer has passed
+    // that step.
+    if (facts.settled > std::max(since->settled, nextDoubt(since, clock)))
+        return facts.settled;
+    return std::min(since->floor - clock.setBackSince(*since), clock.now);
 }

@@ -29,5 +29,9 @@ std::optional<RestartReason> whyRestart(const VolumePosition& since, const Catal
 /// back, that is the last reading: those that were in the future then may be in the past by now.
 long long settlingMoment(const VolumePosition* since, const ClockReading& clock);
 
+/// The next position's `doubtUntil`. A transaction that was open at a small step back has rows of the former clock, and
+/// shows them only when it is committed.
+long long nextDoubt(const VolumePosition* since, const ClockReading& clock);
+
 /// The next position's floor, for a catalogue that was read in this state. `since` is null for the first reading.
 long long nextFloor(const VolumePosition* since, const CatalogueFacts& facts, const ClockReading& clock);

@@ -33,6 +33,8 @@ CursorFile::CursorFile(const std::string& path)
     struct stat64 status;
     if (real != nullptr && stat64(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
         throw Problem(file, "This is no regular file", "Name another file for the cursor");
+    if (real == nullptr && lstat64(file.c_str(), &status) == 0)
+        throw Problem(file, "This is a link to nothing", "Make the file, or name another one for the cursor");
     if (access(folderOf(file).c_str(), W_OK | X_OK) != 0)
         fail(file, "The cursor cannot be stored here");
 }
@@ -58,6 +60,6 @@ std::string CursorFile::read() const
 
 void CursorFile::write(const std::string& text) const
 {
-    if (!replaceFile(file, text + "\n", modeOfNewFiles()))
+    if (!replaceFile(file, text + "\n", modeInPlaceOf(file)))
         fail(file, "The cursor cannot be stored");
 }

@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <utility>
 
 struct VolumeChanges::Reading {
@@ -45,8 +46,9 @@ VolumeChanges::Outcome VolumeChanges::read(const VolumePosition* since, Restart 
     Reading reading(catalogue, configured.name, output);
     const ::Reading state(catalogue);
     const CatalogueFacts facts = CatalogueFacts::read(catalogue, settlingMoment(since, reading.clock));
-    const auto reason
-        = since != nullptr ? whyRestart(*since, facts, reading.clock, threshold, catalogue) : std::nullopt;
+    const auto reason = since != nullptr
+        ? whyRestart(*since, facts, reading.clock, shortestThreshold(*since), catalogue)
+        : std::nullopt;
     if (reason) {
         sayRestart(reading, *reason,
             restart == Restart::list ? "All rows of volume '" + configured.name + "' are listed now"
@@ -64,6 +66,8 @@ VolumeChanges::Outcome VolumeChanges::read(const VolumePosition* since, Restart 
     next.lastFolder = facts.lastFolder;
     next.lastFile = facts.lastFile;
     next.floor = nextFloor(since, facts, reading.clock);
+    next.doubtUntil = nextDoubt(since, reading.clock);
+    next.threshold = threshold;
     next.settled = facts.settled;
     next.newest = facts.newest;
     next.oldest = facts.oldest;
@@ -73,6 +77,12 @@ VolumeChanges::Outcome VolumeChanges::read(const VolumePosition* since, Restart 
     next.digest = reading.rows.digest(next.floor, next.newest);
     chooseWitness(catalogue, facts, next);
     return { next, false, reading.hasPrinted };
+}
+
+/// The daemon may have purged with the former one, and still do so: it reads its configuration at its start.
+long long VolumeChanges::shortestThreshold(const VolumePosition& since) const
+{
+    return since.threshold > 0 ? std::min(since.threshold, threshold) : threshold;
 }
 
 void VolumeChanges::listAll(Reading& reading) const

@@ -36,6 +36,7 @@ public:
 
 private:
     struct Reading;
+    long long shortestThreshold(const VolumePosition& since) const;
     void listAll(Reading& reading) const;
     void listSince(Reading& reading, const VolumePosition& since) const;
     void sayRestart(Reading& reading, const RestartReason& reason, const std::string& remedy) const;

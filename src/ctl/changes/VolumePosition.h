@@ -29,6 +29,8 @@ struct VolumePosition {
     long long readAt = 0;          ///< the reader's clock at the beginning of the reading
     long long clockOffset = 0;     ///< see ClockReading
     std::uint64_t boot = 0;        ///< see ClockReading
+    long long doubtUntil = noTime; ///< rows of before the last small step of the clock are this late at the most
+    long long threshold = 0;       ///< the purge threshold in seconds, as the reader knew it
     std::uint64_t digest = 0;      ///< of all rows from `floor` to `newest`
     char witnessKind = '-';        ///< 'd' for a folder, 'f' for a file, '-' for none: one of the newest rows
     long long witnessId = 0;       ///< its id

@@ -16,15 +16,6 @@ namespace {
     throw Problem(path, std::string(what) + ": " + std::strerror(errno), "Name another file with -o");
 }
 
-/// The mode of the file that is replaced, else what a new one gets.
-mode_t modeFor(const std::string& path)
-{
-    struct stat64 status;
-    if (lstat64(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
-        return status.st_mode & 0777;
-    return modeOfNewFiles();
-}
-
 } // namespace
 
 OutputFile::OutputFile(const std::string& place)
@@ -47,6 +38,6 @@ OutputFile::OutputFile(const std::string& place)
 
 void OutputFile::replace(const std::string& content) const
 {
-    if (!replaceFile(path, content, modeFor(path)))
+    if (!replaceFile(path, content, modeInPlaceOf(path)))
         fail(path, "The report could not be written");
 }

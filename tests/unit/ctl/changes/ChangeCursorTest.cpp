@@ -33,6 +33,8 @@ VolumePosition strangePosition()
     position.witnessKind = 'f';
     position.witnessId = 9;
     position.witnessHash = 10;
+    position.doubtUntil = -11;
+    position.threshold = 12;
     return position;
 }
 
@@ -52,6 +54,8 @@ void expectSame(const VolumePosition& a, const VolumePosition& b)
     EXPECT_EQ(a.witnessKind, b.witnessKind);
     EXPECT_EQ(a.witnessId, b.witnessId);
     EXPECT_EQ(a.witnessHash, b.witnessHash);
+    EXPECT_EQ(a.doubtUntil, b.doubtUntil);
+    EXPECT_EQ(a.threshold, b.threshold);
 }
 
 /// Three volumes, with names that no shell and no terminal likes.

@@ -121,8 +121,28 @@ TEST_F(CursorCheckTest, afterAStepBackTheFloorRisesWithARowThatIsCertainlyNewer)
     EXPECT_EQ(9980, floor());
     facts.settled = facts.newest = 9995;
     EXPECT_EQ(9995, floor());
-    clock.offset -= 3000;
-    EXPECT_EQ(9992, floor());
+}
+
+/// A transaction that was open at the step has rows of the former clock, and the next one is of the new clock.
+TEST_F(CursorCheckTest, afterAStepBackRowsOfTheFormerClockDoNotRaiseTheFloor)
+{
+    clock.offset -= 3000; // by the former clock it was 10008
+    EXPECT_EQ(10008, nextDoubt(&since, clock));
+    since.doubtUntil = 10008;
+    since.floor = floor();
+    EXPECT_EQ(9987, since.floor);
+    since.clockOffset = clock.offset;
+    since.readAt = clock.now;
+    clock.now = 10006;
+    facts.settled = facts.newest = 10006; // committed only now, but written before the step
+    EXPECT_EQ(9987, floor());
+    EXPECT_EQ(10008, nextDoubt(&since, clock));
+    clock.now = 10020;
+    facts.settled = facts.newest = 10008;
+    EXPECT_EQ(9987, floor());
+    facts.settled = facts.newest = 10009;
+    EXPECT_EQ(10009, floor());
+    EXPECT_EQ(noTime, nextDoubt(nullptr, clock));
 }
 
 TEST_F(CursorCheckTest, rowsOfTheFutureDoNotRaiseTheFloor)

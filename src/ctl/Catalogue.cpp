@@ -38,7 +38,7 @@ std::string findCatalogue(const std::string& path)
     struct stat64 status;
     if (stat64(path.c_str(), &status) != 0)
         failToFind(path, errno);
-    const std::string place = resolveOwnLinks(path, LinkedFile::followed);
+    std::string place = resolveOwnLinks(path, LinkedFile::followed);
     if (place.empty())
         throw Problem(path, "This is behind another user's link, and the daemon does not follow it either",
             "Remove the link, or make it as root");

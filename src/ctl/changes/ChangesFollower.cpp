@@ -93,7 +93,7 @@ std::set<std::size_t> ChangesFollower::waitForChanges()
             return std::exchange(toLookAtAgain, {});
     }
     while (changed.empty()) {
-        const std::set<std::size_t> troubled = inTrouble();
+        std::set<std::size_t> troubled = inTrouble();
         if (troubled.empty())
             retryPause = firstRetry;
         changed = waitOnce(troubled.empty() ? -1 : retryPause);

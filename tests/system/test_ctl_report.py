@@ -11,7 +11,7 @@ STRANGER = 12345
 def stopped(arena, *volumes):
     """Lets the daemon catalogue the volumes, and ends it."""
     daemon = arena.start(list(volumes))
-    daemon.wait_walks()
+    daemon.wait_walks(len(volumes))
     daemon.stop()
 
 

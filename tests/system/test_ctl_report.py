@@ -65,7 +65,7 @@ def test_it_reads_beside_the_daemon_and_lists_what_was_deleted(arena):
     daemon.wait_bursts(1)
     found = page(ctl).volume("Volume1")
     assert found["deleted"]["files"] == 1
-    assert [(file["path"], file["size"], file["category"]) for file in found["deleted"]["recent"]] == [("/Music/a.mp3", 200, 2)]
+    assert [(file["path"], file["size"]) for file in found["deleted"]["recent"]] == [("/Music/a.mp3", 200)]
     assert folder_sums(found)["/Music"] == (1, 200)
     assert found["duplicates"]["groups"] == 0
     daemon.stop()

@@ -585,3 +585,20 @@ def test_neither_the_daemon_nor_the_catalogue_notices(arena):
     assert later[0] == "Processed 1 events\n" and later[2].startswith(f"Going to walk {volume.path('/m')} in ")
     assert later.index("======\n") == len(later) - 1
     daemon.stop_without_errors()
+
+
+def test_the_log_of_a_catalogue_kept_elsewhere_counts(arena):
+    volume = arena.volume("V", crawl=["/m"])
+    volume.make_file("/m/1.mp3", b"x")
+    elsewhere = arena.path("elsewhere")
+    os.mkdir(elsewhere)
+    walked(arena, volume).stop_without_errors()
+    os.rename(volume.catalogue.path, f"{elsewhere}/catalogue.db")
+    os.symlink(f"{elsewhere}/catalogue.db", volume.catalogue.path)
+    volume.make_file("/m/2.mp3", b"x")
+    daemon = walked(arena, volume)
+    found, result = status(Ctl(arena, [volume]))
+    assert found["volumes"][0]["bytes"] == sum(os.path.getsize(f"{elsewhere}/catalogue.db{suffix}") for suffix in ("", "-wal"))
+    assert os.path.getsize(f"{elsewhere}/catalogue.db-wal") > 0
+    assert found["volumes"][0]["files"]["audio"]["count"] == 2, result.errors
+    daemon.stop_without_errors()

@@ -33,10 +33,8 @@ Json jsonOf(const std::map<std::string, CategoryTotals>& months)
 Json jsonOf(const std::vector<ListedFile>& files)
 {
     Json list = Json::array();
-    for (const ListedFile& file : files) {
-        list.push_back({ { "path", visible(file.path) }, { "category", categoryIndex(file.category) + 1 },
-            { "size", file.size }, { "time", localTime(file.time) } });
-    }
+    for (const ListedFile& file : files)
+        list.push_back({ { "path", visible(file.path) }, { "size", file.size }, { "time", localTime(file.time) } });
     return list;
 }
 

@@ -7,7 +7,7 @@ bool TopFiles::isBefore(const Entry& left, const Entry& right)
     return left.key != right.key ? left.key > right.key : left.number < right.number;
 }
 
-void TopFiles::offer(long long key, std::string_view path, long long category, long long size, long long time)
+void TopFiles::offer(long long key, std::string_view path, long long size, long long time)
 {
     ++offered;
     if (heap.size() == limit) {
@@ -16,7 +16,7 @@ void TopFiles::offer(long long key, std::string_view path, long long category, l
         std::pop_heap(heap.begin(), heap.end(), isBefore);
         heap.pop_back();
     }
-    heap.push_back({ key, offered, { std::string(path), category, size, time } });
+    heap.push_back({ key, offered, { std::string(path), size, time } });
     std::push_heap(heap.begin(), heap.end(), isBefore);
 }
 

@@ -8,7 +8,6 @@
 /// A file as a list shows it.
 struct ListedFile {
     std::string path; ///< as in the catalogue
-    long long category;
     long long size;
     long long time; ///< which of the file's times depends on the list
 };
@@ -21,7 +20,7 @@ public:
     {
     }
 
-    void offer(long long key, std::string_view path, long long category, long long size, long long time);
+    void offer(long long key, std::string_view path, long long size, long long time);
 
     /// Sorted; files with equal keys as they were offered.
     std::vector<ListedFile> sorted() const;

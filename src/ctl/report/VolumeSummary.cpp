@@ -43,7 +43,7 @@ void VolumeSummary::readFiles(const Catalogue& catalogue, DuplicateFinder& finde
         newestChange = std::max(newestChange, updated);
         if (rows.number(7) != 0) {
             ++deletedFiles;
-            deleted.offer(updated, path, rows.number(3), size, updated);
+            deleted.offer(updated, path, size, updated);
             continue;
         }
         const std::size_t category = categoryIndex(rows.number(3));
@@ -52,8 +52,8 @@ void VolumeSummary::readFiles(const Catalogue& catalogue, DuplicateFinder& finde
         tree.addFile(path, category, size);
         modified.add(rows.number(5), category, size);
         arrived.add(rows.number(6), category, size);
-        newest.offer(rows.number(6), path, rows.number(3), size, rows.number(6));
-        largest.offer(size, path, rows.number(3), size, rows.number(5));
+        newest.offer(rows.number(6), path, size, rows.number(6));
+        largest.offer(size, path, size, rows.number(5));
         finder.add(rows.number(0), rows.bytes(2), size);
     }
 }

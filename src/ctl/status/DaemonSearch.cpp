@@ -1,5 +1,6 @@
 #include "ctl/status/DaemonSearch.h"
 
+#include "core/WithoutLinks.h"
 #include "ctl/status/FileLocks.h"
 #include "ctl/status/ProcessFacts.h"
 
@@ -57,11 +58,12 @@ DaemonSearch::DaemonSearch(
 {
     struct stat64 status;
     for (const ConfiguredVolume& volume : volumes) {
-        if (stat64(volume.cataloguePath().c_str(), &status) != 0)
+        const std::string place = resolveOwnLinks(volume.cataloguePath(), LinkedFile::followed);
+        if (stat64(place.c_str(), &status) != 0)
             continue;
         owners.push_back(status.st_uid);
         catalogueFiles.push_back({ status.st_dev, status.st_ino });
-        if (stat64((volume.cataloguePath() + "-shm").c_str(), &status) == 0)
+        if (stat64((place + "-shm").c_str(), &status) == 0)
             catalogueFiles.push_back({ status.st_dev, status.st_ino });
     }
     for (const FileLock& lock : parseFileLocks(readKernelFile(proc + "/locks").value_or(""))) {

@@ -1,5 +1,6 @@
 #include "ctl/status/VolumeStatus.h"
 
+#include "core/WithoutLinks.h"
 #include "ctl/Catalogue.h"
 #include "ctl/Query.h"
 #include "ctl/Text.h"
@@ -86,11 +87,11 @@ VolumeStatus readVolumeStatus(
 {
     VolumeStatus status;
     status.volume = volume;
-    const std::string path = volume.cataloguePath();
     struct stat64 file;
-    status.isPresent = stat64(path.c_str(), &file) == 0;
+    status.isPresent = stat64(volume.cataloguePath().c_str(), &file) == 0;
     status.bytes = status.isPresent ? file.st_size : 0;
-    if (stat64((path + "-wal").c_str(), &file) == 0)
+    const std::string place = resolveOwnLinks(volume.cataloguePath(), LinkedFile::followed);
+    if (stat64((place + "-wal").c_str(), &file) == 0)
         status.bytes += file.st_size;
     readStateFile(status);
     try {

@@ -94,9 +94,8 @@ TEST(TopFilesTest, keepsTheGreatestInOrder)
     EXPECT_EQ("", paths(files));
     for (const auto& [key, path] : std::initializer_list<std::pair<int, const char*>> {
              { 5, "five" }, { 1, "one" }, { 9, "nine" }, { 7, "seven" }, { -3, "less" }, { 8, "eight" } })
-        files.offer(key, path, 4, 11, 12);
+        files.offer(key, path, 11, 12);
     EXPECT_EQ("nine eight seven ", paths(files));
-    EXPECT_EQ(4, files.sorted()[0].category);
     EXPECT_EQ(11, files.sorted()[0].size);
     EXPECT_EQ(12, files.sorted()[0].time);
 }
@@ -105,7 +104,7 @@ TEST(TopFilesTest, equalOnesStayAsTheyCame)
 {
     TopFiles files(2);
     for (const char* path : { "a", "c", "b" })
-        files.offer(1, path, 1, 1, 1);
+        files.offer(1, path, 1, 1);
     EXPECT_EQ("a c ", paths(files));
 }
 

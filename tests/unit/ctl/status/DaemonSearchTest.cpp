@@ -120,6 +120,18 @@ TEST_F(DaemonSearchTest, theIndexOfTheLogIsAsGoodAsTheCatalogue)
     EXPECT_EQ(20, find().process);
 }
 
+/// The daemon locks the index of the log, which is beside the catalogue itself and not beside the link to it.
+TEST_F(DaemonSearchTest, locksTellAlsoWhenTheCatalogueIsKeptElsewhere)
+{
+    const std::string catalogue = machine.writeFile("elsewhere/catalogue.db");
+    machine.writeFile("elsewhere/catalogue.db-shm");
+    machine.remove("music/.quarrow/quarrow.db");
+    ASSERT_EQ(0, symlink(catalogue.c_str(), volume.cataloguePath().c_str()));
+    process(21, "quarrow");
+    lock(21, "elsewhere/catalogue.db-shm");
+    EXPECT_EQ(21, find().process);
+}
+
 TEST_F(DaemonSearchTest, openFilesTellWhereThereAreNoLocks)
 {
     const std::string other = machine.writeFile("etc/other.xml");

@@ -336,11 +336,8 @@ def test_random_arguments_never_crash_it(arena):
              b"\xff\xfe", b"[\xff-\xfe]", "a/b", "/*", "é", "%s%n", "--help", "--nonsense", "-zz", "--larger=2", "--json=1",
              "--config", "=", "@", "'", "\n"]
     choice = random.Random(11)
-    # All in one sandbox: what is tried is the command, and a sandbox takes ten times as long.
+    # Many in one sandbox: what is tried is the command, and a sandbox takes ten times as long.
     runs = [[choice.choice(words[:3]), *choice.choices(words, k=choice.randrange(7))] for _ in range(400)]
-    lists = b"".join(b"".join(os.fsencode(word) + b"\0" for word in [*run, "\1"]) for run in runs)
-    with open(arena.path("lists"), "wb") as file:
-        file.write(lists)
     script = ("import os, subprocess, sys\n"
               "words = open(sys.argv[2], 'rb').read().split(b'\\0')\n"
               "run = []\n"
@@ -352,7 +349,11 @@ def test_random_arguments_never_crash_it(arena):
               "                         stdin=subprocess.DEVNULL, capture_output=True, timeout=60)\n"
               "    print(end.returncode, end.returncode == 2 and not end.stderr, ascii(run))\n"
               "    run = []\n")
-    lines = arena.run_python(script, BINARY, arena.path("lists"), ctl.config).splitlines()
+    lines = []
+    for first in range(0, len(runs), 40):
+        with open(arena.path("lists"), "wb") as file:
+            file.write(b"".join(os.fsencode(word) + b"\0" for run in runs[first:first + 40] for word in [*run, "\1"]))
+        lines += arena.run_python(script, BINARY, arena.path("lists"), ctl.config).splitlines()
     assert len(lines) == 400
     for line in lines:
         status, silent, run = line.split(" ", 2)

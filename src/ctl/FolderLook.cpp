@@ -1,4 +1,4 @@
-#include "ctl/check/FolderLook.h"
+#include "ctl/FolderLook.h"
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>

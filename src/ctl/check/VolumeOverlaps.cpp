@@ -2,7 +2,7 @@
 
 #include "ctl/check/ConfigurationTexts.h"
 #include "ctl/check/Findings.h"
-#include "ctl/check/FolderLook.h"
+#include "ctl/FolderLook.h"
 #include "ctl/check/HostReading.h"
 
 #include <climits>

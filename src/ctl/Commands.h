@@ -25,3 +25,4 @@ void addFindCommand(CLI::App& app, Command& chosen);
 void addReportCommand(CLI::App& app, Command& chosen);
 void addRewalkCommand(CLI::App& app, Command& chosen);
 void addStatusCommand(CLI::App& app, Command& chosen);
+void addUnitsCommand(CLI::App& app, Command& chosen);

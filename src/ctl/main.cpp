@@ -21,8 +21,8 @@ int run(int argc, char** argv)
     app.add_option_function<std::string>("--config", useConfiguration,
            "The host configuration (default: $QUARROW_CONFIG_FILE, else where the daemon looks)")
         ->type_name("FILE");
-    for (const auto add :
-        { addStatusCommand, addCheckCommand, addFindCommand, addChangesCommand, addReportCommand, addRewalkCommand })
+    for (const auto add : { addStatusCommand, addCheckCommand, addFindCommand, addChangesCommand, addReportCommand,
+             addRewalkCommand, addUnitsCommand })
         add(app, chosen);
     try {
         app.parse(argc, argv);

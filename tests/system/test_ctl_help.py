@@ -7,7 +7,7 @@ import pytest
 from ctl import Ctl
 
 PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging")
-COMMANDS = ["status", "check", "find", "recent", "largest", "changes", "report", "rewalk"]
+COMMANDS = ["status", "check", "find", "recent", "largest", "changes", "report", "rewalk", "units"]
 
 
 @pytest.fixture

@@ -85,7 +85,7 @@ int main(int argc, char** argv)
 {
     openStandardDescriptors();
     if (argc == 2 && std::string(argv[1]) == "version") {
-        std::cout << "1_0_4.8" << std::endl;
+        std::cout << QUARROW_PRINTED_VERSION << std::endl;
         return 0;
     }
 

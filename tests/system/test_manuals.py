@@ -1,17 +1,12 @@
 """The manual pages of file formats, against what they describe."""
-import os
 import re
 
 import pytest
 
-CHECKOUT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
+from checkout import read
+
 PAGES = ["quarrow-catalogue.5", "quarrow-host.xml.5", "quarrow-mime-types.5", "quarrow.8", "quarrowctl.1"]
 CATEGORIES = {"video": 1, "audio": 2, "image": 3, "other": 4}
-
-
-def read(name):
-    with open(os.path.join(CHECKOUT, name), encoding="utf-8") as file:
-        return file.read()
 
 
 def page(name):

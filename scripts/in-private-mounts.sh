@@ -1,10 +1,13 @@
 #!/bin/sh
-# Runs a command in a mount namespace of its own, in which an empty /tmp and a /usr/local/quarrow with a MIME table are
-# private. The machine's own stay as they are. Without privileges the command is root of a user namespace of its own.
+# Runs a command in a mount namespace of its own, in which an empty /tmp, a /usr/local/quarrow with a MIME table and, when
+# asked for, a /dev with a log socket are private. The machine's own stay as they are. Without privileges the command is
+# root of a user namespace of its own.
 #
-#   in-private-mounts.sh [--mime-types FILE] [--keep FOLDER]... -- COMMAND [ARGUMENT]...
+#   in-private-mounts.sh [--mime-types FILE] [--log SOCKET] [--keep FOLDER]... -- COMMAND [ARGUMENT]...
 #
 #   --mime-types FILE  is copied to /usr/local/quarrow/mime_types.txt (default: the one of this checkout)
+#   --log SOCKET       an absolute path to which /dev/log leads; without this option the command logs to the machine's log.
+#                      What is logged while nothing listens there is lost
 #   --keep FOLDER      an absolute path that stays visible although it is below /tmp; the checkout and the current
 #                      folder always do
 set -eu
@@ -20,6 +23,7 @@ fi
 unset QUARROW_PRIVATE_MOUNTS
 
 mime_types=$checkout/data/mime_types.txt
+log=
 here=$(pwd -P)
 kept="$checkout
 $here"
@@ -39,6 +43,7 @@ show() { # SOURCE TARGET: the folder, file or link SOURCE at TARGET as well
 while [ $# -gt 0 ]; do
     case $1 in
     --mime-types) mime_types=$2; shift 2 ;;
+    --log) log=$2; shift 2 ;;
     --keep) kept="$kept
 $2"; shift 2 ;;
     --) shift; break ;;
@@ -54,16 +59,36 @@ printf '%s\n' "$kept" | sort | while IFS= read -r path; do # parents first: they
     esac
 done
 
-# Furnished on a stage and then moved to its place, for it is made of what it will cover.
-mkdir /tmp/.stage
-mount -n -t tmpfs -o mode=755 tmpfs /tmp/.stage
+# A file system in memory is furnished on a stage and then moved to its place, for it is made of what it will cover.
+raise_stage() {
+    mkdir /tmp/.stage
+    mount -n -t tmpfs -o mode=755 tmpfs /tmp/.stage
+}
+move_stage_to() {
+    mount -n --move /tmp/.stage "$1"
+    rmdir /tmp/.stage
+}
+
+raise_stage
 for entry in /usr/local/*; do
     [ "$entry" = /usr/local/quarrow ] || show "$entry" "/tmp/.stage/${entry##*/}"
 done
 mkdir /tmp/.stage/quarrow
 cp "$mime_types" /tmp/.stage/quarrow/mime_types.txt
-mount -n --move /tmp/.stage /usr/local
-rmdir /tmp/.stage
+move_stage_to /usr/local
+
+if [ -n "$log" ]; then
+    raise_stage
+    for name in null zero full random urandom tty shm; do
+        [ ! -e "/dev/$name" ] || show "/dev/$name" "/tmp/.stage/$name"
+    done
+    ln -s /proc/self/fd /tmp/.stage/fd
+    for link in stdin:0 stdout:1 stderr:2; do
+        ln -s "fd/${link#*:}" "/tmp/.stage/${link%:*}"
+    done
+    ln -s "$log" /tmp/.stage/log
+    move_stage_to /dev
+fi
 
 exec 9<&-
 cd "$here"

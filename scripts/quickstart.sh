@@ -3,12 +3,17 @@
 # a folder and follow a change in it, and stops it.
 #
 #   quickstart.sh [FOLDER]    without FOLDER a small sample library is made in build/ of the checkout
+#   quickstart.sh --help      prints this, and does nothing else
 #
 # The daemon runs in a mount namespace of its own. Outside the checkout only FOLDER/.quarrow stays behind: the catalogue.
 set -eu
 checkout=$(dirname "$(dirname "$(readlink -f "$0")")")
 . "$checkout/scripts/packages.sh"
 
+case ${1:-} in
+-h | --help) sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; exit 0 ;;
+-*) echo "quickstart.sh: there is no option $1. See scripts/quickstart.sh --help" >&2; exit 2 ;;
+esac
 case $# in
 0) folder=$checkout/build/sample-library ;;
 1) folder=$1 ;;

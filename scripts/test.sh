@@ -4,19 +4,22 @@
 #   test.sh          the unit and the system tests, in under 10 minutes on 2 cores
 #   test.sh --full   also the fault tests, those with a browser, both sanitizer builds, fuzzing, static analysis, valgrind and
 #                    the format check
+#   test.sh --help   prints this, and does nothing else
 #
 # Works in build/ of the checkout. The tests run in mount namespaces of their own: nothing else on the machine changes.
 # Ends with the summary of the last test run, and with its status when one of them failed.
 set -eu
-cd "$(dirname "$0")/.."
-. scripts/packages.sh
 
 full=
-case ${1:-} in
-'') ;;
---full) full=yes ;;
-*) echo "usage: scripts/test.sh [--full]" >&2; exit 2 ;;
+case $#${1:-} in
+0) ;;
+1--full) full=yes ;;
+1-h | 1--help) sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; exit 0 ;;
+*) echo "test.sh does not take '$*'. See scripts/test.sh --help" >&2; exit 2 ;;
 esac
+
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
 
 # shellcheck disable=SC2086 # lists of words
 install_packages $build_packages libgtest-dev python3 python3-pytest sqlite3 faketime strace jq util-linux \

@@ -1,15 +1,19 @@
-# Run by 'cmake --install', when the prefix is known for certain: what names programs by their full paths is made here.
-# `source` and `made` are folders, of this file and in the build.
-set(sbindir ${CMAKE_INSTALL_PREFIX}/sbin)
-set(bindir ${CMAKE_INSTALL_PREFIX}/bin)
-foreach(file IN ITEMS quarrow.service quarrow-generator)
-    configure_file(${source}/${file}.in ${made}/${file} @ONLY)
-endforeach()
-
+# Part of `cmake --install`, when the prefix is known for certain: the units and the generator name the programs by their full
+# paths. `made` is a folder of the build for what is changed here.
 set(lib ${CMAKE_INSTALL_PREFIX}/lib)
-file(INSTALL ${made}/quarrow.service ${source}/quarrow-rewalk.service ${source}/quarrow-rewalk.timer
+function(install_with_prefix name folder permissions)
+    file(READ ${CMAKE_CURRENT_LIST_DIR}/${name} text)
+    string(REPLACE "/usr/sbin/quarrow" "${CMAKE_INSTALL_PREFIX}/sbin/quarrow" text "${text}")
+    string(REPLACE "/usr/bin/quarrowctl" "${CMAKE_INSTALL_PREFIX}/bin/quarrowctl" text "${text}")
+    file(WRITE ${made}/${name} "${text}")
+    file(INSTALL ${made}/${name} DESTINATION ${folder} ${permissions})
+endfunction()
+
+install_with_prefix(quarrow.service ${lib}/systemd/system "")
+install_with_prefix(quarrow-generator ${lib}/systemd/system-generators
+    "PERMISSIONS;OWNER_READ;OWNER_WRITE;OWNER_EXECUTE;GROUP_READ;GROUP_EXECUTE;WORLD_READ;WORLD_EXECUTE")
+file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/quarrow-rewalk.service ${CMAKE_CURRENT_LIST_DIR}/quarrow-rewalk.timer
     DESTINATION ${lib}/systemd/system)
-file(INSTALL ${made}/quarrow-generator DESTINATION ${lib}/systemd/system-generators USE_SOURCE_PERMISSIONS)
-file(INSTALL ${source}/journald.conf DESTINATION ${lib}/systemd/journald@quarrow.conf.d RENAME quarrow.conf)
-file(INSTALL ${source}/sysctl.conf DESTINATION ${lib}/sysctl.d RENAME quarrow.conf)
-file(INSTALL ${source}/sysusers.conf DESTINATION ${lib}/sysusers.d RENAME quarrow.conf)
+file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/journald.conf DESTINATION ${lib}/systemd/journald@quarrow.conf.d RENAME quarrow.conf)
+file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysctl.conf DESTINATION ${lib}/sysctl.d RENAME quarrow.conf)
+file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysusers.conf DESTINATION ${lib}/sysusers.d RENAME quarrow.conf)

@@ -6,6 +6,20 @@ import subprocess
 import tempfile
 
 from quarrow_driver.waiting import BOUND, wait_for
+from trees import volume_of_files
+
+
+def catalogued(arena, volume, clock=None, **settings):
+    """One life of a daemon: one walk."""
+    daemon = arena.start([volume], clock=clock, **settings)
+    daemon.wait_walks()
+    daemon.stop()
+
+
+def small_volume(arena, clock=None, name="Volume1"):
+    volume = volume_of_files(arena, name, 2, 2)
+    catalogued(arena, volume, clock)
+    return volume
 
 
 def original(line, key):

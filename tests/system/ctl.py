@@ -54,10 +54,10 @@ class Ctl:
                                ["/usr/bin/env", "-C", folder, BINARY, *(os.fsdecode(argument) for argument in arguments)],
                                log=None, mime_table=self.mime_table, user=self.user, environment=settings)
 
-    def run(self, *arguments, environment=None, folder="/"):
-        """Never raises for a status: the test says which one it wants."""
-        return Result(subprocess.run(self.command(*arguments, environment=environment, folder=folder), capture_output=True,
-                                     stdin=subprocess.DEVNULL, timeout=BOUND, check=False))
+    def run(self, *arguments, environment=None, folder="/", wrapper=()):
+        """Never raises for a status: the test says which one it wants. `wrapper`: a command that runs this one."""
+        command = [*wrapper, *self.command(*arguments, environment=environment, folder=folder)]
+        return Result(subprocess.run(command, capture_output=True, stdin=subprocess.DEVNULL, timeout=BOUND, check=False))
 
     def good(self, *arguments, environment=None):
         """run(), where nothing is to be wrong."""

@@ -41,12 +41,21 @@ def may_trace():
 needs_tracer = pytest.mark.skipif(not may_trace(), reason="strace or setpriv is not there, or tracing is not allowed")
 
 
+def traced(*options):
+    """The command that runs the command behind it below a tracer."""
+    return [STRACE, "-f", "-qq", *options]
+
+
+def without_leak_search():
+    """The environment of what is traced: leaks are looked for by tracing, too."""
+    return {"ASAN_OPTIONS": sanitizer_options()["ASAN_OPTIONS"] + ":detect_leaks=0"}
+
+
 def start_traced(arena, volume, *options, **settings):
     """Starts the daemon below a tracer, which ends as the daemon does. Whatever else ends the tracer ends the daemon, too. Both
     run in a folder that nobody opens, for the tracer takes a bare name also for what it leads to from there."""
-    no_leaks = sanitizer_options()["ASAN_OPTIONS"] + ":detect_leaks=0"  # which are looked for by tracing, too
-    return arena.start([volume], wrapper=[ENV, "-C", "/usr", STRACE, "-f", "-qq", *options, SETPRIV, "--pdeathsig", "KILL"],
-                       environment={"ASAN_OPTIONS": no_leaks}, **settings)
+    return arena.start([volume], wrapper=[ENV, "-C", "/usr", *traced(*options), SETPRIV, "--pdeathsig", "KILL"],
+                       environment=without_leak_search(), **settings)
 
 
 def kill_before(call, number):
@@ -57,7 +66,7 @@ def kill_before(call, number):
 # Steps of a life
 
 def traced_pid(daemon):
-    """The process below the tracer; None when it has ended."""
+    """The process below the tracer, of a daemon or another process; None when it has ended."""
     try:
         with open(f"/proc/{daemon.pid}/task/{daemon.pid}/children", encoding="ascii") as file:
             return int(file.read().split()[0])
@@ -112,6 +121,16 @@ def calls_in(trace):
             match = re.match(r"(\d+) +(\w+)\((.*)", line)
             if match is not None:  # not the second half of a call
                 yield match.groups()
+
+
+def wait_stopped(trace, times=1):
+    """Returns when the tracer has stopped a thread that often."""
+    def is_stopped():
+        if not os.path.exists(trace):
+            return False
+        with open(trace, encoding="utf-8", errors="surrogateescape") as file:
+            return file.read().count("--- SIGSTOP {") == times
+    wait_for(is_stopped, "the stop at a call")
 
 
 def changes_in(trace, volume, files):

@@ -1,6 +1,7 @@
 #include "ctl/HostConfiguration.h"
 
 #include "config/QuarrowConfig.h"
+#include "ctl/ConfigurationPlace.h"
 #include "ctl/Problem.h"
 
 #include <libxml/xmlerror.h>
@@ -28,6 +29,8 @@ std::vector<ConfiguredVolume> readConfiguredVolumes()
     setlogmask(LOG_MASK(LOG_EMERG));
     xmlSetGenericErrorFunc(nullptr, printNothing);
     const std::string path = configurationPath();
+    if (isNoFile(configurationPlace(path)))
+        throw Problem(path, noFileReason, noFileRemedy);
     if (access(path.c_str(), R_OK) != 0) {
         const std::string reason = std::strerror(errno);
         throw Problem(path, "The configuration cannot be read: " + reason,

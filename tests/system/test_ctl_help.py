@@ -69,6 +69,17 @@ def test_wrong_arguments_are_refused(ctl, arguments):
     assert "--help" in result.errors and result.text == ""
 
 
+@pytest.mark.parametrize("command", [command for command in COMMANDS if command != "check"])
+def test_a_configuration_is_not_waited_for(arena, ctl, command):
+    """That of check is in its own tests."""
+    os.mkfifo(arena.path("pipe"))
+    for path in (arena.path("pipe"), "/dev/zero", "-"):
+        result = ctl.run("--config", path, command)
+        assert (result.status, result.text) == (2, "")
+        assert result.errors.startswith(f"quarrowctl: {path}: This is no regular file: ")
+        assert result.errors.endswith(" Write the configuration into a file.\n")
+
+
 def test_a_configuration_that_is_not_there_is_named(ctl):
     for command in COMMANDS:
         result = ctl.run("--config", "/nowhere.xml", command)

@@ -2,6 +2,7 @@
 
 #include "config/QuarrowConfig.h"
 #include "config/XmlDocument.h"
+#include "ctl/ConfigurationPlace.h"
 #include "ctl/check/ElementRules.h"
 #include "ctl/check/MachineRules.h"
 #include "ctl/check/ParserMessages.h"
@@ -12,8 +13,6 @@
 #include "ctl/check/VolumeRules.h"
 
 #include <fcntl.h>
-#include <libxml/uri.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -27,40 +26,6 @@
 namespace {
 
 constexpr const char* nameAnother = "Name another one, as the argument, with --config or by QUARROW_CONFIG_FILE";
-
-/// The path of a local file: address, as far as the XML library knows it; any other text as it is.
-std::string withoutScheme(const std::string& address)
-{
-    for (const std::string prefix : { "file://localhost/", "file:///", "file:/" }) {
-        if (strncasecmp(address.c_str(), prefix.c_str(), prefix.length()) == 0 && address[prefix.length()] != '/')
-            return address.substr(prefix.length() - 1);
-    }
-    return address;
-}
-
-/// Where the XML library looks for the configuration: at the path that an address stands for, and, if nothing is there,
-/// at that with %20 and the like replaced.
-std::string placeOf(const std::string& path)
-{
-    std::string place = withoutScheme(path);
-    struct stat64 status;
-    if (stat64(place.c_str(), &status) == 0)
-        return place;
-    char* const unescaped = xmlURIUnescapeString(path.c_str(), 0, nullptr);
-    std::string other = unescaped == nullptr ? place : withoutScheme(unescaped);
-    xmlFree(unescaped);
-    return stat64(other.c_str(), &status) == 0 ? other : place;
-}
-
-/// Whether reading would go to somewhere else than a file, or might not end. The XML library takes '-' for standard
-/// input and fetches addresses.
-bool isNoFile(const std::string& path)
-{
-    struct stat64 status;
-    if (stat64(path.c_str(), &status) != 0)
-        return path == "-" || path.find("://") != std::string::npos;
-    return !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
-}
 
 /// Why the file cannot be opened; empty when it can.
 std::string failureToOpen(const std::string& path)
@@ -115,12 +80,9 @@ ConfigurationCheck::ConfigurationCheck(const Machine& machine)
         return;
     }
     const FindingsAbout found(all, file);
-    if (isNoFile(placeOf(file))) {
+    if (isNoFile(configurationPlace(file))) {
         checked = false;
-        found.leaveUnchecked(
-            "This is no regular file: reading it might never end, and takes from a pipe what is meant for"
-            " the daemon",
-            "Write the configuration into a file");
+        found.leaveUnchecked(noFileReason, noFileRemedy);
         return;
     }
     {
@@ -166,7 +128,7 @@ void ConfigurationCheck::explain()
 
 void ConfigurationCheck::refuseUnparsed(const ParserMessages& messages, const FindingsAbout& found)
 {
-    const std::string failure = failureToOpen(placeOf(file));
+    const std::string failure = failureToOpen(configurationPlace(file));
     if (!failure.empty()) {
         found.refuse(0, "It cannot be read: " + failure, nameAnother);
         return;

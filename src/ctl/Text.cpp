@@ -100,6 +100,24 @@ void setBytes(nlohmann::ordered_json& object, const std::string& key, std::strin
     object[key + "_hex"] = hex;
 }
 
+std::string jsonText(const nlohmann::ordered_json& object, int indent)
+{
+    std::string json = object.dump(indent);
+    if (json.find_first_of("\x7f\xc2") == std::string::npos) // as nearly always
+        return json;
+    std::string text;
+    for (std::size_t at = 0; at < json.size();) {
+        const std::size_t length = characterLength(std::string_view(json).substr(at));
+        const std::string_view character(&json[at], length);
+        if (isControl(character) && character != "\n")
+            text += fmt::format("\\u{:04x}", static_cast<unsigned char>(character.back()));
+        else
+            text += character;
+        at += length;
+    }
+    return text;
+}
+
 std::string humanBytes(long long bytes)
 {
     static constexpr std::array<const char*, 6> units = { "KiB", "MiB", "GiB", "TiB", "PiB", "EiB" };

@@ -20,6 +20,10 @@ bool isUtf8(std::string_view bytes);
 /// `object[key + "_hex"]` all bytes in hexadecimal.
 void setBytes(nlohmann::ordered_json& object, const std::string& key, std::string_view bytes);
 
+/// The object's JSON, on one line unless `indent` says otherwise. Control characters of U+007F and above are written
+/// as \u007f: the format allows them as they are, but a terminal obeys them.
+std::string jsonText(const nlohmann::ordered_json& object, int indent = -1);
+
 /// "1.5 GiB", "731 bytes".
 std::string humanBytes(long long bytes);
 /// "1,234,567".

@@ -14,11 +14,13 @@ namespace {
 bool isPlain(std::string_view bytes)
 {
     bool isAscii = true;
+    unsigned char before = 0;
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\\')
+        if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\\' || (before == 0xc2 && byte < 0xa0))
             return false;
         isAscii = isAscii && byte < 0x80;
+        before = byte;
     }
     return isAscii || isUtf8(bytes);
 }
@@ -28,7 +30,7 @@ std::string startOf(const std::string& volumeName, const char* kind)
     nlohmann::ordered_json object;
     setBytes(object, "volume", volumeName);
     object["kind"] = kind;
-    std::string text = object.dump();
+    std::string text = jsonText(object);
     text.pop_back();
     return text;
 }
@@ -45,7 +47,7 @@ void addJsonBytes(std::string& json, std::string_view key, std::string_view byte
     }
     nlohmann::ordered_json object;
     setBytes(object, std::string(key), bytes);
-    const std::string text = object.dump();
+    const std::string text = jsonText(object);
     json.append(text, 1, text.size() - 2);
 }
 

@@ -89,7 +89,7 @@ void VolumeChanges::listAll(Reading& reading) const
 {
     nlohmann::ordered_json event = { { "event", "full-listing" } };
     setBytes(event, "volume", configured.name);
-    reading.print(event.dump() + "\n");
+    reading.print(jsonText(event) + "\n");
     reading.rows.all([&reading](const std::string& line) { reading.print(line); });
 }
 
@@ -109,6 +109,6 @@ void VolumeChanges::sayRestart(Reading& reading, const RestartReason& reason, co
     setBytes(event, "volume", configured.name);
     event["reason"] = reason.code;
     event["message"] = reason.explanation;
-    reading.print(event.dump() + "\n");
+    reading.print(jsonText(event) + "\n");
     report(Problem(configured.cataloguePath(), reason.explanation, remedy));
 }

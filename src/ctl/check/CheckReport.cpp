@@ -140,5 +140,5 @@ void printCheckAsJson(const ConfigurationCheck& check)
     for (const Finding& finding : check.findings().list())
         object["findings"].push_back(jsonOf(finding));
     object["findings_omitted"] = check.findings().omitted();
-    fmt::print("{}\n", object.dump(2));
+    fmt::print("{}\n", jsonText(object, 2));
 }

@@ -46,7 +46,7 @@ void RowOutput::addJson(const ConfiguredVolume& volume, const Row& row)
     object["modified"] = row.modified;
     object["changed"] = row.changed();
     object["deleted"] = row.isDeleted;
-    text += object.dump();
+    text += jsonText(object);
     text += '\n';
 }
 

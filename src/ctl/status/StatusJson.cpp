@@ -99,5 +99,5 @@ std::string statusJson(const HostStatus& host)
     for (const VolumeStatus& volume : host.volumes)
         object["volumes"].push_back(volumeJson(volume));
     object["problems"] = problemsJson(host.problems());
-    return object.dump();
+    return jsonText(object);
 }

@@ -33,6 +33,17 @@ TEST(TextTest, jsonCarriesEveryByte)
     EXPECT_EQ("{\"path\":\"/a\xef\xbf\xbd\\n\",\"path_hex\":\"2f61ff0a\"}", object.dump());
 }
 
+TEST(TextTest, jsonDoesNotControlATerminal)
+{
+    const std::string name = "/\x01\x7f\xc2\x80-\xc2\x9b\xc2\xa0\xc3\x9b\xe2\x82\x9b";
+    nlohmann::ordered_json object;
+    setBytes(object, "path", name);
+    const std::string json = jsonText(object);
+    EXPECT_EQ("{\"path\":\"/\\u0001\\u007f\\u0080-\\u009b\xc2\xa0\xc3\x9b\xe2\x82\x9b\"}", json);
+    EXPECT_EQ(name, nlohmann::json::parse(json).at("path").get<std::string>());
+    EXPECT_EQ("{\n  \"path\": \"\\u009b\"\n}", jsonText({ { "path", "\xc2\x9b" } }, 2));
+}
+
 TEST(TextTest, numbersForPeople)
 {
     EXPECT_EQ("0 bytes", humanBytes(0));

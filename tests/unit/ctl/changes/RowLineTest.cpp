@@ -11,7 +11,7 @@ std::string defined(const std::string& bytes)
 {
     nlohmann::ordered_json object;
     setBytes(object, "path", bytes);
-    const std::string text = object.dump();
+    const std::string text = jsonText(object);
     return "," + text.substr(1, text.size() - 2);
 }
 

@@ -22,7 +22,7 @@ cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
 # shellcheck disable=SC2086 # lists of words
-install_packages $build_packages libgtest-dev python3 python3-pytest sqlite3 faketime strace jq util-linux \
+install_packages $build_packages libgtest-dev python3 python3-pytest sqlite3 faketime strace jq bash-completion util-linux \
     ${full:+clang-format clang libclang-rt-dev llvm btrfs-progs xfsprogs bindfs python3-fusepy \
     chromium chromium-driver python3-selenium}
 

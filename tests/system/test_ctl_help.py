@@ -1,12 +1,15 @@
 """What quarrowctl says of itself, and what its manual page and its completion say of it."""
 import os
 import re
+import subprocess
 
 import pytest
 
 from checkout import project_version
-from ctl import Ctl
+from ctl import BINARY, Ctl
+from quarrow_driver.waiting import BOUND
 
+COMPLETION_PACKAGE = "/usr/share/bash-completion/bash_completion"
 PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging")
 COMMANDS = ["status", "check", "find", "recent", "largest", "changes", "report", "rewalk", "units"]
 
@@ -56,6 +59,48 @@ def test_completion_knows_every_command(ctl):
     text = read("quarrowctl.bash-completion")
     assert f"compgen -W '{' '.join(COMMANDS)}'" in text
     assert f"        {' | '.join(COMMANDS)})\n" in text
+
+
+def complete(*words):
+    """What the completion offers for the last of these words, as the shell would have it below the completion package."""
+    script = """
+        . "$1" && . "$2" && [[ $(complete -p quarrowctl) == 'complete -F _quarrowctl quarrowctl' ]] || exit
+        shift 2
+        COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) COMP_LINE="$*" COMP_POINT=${#COMP_LINE}
+        _quarrowctl "$1" "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}"
+        (( ${#COMPREPLY[@]} == 0 )) || printf '%s\\n' "${COMPREPLY[@]}"
+        exit 0"""
+    shell = subprocess.run(["/bin/bash", "--norc", "-c", script, "bash", COMPLETION_PACKAGE,
+                            os.path.join(PACKAGING, "quarrowctl.bash-completion"), BINARY, *words],
+                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=BOUND, check=True)
+    return shell.stdout.splitlines()
+
+
+needs_completion_package = pytest.mark.skipif(not os.path.exists(COMPLETION_PACKAGE), reason="bash-completion is not installed")
+
+
+@needs_completion_package
+def test_completion_offers_commands_and_their_options(ctl):
+    assert sorted(complete("")) == sorted(COMMANDS)
+    assert complete("re") == ["recent", "report", "rewalk"]
+    for command in COMMANDS:
+        assert set(complete(command, "--")) == options_of(ctl, command), command
+    assert complete("--conf") == ["--config"]
+    assert complete("--config", "x.xml", "find", "--vol") == ["--volume"]
+    assert complete("status", "--volume", "") == complete("find", "f") == []
+
+
+@needs_completion_package
+def test_completion_offers_values(arena):
+    assert complete("find", "--category", "") == ["video", "audio", "image", "other"]
+    assert complete("largest", "--category", "video,image,o") == ["video,image,other"]
+    for name in ("host.xml", "notes.txt"):
+        arena.write_config("", name)
+    os.mkdir(arena.path("folder"))
+    start = arena.path("")
+    assert sorted(complete("--config", start)) == [arena.path(name) for name in ("folder", "host.xml", "notes.txt")]
+    assert sorted(complete("check", start)) == [arena.path(name) for name in ("folder", "host.xml")]
+    assert complete("find", "--under", start) == [arena.path("folder")]
 
 
 def test_version_is_printed(ctl):

@@ -101,6 +101,19 @@ def test_keys_alone_do_as_much(arena, browser):
     assert crumbs(browser) == ["Volume1"]
 
 
+def test_keys_move_up_and_down(arena, browser):
+    browser.open(write_report(arena, library(arena)))
+    upper, lower = sorted(("Music", "Photos"), key=lambda name: tile(browser, name).location["y"])
+    assert tile(browser, upper).location["x"] == tile(browser, lower).location["x"]
+    wait_for(lambda: (browser.press("Tab"), focused(browser).startswith("Films:"))[1], "the focus on the first tile")
+    browser.press("ArrowUp")  # nothing is there
+    assert focused(browser).startswith("Films:")
+    wait_for(lambda: (browser.press("ArrowRight"), not focused(browser).startswith("Films:"))[1], "the focus beside it")
+    for key, name in (("ArrowUp", upper), ("ArrowDown", lower), ("ArrowDown", lower), ("ArrowUp", upper), ("ArrowUp", upper)):
+        browser.press(key)
+        assert focused(browser).startswith(f"{name}:"), key
+
+
 def test_the_way_back_leaves_another_volume_alone(arena, browser):
     first, second = library(arena), arena.volume("Volume2", crawl=["/m"])
     second.make_file("/m/x/y/a.mp3", b"x")

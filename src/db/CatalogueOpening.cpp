@@ -1,5 +1,6 @@
 #include "db/CatalogueOpening.h"
 
+#include "core/LongestPath.h"
 #include "core/WithoutLinks.h"
 #include "db/CatalogueAdmission.h"
 #include "db/CatalogueConnection.h"
@@ -13,11 +14,8 @@
 #include <syslog.h>
 
 #include <cerrno>
-#include <string_view>
 
 namespace {
-
-constexpr std::string::size_type longestForSqlite = 512 - std::string_view("-journal").length();
 
 /// False for the paths that SQLite does not take for a file: for those it makes a database in memory or a temporary
 /// one.
@@ -59,7 +57,7 @@ int openOrMakeCatalogue(CatalogueConnection& connection, const std::string& path
         return SQLITE_CANTOPEN;
     const bool existed = isThereOrMakeFoldersAbove(path.c_str());
     const std::string found = resolveOwnLinks(path, LinkedFile::followed);
-    if (found.empty() || found.length() > longestForSqlite || path.length() > longestForSqlite)
+    if (found.empty() || found.length() > longestCataloguePath || path.length() > longestCataloguePath)
         return SQLITE_CANTOPEN;
     const bool isMarked = avoidCopyOnWrite(found);
     const int rc = existed ? SQLITE_OK : make(found);

@@ -1,8 +1,9 @@
 #include "ctl/check/VolumeRules.h"
 
+#include "core/LongestPath.h"
+#include "ctl/FolderLook.h"
 #include "ctl/check/ConfigurationTexts.h"
 #include "ctl/check/Findings.h"
-#include "ctl/FolderLook.h"
 #include "ctl/check/HostReading.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 namespace {
 
 constexpr const char* cataloguePlace = "/.quarrow/quarrow.db"; // below the root
-constexpr std::size_t longestCataloguePath = 504; // bytes that the daemon takes, since SQLite adds "-journal" to them
 
 void checkVolumeElements(const HostReading& reading, const FindingsAbout& found)
 {

@@ -10,7 +10,6 @@ namespace {
 /// Codes of bytes that are no character begin behind those of all characters.
 constexpr unsigned strayBytes = 0x110000;
 
-unsigned lower(unsigned code) { return code >= 'A' && code <= 'Z' ? code - 'A' + 'a' : code; }
 unsigned upper(unsigned code) { return code >= 'a' && code <= 'z' ? code - 'a' + 'A' : code; }
 
 struct Class {

@@ -6,6 +6,9 @@
 #include <utility>
 #include <vector>
 
+/// What ignoring the case makes of a character: a letter of A to Z becomes small, any other stays.
+constexpr unsigned lower(unsigned code) { return code >= 'A' && code <= 'Z' ? code - 'A' + 'a' : code; }
+
 /// A pattern as the shell and find know it, for a whole text: `*` is any text, also one with slashes; `?` one
 /// character;
 /// `[a-z]` one of these, `[!a-z]` or `[^a-z]` one of all others, `[[:digit:]]` one of a class (of ASCII); a backslash

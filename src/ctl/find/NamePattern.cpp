@@ -4,9 +4,7 @@
 
 namespace {
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool equalButForCase(char left, char right) { return lower(left) == lower(right); }
+bool equalButForCase(unsigned char left, unsigned char right) { return lower(left) == lower(right); }
 
 } // namespace
 

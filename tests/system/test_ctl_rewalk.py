@@ -10,6 +10,7 @@ import time
 from ctl import Ctl
 from lines import info
 from quarrow_driver.waiting import BOUND, wait_for
+from tracing import calls_in, needs_tracer, traced, without_leak_search
 
 STRANGER = 65534
 SIGNALLED = info("Got a usr1 signal\n")
@@ -161,6 +162,21 @@ def test_a_daemon_that_is_held_up_or_ends(arena):
     daemon.kill()
     output, errors = process.communicate(timeout=BOUND)
     assert (process.returncode, output) == (1, "") and "The daemon has ended" in errors
+
+
+@needs_tracer
+def test_a_kernel_without_descriptors_of_processes(arena, clock):
+    volume = sample_volume(arena)
+    daemon, config = ready(arena, volume, clock=clock)
+    clock.advance(300)
+    trace = arena.path("trace")
+    result = Ctl(arena, [volume]).run("rewalk", *config, environment=without_leak_search(), wrapper=traced(
+        "-o", trace, "-e", "trace=pidfd_open,pidfd_send_signal,kill", "--inject=pidfd_open:error=ENOSYS"))
+    assert (result.status, result.errors) == (0, "")
+    daemon.wait_walks_of(volume, 2)
+    calls = [(call, rest.split(")")[0]) for _, call, rest in calls_in(trace)]
+    assert ("kill", f"{daemon.pid}, SIGUSR1") in calls and {call for call, _ in calls} == {"pidfd_open", "kill"}
+    daemon.stop()
 
 
 def test_arguments(arena):

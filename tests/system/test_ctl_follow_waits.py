@@ -67,7 +67,7 @@ def test_rows_that_show_a_moment_after_the_kernel_has_reported_them(arena):
     log.execute("update Files set category = 4")  # so that the log has its beginning
     sizes = volume.catalogue.query("select size from Files")
     trace = arena.path("writer")
-    with TracedFollower(Ctl(arena, [volume])) as follower:
+    with TracedFollower(Ctl(arena, [volume]), environment=fast_clock(0.3)) as follower:  # slow: it looks again much later
         follower.wait_path("/m/1/a1.mp3")
         follower.wait_poll(-1)
         calls = len(follower.calls())
@@ -77,7 +77,7 @@ def test_rows_that_show_a_moment_after_the_kernel_has_reported_them(arena):
         writer = subprocess.Popen(command, stdin=subprocess.DEVNULL)
         try:
             wait_stopped(trace)
-            follower.wait_poll("[0-9]{4}", after=calls)  # it has looked
+            follower.wait_poll("[0-9]{4,}", after=calls)  # it has looked
             assert volume.catalogue.query("select size from Files") == sizes and follower.lines() == before
         finally:
             os.kill(traced_pid(writer), signal.SIGCONT)

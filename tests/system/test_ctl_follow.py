@@ -1,4 +1,5 @@
 """`quarrowctl changes --follow`: changes as they come, and rest while nothing happens."""
+import errno
 import os
 import shutil
 import signal
@@ -10,7 +11,7 @@ from change_stream import Follower, Mirror, catalogued, cursor_of, events_in, pa
 from ctl import Ctl
 from moments import seeded
 from quarrow_driver.clock import fast_clock
-from quarrow_driver.waiting import BOUND
+from quarrow_driver.waiting import BOUND, wait_for
 from trees import change_something, media_volume, volume_of_files
 
 
@@ -87,14 +88,27 @@ def test_following_a_volume_that_comes_and_goes(arena, mounts):
         os.mkdir(other.folder)
         mounts.bind(f"{disk}/Other", other.folder)
         follower.wait(lambda lines: {line["volume"] for line in rows_in(lines)} == {"V", "Other"}, "the other volume")
-        mounts.remove(other.folder)
+        unmount(mounts, other.folder)
         edit(volume.catalogue.path, "update Files set size = 9, last_updated_time = strftime('%s','now')")
         follower.wait(lambda lines: any(line.get("size") == 9 for line in lines), "a change in the volume that stayed")
         mounts.bind(f"{disk}/Other", other.folder)
         edit(other.catalogue.path, "update Files set size = 8, last_updated_time = strftime('%s','now')")
         follower.wait(lambda lines: any(line.get("size") == 8 for line in lines), "a change in the volume that came back")
         follower.stop(signal.SIGINT)
-        mounts.remove(other.folder)
+        unmount(mounts, other.folder)
+
+
+def unmount(mounts, path):
+    """Also when the follower is just looking at what is there."""
+    def is_done():
+        try:
+            mounts.remove(path)
+        except OSError as failure:
+            if failure.errno != errno.EBUSY:
+                raise
+            return False
+        return True
+    wait_for(is_done, "the end of the mount")
 
 
 def test_reading_and_following_do_not_wake_the_daemon(arena):

@@ -11,16 +11,16 @@ from change_stream import Follower, cursor_of, small_volume
 from ctl import Ctl
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.waiting import BOUND, wait_for
-from tracing import needs_tracer, traced, traced_pid, wait_stopped, without_leak_search
+from tracing import SETPRIV, needs_tracer, traced, traced_pid, wait_stopped, without_leak_search
 
 
 class TracedFollower(Follower):
-    """A follower of which each call is seen."""
+    """A follower of which each call is seen. It ends with its tracer."""
 
     def __init__(self, ctl, *options, environment=None):
         self.trace = f"{ctl.folder}/trace"
         open(self.trace, "wb").close()
-        super().__init__(ctl, *options, wrapper=traced("-o", self.trace),
+        super().__init__(ctl, *options, wrapper=[*traced("-o", self.trace), SETPRIV, "--pdeathsig", "KILL"],
                          environment={**without_leak_search(), **(environment or {})})
 
     def calls(self):
@@ -126,4 +126,5 @@ def test_a_catalogue_in_trouble_is_tried_again(arena):
         volume.make_file("/.quarrow/quarrow.db-note", b"x")
         wait_for(lambda: len(pauses()) >= tried + 2, "the pauses")
         assert pauses()[tried:tried + 2] == [10, 20]
+        follower.stop()
     writer.close()

@@ -1,8 +1,8 @@
 #include "ctl/check/PathRules.h"
 
+#include "ctl/FolderLook.h"
 #include "ctl/check/ConfigurationTexts.h"
 #include "ctl/check/Findings.h"
-#include "ctl/FolderLook.h"
 #include "ctl/check/HostReading.h"
 
 #include <climits>

@@ -52,6 +52,8 @@ def packaged_documents():
         files[f"examples/{os.path.basename(name)}"] = name
     everywhere = {PACKAGED + path: source for path, source in files.items()}
     everywhere.update({f"{folder}/{os.path.basename(name)}": name for name, folder in packaged("install")})
+    for name in os.listdir(f"{CHECKOUT}/packaging/systemd"):  # CMake installs what of these is a unit
+        everywhere[f"lib/systemd/system/{name}"] = f"packaging/systemd/{name}"
     everywhere.update({link: everywhere[target] for target, link in packaged("links")})
     return {path[len(PACKAGED):]: source for path, source in everywhere.items() if path.startswith(PACKAGED)}
 
@@ -72,3 +74,8 @@ def test_documents_of_the_package_are_not_compressed():
     links = {link[len(PACKAGED):] for _, link in packaged("links")}
     assert [path for path in packaged_documents() if path not in links and not path.endswith(".png")
             and not any(option[2:] in f"/{path}" for option in kept)] == []
+
+
+def test_the_change_log_of_the_package_keeps_its_name():
+    """Else it takes the place of the package's own."""
+    assert "\tdh_installchangelogs -XCHANGELOG.md\n" in read("packaging/debian/rules")

@@ -1,7 +1,13 @@
 #include "ctl/units/UnitDropIn.h"
 
+#include "core/FileDescriptor.h"
 #include "ctl/FolderLook.h"
 #include "ctl/Text.h"
+#include "ctl/units/LinkedPath.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -9,9 +15,8 @@
 namespace {
 
 /// Whether a line of a unit can have it: systemd takes nothing but UTF-8, and has no escape for the end of a line.
-bool fitsIntoAUnit(const std::string& path) { return isUtf8(path) && path.find('\n') == std::string::npos; }
+bool fitsIntoAUnit(const std::string& path) { return isUtf8(path) && path.find_first_of("\r\n") == std::string::npos; }
 
-/// As a setting takes it that is the rest of its line.
 std::string withoutSpecifiers(const std::string& path)
 {
     std::string text;
@@ -20,7 +25,7 @@ std::string withoutSpecifiers(const std::string& path)
     return text;
 }
 
-/// As a setting takes it that is a list of words.
+/// For a setting that takes a list of words.
 std::string word(const std::string& path)
 {
     std::string text = "\"";
@@ -32,19 +37,41 @@ std::string word(const std::string& path)
     return text + '"';
 }
 
-/// The folders of a volume, by the names that the daemon uses and by those that links lead to: the root, and where the
-/// catalogue is.
+/// Whether a look into the folder would have it mounted first. At the boot systemd waits for this program meanwhile,
+/// and would wait for itself.
+bool wouldBeMountedByALook(const std::string& folder)
+{
+    const FileDescriptor descriptor(open(folder.c_str(), O_PATH | O_CLOEXEC));
+    struct statfs status;
+    return descriptor.isOpen() && fstatfs(descriptor.get(), &status) == 0 && status.f_type == AUTOFS_SUPER_MAGIC;
+}
+
+std::string folderOf(const std::string& path) { return std::filesystem::path(path).parent_path().string(); }
+
+bool liesIn(const std::string& path, const std::string& folder)
+{
+    return path.compare(0, folder.length(), folder) == 0
+        && (path.length() == folder.length() || path[folder.length()] == '/');
+}
+
+/// The folders of a volume: its root, also by the name that the daemon uses, and that of a catalogue which a link has
+/// put elsewhere.
 std::vector<std::string> foldersOf(const ConfiguredVolume& volume)
 {
     const std::string root = volume.root.empty() ? "/" : volume.root;
-    const std::string state = volume.root + "/.quarrow";
-    const std::string canonicalRoot = canonicalPath(root);
-    std::vector<std::string> folders = { canonicalRoot };
-    if (!hasOddElements(root) && root != canonicalRoot)
+    const std::string linkedRoot = linkedPath(root);
+    std::vector<std::string> folders = { linkedRoot };
+    if (!hasOddElements(root) && root != linkedRoot)
         folders.push_back(root);
-    std::error_code none;
-    if (std::filesystem::is_symlink(state, none))
-        folders.push_back(canonicalPath(state));
+    if (wouldBeMountedByALook(linkedRoot))
+        return folders;
+    const std::string catalogue = volume.cataloguePath();
+    for (const std::string& folder : { linkedPath(folderOf(catalogue)), folderOf(linkedPath(catalogue)) }) {
+        const bool isKnown = std::any_of(folders.begin(), folders.end(),
+            [&folder](const std::string& known) { return liesIn(folder, known == "/" ? "" : known); });
+        if (!isKnown)
+            folders.push_back(folder);
+    }
     return folders;
 }
 
@@ -74,11 +101,12 @@ std::string UnitDropIn::text() const
     std::string content = "# Made by 'quarrowctl units'. To be made again after every change of the configuration.\n"
                           "[Unit]\n";
     if (fitsIntoAUnit(source))
-        content += "SourcePath=" + withoutSpecifiers(source) + "\n";
+        content += "SourcePath=" + withoutSpecifiers(source) + "\nRequiresMountsFor=" + word(source) + "\n";
     content += "# An empty mount point would be catalogued as an empty volume.\n";
     for (const std::string& place : places)
         content += "RequiresMountsFor=" + word(place) + "\n";
-    if (!unnamed.empty())
+    // systemd takes the stricter one of two settings for the root of all.
+    if (!unnamed.empty() || std::find(places.begin(), places.end(), "/") != places.end())
         return content;
     content += "\n[Service]\n"
                "ProtectSystem=strict\n";

@@ -15,8 +15,8 @@ public:
 
     std::string text() const;
 
-    /// Why a volume cannot be named in a unit, a message for each. The text then takes no right to write away from the
-    /// daemon: it would take that to this volume, too.
+    /// Why a volume cannot be named in a unit, a message for each. ProtectSystem then stays as in the unit, or the
+    /// daemon could not write this volume.
     const std::vector<Problem>& problems() const { return unnamed; }
 
 private:

@@ -67,7 +67,7 @@ def test_rows_that_show_a_moment_after_the_kernel_has_reported_them(arena):
     log.execute("update Files set category = 4")  # so that the log has its beginning
     sizes = volume.catalogue.query("select size from Files")
     trace = arena.path("writer")
-    with TracedFollower(Ctl(arena, [volume]), environment=fast_clock(0.3)) as follower:  # slow: it looks again much later
+    with TracedFollower(Ctl(arena, [volume]), environment=fast_clock(0.15)) as follower:  # slow: it looks again much later
         follower.wait_path("/m/1/a1.mp3")
         follower.wait_poll(-1)
         calls = len(follower.calls())

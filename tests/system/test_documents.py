@@ -19,7 +19,7 @@ def files_of_checkout():
 
 
 def anchors(text):
-    headings = re.findall(r"^#+ (.*)$", text, re.MULTILINE)
+    headings = re.findall(r"^#+ (.*)$", re.sub(r"^```.*?^```", "", text, flags=re.MULTILINE | re.DOTALL), re.MULTILINE)
     return {re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings}
 
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <limits>
 
 namespace {
 
@@ -65,7 +66,7 @@ TEST(HeldProcessTest, aProcessThatHasEndedIsRefused)
 TEST(HeldProcessTest, withoutADescriptorNothingIsSentByTheIdAlone)
 {
     // Before the limit: a sanitizer that meets a kind of exception for the first time needs a pipe to look into it.
-    EXPECT_THROW(HeldProcess(-1).send(0), Problem);
+    EXPECT_THROW(HeldProcess(std::numeric_limits<int>::max()).send(0), Problem);
     rlimit before = {};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
     const rlimit none = { 0, before.rlim_max };

@@ -15,5 +15,5 @@ install_with_prefix(quarrow-generator ${lib}/systemd/system-generators
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/quarrow-rewalk.service ${CMAKE_CURRENT_LIST_DIR}/quarrow-rewalk.timer
     DESTINATION ${lib}/systemd/system)
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/journald.conf DESTINATION ${lib}/systemd/journald@quarrow.conf.d RENAME quarrow.conf)
-file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysctl.conf DESTINATION ${lib}/sysctl.d RENAME quarrow.conf)
+file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysctl.conf DESTINATION ${lib}/sysctl.d RENAME 30-quarrow.conf)
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysusers.conf DESTINATION ${lib}/sysusers.d RENAME quarrow.conf)

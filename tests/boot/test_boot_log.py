@@ -1,0 +1,20 @@
+"""The daemon's own journal: no line is dropped, and the machine's journal has none of them."""
+from appliance import configuration
+
+
+def test_every_line_of_a_large_walk_arrives(appliance):
+    folders = 26266
+    appliance.good("sh", "-c", "mkdir -p /srv/large; cd /srv/large; mkdir $(seq 265); for i in $(seq 265); do "
+                               "(cd $i; mkdir $(seq 99 | head -n $(($i <= 265 ? 99 : 0)))); done")
+    folders = int(appliance.good("sh", "-c", "find /srv/large -type d | wc -l"))
+    assert folders > 26000
+    appliance.configure(configuration("/srv/large"))
+    appliance.start()
+    lines = appliance.log("--identifier=quarrow")
+    assert sum(line.startswith("For folder /srv/large") for line in lines) == folders
+    assert sum(line.startswith("Add file count") for line in lines) == folders
+    assert f"Actively watching {folders} folders" in lines
+    assert any(line.startswith("Finished walk. Walk started at /srv/large") for line in lines)
+    assert not any("Suppressed" in line for line in appliance.log())
+    assert appliance.good("journalctl", "--quiet", "--output=cat", "--identifier=quarrow", "--since", appliance.since) == ""
+    appliance.good("rm", "-rf", "/srv/large")

@@ -1,0 +1,60 @@
+"""The package: it is installed in silence, does nothing before it is configured, and leaves nothing."""
+import re
+
+from appliance import CONFIGURATION, configuration
+
+
+def test_installing_says_nothing_wrong(installation):
+    assert installation.status == 0
+    assert "warning" not in (installation.text + installation.errors).lower()
+
+
+def test_nothing_runs_without_a_configuration(appliance):
+    for unit in ("quarrow.service", "quarrow-rewalk.timer"):
+        assert appliance.good("systemctl", "is-enabled", unit).strip() == "enabled"
+    appliance.good("systemctl", "start", "quarrow.service")
+    for unit in ("quarrow.service", "quarrow-rewalk.timer"):
+        assert appliance.property("ActiveState", unit) == "inactive"
+        assert appliance.property("Result", unit) == "success"
+
+
+def test_with_one_the_timer_comes_and_goes_with_the_daemon(appliance):
+    appliance.make_folder("/srv/media")
+    appliance.configure(configuration("/srv/media"))
+    appliance.start()
+    assert appliance.property("ActiveState", "quarrow-rewalk.timer") == "active"
+    assert "*-*-* 00/4:00:00" in appliance.property("TimersCalendar", "quarrow-rewalk.timer")
+    appliance.good("systemctl", "stop", "quarrow.service")
+    assert appliance.property("ActiveState", "quarrow-rewalk.timer") == "inactive"
+
+
+def test_the_example_configuration_and_the_pages_are_where_the_manual_says(appliance):
+    appliance.good("test", "-s", "/usr/share/doc/quarrow/examples/quarrow-host.xml")
+    appliance.good("test", "-s", "/usr/share/doc/quarrow/examples/ordinary-user.conf")
+    for page in ("quarrow-host.xml.5", "quarrow-mime-types.5", "quarrow-catalogue.5", "quarrow.8", "quarrowctl.1"):
+        appliance.good("test", "-s", f"/usr/share/man/man{page[-1]}/{page}.gz")
+
+
+def test_the_limit_of_watches_is_set_for_the_next_boot(appliance):
+    text = appliance.good("/lib/systemd/systemd-sysctl", "--cat-config")
+    assert re.search(r"^fs\.inotify\.max_user_watches = 1048576$", text, re.MULTILINE)
+
+
+def test_the_units_give_few_rights(appliance):
+    appliance.make_folder("/srv/media")
+    appliance.configure(configuration("/srv/media"))
+    for unit in ("quarrow.service", "quarrow-rewalk.service"):
+        text = appliance.good("systemd-analyze", "security", "--no-pager", unit)
+        assert float(re.search(r"Overall exposure level for \S+: ([0-9.]+)", text)[1]) <= 1.5, unit
+
+
+def test_purging_leaves_nothing_and_warns_of_nothing(appliance, package):
+    appliance.make_folder("/srv/media")
+    appliance.configure(configuration("/srv/media"))
+    appliance.start()
+    result = appliance.run("dpkg", "--purge", "quarrow")
+    assert result.status == 0 and "warning" not in (result.text + result.errors).lower()
+    assert appliance.run("test", "-e", CONFIGURATION).status == 1
+    assert appliance.good("find", "/etc", "/usr", "/lib/systemd", "-iname", "*quarrow*") == ""
+    appliance.good("test", "-s", "/srv/media/.quarrow/quarrow.db")
+    appliance.good("dpkg", "--install", package)

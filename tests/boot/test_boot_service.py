@@ -1,0 +1,154 @@
+"""What systemd makes of the daemon: started, refused, restarted, reloaded, not mounted."""
+import pytest
+
+from appliance import configuration
+from machine import wait_for
+
+FAST = "[Service]\nRestartSec=100ms\n"  # ten seconds, shortened
+
+
+@pytest.fixture
+def media(appliance):
+    appliance.make_folder("/srv/media")
+    appliance.configure(configuration("/srv/media"))
+    return appliance
+
+
+def test_a_volume_is_catalogued_and_the_machine_is_well(media):
+    media.good("touch", "/srv/media/song.mp3")
+    media.start()
+    query = "select path from Files where is_deleted = 0"
+    assert "/song.mp3" in media.good("sqlite3", "-readonly", "/srv/media/.quarrow/quarrow.db", query).splitlines()
+    assert media.good("systemctl", "--failed", "--quiet", "--no-legend").strip() == ""
+    assert "running" in media.good("quarrowctl", "--config", "/etc/quarrow/quarrow-host.xml", "status")
+    media.good("systemctl", "stop", "quarrow.service")
+    assert media.property("Result") == "success"
+    assert media.log("--priority=err") == []
+
+
+@pytest.mark.parametrize("signal", ["HUP", "INT", "KILL"])
+def test_it_comes_back(media, signal):
+    media.drop_in("fast", FAST)
+    media.start()
+    before = media.process()
+    media.good("systemctl", "kill", "--kill-whom=main", f"--signal={signal}", "quarrow.service")
+    wait_for(lambda: media.process() not in (0, before), "another process")
+    media.wait_state("active")
+    wait_for(lambda: media.property("ActiveState", "quarrow-rewalk.timer") == "active", "the timer")
+
+
+def test_a_sigterm_is_a_stop(media):
+    media.drop_in("fast", FAST)
+    media.start()
+    media.good("systemctl", "kill", "--kill-whom=main", "--signal=TERM", "quarrow.service")
+    media.wait_state("inactive")
+    assert (media.property("Result"), media.property("NRestarts")) == ("success", "0")
+
+
+def wait_given_up(appliance):
+    """Between two tries it is not failed for longer than a moment, and no tries are left after the fifth restart."""
+    wait_for(lambda: (appliance.property("NRestarts"), appliance.state()) == ("5", "failed"), "the end of all tries")
+
+
+def test_a_refused_configuration_is_a_failed_start_with_its_reason(appliance):
+    appliance.drop_in("fast", FAST)
+    appliance.configure(configuration("/srv/media", version=""))
+    assert appliance.run("systemctl", "start", "quarrow.service").status == 1
+    wait_given_up(appliance)
+    status = appliance.run("systemctl", "status", "--no-pager", "--full", "--lines=50", "quarrow.service").text
+    assert "/etc/quarrow/quarrow-host.xml: refused: There is no <Version> with a text" in status
+
+
+def test_warnings_do_not_keep_it_from_starting(media):
+    media.configure(configuration("/srv/media", excluded="/nothing"))
+    media.start()
+    assert any("warning: The volume 'Volume0' is catalogued whole" in line for line in media.log())
+
+
+def test_a_daemon_that_cannot_run_is_not_started_for_ever(media):
+    media.drop_in("fast", FAST + "SystemCallFilter=~inotify_init inotify_init1\n")
+    media.good("systemctl", "start", "quarrow.service")
+    wait_given_up(media)
+
+
+def test_reload_restarts_with_a_good_configuration_and_refuses_a_bad_one(media):
+    media.start()
+    before = media.process()
+    media.machine.write("/etc/quarrow/quarrow-host.xml", configuration("/srv/media", version=""))
+    assert media.run("systemctl", "reload", "quarrow.service").status == 1
+    assert any("refused: There is no <Version>" in line for line in media.log())
+    assert (media.state(), media.process()) == ("active", before)
+    media.make_folder("/srv/more")
+    media.machine.write("/etc/quarrow/quarrow-host.xml", configuration("/srv/media", "/srv/more"))
+    media.good("systemctl", "reload", "quarrow.service")
+    wait_for(lambda: media.run("test", "-s", "/srv/more/.quarrow/quarrow.db").status == 0, "the new volume's catalogue")
+    assert media.process() != before
+
+
+def test_a_volume_that_is_not_mounted_is_not_walked(appliance):
+    appliance.make_folder("/srv/absent")
+    appliance.machine.write("/etc/fstab", "absent /srv/absent nosuchfs noauto 0 0\n")
+    try:
+        appliance.configure(configuration("/srv/absent"))
+        assert appliance.run("systemctl", "start", "quarrow.service").status == 1
+        assert appliance.state() == "inactive"
+        assert appliance.good("ls", "-A", "/srv/absent") == ""
+        appliance.machine.write("/etc/fstab", "tmpfs /srv/absent tmpfs noauto 0 0\n")
+        appliance.good("systemctl", "daemon-reload")
+        appliance.start()
+        appliance.good("mountpoint", "/srv/absent")
+        assert appliance.good("ls", "-A", "/srv/absent") == ".quarrow\n"
+    finally:
+        appliance.run("systemctl", "stop", "quarrow.service")
+        appliance.run("umount", "/srv/absent")
+        appliance.machine.write("/etc/fstab", "")
+
+
+def test_a_large_folder_that_vanishes_is_marked_deleted(media):
+    """What SQLite keeps aside for that has a place, though /tmp cannot be written."""
+    media.good("sh", "-c", "mkdir -p /srv/media/large; cd /srv/media/large; touch $(seq --format=%g.mp3 5000)")
+    media.start()
+    media.good("systemctl", "stop", "quarrow.service")
+    media.good("rm", "-r", "/srv/media/large")
+    media.good("systemctl", "start", "quarrow.service")
+    count = "select count(*) from Files where is_deleted = 1"
+    wait_for(lambda: media.good("sqlite3", "-readonly", "/srv/media/.quarrow/quarrow.db", count) == "5000\n", "5,000 deleted rows")
+    media.good("systemctl", "stop", "quarrow.service")
+    assert media.log("--priority=err") == []
+
+
+def test_volumes_with_strange_names_are_mounted_and_written(appliance):
+    roots = ["/srv/with \"quotes\" 'and' blanks", "/srv/back\\slash 100% $HOME; # x", "/srv/tab\there ü"]
+    for root in roots:
+        appliance.make_folder(root)
+    appliance.configure(configuration(*roots))
+    appliance.start()
+    for root in roots:
+        appliance.good("test", "-s", f"{root}/.quarrow/quarrow.db")
+    assert appliance.property("ProtectSystem") == "strict"
+    assert not any("read-only" in line for line in appliance.log())
+
+
+def test_a_walk_is_asked_for_but_not_in_standby(media):
+    media.start()
+    media.good("systemctl", "start", "quarrow-rewalk.service")
+    media.wait_log("^We received a wake up message from the signal handler")
+    media.good("touch", "/tmp/standby")
+    media.good("systemctl", "start", "quarrow-rewalk.service")
+    assert media.property("ConditionResult", "quarrow-rewalk.service") == "no"
+    media.good("systemctl", "stop", "quarrow.service")
+    media.good("rm", "/tmp/standby")
+    media.good("systemctl", "start", "quarrow-rewalk.service")
+    assert media.property("Result", "quarrow-rewalk.service") == "exec-condition"
+
+
+def test_as_an_ordinary_user(media):
+    media.good("cp", "/usr/share/doc/quarrow/examples/ordinary-user.conf", "/srv/ordinary-user.conf")
+    media.good("install", "-d", "-o", "quarrow", "-g", "quarrow", "/srv/media/.quarrow")
+    media.good("chown", "-R", "quarrow:", "/srv/media/.quarrow")
+    media.drop_in("ordinary-user", media.good("cat", "/srv/ordinary-user.conf"))
+    media.start()
+    assert media.good("stat", "--format=%U", f"/proc/{media.process()}").strip() == "quarrow"
+    assert media.good("stat", "--format=%U", "/srv/media/.quarrow/quarrow.db").strip() == "quarrow"
+    media.good("systemctl", "stop", "quarrow.service")
+    media.good("rm", "-rf", "/srv/media/.quarrow")

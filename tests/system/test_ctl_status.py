@@ -63,8 +63,7 @@ def kept_files(ctl):
 
 def test_the_help_says_when_the_progress_of_a_walk_is_shown(arena):
     text = " ".join(Ctl(arena, [sample_volume(arena)]).good("status", "--help").text.split())
-    assert ("shown for walks that began with the daemon, to those who may see its watches (root, mostly), and without --volume."
-            in text)
+    assert "How far a walk has come is shown to those who may see its watches and open folders (root, mostly)." in text
 
 
 def test_a_daemon_at_rest(arena):

@@ -1,6 +1,8 @@
 #include "ctl/status/HostStatus.h"
 
+#include "ctl/Catalogue.h"
 #include "ctl/status/ProcessFacts.h"
+#include "ctl/status/WalkPosition.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,10 +50,11 @@ double ageOf(long long startTicks)
         - static_cast<double>(startTicks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-std::optional<WalkProgress> readProgress(const HostStatus& host)
+/// Of the first walks, by the watches that they add.
+std::optional<WalkProgress> progressByWatches(const HostStatus& host)
 {
     const DaemonStatus& daemon = host.daemon;
-    if (daemon.walks.running == 0 || !daemon.walks.isFirst || !daemon.watches || !host.watchLimit || !host.folders)
+    if (!daemon.walks.isFirst || !daemon.watches || !host.watchLimit || !host.folders)
         return std::nullopt;
     // In a catalogue that was made since the start, rows appear with the walk.
     const bool isTotalKnown = daemon.since
@@ -59,6 +62,43 @@ std::optional<WalkProgress> readProgress(const HostStatus& host)
             [&](const VolumeStatus& volume) { return volume.isNewSince(*daemon.since); });
     return walkProgress(
         *daemon.watches, *host.watchLimit, isTotalKnown ? host.folders : std::nullopt, ageOf(daemon.walks.startTicks));
+}
+
+std::optional<WalkPosition> readPosition(const ConfiguredVolume& volume, const std::string& folder)
+{
+    try {
+        return walkPosition(Catalogue(volume.cataloguePath()), volume, folder);
+    } catch (const Problem&) {
+        return std::nullopt; // said where the volume itself is looked at
+    }
+}
+
+/// Of all walks, by the folders that they read; nullopt when not each of them was caught reading one.
+std::optional<WalkProgress> progressByFolders(const HostStatus& host, const std::vector<ConfiguredVolume>& volumes)
+{
+    const WalkObservation& walks = host.daemon.walks;
+    const int wanted = std::min(walks.running, static_cast<int>(volumes.size()));
+    const auto folders = foldersInHand(ProcessFacts(host.daemon.finding.process, procFolder), volumes, wanted);
+    WalkPosition all;
+    int found = 0;
+    for (std::size_t volume = 0; volume < volumes.size(); ++volume) {
+        const auto position = folders[volume] ? readPosition(volumes[volume], *folders[volume]) : std::nullopt;
+        // A catalogue that a first walk fills says nothing of what is still to come.
+        if (!position || (walks.isFirst && host.daemon.since && host.volumes[volume].isNewSince(*host.daemon.since)))
+            continue;
+        all.done += position->done;
+        all.total += position->total;
+        ++found;
+    }
+    return found == wanted ? std::optional(progressOf(all.done, all.total, ageOf(walks.startTicks))) : std::nullopt;
+}
+
+std::optional<WalkProgress> readProgress(const HostStatus& host, const std::vector<ConfiguredVolume>& volumes)
+{
+    if (host.daemon.walks.running == 0)
+        return std::nullopt;
+    const std::optional<WalkProgress> progress = progressByWatches(host);
+    return progress ? progress : progressByFolders(host, volumes);
 }
 
 std::optional<long long> sumOfFolders(const std::vector<VolumeStatus>& volumes)
@@ -106,7 +146,7 @@ HostStatus readHostStatus(const StatusQuestion& question, const StepProgress& pr
         host.daemon.watches = watches.get();
     if (question.volumes.size() == question.allVolumes.size())
         host.folders = sumOfFolders(host.volumes);
-    host.daemon.progress = readProgress(host);
+    host.daemon.progress = readProgress(host, question.volumes);
     return host;
 }
 

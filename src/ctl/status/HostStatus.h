@@ -18,7 +18,7 @@ struct DaemonStatus {
     std::optional<long long> walkingSince; ///< seconds since 1970, while a walk runs
     std::optional<long long> watches;
     std::optional<bool> isInStandby;
-    std::optional<WalkProgress> progress; ///< of the first walks
+    std::optional<WalkProgress> progress; ///< of the walks that run
 
     bool isRunning() const { return finding.state == DaemonFinding::State::running; }
 };

@@ -11,6 +11,7 @@
 #include <array>
 #include <climits>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 
@@ -210,6 +211,14 @@ std::optional<long long> ProcessFacts::timeOfThreads() const
 }
 
 std::optional<std::string> ProcessFacts::environment() const { return readKernelFile(file("environ")); }
+
+std::string ProcessFacts::ownPath(const std::string& path) const
+{
+    std::error_code failure;
+    const std::string root = std::filesystem::read_symlink(file("root"), failure).string();
+    const bool isBelow = path.compare(0, root.length(), root) == 0 && path[root.length()] == '/';
+    return isBelow ? path.substr(root.length()) : path;
+}
 
 std::string ProcessFacts::seenByProcess(const std::string& path) const
 {

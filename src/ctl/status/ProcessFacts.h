@@ -63,6 +63,8 @@ public:
     std::optional<std::string> environment() const;
     /// Where a path leads for the process, which may have another root and another current folder.
     std::string seenByProcess(const std::string& path) const;
+    /// The path by which the process knows what this user knows by `path`, an absolute one without links.
+    std::string ownPath(const std::string& path) const;
     /// What its descriptors lead to: number and text. Empty when they may not be read.
     std::vector<std::pair<int, std::string>> descriptors() const;
     /// A path by which the file behind a descriptor can be looked at.

@@ -122,9 +122,8 @@ void addStatusCommand(CLI::App& app, Command& chosen)
     CLI::App* const command = app.add_subcommand("status",
         "Shows how the daemon and the catalogues are.\n\n"
         "The daemon: since when it runs, its memory, how many folders it watches, whether it walks the volumes. How far "
-        "a walk has come is shown for walks that began with the daemon, to those who may see its watches (root, mostly), "
-        "and without --volume. Each catalogue: whether it can be read, and what it holds. Ends with 1 when the daemon does not run or a catalogue "
-        "cannot be used.");
+        "a walk has come is shown to those who may see its watches and open folders (root, mostly). Each catalogue: "
+        "whether it can be read, and what it holds. Ends with 1 when the daemon does not run or a catalogue cannot be used.");
     const auto options = std::make_shared<Options>();
     CLI::Option* const json
         = command->add_flag("--json", options->isJson, "Print one JSON object (with --watch one per line)");

@@ -29,16 +29,21 @@ WalkObservation observeWalks(const std::vector<ThreadFacts>& threads, long long 
     return walks;
 }
 
+WalkProgress progressOf(long long done, std::optional<long long> total, double seconds)
+{
+    WalkProgress progress;
+    progress.done = done;
+    progress.total = total;
+    progress.perSecond = seconds > 0 ? static_cast<double>(done) / seconds : 0;
+    if (total && progress.perSecond > 0)
+        progress.secondsLeft = std::llround(static_cast<double>(*total - done) / progress.perSecond);
+    return progress;
+}
+
 std::optional<WalkProgress> walkProgress(
     long long watches, long long limit, std::optional<long long> total, double seconds)
 {
     if (watches >= limit || (total && watches >= *total))
         return std::nullopt;
-    WalkProgress progress;
-    progress.done = watches;
-    progress.total = total;
-    progress.perSecond = seconds > 0 ? static_cast<double>(watches) / seconds : 0;
-    if (total && progress.perSecond > 0)
-        progress.secondsLeft = std::llround(static_cast<double>(*total - watches) / progress.perSecond);
-    return progress;
+    return progressOf(watches, total, seconds);
 }

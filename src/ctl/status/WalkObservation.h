@@ -16,7 +16,7 @@ struct WalkObservation {
 /// `threads`: sorted as ProcessFacts gives them. While the daemon starts, a walk may be missing.
 WalkObservation observeWalks(const std::vector<ThreadFacts>& threads, long long ticksPerSecond);
 
-/// How far the first walks are.
+/// How far the walks are.
 struct WalkProgress {
     long long done = 0;             ///< folders
     std::optional<long long> total; ///< as far as it is known
@@ -24,8 +24,12 @@ struct WalkProgress {
     std::optional<long long> secondsLeft;
 };
 
-/// `watches`: what the daemon holds. The walk adds one per folder. `total`: the folders of all catalogues, where they
-/// are known from an earlier run; in a new catalogue they only appear with the walk. nullopt when this says nothing:
-/// the walk adds no watches any more, because all folders have one or the kernel's limit is reached.
+/// Of walks that have taken so many seconds.
+WalkProgress progressOf(long long done, std::optional<long long> total, double seconds);
+
+/// How far the first walks are. `watches`: what the daemon holds. The walk adds one per folder. `total`: the folders of
+/// all catalogues, where they are known from an earlier run; in a new catalogue they only appear with the walk. nullopt
+/// when this says nothing: the walk adds no watches any more, because all folders have one or the kernel's limit is
+/// reached.
 std::optional<WalkProgress> walkProgress(
     long long watches, long long limit, std::optional<long long> total, double seconds);

@@ -3,16 +3,18 @@
 # and says so. Only root can do that.
 #
 #   boot-test.sh [PYTEST-OPTION...]
+#   boot-test.sh --help               prints this, and does nothing else
 #
 # Builds the package into build/package, and keeps the container's root file system in build/boot for the next time. Changes
 # nothing else.
 set -eu
-cd "$(dirname "$0")/.."
-. scripts/packages.sh
 
 case ${1:-} in
 -h | --help) sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; exit 0 ;;
 esac
+
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
 
 install_packages python3 python3-pytest util-linux e2fsprogs systemd-container debootstrap
 scripts/package.sh >/dev/null

@@ -4,7 +4,7 @@ import signal
 
 from ctl import Ctl
 from quarrow_driver.waiting import wait_for
-from tracing import needs_tracer, start_traced, traced_pid, wait_stopped
+from tracing import needs_tracer, send, start_traced, traced_pid, wait_stopped
 
 
 def stops_in(trace):
@@ -41,6 +41,10 @@ def test_every_walk_shows_how_far_it_has_come(arena, clock):
         assert (walk["running"], walk["folders_done"], walk["folders_total"]) == (1, done, 5)
         assert walk["folders_per_second"] > 0 and walk["seconds_left"] >= 0
     assert any(f"{done} of 5 folders" in line for line in ctl.run("status", *config).lines)
-    os.kill(traced_pid(daemon), signal.SIGCONT)
-    os.kill(traced_pid(daemon), signal.SIGTERM)
+    send(signal.SIGTERM)(daemon)
+
+    def has_ended():
+        send(signal.SIGCONT)(daemon)  # a signal too many may have begun one more walk, which is held again
+        return daemon.has_ended()
+    wait_for(has_ended, "the daemon's end")
     assert daemon.wait_exit() == 0

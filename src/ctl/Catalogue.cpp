@@ -10,11 +10,15 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace {
 
 constexpr int busyMilliseconds = 5000;
+constexpr int mostTries = 20;
+constexpr std::chrono::milliseconds pause { 50 };
 constexpr int longestRow = 20000; // bytes: the daemon writes no longer ones
 constexpr const char* makeAnew = "Remove it and restart the daemon, which makes it anew";
 
@@ -66,21 +70,33 @@ Catalogue::Catalogue(const std::string& path)
     : file(path)
 {
     const std::string place = findCatalogue(path);
+    // A daemon that starts says in the catalogue that there is a log, and a moment later makes its files.
+    for (int triesLeft = mostTries; !tryToOpen(place, --triesLeft > 0);)
+        std::this_thread::sleep_for(pause);
+    // Sorting is done in memory: nothing is written anywhere. These statements read the schema, so they come last: a
+    // lock is waited for once.
+    sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000; PRAGMA ignore_check_constraints=1",
+        nullptr, nullptr, nullptr);
+}
+
+Catalogue::~Catalogue() { sqlite3_close(handle); }
+
+bool Catalogue::tryToOpen(const std::string& place, bool mayTryAgain)
+{
     requireRegularFiles(place);
     try {
         open(place);
         admit();
-        // Sorting is done in memory: nothing is written anywhere. These statements read the schema, so they come last:
-        // a lock is waited for once.
-        sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000; PRAGMA ignore_check_constraints=1",
-            nullptr, nullptr, nullptr);
+        return true;
     } catch (const Problem&) {
+        const bool isFileMissing = (sqlite3_errcode(handle) & 0xff) == SQLITE_CANTOPEN;
         sqlite3_close(handle);
-        throw;
+        handle = nullptr;
+        if (!isFileMissing || !mayTryAgain)
+            throw;
+        return false;
     }
 }
-
-Catalogue::~Catalogue() { sqlite3_close(handle); }
 
 void Catalogue::open(const std::string& place)
 {

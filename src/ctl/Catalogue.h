@@ -22,6 +22,8 @@ public:
     [[noreturn]] void fail(int status) const;
 
 private:
+    /// False when a file beside it cannot be opened and that may be tried again. Throws as the constructor does.
+    bool tryToOpen(const std::string& place, bool mayTryAgain);
     void open(const std::string& place);
     void admit() const;
 

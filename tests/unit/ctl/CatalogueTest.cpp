@@ -11,6 +11,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
 namespace {
 
 const std::string oneFile = "insert into Files(folder_id, path, name, category, size, modified_time, created_time,"
@@ -277,6 +281,22 @@ TEST_F(CatalogueTest, lockedOneIsWaitedForAndThenNamed)
 {
     sample.run("PRAGMA journal_mode=DELETE; begin exclusive");
     expectProblem("Another program has the catalogue locked");
+}
+
+TEST_F(CatalogueTest, filesThatADaemonIsAboutToMakeAreWaitedFor)
+{
+    sample.killWriter();
+    const std::string aside = sample.folder.path("aside");
+    for (const std::string suffix : { "-wal", "-shm" })
+        ASSERT_EQ(0, rename((sample.path() + suffix).c_str(), (aside + suffix).c_str()));
+    EXPECT_NE("", problemOf(sample.path()));
+    std::thread daemon([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(120));
+        for (const std::string suffix : { "-wal", "-shm" })
+            rename((aside + suffix).c_str(), (sample.path() + suffix).c_str());
+    });
+    EXPECT_EQ("", problemOf(sample.path()));
+    daemon.join();
 }
 
 TEST_F(CatalogueTest, queryReadsBytesAsTheyAre)

@@ -48,7 +48,7 @@ def machine(tmp_path_factory, shared):
 def package(machine):
     """Where the container has the package file."""
     file, = glob.glob(f"{PACKAGES}/quarrow_*.deb")
-    shutil.copy(file, f"{machine.work}/root/quarrow.deb")
+    shutil.copy(file, f"{machine.system}/quarrow.deb")
     return "/quarrow.deb"
 
 

@@ -34,15 +34,16 @@ class Machine:
     def __init__(self, root, work, shared):
         """`shared`: a folder of this machine that the container has as /shared."""
         self.work = work
+        self.system = f"{work}/system"  # the container's root file system, as this machine sees it
         call("mount", "-t", "tmpfs", "tmpfs", work)
-        for name in ("upper", "changes", "root"):
+        for name in ("upper", "changes", "system"):
             os.mkdir(f"{work}/{name}")
         call("mount", "-t", "overlay", "overlay", "-o", f"lowerdir={root},upperdir={work}/upper,workdir={work}/changes",
-             f"{work}/root")
+             self.system)
         self.log = open(f"{work}/console", "wb")
         self.process = subprocess.Popen(
             ["systemd-nspawn", "--boot", "--quiet", "--register=no", "--keep-unit", "--private-network", "--link-journal=no",
-             "--console=pipe", f"--bind={shared}:/shared", "--directory", f"{work}/root"],
+             "--console=pipe", f"--bind={shared}:/shared", "--directory", self.system],
             stdin=subprocess.DEVNULL, stdout=self.log, stderr=subprocess.STDOUT, start_new_session=True,
             env={**os.environ, "SYSTEMD_NSPAWN_UNIFIED_HIERARCHY": "1"})
         self.leader = None
@@ -96,7 +97,7 @@ class Machine:
             self.process.kill()
             self.process.wait()
         self.log.close()
-        call("umount", "--lazy", f"{self.work}/root")
+        call("umount", "--lazy", self.system)
         call("umount", "--lazy", self.work)
 
 

@@ -8,6 +8,7 @@
 
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -18,7 +19,7 @@ namespace {
 
 constexpr int busyMilliseconds = 5000;
 constexpr int mostTries = 20;
-constexpr std::chrono::milliseconds pause { 50 };
+constexpr std::chrono::milliseconds pauseBetweenTries { 50 };
 constexpr int longestRow = 20000; // bytes: the daemon writes no longer ones
 constexpr const char* makeAnew = "Remove it and restart the daemon, which makes it anew";
 
@@ -64,6 +65,16 @@ void requireRegularFiles(const std::string& path)
     }
 }
 
+/// Whether one of the catalogue's files is there and this user may not read it. Waiting does not help then.
+bool isForbidden(const std::string& path)
+{
+    for (const char* suffix : { "", "-wal", "-shm" }) {
+        if (access((path + suffix).c_str(), R_OK) != 0 && errno == EACCES)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 Catalogue::Catalogue(const std::string& path)
@@ -72,7 +83,7 @@ Catalogue::Catalogue(const std::string& path)
     const std::string place = findCatalogue(path);
     // A daemon that starts says in the catalogue that there is a log, and a moment later makes its files.
     for (int triesLeft = mostTries; !tryToOpen(place, --triesLeft > 0);)
-        std::this_thread::sleep_for(pause);
+        std::this_thread::sleep_for(pauseBetweenTries);
     // Sorting is done in memory: nothing is written anywhere. These statements read the schema, so they come last: a
     // lock is waited for once.
     sqlite3_exec(handle, "PRAGMA temp_store=memory; PRAGMA cache_size=-8000; PRAGMA ignore_check_constraints=1",
@@ -89,7 +100,7 @@ bool Catalogue::tryToOpen(const std::string& place, bool mayTryAgain)
         admit();
         return true;
     } catch (const Problem&) {
-        const bool isFileMissing = (sqlite3_errcode(handle) & 0xff) == SQLITE_CANTOPEN;
+        const bool isFileMissing = (sqlite3_errcode(handle) & 0xff) == SQLITE_CANTOPEN && !isForbidden(place);
         sqlite3_close(handle);
         handle = nullptr;
         if (!isFileMissing || !mayTryAgain)

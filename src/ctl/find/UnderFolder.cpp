@@ -1,5 +1,6 @@
 #include "ctl/find/UnderFolder.h"
 
+#include "ctl/LiesBelow.h"
 #include "ctl/Problem.h"
 
 #include <filesystem>
@@ -25,20 +26,15 @@ std::string resolved(const std::string& path)
     return error ? tidy(path) : tidy(real.native());
 }
 
-bool isBelow(const std::string& path, const std::string& folder)
-{
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/';
-}
-
 std::vector<SearchedVolume> select(const std::string& folder, const std::vector<ConfiguredVolume>& volumes,
     const std::function<std::string(const std::string&)>& rootOf)
 {
     std::vector<SearchedVolume> chosen;
     for (const ConfiguredVolume& volume : volumes) {
         const std::string root = rootOf(volume.root);
-        if (isBelow(root, folder))
+        if (liesBelow(root, folder))
             chosen.push_back({ volume, std::nullopt });
-        else if (folder == root || isBelow(folder, root))
+        else if (folder == root || liesBelow(folder, root))
             chosen.push_back({ volume, folder.substr(root.size()) });
     }
     return chosen;

@@ -1,6 +1,7 @@
 #include "ctl/status/ProcessFacts.h"
 
 #include "core/FileDescriptor.h"
+#include "ctl/LiesBelow.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -216,8 +217,7 @@ std::string ProcessFacts::ownPath(const std::string& path) const
 {
     std::error_code failure;
     const std::string root = std::filesystem::read_symlink(file("root"), failure).string();
-    const bool isBelow = path.compare(0, root.length(), root) == 0 && path[root.length()] == '/';
-    return isBelow ? path.substr(root.length()) : path;
+    return liesBelow(path, root) ? path.substr(root.length()) : path;
 }
 
 std::string ProcessFacts::seenByProcess(const std::string& path) const

@@ -2,6 +2,7 @@
 
 #include "ctl/Catalogue.h"
 #include "ctl/FolderLook.h"
+#include "ctl/LiesBelow.h"
 #include "ctl/Query.h"
 #include "ctl/status/ProcessFacts.h"
 #include "ctl/status/WalkOrder.h"
@@ -18,11 +19,6 @@ namespace {
 
 constexpr int mostLooks = 20;
 constexpr std::chrono::milliseconds pause { 5 };
-
-bool liesBelow(std::string_view path, std::string_view folder)
-{
-    return path.size() > folder.size() && path[folder.size()] == '/' && path.substr(0, folder.size()) == folder;
-}
 
 bool isFolder(const std::string& path)
 {

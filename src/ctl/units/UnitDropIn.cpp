@@ -2,6 +2,7 @@
 
 #include "core/FileDescriptor.h"
 #include "ctl/FolderLook.h"
+#include "ctl/LiesBelow.h"
 #include "ctl/Text.h"
 #include "ctl/units/LinkedPath.h"
 
@@ -48,12 +49,6 @@ bool wouldBeMountedByALook(const std::string& folder)
 
 std::string folderOf(const std::string& path) { return std::filesystem::path(path).parent_path().string(); }
 
-bool liesIn(const std::string& path, const std::string& folder)
-{
-    return path.compare(0, folder.length(), folder) == 0
-        && (path.length() == folder.length() || path[folder.length()] == '/');
-}
-
 /// The folders of a volume: its root, also by the name that the daemon uses, and that of a catalogue which a link has
 /// put elsewhere.
 std::vector<std::string> foldersOf(const ConfiguredVolume& volume)
@@ -67,8 +62,9 @@ std::vector<std::string> foldersOf(const ConfiguredVolume& volume)
         return folders;
     const std::string catalogue = volume.cataloguePath();
     for (const std::string& folder : { linkedPath(folderOf(catalogue)), folderOf(linkedPath(catalogue)) }) {
-        const bool isKnown = std::any_of(folders.begin(), folders.end(),
-            [&folder](const std::string& known) { return liesIn(folder, known == "/" ? "" : known); });
+        const bool isKnown = std::any_of(folders.begin(), folders.end(), [&folder](const std::string& known) {
+            return folder == known || liesBelow(folder, known == "/" ? "" : known);
+        });
         if (!isKnown)
             folders.push_back(folder);
     }

@@ -4,10 +4,13 @@ import subprocess
 import sys
 import tempfile
 
+import pytest
+
 from catalogue import Catalogue
 from daemon import BINARY, MIME_TABLE, Daemon, sandbox_command
 from model import MimeTable, tree_rows
 from quarrow_driver.configuration import host_configuration, volume_element
+from quarrow_driver.mounting import CLONE_NEWUSER
 from quarrow_driver.waiting import BOUND
 
 #: A purge threshold whose double lies in the future as seen from the epoch: no purge is ever due.
@@ -151,6 +154,14 @@ class Arena:
         # rm copes with trees that are deeper than a path or a call stack is long.
         subprocess.run(["rm", "-rf", self.folder], check=True)
         return reports
+
+
+def user_namespaces_work():
+    script = f"import ctypes, sys; sys.exit(ctypes.CDLL(None).unshare({CLONE_NEWUSER:#x}) != 0)"
+    return subprocess.run([sys.executable, "-c", script], check=False).returncode == 0
+
+
+in_a_user_namespace = pytest.mark.skipif(not user_namespaces_work(), reason="user namespaces are not permitted here")
 
 
 def inotify_limit(name):

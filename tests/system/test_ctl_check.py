@@ -2,14 +2,11 @@
 import glob
 import os
 import subprocess
-import sys
 import tempfile
-
-import pytest
 
 from ctl import Ctl, Result
 from daemon import HERE, has_address_sanitizer, sandbox_command
-from harness import configuration
+from harness import configuration, in_a_user_namespace
 from lines import err, info
 from quarrow_driver.waiting import BOUND
 from test_start import UNPARSEABLE, WITHOUT_MESSAGE
@@ -169,12 +166,7 @@ def run_limited(ctl, **limits):
     return Result(subprocess.run(command, capture_output=True, timeout=BOUND, check=False))
 
 
-def user_namespaces_work():
-    script = "import ctypes, sys; sys.exit(ctypes.CDLL(None).unshare(0x10000000) != 0)"
-    return subprocess.run([sys.executable, "-c", script], check=False).returncode == 0
-
-
-@pytest.mark.skipif(not user_namespaces_work(), reason="user namespaces are not permitted here")
+@in_a_user_namespace
 def test_inotify_limits(arena):
     volume = good_volume(arena)
     volume.make_folder(*(f"/{number}" for number in range(50)))

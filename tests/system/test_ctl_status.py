@@ -14,7 +14,7 @@ import openmetrics
 import pytest
 from catalogue import edit
 from ctl import Ctl
-from harness import inotify_limit
+from harness import in_a_user_namespace, inotify_limit
 from lines import info
 from quarrow_driver.waiting import BOUND, poll, wait_for
 
@@ -85,6 +85,16 @@ def test_a_daemon_at_rest(arena):
     assert (only["present"], only["readable"], only["sound"], only["problems"]) == (True, True, None, [])
     assert only["newest_change"] == max(volume.catalogue.updated().values())
     daemon.stop_without_errors()
+
+
+@in_a_user_namespace
+def test_more_folders_than_watches(arena):
+    volume = sample_volume(arena)
+    daemon = walked(arena, volume, user_limits={"max_inotify_watches": 3})
+    watches, = [line for line in Ctl(arena, [volume]).good("status").lines if line.startswith("  watches ")]
+    assert watches == (f"  watches        3 of 4 folders (the kernel's limit is {inotify_limit('max_user_watches'):,}); "
+                       "changes in the others show in full walks only")
+    daemon.stop()
 
 
 def test_a_catalogue_that_changes_is_counted_anew(arena):

@@ -13,7 +13,7 @@ import sys
 import pytest
 
 from catalogue import assert_same
-from harness import inotify_limit
+from harness import in_a_user_namespace, inotify_limit
 from lines import info
 from quarrow_driver.clock import fast_clock
 from quarrow_driver.mounting import CLONE_NEWUSER
@@ -34,14 +34,6 @@ if libc.setns(namespace, {CLONE_NEWUSER:#x}) != 0:
 with open(f"/proc/sys/user/{{sys.argv[2]}}", "w") as file:
     file.write(sys.argv[3])
 """
-
-
-def user_namespaces_work():
-    script = f"import ctypes, sys; sys.exit(ctypes.CDLL(None).unshare({CLONE_NEWUSER:#x}) != 0)"
-    return subprocess.run([sys.executable, "-c", script], check=False).returncode == 0
-
-
-in_a_user_namespace = pytest.mark.skipif(not user_namespaces_work(), reason="user namespaces are not permitted here")
 
 
 def set_user_limit(daemon, name, limit):

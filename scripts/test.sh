@@ -2,8 +2,8 @@
 # Builds Quarrow and runs its tests on a Debian 12 machine; installs what is missing first, and says so.
 #
 #   test.sh          the unit and the system tests, in under 10 minutes on 2 cores
-#   test.sh --full   also the fault tests, those with a browser, both sanitizer builds, fuzzing, static analysis, valgrind and
-#                    the format check
+#   test.sh --full   also the fault tests, those with a browser, those of the fleet, both sanitizer builds, fuzzing, static
+#                    analysis, valgrind, the format check, and as root the Debian package in a booted container
 #   test.sh --help   prints this, and does nothing else
 #
 # Works in build/ of the checkout. The tests run in mount namespaces of their own: nothing else on the machine changes.
@@ -24,7 +24,7 @@ cd "$(dirname "$0")/.."
 # shellcheck disable=SC2086 # lists of words
 install_packages $build_packages libgtest-dev python3 python3-pytest sqlite3 faketime strace jq bash-completion util-linux \
     ${full:+clang-format clang libclang-rt-dev llvm btrfs-progs xfsprogs bindfs python3-fusepy \
-    chromium chromium-driver python3-selenium}
+    chromium chromium-driver python3-selenium clickhouse-server clickhouse-client openssl}
 
 test_presets=release
 if [ -n "$full" ]; then
@@ -41,6 +41,12 @@ done
 
 if [ -n "$full" ]; then
     scripts/check.sh
+    echo '== Booted container'
+    if [ "$(id -u)" = 0 ]; then
+        scripts/boot-test.sh
+    else
+        echo 'Skipped: only root can boot a container'
+    fi
 fi
 
 # One after the other, the plain build last: each prints its summary, and a failure stops here. Half the time of the faults
@@ -50,10 +56,10 @@ jobs=$(nproc)
 for preset in $test_presets; do
     echo "== Tests: $preset"
     # Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away. And what a browser
-    # shows is the same in all of them.
+    # or the fleet's database shows is the same in all of them.
     [ "$preset" != release ] || jobs=$((jobs * 2))
     if [ "$preset$full" = releaseyes ]; then
-        ctest --preset "$preset" --parallel "$jobs" --label-regex '^(fault|browser)$'
+        ctest --preset "$preset" --parallel "$jobs" --label-regex '^(fault|browser|fleet)$'
     fi
-    ctest --preset "$preset" --parallel "$jobs" --label-exclude '^(fault|browser)$'
+    ctest --preset "$preset" --parallel "$jobs" --label-exclude '^(fault|browser|fleet)$'
 done

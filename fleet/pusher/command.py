@@ -1,0 +1,127 @@
+"""The command: its options, its runs, its exit status."""
+import argparse
+import os
+import signal
+import time
+
+from pusher.changes import Changes, configured_volumes
+from pusher.problem import Problem, Stopped, say
+from pusher.push import Push
+from pusher.server import Server
+from pusher.settings import read_settings
+from pusher.state import State
+
+GOOD, PROBLEMS, RESTART_NEEDED = 0, 1, 3  # what `quarrowctl changes` ends with when it has read what can be read
+DEFAULT = "/etc/quarrow/push.conf"
+STATUSES = """Exit status: 0 all is sent and confirmed; 1 not all: what is left comes with the next run; 2 nothing was done: the
+configuration or the state cannot be used, or another pusher is at work."""
+
+
+def main():
+    options = parse()
+    for number in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(number, stop)
+    try:
+        settings = read_settings(options.config)
+        settings.password()
+        state = State(settings.state, settings.appliance)
+        state.take_lock()
+        state.load()
+        server = Server(settings, is_patient=options.follow)
+        return follow(settings, state, server) if options.follow else once(settings, state, server, options.full)
+    except Problem as problem:
+        say(problem)
+        return problem.status
+    except Stopped as stopped:
+        return end_by(stopped.args[0], options.follow)
+
+
+def parse():
+    parser = argparse.ArgumentParser(prog="push", epilog=STATUSES,
+                                     description="Sends what has changed in this machine's catalogues to the database of the fleet.")
+    parser.add_argument("--config", default=DEFAULT, metavar="FILE", help=f"the configuration (default: {DEFAULT})")
+    way = parser.add_mutually_exclusive_group()
+    way.add_argument("--once", action="store_true", help="send what has changed since the last time, and end (default)")
+    way.add_argument("--follow", action="store_true", help="go on with what changes, until SIGTERM or SIGINT")
+    way.add_argument("--full", action="store_true", help="send everything anew, and end")
+    return parser.parse_args()
+
+
+def stop(number, _):
+    raise Stopped(number)
+
+
+def end_by(number, was_told_to_stay):
+    """To follow until a signal comes is the order, so that is no failure. A run that has not sent all ends by its signal."""
+    if was_told_to_stay:
+        return 0
+    signal.signal(number, signal.SIG_DFL)
+    os.kill(os.getpid(), number)
+    return 1
+
+
+def once(settings, state, server, is_full=False):
+    begin = time.monotonic()
+    push = Push(settings, state, server)
+    status = catch_up(push, is_full)
+    print(push.summary(begin), flush=True)
+    return status
+
+
+def catch_up(push, is_full):
+    """One listing of what has changed, and one of all rows of the volumes that need it. Then again one of what has changed, for
+    its status: that of the first says only that a restart was needed."""
+    push.roots = configured_volumes(push.settings)
+    status = list_changes(push, ["--full"] if is_full else [], push.settings.volume)
+    due = sorted((push.unknown | set(push.state.opened)) & push.roots.keys())
+    if due:
+        push.unknown.clear()
+        list_changes(push, ["--full"], due)
+        status = list_changes(push, [], push.settings.volume)
+    return GOOD if status == GOOD else PROBLEMS
+
+
+def list_changes(push, options, volumes):
+    """One run of `quarrowctl changes`, of these volumes or all. Returns its status."""
+    push.is_complete = False
+    with Changes(push.settings, [*options, *arguments(push, volumes)]) as changes:
+        while (lines := changes.lines()) is not None:
+            push.take(lines)
+        status = changes.status()
+    if changes.rest or not push.is_complete or status not in (GOOD, PROBLEMS, RESTART_NEEDED):
+        raise cut_short(status)
+    return status
+
+
+def arguments(push, volumes):
+    names = [argument for volume in volumes for argument in ("--volume", volume)]
+    return ["--cursor-file", push.state.write_cursor(), *names]
+
+
+def cut_short(status):
+    how = f"signal {-status}" if status < 0 else f"status {status}"
+    return Problem("quarrowctl changes", f"It ended with {how} before all was listed",
+                   "What it says tells why; what was sent without a cursor is sent again")
+
+
+def follow(settings, state, server):
+    begin = time.monotonic()
+    push = Push(settings, state, server)
+    try:
+        catch_up(push, False)
+        with Changes(settings, ["--follow", *arguments(push, settings.volume)]) as changes:
+            follow_changes(push, changes)
+        raise cut_short(changes.status())
+    finally:
+        print(push.summary(begin), flush=True)
+
+
+def follow_changes(push, changes):
+    """Returns when quarrowctl has ended."""
+    seen = time.monotonic()
+    while (lines := changes.lines(max(0, seen + push.settings.contact - time.monotonic()))) is not None:
+        push.take(lines)
+        if time.monotonic() >= seen + push.settings.contact:
+            push.roots = configured_volumes(push.settings)
+            push.contact()
+            seen = time.monotonic()

@@ -1,0 +1,34 @@
+"""What can go wrong, in words."""
+import sys
+
+
+class Problem(Exception):
+    """Says where, why and what to do about it. `status` is what the program ends with."""
+
+    def __init__(self, place, reason, remedy, status=1):
+        super().__init__(f"{visible(place)}: {visible(reason)}. {visible(remedy)}.")
+        self.status = status
+
+
+class Unusable(Problem):
+    """Nothing can be done at all: arguments, configuration or state."""
+
+    def __init__(self, place, reason, remedy):
+        super().__init__(place, reason, remedy, status=2)
+
+
+class Stopped(BaseException):
+    """SIGTERM or SIGINT came. No Exception, so that nothing takes it for a failure."""
+
+
+def visible(text):
+    """The text without line ends and control characters, which would forge lines of a log."""
+    return "".join(character if character.isprintable() else repr(character)[1:-1] for character in str(text))
+
+
+def reason_of(failure):
+    return getattr(failure, "strerror", None) or str(failure) or type(failure).__name__
+
+
+def say(text):
+    print(f"push: {text}", file=sys.stderr, flush=True)

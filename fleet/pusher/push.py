@@ -1,0 +1,165 @@
+"""Takes the lines of `quarrowctl changes` and sends them as rows; remembers how far that is confirmed."""
+import json
+import time
+
+from pusher import catalogues
+from pusher.batch import Batch
+from pusher.changes import software
+from pusher.problem import Problem
+from pusher.rows import SHAPES, is_awkward, original, restore, row_text, unwrapped
+
+decode = json.JSONDecoder().raw_decode
+
+
+class Push:
+    """What lies between two cursors has one number: the version of its rows, and the generation of the volumes that are listed
+    in full there. A row comes once between two cursors."""
+
+    def __init__(self, settings, state, server):
+        self.settings = settings
+        self.state = state
+        self.server = server
+        self.batches = {"file": Batch("files"), "folder": Batch("folders")}
+        self.software = software(settings)
+        self.sent = {"files": 0, "folders": 0}
+        self.roots = {}  # of the configured volumes
+        self.unknown = set()  # volumes that need a full listing
+        self.is_complete = False  # whether the last line so far was a cursor
+        self.forget()
+
+    def forget(self):
+        """Drops what came since the last cursor."""
+        self.number = None
+        self.listed = set()  # volumes whose full listing is under way, or through
+        self.volume = self.prefix = None  # of the last row
+        for batch in self.batches.values():
+            batch.begin()
+
+    def take(self, lines):
+        """Takes complete lines. Sends when there is enough, and when a cursor comes."""
+        for text in lines:
+            try:
+                line, end = decode(text)
+                if end != len(text):
+                    raise ValueError
+                kind = line.get("kind")
+                self.is_complete = "cursor" in line
+                if kind in SHAPES:
+                    self.take_row(kind, line, is_awkward(text))
+                elif self.is_complete:
+                    self.take_cursor(line["cursor"])
+                elif line.get("event") == "full-listing":
+                    self.begin_volume(original(line, "volume"))
+                elif line.get("event") == "restart-needed":
+                    self.unknown.add(original(line, "volume"))
+            except (ValueError, KeyError, TypeError, AttributeError):
+                raise Problem("quarrowctl changes", f"This line is not as it should be: {text[:200]}",
+                              "Is this the program of this release? Set 'quarrowctl'") from None
+        self.send_full()
+
+    def take_row(self, kind, line, awkward):
+        if awkward:
+            volume = original(line, "volume")
+            restore(line)
+        else:
+            volume = line["volume"]
+        if volume != self.volume or self.prefix is None:
+            self.turn_to(volume)
+        if line["last_updated_time"] < 0:
+            line["last_updated_time"] = unwrapped(line["last_updated_time"])
+        form, values = SHAPES[kind]
+        self.batches[kind].pending.append(self.prefix + form % values(line))
+
+    def turn_to(self, volume):
+        """The rows that follow are of this volume."""
+        number = self.batch_number()
+        if volume in self.listed:
+            generation = number
+        elif volume in self.state.volumes:
+            generation = self.state.volumes[volume]
+        else:
+            raise Problem(self.state.path, f"Rows of volume '{volume}' came without a full listing",
+                          "Remove the state: everything is sent anew then")
+        self.volume = volume
+        self.prefix = row_text((self.state.appliance, volume, generation, number))[:-1] + "\t"
+
+    def batch_number(self):
+        if self.number is None:
+            self.number = self.state.next_number()
+        return self.number
+
+    def begin_volume(self, volume):
+        """All rows of the volume follow, under a generation of their own. When that is cut short, the next one has another: by
+        then rows may be gone that were sent, and ids may be those of other files."""
+        self.batch_number()
+        self.listed.add(volume)
+        self.unknown.discard(volume)
+        if volume not in self.state.opened:
+            self.state.opened.append(volume)
+            self.state.store()
+        self.prefix = None
+
+    def send_full(self):
+        for batch in self.batches.values():
+            batch.pack()
+            if batch.is_full():
+                self.send(batch)
+
+    def send(self, batch):
+        body = batch.body()
+        if batch.rows:
+            self.server.insert(batch.table, body)
+            self.sent[batch.table] += batch.rows
+        batch.begin()
+
+    def take_cursor(self, cursor):
+        """Everything before is sent first. Only then do new generations count, and the cursor is stored after that."""
+        if not isinstance(cursor, str) or not cursor:
+            raise ValueError
+        for batch in self.batches.values():
+            self.send(batch)
+        generations = {**self.state.volumes, **{volume: self.batch_number() for volume in self.listed}}
+        told = self.tell_volumes(generations)
+        self.tell_appliance(cursor)
+        state = self.state
+        state.cursor, state.volumes, state.told = cursor, generations, told
+        state.opened = [volume for volume in state.opened if volume not in self.listed]
+        state.store()
+        self.forget()
+
+    def tell_volumes(self, generations):
+        """Sends the rows of volumes of which there is something new to say. Returns what all of them say now."""
+        told = dict(self.state.told)
+        for volume, generation in generations.items():
+            root = self.roots.get(volume)
+            before = told.get(volume, [0, "", 0])
+            # A catalogue that is gone now was there when its rows were read.
+            identity = catalogues.identity(root) if root else None
+            purged = catalogues.purged_before(root) if root and identity else before[2]
+            told[volume] = [generation, identity or before[1], purged]
+        number = self.batch_number()
+        rows = [row_text((self.state.appliance, volume, *facts, number))
+                for volume, facts in told.items() if facts != self.state.told.get(volume)]
+        self.insert("volumes", rows)
+        return told
+
+    def tell_appliance(self, cursor):
+        self.insert("appliances", [row_text((self.state.appliance, int(time.time()), cursor, self.software, self.batch_number()))])
+
+    def contact(self):
+        """While nothing changes: the appliance is there, and these are its purges. Not in the middle of a batch."""
+        if self.is_complete:
+            self.state.told = self.tell_volumes(self.state.volumes)
+            self.tell_appliance(self.state.cursor)
+            self.state.store()
+            self.forget()
+
+    def insert(self, table, rows):
+        if rows:
+            batch = Batch(table)
+            batch.pending = rows
+            self.server.insert(table, batch.body())
+
+    def summary(self, since):
+        return (f"{self.sent['files']} rows of files and {self.sent['folders']} of folders confirmed"
+                f" in {time.monotonic() - since:.1f} s")

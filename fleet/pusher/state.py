@@ -1,0 +1,118 @@
+"""What the pusher has to remember: how far the fleet has the changes of this appliance.
+
+It is one file, replaced in one step. Its first line is a checksum of the second, which is JSON.
+"""
+import fcntl
+import hashlib
+import json
+import os
+import time
+
+from pusher.problem import Problem, Unusable, reason_of
+
+FORMAT = 1
+SENT_ANEW = "everything is sent anew then, and replaces what the fleet has of this appliance"
+
+
+class State:
+    """Fields:
+    appliance  the name under which the rows were sent
+    cursor     of `quarrowctl changes`: the fleet has everything up to there
+    number     the greatest number that was ever given, see next_number()
+    volumes    name -> the generation that is valid
+    opened     names of the volumes whose full listing was begun and is not confirmed
+    told       name -> what the row in the table `volumes` says
+    """
+
+    def __init__(self, folder, appliance):
+        self.folder = folder
+        self.path = os.path.join(folder, "state")
+        self.appliance = appliance
+        self.cursor = ""
+        self.number = 0
+        self.volumes = {}
+        self.opened = []
+        self.told = {}
+        self.lock = None
+
+    def take_lock(self):
+        """Held until the process ends, however it ends."""
+        path = os.path.join(self.folder, "lock")
+        try:
+            os.makedirs(self.folder, mode=0o700, exist_ok=True)
+            self.lock = os.open(path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
+            fcntl.flock(self.lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise Unusable(path, "Another pusher is at work with this state", "Wait for its end, or stop it") from None
+        except OSError as failure:
+            raise Unusable(path, f"The state cannot be kept here: {reason_of(failure)}",
+                           "Name a folder with 'state' that this user may write to") from None
+
+    def load(self):
+        try:
+            with open(self.path, "rb") as file:
+                checksum, _, content = file.read().partition(b"\n")
+        except FileNotFoundError:
+            return
+        except OSError as failure:
+            raise Unusable(self.path, f"The state cannot be read: {reason_of(failure)}", "Make it readable for this user") from None
+        try:
+            if checksum.decode() != digest(content):
+                raise ValueError
+            fields = json.loads(content)
+            if fields.pop("format") != FORMAT or fields.keys() != self.fields().keys() - {"format"}:
+                raise ValueError
+        except (ValueError, KeyError, AttributeError):
+            raise Unusable(self.path, "The state is damaged, or that of another release",
+                           f"Put back a copy, or remove it: {SENT_ANEW}") from None
+        if fields["appliance"] != self.appliance:
+            raise Unusable(self.path, f"The state is that of appliance '{fields['appliance']}', not '{self.appliance}'",
+                           "Set 'appliance' to the former name, or remove the state: everything is sent under the new name then")
+        vars(self).update(fields)
+
+    def fields(self):
+        return {"format": FORMAT, "appliance": self.appliance, "cursor": self.cursor, "number": self.number,
+                "volumes": self.volumes, "opened": self.opened, "told": self.told}
+
+    def store(self):
+        content = json.dumps(self.fields()).encode() + b"\n"
+        self.replace("state", digest(content).encode() + b"\n" + content)
+
+    def write_cursor(self):
+        """A copy of the cursor for quarrowctl, which overwrites it when it has listed the changes: too early to count. It is
+        no argument, because arguments have a bound and everybody can read them."""
+        return self.replace("asked", self.cursor.encode() + b"\n")
+
+    def replace(self, name, content):
+        """Replaces a file of the state's folder in one step, and returns its path."""
+        path = os.path.join(self.folder, name)
+        try:
+            descriptor = os.open(path + ".new", os.O_WRONLY | os.O_CREAT | os.O_TRUNC | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
+            with open(descriptor, "wb") as file:
+                file.write(content)
+                file.flush()
+                os.fsync(descriptor)
+            os.rename(path + ".new", path)
+            self.sync_folder()
+        except OSError as failure:
+            raise Problem(path, f"The state cannot be stored: {reason_of(failure)}",
+                          "Make room, or see to its rights; what was sent since the last time is sent again") from None
+        return path
+
+    def sync_folder(self):
+        descriptor = os.open(self.folder, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
+        try:
+            os.fsync(descriptor)
+        finally:
+            os.close(descriptor)
+
+    def next_number(self):
+        """A number that is greater than each one before, and stored before it is used. It looks like milliseconds since 1970, so
+        it goes on growing when the state was lost."""
+        self.number = max(self.number + 1, time.time_ns() // 1_000_000)
+        self.store()
+        return self.number
+
+
+def digest(content):
+    return hashlib.sha256(content).hexdigest()

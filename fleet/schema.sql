@@ -147,3 +147,176 @@ CREATE TABLE IF NOT EXISTS quarrow.appliances
     updated UInt64
 )
 ENGINE = Distributed(quarrow, quarrow, appliances_shard, cityHash64(appliance));
+
+-- What is there: the rows of the generation that counts, each as it was last told. Quick for one appliance, or a few; over all
+-- of them FINAL costs seconds for every million rows: queries/ shows how to ask all of them.
+
+CREATE VIEW IF NOT EXISTS quarrow.live_files_shard AS
+SELECT appliance, volume, generation, id, folder_id, path, name, category, size, created_time, modified_time,
+       last_updated_time
+FROM quarrow.files_shard FINAL
+WHERE deleted = 0
+    AND (appliance, volume, generation) IN (SELECT appliance, volume, generation FROM quarrow.volumes_shard FINAL);
+
+CREATE TABLE IF NOT EXISTS quarrow.live_files
+(
+    appliance String,
+    volume String,
+    generation UInt64,
+    id Int64,
+    folder_id Int64,
+    path String,
+    name String,
+    category Enum8('video' = 1, 'audio' = 2, 'image' = 3, 'other' = 4),
+    size Int64,
+    created_time Int64,
+    modified_time Int64,
+    last_updated_time Int64
+)
+ENGINE = Distributed(quarrow, quarrow, live_files_shard);
+
+CREATE VIEW IF NOT EXISTS quarrow.live_folders_shard AS
+SELECT appliance, volume, generation, id, parent_id, path, name, created_time, modified_time, last_updated_time
+FROM quarrow.folders_shard FINAL
+WHERE deleted = 0
+    AND (appliance, volume, generation) IN (SELECT appliance, volume, generation FROM quarrow.volumes_shard FINAL);
+
+CREATE TABLE IF NOT EXISTS quarrow.live_folders
+(
+    appliance String,
+    volume String,
+    generation UInt64,
+    id Int64,
+    parent_id Int64,
+    path String,
+    name String,
+    created_time Int64,
+    modified_time Int64,
+    last_updated_time Int64
+)
+ENGINE = Distributed(quarrow, quarrow, live_folders_shard);
+
+-- What was found gone, at last_updated_time, and is not purged yet.
+
+CREATE VIEW IF NOT EXISTS quarrow.gone_files_shard AS
+SELECT appliance, volume, generation, id, folder_id, path, name, category, size, created_time, modified_time,
+       last_updated_time
+FROM
+(
+    SELECT appliance, volume, generation, id, folder_id, path, name, category, size, created_time, modified_time,
+           last_updated_time
+    FROM quarrow.files_shard FINAL
+    WHERE deleted = 1
+)
+ANY INNER JOIN
+(
+    SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL
+)
+USING (appliance, volume, generation)
+WHERE last_updated_time >= purged_before;
+
+CREATE TABLE IF NOT EXISTS quarrow.gone_files
+(
+    appliance String,
+    volume String,
+    generation UInt64,
+    id Int64,
+    folder_id Int64,
+    path String,
+    name String,
+    category Enum8('video' = 1, 'audio' = 2, 'image' = 3, 'other' = 4),
+    size Int64,
+    created_time Int64,
+    modified_time Int64,
+    last_updated_time Int64
+)
+ENGINE = Distributed(quarrow, quarrow, gone_files_shard);
+
+CREATE VIEW IF NOT EXISTS quarrow.gone_folders_shard AS
+SELECT appliance, volume, generation, id, parent_id, path, name, created_time, modified_time, last_updated_time
+FROM
+(
+    SELECT appliance, volume, generation, id, parent_id, path, name, created_time, modified_time, last_updated_time
+    FROM quarrow.folders_shard FINAL
+    WHERE deleted = 1
+)
+ANY INNER JOIN
+(
+    SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL
+)
+USING (appliance, volume, generation)
+WHERE last_updated_time >= purged_before;
+
+CREATE TABLE IF NOT EXISTS quarrow.gone_folders
+(
+    appliance String,
+    volume String,
+    generation UInt64,
+    id Int64,
+    parent_id Int64,
+    path String,
+    name String,
+    created_time Int64,
+    modified_time Int64,
+    last_updated_time Int64
+)
+ENGINE = Distributed(quarrow, quarrow, gone_folders_shard);
+
+-- Sums, taken by totals.sql: of each volume, folder right below its root (the empty text: the root itself) and category. A sum
+-- over all files of a fleet cannot be had while one waits, and growth wants to know what was before.
+--   taken  when, in seconds since 1970
+CREATE TABLE IF NOT EXISTS quarrow.totals_shard
+(
+    appliance String,
+    volume String,
+    taken Int64,
+    folder String,
+    category Enum8('video' = 1, 'audio' = 2, 'image' = 3, 'other' = 4),
+    files UInt64,
+    bytes Int64
+)
+ENGINE = MergeTree
+PARTITION BY toYYYYMM(toDateTime(taken))
+ORDER BY (appliance, volume, taken, folder, category);
+
+CREATE TABLE IF NOT EXISTS quarrow.totals
+(
+    appliance String,
+    volume String,
+    taken Int64,
+    folder String,
+    category Enum8('video' = 1, 'audio' = 2, 'image' = 3, 'other' = 4),
+    files UInt64,
+    bytes Int64
+)
+ENGINE = Distributed(quarrow, quarrow, totals_shard);
+
+-- What retention.sql is about to remove: a statement that deletes can read a table, but cannot join.
+CREATE TABLE IF NOT EXISTS quarrow.former_generations_shard
+(
+    appliance String,
+    volume String,
+    generation UInt64
+)
+ENGINE = MergeTree
+ORDER BY (appliance, volume, generation);
+
+CREATE TABLE IF NOT EXISTS quarrow.purged_files_shard
+(
+    appliance String,
+    volume String,
+    generation UInt64,
+    id Int64
+)
+ENGINE = MergeTree
+ORDER BY (appliance, volume, generation, id);
+
+CREATE TABLE IF NOT EXISTS quarrow.purged_folders_shard
+(
+    appliance String,
+    volume String,
+    generation UInt64,
+    id Int64
+)
+ENGINE = MergeTree
+ORDER BY (appliance, volume, generation, id);

@@ -1,0 +1,19 @@
+-- Which photos vanished everywhere this week? An image that was found gone, and no appliance has one of its name and size.
+-- A photo that was moved is not among them. Nor is one that was gone before its catalogue was made anew.
+SELECT
+    name,
+    size,
+    uniqExact(appliance) AS appliances,
+    toDateTime(max(last_updated_time)) AS found_gone
+FROM quarrow.files FINAL
+PREWHERE name GLOBAL IN
+(
+    SELECT name FROM quarrow.files
+    PREWHERE last_updated_time >= toUnixTimestamp(now()) - 7 * 86400 AND deleted = 1 AND category = 'image'
+)
+WHERE category = 'image'
+    AND (appliance, volume, generation) GLOBAL IN (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)
+GROUP BY name, size
+HAVING min(deleted) = 1 AND max(last_updated_time) >= toUnixTimestamp(now()) - 7 * 86400
+ORDER BY found_gone DESC, name, size
+LIMIT 100

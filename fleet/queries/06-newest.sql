@@ -1,0 +1,14 @@
+-- What is new? The newest files that were catalogued, or came back, in the last day.
+-- created_time never falls while a row lives, so what is asked before FINAL loses no newer version.
+SELECT
+    appliance,
+    volume,
+    path,
+    size,
+    toDateTime(created_time) AS created
+FROM quarrow.files FINAL
+PREWHERE created_time >= toUnixTimestamp(now()) - 86400
+WHERE deleted = 0
+    AND (appliance, volume, generation) GLOBAL IN (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)
+ORDER BY created_time DESC, appliance, volume, path
+LIMIT 20

@@ -11,11 +11,11 @@ RECORDED = re.compile(rb"<last_purge_time>\s*(-?\d{1,10})\s*</last_purge_time>")
 
 
 def identity(root):
-    """Tells the catalogue file from one that takes its place, unless its inode is used again. None when it is gone."""
+    """Tells the catalogue file from one that takes its place, unless its inode is used again. Empty when it is gone again."""
     try:
         status = os.stat(root + b"/.quarrow/quarrow.db")
     except OSError:
-        return None
+        return ""
     return f"{os.major(status.st_dev)}:{os.minor(status.st_dev)}-{status.st_ino}"
 
 

@@ -132,11 +132,12 @@ class Push:
         told = dict(self.state.told)
         for volume, generation in generations.items():
             root = self.roots.get(volume)
-            before = told.get(volume, [0, "", 0])
-            # A catalogue that is gone now was there when its rows were read.
-            identity = catalogues.identity(root) if root else None
-            purged = catalogues.purged_before(root) if root and identity else before[2]
-            told[volume] = [generation, identity or before[1], purged]
+            _, identity, purged = told.get(volume, (0, "", 0))
+            if root and volume in self.listed:
+                identity, purged = catalogues.identity(root), 0
+            if root and volume not in self.unknown:  # whose catalogue may be another one by now
+                purged = catalogues.purged_before(root) or purged
+            told[volume] = [generation, identity, purged]
         number = self.batch_number()
         rows = [row_text((self.state.appliance, volume, *facts, number))
                 for volume, facts in told.items() if facts != self.state.told.get(volume)]

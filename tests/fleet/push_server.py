@@ -1,6 +1,7 @@
 """A server that takes rows as the database does, keeps what it has confirmed, and fails in the ways it is told to."""
 import collections
 import http.server
+import os
 import socket
 import struct
 import threading
@@ -48,6 +49,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return self.hang_up()
         if isinstance(fault, tuple):
             return self.answer(*fault)
+        if isinstance(fault, dict):
+            return self.answer(**fault)
         fake.take(urllib.parse.parse_qs(urllib.parse.urlsplit(self.path).query), self.headers, content)
         if fault == "answer lost":
             return self.hang_up()
@@ -71,7 +74,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
 
 class PushServer:
-    """`faults`: what goes wrong with the next requests, one after the other: None for nothing, one of the texts above, or the
+    """`faults`: what goes wrong with the next requests, one after the other: None for nothing, one of the words above, or the
     arguments of answer(). `always`: what goes wrong with those after that."""
 
     def __init__(self, port=0, context=None):
@@ -136,11 +139,11 @@ class PushServer:
         return found
 
     def volumes(self):
-        return {key[1]: row for key, row in self.newest("volumes", ("appliance", "volume"), "updated").items()}
+        return {os.fsdecode(key[1]): row for key, row in self.newest("volumes", ("appliance", "volume"), "updated").items()}
 
     def valid(self, table):
         """The rows of the generations that count, purged ones included: (volume, id) -> row."""
         generations = {name: row["generation"] for name, row in self.volumes().items()}
-        return {(key[1], int(key[3])): row for key, row
+        return {(os.fsdecode(key[1]), int(key[3])): row for key, row
                 in self.newest(table, ("appliance", "volume", "generation", "id"), "version").items()
-                if generations.get(key[1]) == key[2]}
+                if generations.get(os.fsdecode(key[1])) == key[2]}

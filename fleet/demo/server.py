@@ -9,6 +9,8 @@ import urllib.request
 from xml.sax.saxutils import escape
 
 PROGRAM = "/usr/sbin/clickhouse-server"
+#: Ends what follows when its parent is gone, however that came.
+WITH_PARENT = ["setpriv", "--pdeathsig", "KILL", "--"]
 PATIENCE = 120  # seconds until a server that should answer, or end, counts as failed
 
 CONFIGURATION = """<?xml version="1.0"?>
@@ -85,7 +87,7 @@ class Server:
 
     def start(self):
         with open(os.path.join(self.folder, "output"), "ab") as output:
-            self.process = subprocess.Popen([*self.wrapper, PROGRAM, f"--config-file={self.folder}/config.xml"], cwd=self.folder,
+            self.process = subprocess.Popen([*WITH_PARENT, *self.wrapper, PROGRAM, f"--config-file={self.folder}/config.xml"], cwd=self.folder,
                                             stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True)
 
     def wait_ready(self):
@@ -129,6 +131,20 @@ class Server:
         except OSError as error:
             raise QueryError(str(error)) from error
 
+    def freeze(self):
+        """From here on it answers nothing. The kernel still takes connections for it, and what is sent on them."""
+        self.process.send_signal(signal.SIGSTOP)
+
+    def thaw(self):
+        self.process.send_signal(signal.SIGCONT)
+
+    def unread(self):
+        """How many bytes wait for it on connections to its port for HTTP."""
+        with open("/proc/net/tcp", encoding="ascii") as file:
+            connections = [line.split() for line in file.readlines()[1:]]
+        own = f"0100007F:{self.http:04X}"
+        return sum(int(fields[4].split(":")[1], 16) for fields in connections if fields[1] == own and fields[3] != "0A")
+
     def kill(self):
         """As a power cut would have it."""
         self.end(signal.SIGKILL)
@@ -140,6 +156,7 @@ class Server:
         if self.process is None or self.process.poll() is not None:
             return
         self.process.send_signal(number)
+        self.thaw()  # it may be frozen, and then it would not notice
         try:
             self.process.wait(PATIENCE)
         except subprocess.TimeoutExpired:

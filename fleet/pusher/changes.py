@@ -28,7 +28,7 @@ class Changes:
         return self
 
     def __exit__(self, *_):
-        self.process.stdout.close()
+        """The child is told to end before its output is closed, of which it would complain."""
         if self.process.poll() is None:
             self.process.terminate()
             try:
@@ -36,6 +36,7 @@ class Changes:
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 self.process.wait()
+        self.process.stdout.close()
 
     def lines(self, seconds=None):
         """The next complete lines; none when there was none for so long; None at the end."""

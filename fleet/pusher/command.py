@@ -1,5 +1,6 @@
 """The command: its options, its runs, its exit status."""
 import argparse
+import contextlib
 import os
 import signal
 import time
@@ -84,7 +85,7 @@ def catch_up(push, is_full):
 def list_changes(push, options, volumes):
     """One run of `quarrowctl changes`, of these volumes or all. Returns its status."""
     push.is_complete = False
-    with Changes(push.settings, [*options, *arguments(push, volumes)]) as changes:
+    with listing(push, options, volumes) as changes:
         while (lines := changes.lines()) is not None:
             push.take(lines)
         status = changes.status()
@@ -93,9 +94,11 @@ def list_changes(push, options, volumes):
     return status
 
 
-def arguments(push, volumes):
+@contextlib.contextmanager
+def listing(push, options, volumes):
     names = [argument for volume in volumes for argument in ("--volume", volume)]
-    return ["--cursor-file", push.state.write_cursor(), *names]
+    with push.state.cursor_file() as path, Changes(push.settings, [*options, "--cursor-file", path, *names]) as changes:
+        yield changes
 
 
 def cut_short(status):
@@ -109,9 +112,9 @@ def follow(settings, state, server):
     push = Push(settings, state, server)
     try:
         catch_up(push, False)
-        with Changes(settings, ["--follow", *arguments(push, settings.volume)]) as changes:
+        with listing(push, ["--follow"], settings.volume) as changes:
             follow_changes(push, changes)
-        raise cut_short(changes.status())
+            raise cut_short(changes.status())
     finally:
         print(push.summary(begin), flush=True)
 

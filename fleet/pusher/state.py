@@ -2,15 +2,19 @@
 
 It is one file, replaced in one step. Its first line is a checksum of the second, which is JSON.
 """
+import contextlib
 import fcntl
 import hashlib
 import json
 import os
+import shutil
+import tempfile
 import time
 
 from pusher.problem import Problem, Unusable, reason_of
 
 FORMAT = 1
+ASKED = "asked-"  # what folders with a copy of the cursor begin with
 SENT_ANEW = "everything is sent anew then, and replaces what the fleet has of this appliance"
 
 
@@ -76,16 +80,29 @@ class State:
 
     def store(self):
         content = json.dumps(self.fields()).encode() + b"\n"
-        self.replace("state", digest(content).encode() + b"\n" + content)
+        self.replace(self.path, digest(content).encode() + b"\n" + content)
 
-    def write_cursor(self):
-        """A copy of the cursor for quarrowctl, which overwrites it when it has listed the changes: too early to count. It is
-        no argument, because arguments have a bound and everybody can read them."""
-        return self.replace("asked", self.cursor.encode() + b"\n")
+    @contextlib.contextmanager
+    def cursor_file(self):
+        """A copy of the cursor for quarrowctl, which overwrites it when it has listed the changes: too early to count. It is no
+        argument, because arguments have a bound and everybody can read them. Its place is another one each time: a quarrowctl
+        whose pusher was killed may yet write there."""
+        try:
+            for name in os.listdir(self.folder):
+                if name.startswith(ASKED):
+                    shutil.rmtree(os.path.join(self.folder, name), ignore_errors=True)
+            folder = tempfile.mkdtemp(prefix=ASKED, dir=self.folder)
+        except OSError as failure:
+            raise not_stored(self.folder, failure) from None
+        try:
+            path = os.path.join(folder, "cursor")
+            self.replace(path, self.cursor.encode() + b"\n")
+            yield path
+        finally:
+            shutil.rmtree(folder, ignore_errors=True)
 
-    def replace(self, name, content):
-        """Replaces a file of the state's folder in one step, and returns its path."""
-        path = os.path.join(self.folder, name)
+    def replace(self, path, content):
+        """Replaces a file in one step."""
         try:
             descriptor = os.open(path + ".new", os.O_WRONLY | os.O_CREAT | os.O_TRUNC | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
             with open(descriptor, "wb") as file:
@@ -95,9 +112,7 @@ class State:
             os.rename(path + ".new", path)
             self.sync_folder()
         except OSError as failure:
-            raise Problem(path, f"The state cannot be stored: {reason_of(failure)}",
-                          "Make room, or see to its rights; what was sent since the last time is sent again") from None
-        return path
+            raise not_stored(path, failure) from None
 
     def sync_folder(self):
         descriptor = os.open(self.folder, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
@@ -112,6 +127,11 @@ class State:
         self.number = max(self.number + 1, time.time_ns() // 1_000_000)
         self.store()
         return self.number
+
+
+def not_stored(path, failure):
+    return Problem(path, f"The state cannot be stored: {reason_of(failure)}",
+                   "Make room, or see to its rights; what was sent since the last time is sent again")
 
 
 def digest(content):

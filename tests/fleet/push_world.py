@@ -36,16 +36,28 @@ class Volume:
         self.catalogue = f"{self.root}/.quarrow/quarrow.db"
         self.make(files)
 
-    def make(self, files):
-        with new_catalogue(self.root) as (folder, file):
+    def make_anew(self, files):
+        """Another catalogue, whose rows are written now."""
+        self.make(files, "update Files set last_updated_time = strftime('%s', 'now')",
+                  "update Folders set last_updated_time = strftime('%s', 'now')")
+
+    def make(self, files, *statements):
+        """A catalogue comes into its place when it is complete, as the daemon's does."""
+        made = f"{self.root}.making"
+        with new_catalogue(made) as (folder, file):
             number = folder("", 1)
             for each in range(files):
                 if each % 20 == 0:
                     number = folder(f"/{each:06}", 1)
                 file(number, f"/{each - each % 20:06}/{each}.mp3", each, 1)
+        os.makedirs(os.path.dirname(self.catalogue), exist_ok=True)
+        for statement in statements:
+            self.edit(statement, catalogue=f"{made}/.quarrow/quarrow.db")
+        os.rename(f"{made}/.quarrow/quarrow.db", self.catalogue)
+        shutil.rmtree(made)
 
-    def edit(self, statement, *values):
-        connection = sqlite3.connect(self.catalogue, timeout=BOUND)
+    def edit(self, statement, *values, catalogue=None):
+        connection = sqlite3.connect(catalogue or self.catalogue, timeout=BOUND)
         try:
             with connection:
                 connection.execute(statement, values)

@@ -6,16 +6,11 @@ from push_server import FULL
 from push_world import seeded
 
 
-def make_anew(volume, files):
-    shutil.rmtree(os.path.dirname(volume.catalogue))
-    volume.make(files)
-
-
 def test_a_catalogue_that_was_made_anew_replaces_its_rows(world):
     volume, other = world.volume("V", 40), world.volume("Other")
     world.good()
     before = world.server.volumes()
-    make_anew(volume, 25)
+    volume.make_anew(25)
     result = world.bad(0, "made anew", volume.catalogue)
     assert result.errors.count("\n") == 1
     world.assert_complete()
@@ -33,7 +28,7 @@ def test_a_new_generation_counts_when_all_its_rows_are_there(world):
     volume = world.volume("V", 40)
     world.good()
     rows = world.server.valid("files")
-    make_anew(volume, 25)
+    volume.make_anew(25)
     world.server.faults.extend([None, None])  # where it has come to, and the files, but not the folders
     world.configure(patience=0.01)
     world.server.always = FULL
@@ -53,7 +48,7 @@ def test_a_full_listing_that_was_cut_short_has_another_generation_next_time(worl
     world.good()
     former = os.path.dirname(volume.catalogue)
     os.rename(former, world.path("aside"))
-    volume.make(25)
+    volume.make_anew(25)
     world.server.faults.extend([None, None, None, None])  # all but the row of the appliance
     world.server.always = FULL
     world.configure(patience=0.01)

@@ -104,6 +104,6 @@ def test_the_state_and_its_folder_are_closed_to_others(world):
     world.volume()
     world.good()
     assert os.stat(world.state_folder).st_mode & 0o777 == 0o700
-    assert sorted(os.listdir(world.state_folder)) == ["asked", "lock", "state"]
+    assert sorted(os.listdir(world.state_folder)) == ["lock", "state"]
     for name in os.listdir(world.state_folder):
         assert os.stat(f"{world.state_folder}/{name}").st_mode & 0o777 == 0o600

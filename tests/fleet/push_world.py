@@ -82,19 +82,23 @@ class Volume:
             self.add(f"new {choice.random()} {number}")
 
     def rows(self):
-        """table -> id -> the values that the fleet is to have, as bytes."""
-        connection = sqlite3.connect(f"file:{self.catalogue}?mode=ro", uri=True, timeout=BOUND)
-        connection.text_factory = bytes
-        try:
-            rows = {"files": connection.execute(
-                "select file_id, folder_id, path, name, category, size, created_time, modified_time, last_updated_time, is_deleted"
-                " from Files").fetchall(),
-                    "folders": connection.execute(
-                "select folder_id, parent_id, path, name, created_time, modified_time, last_updated_time, is_deleted"
-                " from Folders").fetchall()}
-        finally:
-            connection.close()
-        return {table: {row[0]: as_sent(row) for row in found} for table, found in rows.items()}
+        return catalogue_rows(self.catalogue)
+
+
+def catalogue_rows(path):
+    """table -> id -> the values that the fleet is to have, as bytes."""
+    connection = sqlite3.connect(f"file:{path}?mode=ro", uri=True, timeout=BOUND)
+    connection.text_factory = bytes
+    try:
+        rows = {"files": connection.execute(
+            "select file_id, folder_id, path, name, category, size, created_time, modified_time, last_updated_time, is_deleted"
+            " from Files").fetchall(),
+                "folders": connection.execute(
+            "select folder_id, parent_id, path, name, created_time, modified_time, last_updated_time, is_deleted"
+            " from Folders").fetchall()}
+    finally:
+        connection.close()
+    return {table: {row[0]: as_sent(row) for row in found} for table, found in rows.items()}
 
 
 def as_sent(row):

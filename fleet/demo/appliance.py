@@ -9,7 +9,7 @@ from quarrow_driver.configuration import host_configuration, volume_element
 from quarrow_driver.process import DaemonProcess
 from quarrow_driver.waiting import poll
 
-PATIENCE = 300  # seconds until a catalogue that should have followed its disk counts as failed
+PATIENCE = 120  # seconds until a catalogue that should have followed its disk counts as failed
 
 
 class Appliance:
@@ -25,7 +25,8 @@ class Appliance:
             # Readers of a catalogue may change its folder; left in, they would keep the burst of a change going.
             file.write(host_configuration([volume_element(volume, root, exclude=["/.quarrow"])
                                            for volume, root in self.roots.items()]))
-        self.pusher = Pusher(os.path.join(folder, "pusher"), name, cluster, os.path.join(tools, "quarrowctl"), self.configuration)
+        self.pusher = Pusher(os.path.join(folder, "pusher"), name, cluster, os.path.join(tools, "quarrowctl"), self.configuration,
+                             timeout=10)
         self.daemon = None
 
     def start(self):

@@ -29,10 +29,10 @@ def fill(appliances):
 
 
 def change(appliances, choice):
-    """What an owner does in a week, in a second."""
+    """What an owner does in a week."""
     attic, studio, office = appliances
-    shutil.rmtree(attic.path("Media", "/Archive/0007"))
     os.rename(attic.path("Media", "/Archive/0008"), attic.path("Media", "/Archive/moved"))
+    shutil.rmtree(attic.path("Media", "/Archive/0007"))
     for number in choice.sample(range(1, 40), 12):  # photos that vanish from both
         for appliance, volume in ((studio, "Photos"), (office, "Documents")):
             os.unlink(appliance.path(volume, f"/Summer/IMG_{number:04}.JPG"))

@@ -6,6 +6,7 @@ import pytest
 from harness import Arena, configuration
 from push_world import catalogue_rows
 from quarrow_driver.clock import Clock
+from quarrow_driver.waiting import wait_for
 from trees import make_media_tree
 
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
@@ -49,6 +50,10 @@ def on_disk(volume):
             if b"/.quarrow" not in place and os.path.isfile(os.path.join(place, name)) and not os.path.islink(os.path.join(place, name))}
 
 
+def record(volume):
+    return volume.read_state() if os.path.exists(volume.state_file) else None
+
+
 def live_in_fleet(world):
     return {row["path"] for row in world.server.valid("files").values() if row["deleted"] == b"0"}
 
@@ -83,19 +88,21 @@ def test_what_the_daemon_purges_is_told(world, arena):
         volume.make_file(f"/m/{name}.mp3", b"x")
     use(world, [volume])
 
-    def walk_and_push():
+    def walk_and_push(is_purge_due=False):
+        before = record(volume)
         daemon = arena.start([volume], clock=clock, purge_threshold=THRESHOLD)
         daemon.wait_walks()
+        wait_for(lambda: record(volume) != before or not is_purge_due, "the purge")
         daemon.stop()
         world.good(environment=clock.environment())
 
-    walk_and_push()
+    walk_and_push(is_purge_due=True)
     for name in ("early", "late"):
         clock.advance(THRESHOLD // 4)
         os.unlink(volume.path(f"/m/gone {name}.mp3"))
         walk_and_push()
     clock.advance(THRESHOLD * 7 // 8)
-    walk_and_push()
+    walk_and_push(is_purge_due=True)
     rest = {b"/m/kept.mp3", b"/m/gone late.mp3"}
     assert {row[2] for row in catalogue_rows(volume.catalogue.path)["files"].values() if b".mp3" in row[2]} == rest
     before = int(world.server.volumes()["V"]["purged_before"])

@@ -1,4 +1,6 @@
 """`quarrowctl` as a child."""
+import contextlib
+import fcntl
 import json
 import os
 import select
@@ -19,9 +21,11 @@ class Changes:
     def __init__(self, settings, arguments):
         command = [settings.quarrowctl, "changes", *arguments]
         try:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, bufsize=0, pipesize=PIPE)
+            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, bufsize=0)
         except OSError as failure:
             raise not_run(settings, failure) from None
+        with contextlib.suppress(OSError):  # it is a matter of speed, and a machine may forbid it
+            fcntl.fcntl(self.process.stdout, fcntl.F_SETPIPE_SZ, PIPE)
         self.rest = b""
 
     def __enter__(self):
@@ -79,11 +83,13 @@ def software(settings):
 
 
 def configured_volumes(settings):
-    """The roots of the volumes by name. Raises when the daemon's configuration cannot be used."""
+    """The roots of the volumes that are to be sent, by name. Raises when the daemon's configuration cannot be used."""
     output, status = ask(settings, "check", "--json")
     try:
         report = json.loads(output)
-        volumes = {original(volume, "name"): original(volume, "root") for volume in report["volumes"]} if report["accepted"] else {}
+        if not report["accepted"]:
+            raise ValueError
+        volumes = {original(volume, "name"): original(volume, "root") for volume in report["volumes"]}
     except (ValueError, KeyError, TypeError):
         raise Problem("quarrowctl check", f"It ended with {status} and did not list the volumes",
                       "Run 'quarrowctl check' as this user, and correct what it says") from None

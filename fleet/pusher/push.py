@@ -77,6 +77,8 @@ class Push:
             generation = number
         elif volume in self.state.volumes:
             generation = self.state.volumes[volume]
+        elif volume in self.state.opened:
+            generation = 0  # which never counts: a full listing is due
         else:
             raise Problem(self.state.path, f"Rows of volume '{volume}' came without a full listing",
                           "Remove the state: everything is sent anew then")
@@ -146,6 +148,19 @@ class Push:
 
     def tell_appliance(self, cursor):
         self.insert("appliances", [row_text((self.state.appliance, int(time.time()), cursor, self.software, self.batch_number()))])
+
+    def leave(self, volumes):
+        """Hides volumes that are not to be sent any more: with a generation that has no rows. When they come back, they are
+        listed in full."""
+        if volumes:
+            number = self.batch_number()
+            self.insert("volumes", [row_text((self.state.appliance, volume, number, "", 0, number)) for volume in volumes])
+            for volume in volumes:
+                del self.state.volumes[volume]
+                self.state.told.pop(volume, None)
+            self.state.opened = sorted({*self.state.opened, *volumes})
+            self.state.store()
+            self.forget()
 
     def contact(self):
         """While nothing changes: the appliance is there, and these are its purges. Not in the middle of a batch."""

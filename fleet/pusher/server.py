@@ -83,7 +83,7 @@ class Server:
             raise Refusal(url, f"No safe connection: {reason_of(failure)}", "Does the server speak TLS on this port?") from None
         except TimeoutError:
             raise Refusal(url, "No answer in time", "See whether the server is at work, or make 'timeout' longer") from None
-        except (OSError, http.client.HTTPException) as failure:
+        except (OSError, http.client.HTTPException, UnicodeError) as failure:
             raise Refusal(url, f"The connection failed: {reason_of(failure)}", "Does the server run, and listen there?") from None
         judge(url, answer, text)
 
@@ -108,7 +108,11 @@ class Server:
                 raise
             # It may have said why before it closed.
         answer = connection.getresponse()
-        return answer, answer.read(LONGEST_ANSWER)
+        has_end = answer.chunked or answer.length is not None
+        text = answer.read(LONGEST_ANSWER)
+        if not text and (answer.length or not has_end):  # what is missing may be an exception
+            raise http.client.HTTPException("the answer was cut short, or has no marked end")
+        return answer, text
 
 
 def judge(url, answer, text):

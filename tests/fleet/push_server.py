@@ -51,7 +51,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return self.answer(*fault)
         if isinstance(fault, dict):
             return self.answer(**fault)
-        fake.take(urllib.parse.parse_qs(urllib.parse.urlsplit(self.path).query), self.headers, content)
+        if fault == "late":
+            fake.late.append((self.path, self.headers, content))
+            return self.hang_up()
+        fake.take(self.path, self.headers, content)
         if fault == "answer lost":
             return self.hang_up()
         return self.answer(200, "")
@@ -61,14 +64,16 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
         self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
-    def answer(self, status, text, is_engine=True, **headers):
+    def answer(self, status, text, is_engine=True, length="", **headers):
         body = text.encode()
         self.send_response(status)
         if is_engine:
             self.send_header("X-ClickHouse-Server-Display-Name", "one")
         for name, value in headers.items():
             self.send_header(name, value)
-        self.send_header("Content-Length", str(len(body)))
+        if length != "none":
+            self.send_header("Content-Length", length or str(len(body)))
+        self.close_connection = True
         self.end_headers()
         self.wfile.write(body)
 
@@ -81,6 +86,7 @@ class PushServer:
         self.faults = collections.deque()
         self.always = None
         self.requests = []
+        self.late = []
         self.attempts = 0
         self.released = threading.Event()
         self.changed = threading.Condition()
@@ -109,7 +115,13 @@ class PushServer:
             self.changed.notify_all()
             return self.faults.popleft() if self.faults else self.always
 
-    def take(self, parameters, headers, content):
+    def arrive(self):
+        """What it was sent and did not answer is stored now, after all that came since."""
+        for request in self.late:
+            self.take(*request)
+
+    def take(self, path, headers, content):
+        parameters = urllib.parse.parse_qs(urllib.parse.urlsplit(path).query)
         words = parameters["query"][0].replace("(", "( ").replace(")", " )").split()
         assert words[:2] == ["INSERT", "INTO"] and words[-2:] == ["FORMAT", "TabSeparated"], words
         columns = [word.strip(",") for word in words[words.index("(") + 1:words.index(")")]]
@@ -134,8 +146,9 @@ class PushServer:
         found = {}
         for row in self.rows(table):
             key = tuple(row[name] for name in keys)
-            if key not in found or int(row[version]) >= int(found[key][version]):
+            if key not in found or int(row[version]) > int(found[key][version]):
                 found[key] = row
+            assert row[version] != found[key][version] or row == found[key], "which one counts?"
         return found
 
     def volumes(self):

@@ -132,9 +132,13 @@ class World:
         return path
 
     def volume(self, name="V", files=30):
-        self.volumes.append(Volume(self, name, files))
-        self.write("host.xml", host_configuration([volume_element(each.name, each.root) for each in self.volumes]))
+        self.use([*self.volumes, Volume(self, name, files)])
         return self.volumes[-1]
+
+    def use(self, volumes):
+        """These are configured."""
+        self.volumes = volumes
+        self.write("host.xml", host_configuration([volume_element(each.name, each.root) for each in self.volumes]))
 
     def configure(self, *more, url=None, **changes):
         """Writes the pusher's configuration: quick to try again, and these settings in place of the usual ones."""

@@ -23,6 +23,8 @@ FAULTS = {
     "a portal": (PORTAL, ["not that of the database", "Please log in", "a portal or a proxy"], True),
     "something else": (NO_HEADER, ["not that of the database", "a header of its own is missing", "proxy"], True),
     "a lie": (EXCEPTION_IN_200, ["The server failed (200)", "not enough space"], True),
+    "a cut answer": ({"status": 200, "text": "", "length": "100"}, ["The connection failed", "cut short"], True),
+    "an endless answer": ({"status": 200, "text": "", "length": "none"}, ["The connection failed", "no marked end"], True),
     "a redirection": (ELSEWHERE, ["is a redirection to 'http://127.0.0.1:1/'", "address of the database itself"], False),
     "answer lost": ("answer lost", ["The connection failed", "Does the server run"], True),
     "half a request": ("half a request", ["The connection failed", "Does the server run"], True),
@@ -56,6 +58,24 @@ def test_a_server_that_fails_now_and_then(world, fault):
     world.assert_complete()
 
 
+def test_a_request_that_is_stored_long_after_its_repetition(world):
+    """And after a later state of the same rows, and of the volume."""
+    volume = world.volume()
+    world.server.faults.extend(["late", None, "late", None, "late", None, "late"])
+    assert world.run().status == 0
+    for statement in ("set size = size + 1", "set is_deleted = 1"):
+        volume.edit(f"update Files {statement}, last_updated_time = strftime('%s', 'now')")
+        world.server.faults.extend(["late"])
+        assert world.run("--full").status == 0
+    volume.edit("update Files set is_deleted = 0, last_updated_time = strftime('%s', 'now')")
+    world.good()
+    newest = world.server.volumes()
+    assert len(world.server.late) == 6
+    world.server.arrive()
+    assert world.server.volumes() == newest
+    world.assert_complete()
+
+
 def test_a_server_that_is_down(world):
     volume = world.volume()
     world.good()
@@ -73,8 +93,9 @@ def test_a_server_that_is_down(world):
 
 def test_a_name_that_no_server_has(world):
     world.volume()
-    world.configure(url=["https://fleet.invalid:8443"], patience=0.1)
-    world.bad(1, "https://fleet.invalid:8443: The connection failed", "Does the server run")
+    for url in ("https://fleet.invalid:8443", "https://fleet..invalid"):
+        world.configure(url=[url], patience=0.1)
+        world.bad(1, f"{url}: The connection failed", "Does the server run")
     assert world.cursor() == ""
 
 

@@ -91,8 +91,7 @@ def test_a_purge_is_told_by_the_time_before_which_there_is_nothing(world):
 
 
 
-def test_a_volume_that_is_not_configured_any_more_holds_up_nothing(world):
-    """Its full listing was cut short, and now it cannot be had."""
+def test_a_volume_whose_listing_was_cut_short_and_that_is_gone_holds_up_nothing(world):
     world.volume("V", 40), world.volume("Gone", 10)
     world.server.faults.extend([None])
     world.server.always = FULL
@@ -103,3 +102,31 @@ def test_a_volume_that_is_not_configured_any_more_holds_up_nothing(world):
     world.volume("New", 3)
     world.good()
     world.assert_complete()
+
+
+def test_a_volume_that_is_not_sent_any_more_is_hidden_until_it_comes_back(world):
+    """Whether the daemon's configuration leaves it out, or that of the pusher, for which the cursor goes on."""
+    kept, left = world.volume("Kept"), world.volume("Left", 10)
+    world.good()
+    for changes in ("", "volume = Kept"):
+        world.configure(changes)
+        world.use([kept] if not changes else [kept, left])
+        kept.add(f"with {changes}")
+        left.add(f"with {changes}")
+        world.good()
+        world.volumes = [kept]
+        world.assert_complete()
+        world.configure()
+        world.use([kept, left])
+        left.add(f"after {changes}")
+        world.good()
+        world.assert_complete()
+
+
+def test_a_refused_configuration_hides_nothing(world):
+    world.volume()
+    world.good()
+    before = world.server.volumes()
+    world.write("host.xml", "<QuarrowHost><Volumes/></QuarrowHost")
+    world.bad(1, "quarrowctl check", "did not list the volumes", "Run 'quarrowctl check'")
+    assert world.server.volumes() == before

@@ -78,7 +78,9 @@ def catch_up(push, is_full):
     due = sorted((push.unknown | set(push.state.opened)) & push.roots.keys())
     if due:
         push.unknown.clear()
-        list_changes(push, ["--full"], due)
+        if list_changes(push, ["--full"], due) == GOOD and not push.listed_all(due):
+            raise Problem("quarrowctl changes", "It lists volumes in full without saying so",
+                          "Is this the program of this release? Set 'quarrowctl'")
         status = list_changes(push, [], push.settings.volume)
     return GOOD if status == GOOD else PROBLEMS
 
@@ -91,7 +93,7 @@ def list_changes(push, options, volumes):
             push.take(lines)
         status = changes.status()
     if changes.rest or not push.is_complete or status not in (GOOD, PROBLEMS, RESTART_NEEDED):
-        raise cut_short(status)
+        raise ended(status, push.is_complete)
     return status
 
 
@@ -102,9 +104,9 @@ def listing(push, options, volumes):
         yield changes
 
 
-def cut_short(status):
+def ended(status, is_complete):
     how = f"signal {-status}" if status < 0 else f"status {status}"
-    return Problem("quarrowctl changes", f"It ended with {how} before all was listed",
+    return Problem("quarrowctl changes", f"It ended with {how}{', after' if is_complete else ' before'} all was listed",
                    "What it says tells why; what was sent without a cursor is sent again")
 
 
@@ -115,7 +117,7 @@ def follow(settings, state, server):
         catch_up(push, False)
         with listing(push, ["--follow"], settings.volume) as changes:
             follow_changes(push, changes)
-            raise cut_short(changes.status())
+            raise ended(changes.status(), False)
     finally:
         print(push.summary(begin), flush=True)
 

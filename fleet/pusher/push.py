@@ -8,6 +8,8 @@ from pusher.changes import software
 from pusher.problem import Problem
 from pusher.rows import SHAPES, is_awkward, original, restore, row_text, unwrapped
 
+MILLISECONDS_OF_A_DAY = 86_400_000
+
 decode = json.JSONDecoder().raw_decode
 
 
@@ -130,19 +132,22 @@ class Push:
         self.forget()
 
     def tell_volumes(self, generations):
-        """Sends the rows of volumes of which there is something new to say. Returns what all of them say now."""
-        told = dict(self.state.told)
+        """Sends the rows of volumes of which there is something new to say. Once a day each one is sent all the same: where the state
+        was lost while the clock was behind, former rows have greater numbers. Returns what all of them say now."""
+        number = self.batch_number()
+        told, rows = dict(self.state.told), []
         for volume, generation in generations.items():
             root = self.roots.get(volume)
-            _, identity, purged = told.get(volume, (0, "", 0))
+            before, sent = told.get(volume, ([0, "", 0], 0))
+            _, identity, purged = before
             if root and volume in self.listed:
                 identity, purged = catalogues.identity(root), 0
             if root and volume not in self.unknown:  # whose catalogue may be another one by now
                 purged = catalogues.purged_before(root) or purged
-            told[volume] = [generation, identity, purged]
-        number = self.batch_number()
-        rows = [row_text((self.state.appliance, volume, *facts, number))
-                for volume, facts in told.items() if facts != self.state.told.get(volume)]
+            facts = [generation, identity, purged]
+            if facts != before or number - sent >= MILLISECONDS_OF_A_DAY:
+                told[volume] = [facts, number]
+                rows.append(row_text((self.state.appliance, volume, *facts, number)))
         self.insert("volumes", rows)
         return told
 
@@ -175,6 +180,10 @@ class Push:
             batch = Batch(table)
             batch.pending = rows
             self.server.insert(table, batch.body())
+
+    def listed_all(self, volumes):
+        """Whether full listings of these are confirmed."""
+        return not set(volumes) & (self.unknown | set(self.state.opened))
 
     def summary(self, since):
         return (f"{self.sent['files']} rows of files and {self.sent['folders']} of folders confirmed"

@@ -25,7 +25,7 @@ class State:
     number     the greatest number that was ever given, see next_number()
     volumes    name -> the generation that is valid
     opened     names of the volumes whose full listing was begun and is not confirmed
-    told       name -> what the row in the table `volumes` says
+    told       name -> what the row in the table `volumes` says, and its number
     """
 
     def __init__(self, folder, appliance):

@@ -1,0 +1,60 @@
+"""A configuration that cannot be used: nothing is sent, and the message has the line."""
+import os
+import re
+import subprocess
+import sys
+
+import pytest
+from push_world import PUSH, TOP
+
+
+@pytest.mark.parametrize("line, words", [
+    ("no such key = 1", ["There is no setting 'no such key'"]), ("place = /etc", ["There is no setting 'place'"]),
+    ("user", ["There is no setting 'user'"]), ("user =", ["'user' has no value"]), ("timeout = soon", ["'soon' is no number"]),
+    ("patience = -1", ["'-1' is no number"]), ("pause = nan", ["'nan' is no number"]), ("url = ftp://x", ["'ftp://x' is no address"]),
+    ("url = https://a:b@c/", ["is no address"]), ("url = https://a/?query=x", ["is no address"]), ("url = https://a:99999", ["is no address"]),
+    ("user = a\x01b", ["'user' has a control character"]), ("plain_http = maybe", ["'plain_http' is neither"])])
+def test_a_configuration_that_cannot_be_used(world, line, words):
+    world.volume()
+    world.configure(line)
+    world.bad(2, "push.conf", *words)
+    assert not world.server.attempts and not os.path.exists(world.state_folder)
+
+
+def test_a_configuration_that_is_not_there_or_not_complete(world):
+    world.write("push.conf", "# nothing\n\nuser = pusher\n")
+    world.bad(2, "push.conf", "'url' is missing", "Add a line")
+    os.unlink(world.config)
+    world.bad(2, "push.conf", "No such file", "--config")
+
+
+def test_a_password_that_others_may_read_or_that_is_none(world):
+    world.volume()
+    path = world.path("password")
+    for mode in (0o644, 0o604, 0o602):
+        os.chmod(path, mode)
+        world.bad(2, path, "Others may read this file", "chmod 600")
+    world.write("password", "", 0o600)
+    world.bad(2, path, "there is none")
+    world.write("password", "two\nlines\n", 0o600)
+    world.bad(2, path, "control character")
+    os.unlink(path)
+    world.bad(2, path, "No such file")
+    assert not world.server.attempts
+
+
+def test_help_says_what_the_statuses_mean():
+    output = subprocess.run([PUSH, "--help"], capture_output=True, text=True, check=True).stdout
+    assert "--once" in output and "--follow" in output and "Exit status" in output
+
+
+def test_the_example_of_a_configuration_has_every_setting_with_its_default(world):
+    with open(f"{TOP}/fleet/systemd/push.conf", encoding="utf-8") as file:
+        lines = [line for line in file.read().replace("\n#", "\n").splitlines() if re.match(r"\w+ = ", line)]
+    sys.path.insert(0, f"{TOP}/fleet")
+    from pusher.settings import Settings, read_settings
+    read = vars(read_settings(world.write("example.conf", "\n".join(lines))))
+    assert {line.split(" = ")[0] for line in lines} == read.keys() - {"place"}
+    defaults = vars(Settings("")).items()
+    assert all(read[key] == value for key, value in defaults if key not in ("place", "url", "user", "password_file", "ca_file",
+                                                                            "appliance", "volume"))

@@ -289,7 +289,7 @@ CREATE TABLE IF NOT EXISTS quarrow.totals
     files UInt64,
     bytes Int64
 )
-ENGINE = Distributed(quarrow, quarrow, totals_shard);
+ENGINE = Distributed(quarrow, quarrow, totals_shard, cityHash64(appliance));
 
 -- What retention.sql is about to remove: a statement that deletes can read a table, but cannot join.
 CREATE TABLE IF NOT EXISTS quarrow.former_generations_shard

@@ -5,7 +5,7 @@ SELECT
     volume,
     if(max(valid) = 0, 'the first', 'anew') AS listing,
     toDateTime(intDiv(max(newest), 1000)) AS began,
-    sum(folders) AS folders_so_far
+    argMax(folders, newest) AS folders_so_far
 FROM
 (
     SELECT appliance, volume, generation AS valid, toUInt64(0) AS newest, toUInt64(0) AS folders FROM quarrow.volumes FINAL

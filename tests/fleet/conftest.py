@@ -8,7 +8,9 @@ sys.dont_write_bytecode = True
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.join(HERE, "../system"), os.path.join(HERE, "../../scripts"), os.path.join(HERE, "../../bench")]
 
-pytest.register_assert_rewrite("push_world", "push_server")  # for failures that say why
+pytest.register_assert_rewrite("push_world", "push_server", "fleet_world")  # for failures that say why
+
+pytest_plugins = ("fleet_world",)  # which brings fixtures of its own
 
 
 @pytest.fixture

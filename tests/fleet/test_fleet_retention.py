@@ -1,0 +1,73 @@
+"""fleet/retention.sql and fleet/totals.sql: what they remove, what they leave, what they count."""
+from test_fleet_schema import G, NOW, file_row, folder_row, volume_row
+
+IDS = "SELECT generation, id FROM quarrow.{} ORDER BY generation, id"
+RAW = "SELECT DISTINCT generation, id FROM quarrow.{} ORDER BY generation, id"
+
+
+def pairs(fleet, statement, table):
+    return [(int(generation) - G, int(number)) for generation, number in fleet.rows(statement.format(table))]
+
+
+def test_former_generations_go_and_one_that_is_listed_stays(fleet):
+    for generation in (0, 1, 2):
+        fleet.insert("files", [file_row(number, generation=G + generation) for number in (1, 2)])
+        fleet.insert("folders", [folder_row(1, generation=G + generation)])
+    fleet.insert("files", [file_row(7, volume="Other", generation=G)])  # of which no listing is through
+    fleet.insert("volumes", [volume_row(generation=G + 1, updated=2)])
+    fleet.everywhere("retention.sql")
+    fleet.wait_removed()
+    assert pairs(fleet, RAW, "files") == [(0, 7), (1, 1), (1, 2), (2, 1), (2, 2)]
+    assert pairs(fleet, RAW, "folders") == [(1, 1), (2, 1)]
+    assert pairs(fleet, IDS, "live_files") == [(1, 1), (1, 2)]
+
+
+def test_purged_rows_go_with_all_their_versions(fleet):
+    """An older version, from when the file was there, would else come to light."""
+    fleet.insert("volumes", [volume_row(), volume_row(appliance="b", purged_before=NOW + 10**6)])
+    fleet.insert("files", [file_row(number) for number in (1, 2, 3, 4)])
+    fleet.insert("files", [file_row(1, deleted=1, updated=NOW + 10, version=2), file_row(2, deleted=1, updated=NOW + 20, version=2),
+                           file_row(3, deleted=1, updated=NOW + 5, version=2)])
+    fleet.insert("files", [file_row(3, updated=NOW + 6, version=3)])  # it came back
+    fleet.insert("folders", [folder_row(1), folder_row(2)])
+    fleet.insert("folders", [folder_row(2, deleted=1, updated=NOW + 10, version=2)])
+    fleet.insert("volumes", [volume_row(purged_before=NOW + 20, updated=2)])
+    fleet.everywhere("retention.sql")
+    fleet.wait_removed()
+    assert pairs(fleet, RAW, "files") == [(0, 2), (0, 3), (0, 4)]
+    assert pairs(fleet, IDS, "live_files") == [(0, 3), (0, 4)]
+    assert pairs(fleet, IDS, "gone_files") == [(0, 2)]
+    assert pairs(fleet, RAW, "folders") == [(0, 1)]
+    fleet.everywhere("retention.sql")  # again, with nothing to do
+    fleet.wait_removed()
+    assert pairs(fleet, RAW, "files") == [(0, 2), (0, 3), (0, 4)]
+
+
+def test_retention_changes_nothing_that_readers_see(fleet):
+    for appliance in ("a", "b", "c"):
+        fleet.insert("files", [file_row(number, appliance, version=version, generation=G + generation,
+                                        deleted=int(number % 3 == 0 and version == 2), updated=NOW + number)
+                               for generation in (0, 1) for version in (1, 2) for number in range(60)])
+        fleet.insert("volumes", [volume_row(appliance, generation=G + 1, purged_before=NOW + 30)])
+    seen = {view: fleet.rows(f"SELECT appliance, generation, id, last_updated_time, size FROM quarrow.{view} ORDER BY appliance, id")
+            for view in ("live_files", "gone_files")}
+    assert [len(rows) for rows in seen.values()] == [3 * 40, 3 * 10]
+    fleet.everywhere("retention.sql")
+    fleet.wait_removed()
+    for view, rows in seen.items():
+        assert fleet.rows(f"SELECT appliance, generation, id, last_updated_time, size FROM quarrow.{view} ORDER BY appliance, id") == rows
+    assert fleet.number("SELECT count() FROM (SELECT DISTINCT appliance, generation, id FROM quarrow.files)") == 3 * 50
+
+
+def test_totals_are_those_of_the_live_files(fleet):
+    fleet.insert("volumes", [volume_row(), volume_row("b")])
+    fleet.insert("files", [
+        file_row(1, path="/Films/a.jpg", size=10), file_row(2, path="/Films/deep/b.jpg", size=20),
+        file_row(3, path="/c.jpg", size=40), file_row(4, path="/Films/d.mp3", category="audio", size=80),
+        file_row(5, path="/Films/e.jpg", size=160, deleted=1), file_row(6, path="/Films/f.jpg", size=2**40, generation=G - 1),
+        file_row(1, "b", path="/Films/a.jpg", size=2**41)])
+    fleet.insert("files", [file_row(2, path="/Films/deep/b.jpg", size=21, version=2)])
+    fleet.everywhere("totals.sql")
+    assert fleet.rows("SELECT appliance, folder, category, files, bytes FROM quarrow.totals ORDER BY appliance, folder, category") == [
+        [b"a", b"", b"image", b"1", b"40"], [b"a", b"Films", b"audio", b"1", b"80"], [b"a", b"Films", b"image", b"2", b"31"],
+        [b"b", b"Films", b"image", b"1", b"2199023255552"]]

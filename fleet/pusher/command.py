@@ -14,6 +14,7 @@ from pusher.state import State
 
 GOOD, PROBLEMS, RESTART_NEEDED = 0, 1, 3  # what `quarrowctl changes` ends with when it has read what can be read
 DEFAULT = "/etc/quarrow/push.conf"
+DESCRIPTION = "Sends what has changed in this machine's catalogues to the database of the fleet."
 STATUSES = """Exit status: 0 all is sent and confirmed; 1 not all: what is left comes with the next run; 2 nothing was done: the
 configuration or the state cannot be used, or another pusher is at work."""
 
@@ -29,6 +30,8 @@ def main():
         state.take_lock()
         state.load()
         server = Server(settings, is_patient=options.follow)
+        if options.check:
+            return check(settings, server)
         return follow(settings, state, server) if options.follow else once(settings, state, server, options.full)
     except Problem as problem:
         say(problem)
@@ -38,13 +41,13 @@ def main():
 
 
 def parse():
-    parser = argparse.ArgumentParser(prog="push", epilog=STATUSES,
-                                     description="Sends what has changed in this machine's catalogues to the database of the fleet.")
+    parser = argparse.ArgumentParser(prog="push", description=DESCRIPTION, epilog=STATUSES)
     parser.add_argument("--config", default=DEFAULT, metavar="FILE", help=f"the configuration (default: {DEFAULT})")
     way = parser.add_mutually_exclusive_group()
     way.add_argument("--once", action="store_true", help="send what has changed since the last time, and end (default)")
     way.add_argument("--follow", action="store_true", help="go on with what changes, until SIGTERM or SIGINT")
     way.add_argument("--full", action="store_true", help="send everything anew, and end")
+    way.add_argument("--check", action="store_true", help="only see whether each server would take rows of this machine")
     return parser.parse_args()
 
 
@@ -59,6 +62,19 @@ def end_by(number, was_told_to_stay):
     signal.signal(number, signal.SIG_DFL)
     os.kill(os.getpid(), number)
     return 1
+
+
+def check(settings, server):
+    volumes = configured_volumes(settings)
+    status = GOOD
+    for url in settings.url:
+        try:
+            server.check(url)
+            print(f"{url}: The server takes the rows of {settings.appliance}, which has {len(volumes)} volumes.")
+        except Problem as problem:
+            say(problem)
+            status = problem.status
+    return status
 
 
 def once(settings, state, server, is_full=False):

@@ -41,23 +41,34 @@ class Push:
         """Takes complete lines. Sends when there is enough, and when a cursor comes."""
         for text in lines:
             try:
-                line, end = decode(text)
-                if end != len(text):
-                    raise ValueError
-                kind = line.get("kind")
-                self.is_complete = "cursor" in line
-                if kind in SHAPES:
-                    self.take_row(kind, line, is_awkward(text))
-                elif self.is_complete:
-                    self.take_cursor(line["cursor"])
-                elif line.get("event") == "full-listing":
-                    self.begin_volume(original(line, "volume"))
-                elif line.get("event") == "restart-needed":
-                    self.unknown.add(original(line, "volume"))
+                cursor = self.take_line(text)
             except (ValueError, KeyError, TypeError, AttributeError):
                 raise Problem("quarrowctl changes", f"This line is not as it should be: {text[:200]}",
                               "Is this the program of this release? Set 'quarrowctl'") from None
-        self.send_full()
+            if cursor:
+                self.take_cursor(cursor)
+        for batch in self.batches.values():
+            batch.pack()
+            if batch.is_full():
+                self.send(batch)
+
+    def take_line(self, text):
+        """Returns the cursor, if the line is one. Lines of other kinds are those of a later release."""
+        line, end = decode(text)
+        if end != len(text):
+            raise ValueError
+        kind = line.get("kind")
+        cursor = line.get("cursor")
+        self.is_complete = cursor is not None
+        if kind in SHAPES:
+            self.take_row(kind, line, is_awkward(text))
+        elif self.is_complete and not isinstance(cursor, str):
+            raise ValueError
+        elif line.get("event") == "full-listing":
+            self.begin_volume(original(line, "volume"))
+        elif line.get("event") == "restart-needed":
+            self.unknown.add(original(line, "volume"))
+        return cursor
 
     def take_row(self, kind, line, awkward):
         if awkward:
@@ -103,12 +114,6 @@ class Push:
             self.state.store()
         self.prefix = None
 
-    def send_full(self):
-        for batch in self.batches.values():
-            batch.pack()
-            if batch.is_full():
-                self.send(batch)
-
     def send(self, batch):
         body = batch.body()
         if batch.rows:
@@ -118,8 +123,6 @@ class Push:
 
     def take_cursor(self, cursor):
         """Everything before is sent first. Only then do new generations count, and the cursor is stored after that."""
-        if not isinstance(cursor, str) or not cursor:
-            raise ValueError
         for batch in self.batches.values():
             self.send(batch)
         generations = {**self.state.volumes, **{volume: self.batch_number() for volume in self.listed}}
@@ -132,8 +135,8 @@ class Push:
         self.forget()
 
     def tell_volumes(self, generations):
-        """Sends the rows of volumes of which there is something new to say. Once a day each one is sent all the same: where the state
-        was lost while the clock was behind, former rows have greater numbers. Returns what all of them say now."""
+        """Sends the rows of volumes of which there is something new to say. Once a day each one is sent all the same: where the
+        state was lost while the clock was behind, former rows have greater numbers. Returns what all of them say now."""
         number = self.batch_number()
         told, rows = dict(self.state.told), []
         for volume, generation in generations.items():
@@ -152,7 +155,8 @@ class Push:
         return told
 
     def tell_appliance(self, cursor):
-        self.insert("appliances", [row_text((self.state.appliance, int(time.time()), cursor, self.software, self.batch_number()))])
+        facts = (self.state.appliance, int(time.time()), cursor, self.software, self.batch_number())
+        self.insert("appliances", [row_text(facts)])
 
     def leave(self, volumes):
         """Hides volumes that are not to be sent any more: with a generation that has no rows. When they come back, they are

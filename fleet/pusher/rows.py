@@ -1,7 +1,8 @@
 """From the lines of `quarrowctl changes` to rows of the database, as TabSeparated text."""
 import operator
 
-FILE_KEYS = ("id", "folder_id", "path", "name", "category", "size", "created_time", "modified_time", "last_updated_time", "deleted")
+FILE_KEYS = ("id", "folder_id", "path", "name", "category", "size",
+             "created_time", "modified_time", "last_updated_time", "deleted")
 FOLDER_KEYS = ("id", "parent_id", "path", "name", "created_time", "modified_time", "last_updated_time", "deleted")
 PREFIX_KEYS = ("appliance", "volume", "generation", "version")
 TEXTS = ("volume", "path", "name")
@@ -32,14 +33,15 @@ def original(line, key):
 
 
 def is_awkward(text):
-    """Whether a line of JSON has a text that cannot go into a row as it is. JSON writes what has to be escaped with a backslash."""
+    """Whether a line of JSON has a text that cannot go into a row as it is. What has to be escaped there has a backslash here."""
     return "\\" in text or '_hex":' in text
 
 
 def restore(line):
-    """Puts the escaped original texts into the line."""
+    """Puts the escaped original texts into the line. Raises ValueError for what no bytes can be."""
     for key in TEXTS:
         line[key] = original(line, key).translate(ESCAPES)
+        line[key].encode(*ENCODING)
 
 
 def unwrapped(seconds):

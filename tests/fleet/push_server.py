@@ -11,7 +11,7 @@ import zlib
 #: What it says when it cannot, in the engine's words.
 FULL = (500, "Code: 243, e.displayText() = DB::Exception: Cannot reserve 1.00 MiB, not enough space, e.what() = DB::Exception")
 WRONG_PASSWORD = (403, "Code: 516. DB::Exception: pusher: Authentication failed: password is incorrect. (AUTHENTICATION_FAILED)")
-WRONG_PASSWORD_EARLIER = (500, "Code: 193, e.displayText() = DB::Exception: Wrong password for user pusher, e.what() = DB::Exception")
+WRONG_PASSWORD_EARLIER = (401, "Code: 193, e.displayText() = DB::Exception: Wrong password for user pusher, e.what() = ...")
 NO_TABLE = (404, "Code: 60, e.displayText() = DB::Exception: Table quarrow.files doesn't exist., e.what() = DB::Exception")
 UNESCAPED = {b"t": b"\t", b"n": b"\n", b"r": b"\r", b"0": b"\0", b"b": b"\b", b"f": b"\f", b"\\": b"\\", b"'": b"'"}
 
@@ -27,7 +27,7 @@ def unescaped(field):
 
 
 def parse_rows(content, columns):
-    assert content.endswith(b"\n"), "a row is cut short"
+    assert not content or content.endswith(b"\n"), "a row is cut short"
     rows = [tuple(map(unescaped, line.split(b"\t"))) for line in content.split(b"\n")[:-1]]
     assert all(len(row) == len(columns) for row in rows), "a row has not these columns"
     return rows

@@ -67,7 +67,8 @@ class Volume:
     def add(self, name, size=1, modified=1, updated=None):
         """A row of a new file, whose name may be bytes."""
         name = os.fsencode(name)
-        self.edit("insert into Files(folder_id, path, name, category, size, modified_time, created_time, is_deleted, last_updated_time)"
+        self.edit("insert into Files(folder_id, path, name, category, size, modified_time, created_time, is_deleted,"
+                  " last_updated_time)"
                   " values (1, cast(? as text), cast(? as text), 4, ?, ?, ?, 0, coalesce(?, strftime('%s', 'now')))",
                   b"/" + name, name, size, modified, modified, updated)
 
@@ -111,7 +112,8 @@ def as_sent(row):
 
 class World:
     def __init__(self):
-        self.folder = os.path.realpath(tempfile.mkdtemp(prefix="push-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None))
+        in_memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+        self.folder = os.path.realpath(tempfile.mkdtemp(prefix="push-", dir=in_memory))
         self.server = PushServer()
         self.volumes = []
         self.children = []

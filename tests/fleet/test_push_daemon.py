@@ -46,8 +46,8 @@ def use(world, volumes):
 def on_disk(volume):
     """The paths of the regular files, as bytes."""
     root = os.fsencode(volume.folder)
-    return {os.path.join(place, name)[len(root):] for place, folders, names in os.walk(root) for name in names
-            if b"/.quarrow" not in place and os.path.isfile(os.path.join(place, name)) and not os.path.islink(os.path.join(place, name))}
+    paths = {os.path.join(place, name) for place, _, names in os.walk(root) for name in names if b"/.quarrow" not in place}
+    return {path[len(root):] for path in paths if os.path.isfile(path) and not os.path.islink(path)}
 
 
 def record(volume):

@@ -64,6 +64,8 @@ STAND_INS = [
     ('[ "$1" != changes ] || exit 0; exec "$REAL" "$@"', ["status 0 before all was listed"]),
     ('[ "$1" != changes ] || echo "Welcome!"; exec "$REAL" "$@"', ["This line is not as it should be: Welcome!", "'quarrowctl'"]),
     ('"$REAL" "$@" | sed "s/.path.:/\\"way\\":/"', ["This line is not as it should be"]),
+    ("""[ "$1" != changes ] || echo '{"cursor":7}'; exec "$REAL" "$@" """, ["This line is not as it should be: {"]),
+    (r'''"$REAL" "$@" | sed 's/"name":"/&\\ud800/' ''', ["This line is not as it should be: {", "ud800"]),
     ('"$REAL" "$@" | tr -d "\\n" | { [ "$1" != changes ] && cat || { cat; head -c 2000000 /dev/zero; }; }', ["A line has no end"]),
     ('[ "$1" != check ] || exit 2; exec "$REAL" "$@"', ["quarrowctl check", "did not list the volumes"]),
     ('[ "$1" != changes ] || set -- "$@" --no-such-option; exec "$REAL" "$@"', ["status 2 before all was listed"])]

@@ -5,14 +5,16 @@ import subprocess
 import sys
 
 import pytest
+from push_server import NO_TABLE
 from push_world import PUSH, TOP
 
 
 @pytest.mark.parametrize("line, words", [
     ("no such key = 1", ["There is no setting 'no such key'"]), ("place = /etc", ["There is no setting 'place'"]),
     ("user", ["There is no setting 'user'"]), ("user =", ["'user' has no value"]), ("timeout = soon", ["'soon' is no number"]),
-    ("patience = -1", ["'-1' is no number"]), ("pause = nan", ["'nan' is no number"]), ("url = ftp://x", ["'ftp://x' is no address"]),
-    ("url = https://a:b@c/", ["is no address"]), ("url = https://a/?query=x", ["is no address"]), ("url = https://a:99999", ["is no address"]),
+    ("patience = -1", ["'-1' is no number"]), ("pause = nan", ["'nan' is no number"]),
+    ("url = ftp://x", ["'ftp://x' is no address"]), ("url = https://a:b@c/", ["is no address"]),
+    ("url = https://a/?query=x", ["is no address"]), ("url = https://a:99999", ["is no address"]),
     ("user = a\x01b", ["'user' has a control character"]), ("plain_http = maybe", ["'plain_http' is neither"])])
 def test_a_configuration_that_cannot_be_used(world, line, words):
     world.volume()
@@ -58,3 +60,21 @@ def test_the_example_of_a_configuration_has_every_setting_with_its_default(world
     defaults = vars(Settings("")).items()
     assert all(read[key] == value for key, value in defaults if key not in ("place", "url", "user", "password_file", "ca_file",
                                                                             "appliance", "volume"))
+
+
+@pytest.mark.parametrize("answer", [None, (400, "Code: 108. DB::Exception: No data to insert. (NO_DATA_TO_INSERT)")],
+                         ids=["earlier", "later"])
+def test_a_check_sends_no_row(world, answer):
+    """Whether the engine takes an empty insertion or not."""
+    world.volume(), world.volume("W")
+    world.server.always = answer
+    assert world.good("--check").output == f"{world.server.url}: The server takes the rows of box, which has 2 volumes.\n"
+    assert world.server.attempts == 4 and not any(request.rows for request in world.server.requests)
+    assert not os.path.exists(f"{world.state_folder}/state")
+
+
+def test_a_check_says_what_is_wrong(world):
+    world.volume()
+    world.server.faults.extend([None, None, NO_TABLE])
+    result = world.bad(1, world.server.url, "doesn't exist", "fleet/schema.sql", options=["--check"])
+    assert result.output == ""

@@ -7,7 +7,7 @@ import pytest
 from push_world import seeded
 from quarrow_driver.clock import COMMON
 
-#: In a mount namespace of its own, the state's folder gets a file system of a few pages. Prints the state that is there in the end.
+#: In a mount namespace of its own, the state's folder gets a file system of a few pages. Prints the state that it has then.
 SMALL_DISK = """
 state=$1
 mount -t tmpfs -o size=64k none "$state" && cp -p "$2"/* "$state"/ && shift 2 || exit 99
@@ -18,7 +18,8 @@ exit $status
 FILL = 'cat /dev/zero >"$STATE/more" 2>&1'
 #: When it gets full: as quarrowctl is first asked, before its first line, before the cursor.
 FULL_DISKS = {"from the start": f'[ "$1" = --version ] && {FILL}; exec "$REAL" "$@"',
-              "before the first row": f'[ "$1" != changes ] || {{ "$REAL" "$@" >"$OUT"; {FILL}; exec cat "$OUT"; }}; exec "$REAL" "$@"',
+              "before the first row": f"""[ "$1" = changes ] || exec "$REAL" "$@"
+                  "$REAL" "$@" >"$OUT"; {FILL}; exec cat "$OUT" """,
               "before the cursor": f"""[ "$1" = changes ] || exec "$REAL" "$@"
                   "$REAL" "$@" >"$OUT"; cp "$STATE/state" "$OUT.before"; grep -v cursor "$OUT"
                   while cmp -s "$STATE/state" "$OUT.before"; do sleep 0.02; done
@@ -79,7 +80,8 @@ def test_a_full_disk(world, moment):
     os.rename(world.state_folder, world.path("former"))
     os.mkdir(world.state_folder)
     world.stand_in(f"STATE={world.state_folder} OUT={world.path('out')}\n{FULL_DISKS[moment]}")
-    wrapper = ["unshare", "--mount", "--map-root-user", "sh", "-c", SMALL_DISK, "small-disk", world.state_folder, world.path("former")]
+    wrapper = ["unshare", "--mount", "--map-root-user", "sh", "-c", SMALL_DISK, "small-disk", world.state_folder,
+               world.path("former")]
     result = world.bad(1, world.state_folder, "No space left on device", "Make room", wrapper=wrapper)
     after = json.loads(result.errors.splitlines()[-1])
     assert after["cursor"] == before["cursor"]
@@ -123,7 +125,8 @@ def test_a_clock_that_is_set(world, step):
     volume.change(choice)
     world.good()
     number, generation = world.state()["number"], world.state()["volumes"]["V"]
-    volume.edit(f"update Files set size = 4711, is_deleted = 0, last_updated_time = strftime('%s', 'now') + {step} where file_id > 10")
+    volume.edit("update Files set size = 4711, is_deleted = 0, last_updated_time = strftime('%s', 'now') + ?"
+                " where file_id > 10", step)
     result = world.run(environment=offset(step))
     assert result.status == 0, result.errors
     assert world.state()["number"] > number

@@ -47,6 +47,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if fault == "slow":
             fake.released.wait(60)
             return self.hang_up()
+        if fault == "drip":
+            return self.drip()
         if isinstance(fault, tuple):
             return self.answer(*fault)
         if isinstance(fault, dict):
@@ -63,6 +65,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
         """Resets the connection."""
         self.close_connection = True
         self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+
+    def drip(self):
+        """Begins an answer and never gets to its end, though a byte comes before each timeout."""
+        self.wfile.write(b"HTTP/1.1 200 OK\r\nX-Long: ")
+        while not self.server.fake.released.wait(0.02):
+            self.wfile.write(b"x")
+        self.hang_up()
 
     def answer(self, status, text, is_engine=True, length="", **headers):
         body = text.encode()

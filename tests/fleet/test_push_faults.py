@@ -28,6 +28,7 @@ FAULTS = {
     "a redirection": (ELSEWHERE, ["is a redirection to 'http://127.0.0.1:1/'", "address of the database itself"], False),
     "answer lost": ("answer lost", ["The connection failed", "Does the server run"], True),
     "half a request": ("half a request", ["The connection failed", "Does the server run"], True),
+    "never at an end": ("drip", ["No answer in time"], True),
     "slow": ("slow", ["No answer in time", "'timeout' longer"], True),
 }
 
@@ -36,7 +37,8 @@ FAULTS = {
 def test_a_server_that_fails(world, name):
     fault, words, can_pass = FAULTS[name]
     world.volume(files=50)
-    world.configure(patience=0.5, timeout=0.2 if fault == "slow" else 10)
+    is_hanging = fault in ("slow", "drip")
+    world.configure(patience=2.5 if is_hanging else 0.5, timeout=0.2 if is_hanging else 10)
     world.server.always = fault
     result = world.bad(1, world.server.url, *words)
     assert world.cursor() == ""

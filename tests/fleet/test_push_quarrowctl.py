@@ -68,6 +68,7 @@ STAND_INS = [
     (r'''"$REAL" "$@" | sed 's/"name":"/&\\ud800/' ''', ["This line is not as it should be: {", "ud800"]),
     ('"$REAL" "$@" | tr -d "\\n" | { [ "$1" != changes ] && cat || { cat; head -c 2000000 /dev/zero; }; }', ["A line has no end"]),
     ('[ "$1" != check ] || exit 2; exec "$REAL" "$@"', ["quarrowctl check", "did not list the volumes"]),
+    ("""[ "$1" != check ] || { echo '{"accepted":false,"volumes":[]}'; exit 2; }; exec "$REAL" "$@" """, ["did not list the volumes"]),
     ('[ "$1" != changes ] || set -- "$@" --no-such-option; exec "$REAL" "$@"', ["status 2 before all was listed"])]
 
 

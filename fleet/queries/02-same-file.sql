@@ -12,7 +12,7 @@ PREWHERE name GLOBAL IN
     SELECT name FROM quarrow.files
     PREWHERE size >= 100000000 AND deleted = 0
     GROUP BY name, size
-    HAVING uniqExact(appliance) > 1
+    HAVING min(appliance) != max(appliance)
 )
 WHERE size >= 100000000 AND deleted = 0
     AND (appliance, volume, generation) GLOBAL IN (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)

@@ -1,5 +1,6 @@
 """Servers on loopback that make one cluster, with the schema of the fleet."""
 import os
+import random
 import re
 import secrets
 import socket
@@ -7,19 +8,25 @@ import socket
 from demo.server import Server
 
 FLEET = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+PORTS = (15000, 32768)
 SCHEMA = os.path.join(FLEET, "schema.sql")
 
 
 def free_ports(number):
-    """Ports that nobody listens on at this moment."""
-    sockets = [socket.socket() for _ in range(number)]
-    try:
-        for each in sockets:
-            each.bind(("127.0.0.1", 0))
-        return [each.getsockname()[1] for each in sockets]
-    finally:
-        for each in sockets:
-            each.close()
+    """Ports that nobody listens on at this moment. Below those that the kernel gives to connections, so that a server that was
+    killed finds its own again."""
+    found = []
+    while len(found) < number:
+        port = random.SystemRandom().randrange(*PORTS)
+        with socket.socket() as listener:
+            listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            try:
+                listener.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        if port not in found:
+            found.append(port)
+    return found
 
 
 def statements(path):
@@ -32,14 +39,14 @@ def statements(path):
 class Cluster:
     """`shards` servers in folders below `folder`, each with the users admin, pusher and reader."""
 
-    def __init__(self, folder, shards=2, wrappers=None):
+    def __init__(self, folder, shards=2):
         self.folder = folder
         self.passwords = {name: secrets.token_urlsafe(24) for name in ("admin", "pusher", "reader")}
         users = [("admin", self.passwords["admin"], "default"), ("pusher", self.passwords["pusher"], "push"),
                  ("reader", self.passwords["reader"], "read")]
         ports = free_ports(3 * shards)
-        self.servers = [Server(os.path.join(folder, f"server{number + 1}"), ports[3 * number:3 * number + 3], users,
-                               (wrappers or {}).get(number, ())) for number in range(shards)]
+        self.servers = [Server(os.path.join(folder, f"server{number + 1}"), ports[3 * number:3 * number + 3], users)
+                        for number in range(shards)]
 
     def configure(self):
         tcp_ports = [server.tcp for server in self.servers]

@@ -34,6 +34,7 @@ CONFIGURATION = """<?xml version="1.0"?>
     <default_database>default</default_database>
     <timezone>UTC</timezone>
     <remote_servers><quarrow>{shards}</quarrow></remote_servers>
+    {more}
 </yandex>
 """
 SHARD = ("<shard><internal_replication>true</internal_replication>"
@@ -60,11 +61,11 @@ class QueryError(Exception):
 class Server:
     """`ports` are three: for HTTP, for the engine's own protocol, and between replicas. `users` are (name, password, profile)."""
 
-    def __init__(self, folder, ports, users, wrapper=()):
+    def __init__(self, folder, ports, users):
         self.folder = folder
         self.http, self.tcp, self.interserver = ports
         self.users = users
-        self.wrapper = list(wrapper)
+        self.more = ""  # of its configuration
         self.process = None
 
     def configure(self, tcp_ports):
@@ -74,7 +75,7 @@ class Server:
         own = {"user": self.users[0][0], "password": escape(self.users[0][1])}
         shards = "".join(SHARD.format(tcp=port, **own) for port in tcp_ports)
         self.write("config.xml", CONFIGURATION.format(folder=escape(self.folder), http=self.http, tcp=self.tcp,
-                                                      interserver=self.interserver, shards=shards))
+                                                      interserver=self.interserver, shards=shards, more=self.more))
         limited = "<allow_databases><database>quarrow</database></allow_databases>"
         self.write("users.xml", USERS.format(users="".join(
             USER.format(name=name, password=escape(password), profile=profile, databases="" if profile == "default" else limited)
@@ -87,7 +88,7 @@ class Server:
 
     def start(self):
         with open(os.path.join(self.folder, "output"), "ab") as output:
-            self.process = subprocess.Popen([*WITH_PARENT, *self.wrapper, PROGRAM, f"--config-file={self.folder}/config.xml"], cwd=self.folder,
+            self.process = subprocess.Popen([*WITH_PARENT, PROGRAM, f"--config-file={self.folder}/config.xml"], cwd=self.folder,
                                             stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True)
 
     def wait_ready(self):

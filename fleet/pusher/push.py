@@ -145,7 +145,7 @@ class Push:
             _, identity, purged = before
             if root and volume in self.listed:
                 identity, purged = catalogues.identity(root), 0
-            if root and volume not in self.unknown:  # whose catalogue may be another one by now
+            if root:
                 purged = catalogues.purged_before(root) or purged
             facts = [generation, identity, purged]
             if facts != before or number - sent >= MILLISECONDS_OF_A_DAY:

@@ -45,13 +45,14 @@ class Server:
         query = self.query(table)
         deadline = time.monotonic() + self.settings.patience
         pause = self.settings.pause
-        said = None
+        said = None  # before the second try, which there is in any case
         while True:
             refusals = self.try_all(query, body)
             if not refusals:
                 return
             problem = refusals[0]
-            if not self.is_patient and (all(refusal.lasting for refusal in refusals) or time.monotonic() >= deadline):
+            is_late = said is not None and time.monotonic() >= deadline
+            if not self.is_patient and (is_late or all(refusal.lasting for refusal in refusals)):
                 raise problem
             if str(problem) != said:
                 said = str(problem)

@@ -3,10 +3,11 @@
 
     fleet.py --build BUILD_FOLDER [--files 1000000] [--rows 10000000] [--repeat 5] [--work FOLDER] [--json FILE] [SECTION...]
 
-`push` sends a catalogue of --files files with fleet/push. `ingest` sends rows that were made before, by four senders. `queries`
-asks the ten of fleet/queries over --rows rows, and takes the totals. Two servers of Debian's clickhouse-server run on this machine
-meanwhile, on loopback, with all their files in a private folder. Times of a machine that does something else are too long:
-processor times stand beside them.
+`push` sends a catalogue of --files files with fleet/push. `ingest` sends rows that were made before, by four senders, `inserts`
+a few rows at a time. `queries` asks the ten of fleet/queries over --rows rows, and takes the totals.
+
+Two servers of Debian's clickhouse-server run on this machine meanwhile, on loopback, with all their files in a private folder.
+Times of a machine that does something else are too long: processor times stand beside them.
 """
 import argparse
 import gzip
@@ -27,50 +28,13 @@ import make_catalogue
 from demo.cluster import Cluster, statements
 from demo.pusher import Pusher
 from demo.questions import questions
+from fleet_servers import COLUMNS, REQUEST, memory_peaks, on_disk, on_the_wire, processor_seconds
 from quarrow_driver.configuration import host_configuration, volume_element
-from quarrow_driver.process import TICK
 from table import Table, run_measurements, spread
 
 PUSH_TARGET, PUSH_MEMORY_TARGET, INGEST_TARGET, QUERY_TARGET = 50_000, 64, 100_000, 1.0
-REQUEST = 50_000  # rows, as a pusher sends
 SENDERS, REQUESTS = 4, 10  # of each sender
-COLUMNS = ("appliance, volume, generation, id, folder_id, path, name, category, size, created_time, modified_time, last_updated_time,"
-           " deleted, version")
-
-
-def processor_seconds(servers):
-    total = 0
-    for server in servers:
-        with open(f"/proc/{server.process.pid}/stat", encoding="utf-8", errors="replace") as file:
-            fields = file.read().rpartition(")")[2].split()
-        total += (int(fields[11]) + int(fields[12])) / TICK
-    return total
-
-
-def memory_peaks(servers):
-    peaks = []
-    for server in servers:
-        with open(f"/proc/{server.process.pid}/status", encoding="utf-8") as file:
-            peaks += [int(line.split()[1]) / 1024 for line in file if line.startswith("VmHWM")]
-    return peaks
-
-
-def on_disk(cluster):
-    """Rows, bytes on the disk, and the bytes of each column, of the files on all servers. Merged first, as in the long run."""
-    rows = size = 0
-    for server in cluster.servers:
-        server.query("OPTIMIZE TABLE quarrow.files_shard FINAL", timeout=600)
-        more = server.query("SELECT sum(rows), sum(bytes_on_disk) FROM system.parts WHERE active AND database = 'quarrow'"
-                            " AND table = 'files_shard'").split()
-        rows, size = rows + int(more[0]), size + int(more[1])
-    return {"rows": rows, "bytes": size}
-
-
-def on_the_wire(cluster):
-    """Bytes of a row as it is sent, compressed and not."""
-    sample = cluster.query(f"SELECT {COLUMNS} FROM quarrow.files LIMIT {REQUEST} FORMAT TabSeparated")
-    rows = sample.count(b"\n")
-    return {"plain": len(sample) / rows, "sent": len(gzip.compress(sample, 1)) / rows}
+FEW, INSERTS = 20, 1000  # rows of a small insert; and how many of these each sender sends
 
 
 def measure_push(bench):
@@ -111,7 +75,7 @@ def show_push(raw, table):
 def measure_ingest(bench):
     """Each sender is an appliance, and sends to one of the servers, whichever keeps its rows."""
     cluster = bench.cluster
-    bodies = [[body(sender, number) for number in range(REQUESTS)] for sender in range(SENDERS)]
+    bodies = [[body(sender, number, REQUEST) for number in range(REQUESTS)] for sender in range(SENDERS)]
     runs = []
     for _ in range(bench.options.repeat):
         for server in cluster.servers:
@@ -130,14 +94,44 @@ def measure_ingest(bench):
     return {"runs": runs, "peaks_mib": memory_peaks(cluster.servers)}
 
 
-def body(sender, number):
+def body(sender, number, rows):
     """The body of a request, as a pusher has it."""
     lines = []
-    for each in range(number * REQUEST, (number + 1) * REQUEST):
+    for each in range(number * rows, (number + 1) * rows):
         name = f"{each % 20:02} winter session {each * 7919 % 10**6}.jpg"
         lines.append(f"appliance {sender}\tVolume1\t1700000000000\t{each}\t{each // 20}\t/Photos/Holiday {each // 2000}/{each // 20}/{name}"
                      f"\t{name}\timage\t{each * 7919 % 10**8}\t1700000000\t1700000000\t1700000000\t0\t1700000000001\n")
     return gzip.compress("".join(lines).encode(), 1)
+
+
+def measure_inserts(bench):
+    """What a fleet in its daily round sends: a few rows of ever another appliance. Each insert becomes a part, which the servers
+    merge meanwhile; with too many of them they slow the senders down, and in the end refuse."""
+    cluster = bench.cluster
+    for server in cluster.servers:
+        server.query("TRUNCATE TABLE quarrow.files_shard")
+    bodies = [[body(f"{sender}-{number}", 0, FEW) for number in range(INSERTS)] for sender in range(SENDERS)]
+    threads = [threading.Thread(target=send, args=(cluster, cluster.servers[sender % len(cluster.servers)], bodies[sender]))
+               for sender in range(SENDERS)]
+    busy, begin, parts = processor_seconds(cluster.servers), time.monotonic(), 0
+    for thread in threads:
+        thread.start()
+    while any(thread.is_alive() for thread in threads):
+        parts = max(parts, *(int(server.query("SELECT count() FROM system.parts WHERE active AND table = 'files_shard'"))
+                             for server in cluster.servers))
+        time.sleep(0.1)
+    seconds = time.monotonic() - begin
+    rows = int(cluster.query("SELECT count() FROM quarrow.files FINAL"))
+    assert rows == SENDERS * INSERTS * FEW, f"{rows} rows have arrived"
+    return {"inserts": SENDERS * INSERTS, "seconds": seconds, "parts": parts,
+            "processor": processor_seconds(cluster.servers) - busy}
+
+
+def show_inserts(raw, table):
+    table.add(f"inserts of {FEW} rows: a second, both servers, {SENDERS} senders, {raw['inserts']:,} in a row",
+              f"{raw['inserts'] / raw['seconds']:,.0f}")
+    table.add("inserts: parts of a server at the worst moment", f"{raw['parts']}")
+    table.add("inserts: processor time of the servers for each", f"{raw['processor'] / raw['inserts'] * 1000:.1f} ms")
 
 
 def send(cluster, server, bodies):
@@ -201,7 +195,8 @@ class Bench:
         self.cluster = Cluster(f"{work}/servers")
 
 
-MEASUREMENTS = {"push": (measure_push, show_push), "ingest": (measure_ingest, show_ingest), "queries": (measure_queries, show_queries)}
+MEASUREMENTS = {"push": (measure_push, show_push), "ingest": (measure_ingest, show_ingest),
+                "inserts": (measure_inserts, show_inserts), "queries": (measure_queries, show_queries)}
 
 
 def main():

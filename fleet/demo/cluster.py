@@ -85,6 +85,8 @@ class Cluster:
 
     def stop(self):
         for server in self.servers:
+            server.ask_to_stop()  # all at once: each waits for the connections of the others
+        for server in self.servers:
             server.stop()
 
 

@@ -11,7 +11,8 @@ from xml.sax.saxutils import escape
 PROGRAM = "/usr/sbin/clickhouse-server"
 #: Ends what follows when its parent is gone, however that came.
 WITH_PARENT = ["setpriv", "--pdeathsig", "KILL", "--"]
-PATIENCE = 120  # seconds until a server that should answer, or end, counts as failed
+PATIENCE = 120  # seconds until a server that should answer counts as failed
+END_BOUND = 20
 
 CONFIGURATION = """<?xml version="1.0"?>
 <yandex>
@@ -147,19 +148,21 @@ class Server:
         return sum(int(fields[4].split(":")[1], 16) for fields in connections if fields[1] == own and fields[3] != "0A")
 
     def kill(self):
-        """As a power cut would have it."""
-        self.end(signal.SIGKILL)
+        """As a crash would have it."""
+        self.process.kill()
+        self.process.wait()
+
+    def ask_to_stop(self):
+        if self.process is not None and self.process.poll() is None:
+            self.process.terminate()
+            self.thaw()  # it may be frozen, and then it would not notice
 
     def stop(self):
-        self.end(signal.SIGTERM)
-
-    def end(self, number):
-        if self.process is None or self.process.poll() is not None:
+        self.ask_to_stop()
+        if self.process is None:
             return
-        self.process.send_signal(number)
-        self.thaw()  # it may be frozen, and then it would not notice
         try:
-            self.process.wait(PATIENCE)
-        except subprocess.TimeoutExpired:
+            self.process.wait(END_BOUND)
+        except subprocess.TimeoutExpired:  # its data are not needed any more
             self.process.kill()
             self.process.wait()

@@ -1,6 +1,7 @@
 """fleet/schema.sql on two real servers: which row counts, and what readers see."""
 import os
 import re
+import subprocess
 
 import pytest
 
@@ -178,6 +179,44 @@ def test_the_schema_can_be_loaded_again(fleet):
     fleet.insert("files", [file_row(1)])
     fleet.everywhere("schema.sql")
     assert live_sizes(fleet) == [(1, 5)]
+
+
+def test_the_files_are_taken_by_the_command_that_they_name(fleet):
+    """Which parts statements and comments by rules of its own."""
+    for server in fleet.servers:
+        for name in ("schema.sql", "totals.sql", "retention.sql"):
+            with open(f"{TOP}/fleet/{name}", "rb") as file:
+                user, password = fleet.login("admin")
+                done = subprocess.run(["clickhouse-client", "--host=127.0.0.1", f"--port={server.tcp}", f"--user={user}",
+                                       f"--password={password}", "--multiquery"], stdin=file, capture_output=True, text=True, check=False)
+            assert (done.returncode, done.stdout, done.stderr) == (0, "", ""), name
+    fleet.wait_removed()
+
+
+def test_what_the_document_says_of_bytes_in_a_question(fleet):
+    fleet.insert("volumes", [volume_row()])
+    fleet.insert("files", [file_row(1, name=b"caf\xe9"), file_row(2, name=b"caf\xc3\xa9")])
+    assert fleet.rows(r"SELECT id FROM quarrow.files FINAL PREWHERE name = 'caf\xE9'") == [[b"1"]]
+
+
+def test_another_number_of_shards(fleet):
+    """As the document has it: all is sent anew, and then each server loses what belongs elsewhere. Here rows are on the wrong
+    server, as they are after a shard was added."""
+    names = [f"box {number}" for number in range(8)]
+    for server in fleet.servers:
+        for name in names:
+            server.query(f"INSERT INTO quarrow.files_shard ({ALL['files']}) FORMAT TabSeparated",
+                         b"\t".join(text(value) for value in file_row(1, name)) + b"\n")
+            server.query(f"INSERT INTO quarrow.volumes_shard ({ALL['volumes']}) FORMAT TabSeparated",
+                         b"\t".join(text(value) for value in volume_row(name)) + b"\n")
+    assert fleet.number("SELECT count() FROM quarrow.live_files") == 16
+    for number, server in enumerate(fleet.servers):
+        for table in ("files", "volumes"):
+            server.query(f"ALTER TABLE quarrow.{table}_shard DELETE WHERE cityHash64(appliance) % 2 != {number}")
+    fleet.wait_removed()
+    assert fleet.number("SELECT count() FROM quarrow.live_files") == 8
+    fleet.insert("files", [file_row(1, name, version=2, size=9) for name in names])
+    assert fleet.rows("SELECT size, count() FROM quarrow.live_files GROUP BY size") == [[b"9", b"8"]]
 
 
 def test_no_statement_hangs_on_the_order_of_columns():

@@ -20,14 +20,16 @@ esac
 
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+. fleet/server_packages.sh
 
 # shellcheck disable=SC2086 # lists of words
 install_packages $build_packages libgtest-dev python3 python3-pytest sqlite3 faketime strace jq bash-completion util-linux \
     ${full:+clang-format clang libclang-rt-dev llvm btrfs-progs xfsprogs bindfs python3-fusepy \
-    chromium chromium-driver python3-selenium clickhouse-server clickhouse-client openssl}
+    chromium chromium-driver python3-selenium openssl}
 
 test_presets=release
 if [ -n "$full" ]; then
+    install_servers
     test_presets='asan tsan fuzz release'
     echo '== Format'
     git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror

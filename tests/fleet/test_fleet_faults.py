@@ -68,6 +68,28 @@ def test_a_pusher_is_killed_in_mid_send(fleet):
         box.volumes[0].add(f"more {round_number}")
 
 
+def test_what_was_on_its_way_is_lost_with_pusher_and_servers(own_fleet):
+    """Nobody has taken it, so it comes with the next run."""
+    choice = seeded("pusher and servers are killed")
+    box = Box(own_fleet, "box", files=500)
+    box.push()
+    for _ in range(3):
+        box.volumes[0].change(choice)
+        for server in own_fleet.servers:
+            server.freeze()
+        process = box.pusher.start()
+        wait_for(lambda: any(server.unread() for server in own_fleet.servers), "a request")
+        process.kill()
+        process.wait()
+        for server in own_fleet.servers:
+            server.kill()
+            server.start()
+        for server in own_fleet.servers:
+            server.wait_ready()
+        box.push()
+        box.assert_arrived()
+
+
 def test_answers_that_come_too_late(fleet):
     """The pusher takes the request for lost and repeats it. The server has taken both."""
     box = Box(fleet, "box", files=500, timeout=0.5)

@@ -3,10 +3,18 @@
 # and the branches with what is missing, and the totals. Installs what is missing first, and says so.
 #
 #   coverage.sh
+#   coverage.sh --help   prints this, and does nothing else
 #
 # Works in build/coverage of the checkout; report/index.html in there has the same beside the code. A daemon that a test
 # kills writes no counters, so what only such a daemon ran counts as missing. Ends with the status of the tests.
 set -eu
+
+case $#${1:-} in
+0) ;;
+1-h | 1--help) sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; exit 0 ;;
+*) echo "coverage.sh does not take '$*'. See scripts/coverage.sh --help" >&2; exit 2 ;;
+esac
+
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 

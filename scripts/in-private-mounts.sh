@@ -4,6 +4,7 @@
 # root of a user namespace of its own.
 #
 #   in-private-mounts.sh [--mime-types FILE] [--log SOCKET] [--keep FOLDER]... -- COMMAND [ARGUMENT]...
+#   in-private-mounts.sh --help   prints this, and does nothing else
 #
 #   --mime-types FILE  is copied to /usr/local/quarrow/mime_types.txt (default: the one of this checkout)
 #   --log SOCKET       an absolute path to which /dev/log leads; without this option the command logs to the machine's log.
@@ -14,6 +15,15 @@ set -eu
 
 script=$(readlink -f "$0")
 checkout=$(dirname "$(dirname "$script")")
+
+refuse() {
+    echo "in-private-mounts.sh: $*. See scripts/in-private-mounts.sh --help" >&2
+    exit 2
+}
+
+case ${1:-} in
+-h | --help) sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; exit 0 ;;
+esac
 
 if [ "${QUARROW_PRIVATE_MOUNTS:-}" != entered ]; then
     map=
@@ -42,14 +52,27 @@ show() { # SOURCE TARGET: the folder, file or link SOURCE at TARGET as well
 
 while [ $# -gt 0 ]; do
     case $1 in
+    --mime-types | --log | --keep) [ $# -gt 1 ] || refuse "$1 wants a path" ;;
+    esac
+    case $1 in
     --mime-types) mime_types=$2; shift 2 ;;
     --log) log=$2; shift 2 ;;
     --keep) kept="$kept
 $2"; shift 2 ;;
     --) shift; break ;;
+    -*) refuse "there is no option $1" ;;
     *) break ;;
     esac
 done
+[ $# -gt 0 ] || refuse 'there is no command to run'
+case $log in
+/* | '') ;;
+*) refuse "the log socket $log is not an absolute path" ;;
+esac
+if [ ! -f "$mime_types" ] || [ ! -r "$mime_types" ]; then
+    echo "in-private-mounts.sh: the MIME table $mime_types cannot be read" >&2
+    exit 1
+fi
 
 exec 9< /tmp # the machine's own, to be reached when the private one lies over it
 mount -n -t tmpfs -o mode=1777 tmpfs /tmp

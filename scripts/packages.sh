@@ -8,6 +8,10 @@ install_packages() {
         dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
     done
     [ -n "$missing" ] || return 0
+    if ! command -v apt-get >/dev/null; then
+        echo "This is no Debian machine: there is no apt-get. What these packages of Debian 12 have is wanted:$missing" >&2
+        return 1
+    fi
     echo "Installing:$missing"
     if [ "$(id -u)" = 0 ]; then
         sudo=

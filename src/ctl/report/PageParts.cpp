@@ -4,7 +4,7 @@
 // them as they are. CMake writes the lines, with a pair of labels around each part.
 // clang-format off
 __asm__(".pushsection .rodata\n"
-#include QUARROW_PAGE_PARTS
+#include "page_parts.inc"
         ".popsection\n");
 // clang-format on
 

@@ -49,6 +49,11 @@ class Appliance:
         """The lines of the daemon's own journal since the test began."""
         return self.good("journalctl", "--namespace=quarrow", "--quiet", "--output=cat", "--since", self.since, *options).splitlines()
 
+    def unit_log(self, *options):
+        """The lines about the unit in the machine's journal since the test began."""
+        return self.good("journalctl", "--unit=quarrow.service", "--quiet", "--output=cat", "--since", self.since,
+                         *options).splitlines()
+
     def wait_log(self, pattern):
         wait_for(lambda: any(re.search(pattern, line) for line in self.log()), f"the line {pattern}")
 

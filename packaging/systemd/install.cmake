@@ -17,3 +17,4 @@ file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/quarrow-rewalk.service ${CMAKE_CURRENT_LI
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/journald.conf DESTINATION ${lib}/systemd/journald@quarrow.conf.d RENAME quarrow.conf)
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysctl.conf DESTINATION ${lib}/sysctl.d RENAME 30-quarrow.conf)
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysusers.conf DESTINATION ${lib}/sysusers.d RENAME quarrow.conf)
+file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/tmpfiles.conf DESTINATION ${lib}/tmpfiles.d RENAME quarrow.conf)

@@ -1,5 +1,6 @@
-"""The daemon's own journal: no line is dropped, and the machine's journal has none of them."""
+"""The daemon's own journal: no line is dropped, and the machine's journal has the errors alone."""
 from appliance import configuration
+from machine import wait_for
 
 
 def test_every_line_of_a_large_walk_arrives(appliance):
@@ -17,3 +18,19 @@ def test_every_line_of_a_large_walk_arrives(appliance):
     assert not any("Suppressed" in line for line in appliance.log())
     assert appliance.good("journalctl", "--quiet", "--output=cat", "--identifier=quarrow", "--since", appliance.since) == ""
     appliance.good("rm", "-rf", "/srv/large")
+
+
+def test_errors_stay_in_the_machines_journal(appliance):
+    """They alone: the other lines would displace what it holds. And journald may be ended meanwhile."""
+    appliance.make_folder("/srv/good")
+    appliance.make_folder("/srv/bad/.quarrow/quarrow.db")
+    appliance.configure(configuration("/srv/good", "/srv/bad"))
+    for _ in range(2):
+        appliance.start()
+        appliance.good("systemctl", "stop", "quarrow.service")
+        appliance.good("systemctl", "stop", "systemd-journald@quarrow.service")
+    errors = appliance.log("--priority=warning", "--identifier=quarrow")
+    assert errors.count("Could not initialize the manager for the volume Volume1") == 2
+    wait_for(lambda: len(appliance.unit_log("--identifier=quarrow")) >= len(errors), "the errors")
+    assert appliance.unit_log("--identifier=quarrow") == errors
+    appliance.good("rm", "-rf", "/srv/good", "/srv/bad")

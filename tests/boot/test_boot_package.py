@@ -55,6 +55,7 @@ def test_purging_leaves_nothing_and_warns_of_nothing(appliance, package):
     result = appliance.run("dpkg", "--purge", "quarrow")
     assert result.status == 0 and "warning" not in (result.text + result.errors).lower()
     assert appliance.run("test", "-e", CONFIGURATION).status == 1
-    assert appliance.good("find", "/etc", "/usr", "/lib/systemd", "-iname", "*quarrow*") == ""
+    assert appliance.good("find", "/etc", "/usr", "/lib/systemd", "/var/log", "-iname", "*quarrow*") == ""
+    assert appliance.run("test", "-e", "/run/systemd/journal.quarrow").status == 1
     appliance.good("test", "-s", "/srv/media/.quarrow/quarrow.db")
     appliance.good("dpkg", "--install", package)

@@ -13,6 +13,8 @@ case ${1:-} in
 -h | --help) sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; exit 0 ;;
 esac
 
+[ "$(id -u)" = 0 ] || { echo "boot-test.sh: only root can boot a container" >&2; exit 1; }
+
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 

@@ -8,6 +8,7 @@
 set -eu
 checkout=$(dirname "$(dirname "$(readlink -f "$0")")")
 . "$checkout/scripts/packages.sh"
+. "$checkout/scripts/source-copy.sh"
 
 case ${1:-} in
 -h | --help) sed -n '2,/^set /s/^# \{0,1\}//p' "$0"; exit 0 ;;
@@ -22,19 +23,29 @@ esac
 # shellcheck disable=SC2086 # a list of words
 install_packages $build_packages build-essential debhelper
 
-mkdir -p "$target"
-target=$(cd "$target" && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# What is made is put beside the older one first: it takes its place whole, or not at all.
+mkdir -p -- "$target"
+fresh=$(mktemp -d -- "$target/.new.XXXXXX")
+work=
+trap 'rm -rf "$work" "$fresh"' EXIT
 trap 'exit 1' HUP INT TERM
-mkdir "$work/quarrow"
-tar --create --file "$work/checkout.tar" --directory "$checkout" --exclude=./build --exclude=./.git --exclude=./debian .
-tar --extract --file "$work/checkout.tar" --directory "$work/quarrow"
-cp -r "$checkout/packaging/debian" "$work/quarrow/debian"
+work=$(mktemp -d)
+copy_source "$checkout" "$work/quarrow"
 (cd "$work/quarrow" && dpkg-buildpackage --build=binary --unsigned-source --unsigned-changes) >"$work/log" 2>&1 || {
     tail -n 40 "$work/log" >&2
     exit 1
 }
+# What a build leaves is removed again: the next one in the same tree begins as this one has begun.
+copy_source "$checkout" "$work/untouched"
+(cd "$work/quarrow" && debian/rules clean) >"$work/log" 2>&1 || {
+    tail -n 40 "$work/log" >&2
+    exit 1
+}
+diff -r --no-dereference "$work/untouched" "$work/quarrow" >&2 || {
+    echo "package.sh: 'debian/rules clean' does not leave the source as it was" >&2
+    exit 1
+}
+mv "$work"/quarrow*.deb "$fresh"
 rm -f "$target"/quarrow*.deb
-mv "$work"/quarrow*.deb "$target"
+mv "$fresh"/quarrow*.deb "$target"
 ls "$target"/quarrow*.deb

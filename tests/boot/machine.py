@@ -36,10 +36,11 @@ class Machine:
         self.work = work
         self.system = f"{work}/system"  # the container's root file system, as this machine sees it
         call("mount", "-t", "tmpfs", "tmpfs", work)
-        for name in ("upper", "changes", "system"):
+        for name in ("root", "upper", "changes", "system"):
             os.mkdir(f"{work}/{name}")
-        call("mount", "-t", "overlay", "overlay", "-o", f"lowerdir={root},upperdir={work}/upper,workdir={work}/changes",
-             self.system)
+        call("mount", "--bind", root, f"{work}/root")  # by a name without what an option could not have
+        call("mount", "-t", "overlay", "overlay", "-o",
+             f"lowerdir={work}/root,upperdir={work}/upper,workdir={work}/changes", self.system)
         self.log = open(f"{work}/console", "wb")
         self.process = subprocess.Popen(
             ["systemd-nspawn", "--boot", "--quiet", "--register=no", "--keep-unit", "--private-network", "--link-journal=no",
@@ -97,8 +98,7 @@ class Machine:
             self.process.kill()
             self.process.wait()
         self.log.close()
-        call("umount", "--lazy", self.system)
-        call("umount", "--lazy", self.work)
+        call("umount", "--lazy", self.system, f"{self.work}/root", self.work)
 
 
 class Result:

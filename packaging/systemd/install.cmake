@@ -14,7 +14,8 @@ install_with_prefix(quarrow-generator ${lib}/systemd/system-generators
     "PERMISSIONS;OWNER_READ;OWNER_WRITE;OWNER_EXECUTE;GROUP_READ;GROUP_EXECUTE;WORLD_READ;WORLD_EXECUTE")
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/quarrow-rewalk.service ${CMAKE_CURRENT_LIST_DIR}/quarrow-rewalk.timer
     DESTINATION ${lib}/systemd/system)
-file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/journald.conf DESTINATION ${lib}/systemd/journald@quarrow.conf.d RENAME quarrow.conf)
+file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/journald.conf DESTINATION ${lib}/systemd/journald@quarrow.conf.d
+    RENAME 30-quarrow.conf) # an administrator's local.conf comes after it, and counts
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysctl.conf DESTINATION ${lib}/sysctl.d RENAME 30-quarrow.conf)
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/sysusers.conf DESTINATION ${lib}/sysusers.d RENAME quarrow.conf)
 file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/tmpfiles.conf DESTINATION ${lib}/tmpfiles.d RENAME quarrow.conf)

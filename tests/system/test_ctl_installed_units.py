@@ -18,7 +18,7 @@ UNITS = ("quarrow.service", "quarrow-rewalk.service", "quarrow-rewalk.timer")
 #: Where systemd looks for it below the prefix.
 INSTALLED = {"lib/systemd/system/quarrow.service", "lib/systemd/system/quarrow-rewalk.service",
              "lib/systemd/system/quarrow-rewalk.timer", "lib/systemd/system-generators/quarrow-generator",
-             "lib/systemd/journald@quarrow.conf.d/quarrow.conf", "lib/sysctl.d/30-quarrow.conf", "lib/sysusers.d/quarrow.conf",
+             "lib/systemd/journald@quarrow.conf.d/30-quarrow.conf", "lib/sysctl.d/30-quarrow.conf", "lib/sysusers.d/quarrow.conf",
              "lib/tmpfiles.d/quarrow.conf"}
 
 needs_systemd = pytest.mark.skipif(shutil.which("systemd-analyze") is None, reason="systemd is not installed")

@@ -39,12 +39,12 @@ def test_errors_stay_in_the_machines_journal(appliance):
 def test_an_administrators_limit_counts(appliance):
     appliance.make_folder("/srv/media")
     appliance.configure(configuration("/srv/media"))
-    local = "/etc/systemd/journald@quarrow.conf.d/local.conf"
+    folder = "/etc/systemd/journald@quarrow.conf.d"
     for size in (512, 64):
         appliance.good("systemctl", "stop", "systemd-journald@quarrow.service")
         appliance.start()
         assert any(f", max {size}.0M, " in line for line in appliance.log()), size
         appliance.good("systemctl", "stop", "quarrow.service")
-        appliance.machine.write(local, "[Journal]\nSystemMaxUse=64M\n")
-    appliance.good("rm", local)
+        appliance.machine.write(f"{folder}/local.conf", "[Journal]\nSystemMaxUse=64M\n")
+    appliance.good("rm", "-r", folder)
     appliance.good("systemctl", "stop", "systemd-journald@quarrow.service")

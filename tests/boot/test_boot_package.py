@@ -59,3 +59,25 @@ def test_purging_leaves_nothing_and_warns_of_nothing(appliance, package):
     appliance.good("dpkg", "--install", package)  # for the tests that follow, whatever is wrong here
     assert result.status == 0 and "warning" not in (result.text + result.errors).lower()
     assert (left, journal.status) == ("", 1)
+
+
+def test_where_the_mime_table_cannot_be_put_the_installation_says_so_and_can_be_resumed(appliance, package):
+    appliance.good("dpkg", "--purge", "quarrow")
+    appliance.good("mount", "-t", "tmpfs", "-o", "ro", "tmpfs", "/usr/local")
+    result = appliance.run("dpkg", "--install", package)
+    appliance.good("umount", "/usr/local")
+    assert result.status == 1
+    assert "/usr/local/quarrow" in result.errors and "Read-only file system" in result.errors
+    appliance.good("dpkg", "--configure", "quarrow")
+    appliance.good("test", "-s", "/usr/local/quarrow/mime_types.txt")
+
+
+def test_an_administrators_link_stays_when_the_package_goes(appliance, package):
+    appliance.good("mv", "/usr/local/quarrow", "/srv/tables")
+    appliance.good("ln", "-s", "/srv/tables", "/usr/local/quarrow")
+    result = appliance.run("dpkg", "--purge", "quarrow")
+    left = appliance.run("readlink", "/usr/local/quarrow").text
+    appliance.good("rm", "-rf", "/usr/local/quarrow", "/srv/tables")
+    appliance.good("dpkg", "--install", package)
+    assert result.status == 0 and "warning" not in (result.text + result.errors).lower()
+    assert left == "/srv/tables\n"

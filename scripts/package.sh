@@ -31,12 +31,12 @@ trap 'rm -rf "$work" "$fresh"' EXIT
 trap 'exit 1' HUP INT TERM
 work=$(mktemp -d)
 copy_source "$checkout" "$work/quarrow"
+cp -a "$work/quarrow" "$work/untouched"
 (cd "$work/quarrow" && dpkg-buildpackage --build=binary --unsigned-source --unsigned-changes) >"$work/log" 2>&1 || {
     tail -n 40 "$work/log" >&2
     exit 1
 }
 # What a build leaves is removed again: the next one in the same tree begins as this one has begun.
-copy_source "$checkout" "$work/untouched"
 (cd "$work/quarrow" && debian/rules clean) >"$work/log" 2>&1 || {
     tail -n 40 "$work/log" >&2
     exit 1

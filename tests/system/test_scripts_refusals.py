@@ -1,5 +1,6 @@
 """The scripts of the checkout where something is missing: they say what and where, and leave nothing half-done."""
 import os
+import shlex
 import shutil
 import subprocess
 
@@ -69,6 +70,14 @@ def test_a_package_takes_the_place_of_the_one_before(workshop, target):
     assert result.stdout == f"{target}/quarrow_2_all.deb\n"
     assert os.listdir(target) == ["quarrow_2_all.deb"]
     assert sorted(os.listdir(workshop.checkout)) == ["data", "packaging", "scripts", "tests"]
+
+
+def test_what_changes_in_the_checkout_meanwhile_does_not_matter(workshop, target):
+    changed = f"{workshop.checkout}/data/new"
+    workshop.stand_in("dpkg-buildpackage", f"touch left-over ../quarrow_2_all.deb {shlex.quote(changed)}")
+    result = workshop.run("package.sh", target)
+    assert (result.returncode, os.listdir(target)) == (0, ["quarrow_2_all.deb"])
+    assert os.path.exists(changed)
 
 
 def test_without_a_folder_it_goes_into_the_build_folder(workshop):

@@ -1,7 +1,7 @@
 """What systemd makes of the daemon: started, refused, restarted, reloaded, not mounted."""
 import pytest
 
-from appliance import configuration
+from appliance import CONFIGURATION, configuration
 from machine import wait_for
 
 FAST = "[Service]\nRestartSec=100ms\n"  # ten seconds, shortened
@@ -52,12 +52,24 @@ def test_a_refused_configuration_is_a_failed_start_with_its_reason(appliance):
     assert (appliance.state(), appliance.property("SubState"), appliance.property("NRestarts")) == ("failed", "failed", "0")
     reason = "/etc/quarrow/quarrow-host.xml: refused: There is no <Version> with a text"
     wait_for(lambda: reason in appliance.run("systemctl", "status", "--no-pager", "--full", "quarrow.service").text, "the reason")
+    wait_for(lambda: reason in appliance.unit_log(), "the reason in the machine's journal, where systemctl sends its user")
+
+
+def test_nothing_is_walked_before_systemd_knows_the_volumes(appliance):
+    """Whoever forgets the daemon-reload would have an unmounted volume walked as an empty one."""
+    appliance.make_folder("/srv/media")
+    appliance.machine.write(CONFIGURATION, configuration("/srv/media"))
+    assert appliance.run("systemctl", "start", "quarrow.service").status == 1
+    assert appliance.good("ls", "-A", "/srv/media") == ""
+    wait_for(lambda: any("Run 'systemctl daemon-reload'" in line for line in appliance.unit_log()), "what to do about it")
+    appliance.good("systemctl", "daemon-reload")
+    appliance.start()
 
 
 def test_warnings_do_not_keep_it_from_starting(media):
     media.configure(configuration("/srv/media", excluded="/nothing"))
     media.start()
-    assert any("warning: The volume 'Volume0' is catalogued whole" in line for line in media.log())
+    media.wait_log("warning: The volume 'Volume0' is catalogued whole")
 
 
 def test_a_daemon_that_cannot_run_is_not_started_for_ever(media):
@@ -73,7 +85,7 @@ def test_reload_restarts_with_a_good_configuration_and_refuses_a_bad_one(media):
     before = media.process()
     media.machine.write("/etc/quarrow/quarrow-host.xml", configuration("/srv/media", version=""))
     assert media.run("systemctl", "reload", "quarrow.service").status == 1
-    assert any("refused: There is no <Version>" in line for line in media.log())
+    media.wait_log("refused: There is no <Version>")
     assert (media.state(), media.process()) == ("active", before)
     media.make_folder("/srv/more")
     media.machine.write("/etc/quarrow/quarrow-host.xml", configuration("/srv/media", "/srv/more"))
@@ -137,6 +149,18 @@ def test_a_walk_is_asked_for_but_not_in_standby(media):
     media.good("rm", "/tmp/standby")
     media.good("systemctl", "start", "quarrow-rewalk.service")
     assert media.property("Result", "quarrow-rewalk.service") == "exec-condition"
+
+
+def test_a_condition_of_the_administrator_keeps_disks_asleep(media):
+    """It asks the devices, for which it has to stand outside of the unit's sandbox."""
+    media.start()
+    drop_in = "/etc/systemd/system/quarrow-rewalk.service.d/awake.conf"
+    for answer, result in (("! echo standby", "exec-condition"), ("! echo active", "success")):
+        media.machine.write(drop_in, f"[Service]\nExecCondition=+/bin/sh -c '{answer} | grep standby && test -c /dev/tty'\n")
+        media.good("systemctl", "daemon-reload")
+        media.run("systemctl", "start", "quarrow-rewalk.service")
+        assert media.property("Result", "quarrow-rewalk.service") == result
+    media.good("rm", drop_in)
 
 
 def test_as_an_ordinary_user(media):

@@ -1,6 +1,7 @@
 """The units, the generator and what else systemd reads, as an installation from source has them; without booting any."""
 import json
 import os
+import re
 import shutil
 import subprocess
 
@@ -19,7 +20,7 @@ UNITS = ("quarrow.service", "quarrow-rewalk.service", "quarrow-rewalk.timer")
 INSTALLED = {"lib/systemd/system/quarrow.service", "lib/systemd/system/quarrow-rewalk.service",
              "lib/systemd/system/quarrow-rewalk.timer", "lib/systemd/system-generators/quarrow-generator",
              "lib/systemd/journald@quarrow.conf.d/30-quarrow.conf", "lib/sysctl.d/30-quarrow.conf", "lib/sysusers.d/quarrow.conf",
-             "lib/tmpfiles.d/quarrow.conf"}
+             "lib/tmpfiles.d/quarrow.conf", "lib/quarrow/quarrow-check"}
 
 needs_systemd = pytest.mark.skipif(shutil.which("systemd-analyze") is None, reason="systemd is not installed")
 
@@ -78,7 +79,7 @@ def installation(arena):
 def test_everything_is_where_systemd_looks(installation):
     assert files_below(installation.prefix) - {"sbin/quarrow", "bin/quarrowctl"} == INSTALLED
     for name in INSTALLED:
-        mode = 0o755 if name.endswith("generator") else 0o644
+        mode = 0o755 if name.endswith(("generator", "check")) else 0o644
         assert os.stat(f"{installation.prefix}/{name}").st_mode & 0o777 == mode, name
 
 
@@ -86,8 +87,9 @@ def test_the_programs_are_those_of_the_prefix(installation):
     for name in INSTALLED:
         with open(f"{installation.prefix}/{name}", encoding="utf-8") as file:
             text = file.read()
-        assert "/usr/sbin/quarrow" not in text and "/usr/bin/quarrowctl" not in text, name
-        assert (f"{installation.prefix}/bin/quarrowctl" in text) == name.endswith(("quarrow.service", "generator")), name
+        assert not re.search("/usr/(sbin/quarrow|bin/quarrowctl|lib/quarrow)", text), name
+        assert (f"{installation.prefix}/bin/quarrowctl" in text) == name.endswith(("check", "generator")), name
+        assert (f"{installation.prefix}/lib/quarrow/quarrow-check" in text) == name.endswith("quarrow.service"), name
 
 
 def test_a_package_is_built_below_destdir(arena):
@@ -142,6 +144,35 @@ def test_nor_with_the_volumes_of_a_configuration(installation):
     with open(f"{out}/quarrow.service.d/50-volumes.conf", encoding="utf-8") as file:
         assert file.read().count("\nRequiresMountsFor=") == 1 + len(volumes)
     assert installation.verify(out) == ""
+
+
+# The check before a start
+
+def checked(installation, config, *arguments, **environment):
+    """The status, and the lines as journald gets them."""
+    path = installation.arena.path("checked.xml")
+    installation.arena.write_config(config, path)
+    result = run(f"{installation.prefix}/lib/quarrow/quarrow-check", *arguments,
+                 environment={"QUARROW_CONFIG_FILE": path, **environment})
+    return result.returncode, (result.stdout + result.stderr).splitlines()
+
+
+def test_a_start_needs_the_volumes_named_and_a_reload_names_them(installation):
+    config = configuration([installation.arena.volume("V")])
+    status, lines = checked(installation, config, "start", QUARROW_VOLUMES_NAMED="yes")
+    assert status == 0 and {line[:3] for line in lines} == {"<4>"}  # the volume is catalogued whole
+    assert checked(installation, config, "reload") == (0, lines)
+    for arguments in (["start"], []):
+        status, found = checked(installation, config, *arguments)
+        assert (status, found[:-1]) == (2, lines)
+        assert found[-1].startswith("<3>quarrow.service: No drop-in names the volumes")
+
+
+@pytest.mark.parametrize("action", ["start", "reload"])
+def test_a_refusal_has_the_priority_of_an_error(installation, action):
+    status, lines = checked(installation, "<Quarrow></Quarrow>", action, QUARROW_VOLUMES_NAMED="yes")
+    assert status == 2
+    assert lines and all(line.startswith("<3>") for line in lines) and "refused: " in lines[0]
 
 
 # The generator

@@ -101,11 +101,13 @@ std::string UnitDropIn::text() const
     content += "# An empty mount point would be catalogued as an empty volume.\n";
     for (const std::string& place : places)
         content += "RequiresMountsFor=" + word(place) + "\n";
+    content += "\n[Service]\n"
+               "# Without this quarrow.service does not start.\n"
+               "Environment=QUARROW_VOLUMES_NAMED=yes\n";
     // systemd takes the stricter one of two settings for the root of all.
     if (!unnamed.empty() || std::find(places.begin(), places.end(), "/") != places.end())
         return content;
-    content += "\n[Service]\n"
-               "ProtectSystem=strict\n";
+    content += "ProtectSystem=strict\n";
     for (const std::string& place : places)
         content += "ReadWritePaths=-" + word(place) + "\n";
     return content;

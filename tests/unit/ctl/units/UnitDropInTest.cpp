@@ -44,6 +44,7 @@ TEST_F(UnitDropInTest, everyVolumeHasToBeMountedAndMayBeWritten)
     EXPECT_EQ("\"/nowhere/media\"\n\"/nowhere/backup\"\n", mounts());
     EXPECT_EQ("-\"/nowhere/media\"\n-\"/nowhere/backup\"\n", settings("ReadWritePaths"));
     EXPECT_EQ("strict\n", settings("ProtectSystem"));
+    EXPECT_EQ("QUARROW_VOLUMES_NAMED=yes\n", settings("Environment"));
     EXPECT_EQ("/etc/quarrow/quarrow-host.xml\n", settings("SourcePath"));
     EXPECT_EQ(0U, settings("RequiresMountsFor").find("\"/etc/quarrow/quarrow-host.xml\"\n"));
 }
@@ -68,6 +69,7 @@ TEST_F(UnitDropInTest, aVolumeThatNoUnitCanNameIsSaidAndShutOutOfNothing)
         EXPECT_EQ("\"/nowhere/good\"\n", mounts());
         EXPECT_EQ("", settings("ProtectSystem"));
         EXPECT_EQ("", settings("ReadWritePaths"));
+        EXPECT_EQ("QUARROW_VOLUMES_NAMED=yes\n", settings("Environment"));
     }
     volumes.clear();
     add("/nowhere/good");

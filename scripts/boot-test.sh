@@ -19,8 +19,8 @@ cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
 install_packages python3 python3-pytest util-linux e2fsprogs systemd-container debootstrap
-scripts/package.sh >/dev/null
+scripts/package.sh >&2
 mkdir -p build/boot
 export QUARROW_PACKAGES="$PWD/build/package" QUARROW_BOOT_ROOT="$PWD/build/boot/root"
 cd tests/boot
-exec unshare --mount --propagation private /usr/bin/python3 -B -m pytest -q -p no:cacheprovider "$@"
+exec unshare --mount --propagation private /usr/bin/python3 -B -m pytest -q -rs -p no:cacheprovider "$@"

@@ -11,7 +11,8 @@ cd "$(dirname "$0")/.."
 install_packages $build_packages libgtest-dev python3 util-linux shellcheck pyflakes3 mandoc cppcheck clang clang-tidy valgrind
 
 echo '== shellcheck'
-git ls-files -z '*.sh' .ci/run packaging/systemd/quarrow-generator 'packaging/debian/*.post*' | xargs -0 shellcheck -x
+git ls-files -z '*.sh' .ci/run packaging/systemd/quarrow-check packaging/systemd/quarrow-generator \
+    'packaging/debian/*.post*' packaging/debian/tests/programs packaging/debian/tests/purge packaging/debian/tests/suite packaging/debian/tests/units | xargs -0 shellcheck -x
 shellcheck -s bash packaging/quarrowctl.bash-completion
 
 echo '== Manual pages'

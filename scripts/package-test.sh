@@ -18,7 +18,7 @@ checkout=$(dirname "$(dirname "$(readlink -f "$0")")")
 if [ "${QUARROW_PACKAGE_TEST:-}" != entered ]; then
     . "$checkout/scripts/packages.sh"
     install_packages python3 util-linux debootstrap lintian autopkgtest
-    "$checkout/scripts/package.sh" >/dev/null
+    "$checkout/scripts/package.sh" >&2
     echo '== lintian'
     lintian --fail-on error,warning,info --display-info --tag-display-limit 0 --allow-root "$checkout"/build/package/quarrow*.deb
     QUARROW_PACKAGE_TEST=entered exec unshare --mount --pid --mount-proc --fork --kill-child --propagation private "$0" "$@"

@@ -13,33 +13,42 @@ ROOT = os.environ["QUARROW_BOOT_ROOT"]  # where the container's root file system
 
 
 @pytest.fixture(scope="session")
-def shared(tmp_path_factory):
-    """A folder of the container on a disk of its own, and that disk's name: an image with a file system."""
-    folder = tmp_path_factory.mktemp("disk")
-    image = f"{folder}/image"
-    call("truncate", "--size=256M", image)
-    call("mkfs.ext4", "-q", "-E", "lazy_itable_init=0,lazy_journal_init=0", image)
-    disk = call("losetup", "--find", "--show", image).strip()
-    mounted = f"{folder}/mounted"
-    os.mkdir(mounted)
-    call("mount", disk, mounted)
-    yield mounted, os.path.basename(disk)
-    call("umount", "--lazy", mounted)
-    call("losetup", "--detach", disk)
-
-
-@pytest.fixture(scope="session")
-def machine(tmp_path_factory, shared):
-    for tool in ("systemd-nspawn", "debootstrap", "losetup"):
+def place(tmp_path_factory):
+    """A folder for disks and containers, where this machine lets them be made."""
+    for tool in ("systemd-nspawn", "debootstrap", "mkfs.ext4", "nsenter"):
         if shutil.which(tool) is None:
             pytest.skip(f"{tool} is not there")
     if os.geteuid() != 0:
         pytest.skip("only root can boot a container")
+    folder = str(tmp_path_factory.mktemp("place"))
+    image, mounted = f"{folder}/image", f"{folder}/mounted"
+    os.mkdir(mounted)
+    call("truncate", "--size=256M", image)
+    call("mkfs.ext4", "-q", "-E", "lazy_itable_init=0,lazy_journal_init=0", image)
+    try:
+        call("mount", "-o", "loop", image, mounted)
+    except RuntimeError as failure:
+        pytest.skip(f"no disk can be mounted here: {failure}")
+    yield folder
+    call("umount", "--lazy", mounted)
+
+
+@pytest.fixture(scope="session")
+def shared(place):
+    """A folder of the container on a disk of its own, and that disk's name: an image with a file system."""
+    mounted = f"{place}/mounted"
+    return mounted, os.path.basename(call("findmnt", "--noheadings", "--output=SOURCE", mounted).strip())
+
+
+@pytest.fixture(scope="session")
+def machine(place, shared):
     try:
         make_root(ROOT)
     except RuntimeError as failure:
         pytest.skip(f"no root file system could be made: {failure}")
-    booted = Machine(ROOT, str(tmp_path_factory.mktemp("machine")), shared[0])
+    work = f"{place}/machine"
+    os.mkdir(work)
+    booted = Machine(ROOT, work, shared[0])
     yield booted
     booted.stop()
 

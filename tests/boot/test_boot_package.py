@@ -1,7 +1,8 @@
 """The package: it is installed in silence, does nothing before it is configured, and leaves nothing."""
 import re
 
-from appliance import configuration
+from appliance import CONFIGURATION, configuration
+from machine import wait_for
 
 
 def test_installing_says_nothing_wrong(installation):
@@ -37,7 +38,7 @@ def test_the_example_configuration_and_the_pages_are_where_the_manual_says(appli
 
 def test_the_limit_of_watches_is_set_for_the_next_boot(appliance):
     text = appliance.good("/lib/systemd/systemd-sysctl", "--cat-config")
-    assert re.search(r"^fs\.inotify\.max_user_watches = 1048576$", text, re.MULTILINE)
+    assert re.findall(r"^fs\.inotify\.max_user_watches\s*=\s*(\d+)", text, re.MULTILINE)[-1] == "1048576"
 
 
 def test_the_units_give_few_rights(appliance):
@@ -53,12 +54,25 @@ def test_purging_leaves_nothing_and_warns_of_nothing(appliance, package):
     appliance.configure(configuration("/srv/media"))
     appliance.start()
     result = appliance.run("dpkg", "--purge", "quarrow")
-    left = appliance.good("find", "/etc", "/usr", "/lib/systemd", "/var/log", "-iname", "*quarrow*")
+    left = appliance.good("find", "/", "/run", "-xdev", "-iname", "*quarrow*", "-not", "-path", "/srv/*", "-not", "-path", package,
+                          "-not", "-path", "/run/systemd/units/*", "-not", "-path", "/run/log/journal/*/*")
     journal = appliance.run("test", "-e", "/run/systemd/journal.quarrow")
     appliance.good("test", "-s", "/srv/media/.quarrow/quarrow.db")
     appliance.good("dpkg", "--install", package)  # for the tests that follow, whatever is wrong here
     assert result.status == 0 and "warning" not in (result.text + result.errors).lower()
     assert (left, journal.status) == ("", 1)
+
+
+def test_what_an_appliance_comes_with_is_started_by_the_installation(appliance, package):
+    """A configuration that was there first. And an upgrade has both units running again."""
+    appliance.good("dpkg", "--purge", "quarrow")
+    appliance.make_folder("/srv/media")
+    appliance.machine.write(CONFIGURATION, configuration("/srv/media"))
+    for _ in ("installation", "upgrade"):
+        before = appliance.process()
+        appliance.good("dpkg", "--install", package)
+        wait_for(lambda: appliance.process() not in (0, before), "a daemon of the new package")
+        wait_for(lambda: appliance.property("ActiveState", "quarrow-rewalk.timer") == "active", "the timer")
 
 
 def test_where_the_mime_table_cannot_be_put_the_installation_says_so_and_can_be_resumed(appliance, package):

@@ -1,7 +1,8 @@
 """Clocks for daemons, by libfaketime."""
 import os
 
-LIBRARY = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
+#: The dynamic linker of whatever is started puts its own architecture in place of $LIB.
+LIBRARY = "/usr/$LIB/faketime/libfaketimeMT.so.1"
 #: A file's times are the disk's, never the clock's.
 COMMON = {"LD_PRELOAD": LIBRARY, "NO_FAKE_STAT": "1"}
 

@@ -18,7 +18,7 @@
 
 namespace {
 
-long elapsedMillis(const timeval& from)
+long long elapsedMillis(const timeval& from)
 {
     timeval now;
     gettimeofday(&now, nullptr);

@@ -10,7 +10,7 @@ FolderTree::FolderTree() { folders.push_back({ 0, {}, {} }); }
 
 std::size_t FolderTree::PlaceHash::operator()(const Place& place) const
 {
-    return std::hash<std::string_view>()(place.name) ^ (place.parent * 0x9e3779b97f4a7c15U);
+    return std::hash<std::string_view>()(place.name) ^ (place.parent * static_cast<std::size_t>(0x9e3779b97f4a7c15U));
 }
 
 std::size_t FolderTree::child(std::size_t parent, std::string_view name)

@@ -105,13 +105,13 @@ void QuarrowConfig::readElement(const xmlNode* element)
     if (isElement(element, "Version"))
         version = text;
     else if (isElement(element, "last_updated_time"))
-        lastUpdatedTime = std::atoi(text);
+        lastUpdatedTime = numberIn(text);
     else if (isElement(element, "quarrow_enabled"))
         enabled = std::string(text) == "true";
     else if (isElement(element, "purge_threshold"))
-        purgeThreshold = std::atoi(text);
+        purgeThreshold = numberIn(text);
     else if (isElement(element, "rewalk_threshold"))
-        rewalkThreshold = std::atoi(text);
+        rewalkThreshold = numberIn(text);
 
     const xmlNode* parent = element->parent;
     const xmlNode* grandparent = parent != nullptr ? parent->parent : nullptr;

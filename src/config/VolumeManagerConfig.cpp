@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 
@@ -31,7 +30,7 @@ bool isExistingFile(const std::string& path)
 void readNumber(const xmlNode* element, std::atomic<int>& number)
 {
     if (const char* text = elementText(element))
-        number = std::atoi(text);
+        number = numberIn(text);
 }
 
 std::string defaultDocument()

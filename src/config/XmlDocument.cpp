@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -87,3 +88,7 @@ const char* elementText(const xmlNode* element)
 {
     return element->children == nullptr ? nullptr : reinterpret_cast<const char*>(element->children->content);
 }
+
+// Not atoi(): with a long of 32 bits it makes the greatest number of what does not fit, and the same file would say
+// another thing there.
+int numberIn(const char* text) { return static_cast<int>(std::strtoll(text, nullptr, 10)); }

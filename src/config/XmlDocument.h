@@ -55,3 +55,6 @@ bool isElement(const xmlNode* node, const char* name);
 
 /// The content of the element's first child; nullptr when there is no child, or the child has no text of its own.
 const char* elementText(const xmlNode* element);
+
+/// The number that the text begins with; 0 without one. What does not fit into an int is cut to its lower bits.
+int numberIn(const char* text);

@@ -19,7 +19,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
@@ -53,7 +52,7 @@ std::vector<std::string> textsOf(const std::vector<TextAt>& places)
 bool isEqual(const HostReading& reading, QuarrowConfig& config)
 {
     const TextAt& threshold = reading.purgeThreshold;
-    if (threshold.line != 0 && std::atoi(threshold.text.c_str()) != config.getPurgeThreshold())
+    if (threshold.line != 0 && numberIn(threshold.text.c_str()) != config.getPurgeThreshold())
         return false;
     const auto& volumes = config.getQuarrowVolumes();
     return volumes.size() == reading.volumes.size()

@@ -1,5 +1,6 @@
 #include "ctl/check/SettingRules.h"
 
+#include "config/XmlDocument.h"
 #include "ctl/check/ConfigurationTexts.h"
 #include "ctl/check/Findings.h"
 #include "ctl/check/HostReading.h"
@@ -11,7 +12,7 @@
 namespace {
 
 /// By the daemon's own function: as far as it is a number, and cut to 32 bits.
-int numberOf(const TextAt& setting) { return std::atoi(setting.text.c_str()); }
+int numberOf(const TextAt& setting) { return numberIn(setting.text.c_str()); }
 
 bool isAbsent(const TextAt& setting) { return setting.line == 0; }
 

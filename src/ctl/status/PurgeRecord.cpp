@@ -3,8 +3,6 @@
 #include "config/XmlDocument.h"
 #include "core/WithoutLinks.h"
 
-#include <cstdlib>
-
 namespace {
 
 struct Times {
@@ -24,9 +22,9 @@ Times recordedTimes(const xmlNode* root)
         for (const xmlNode* field = child->children; field != nullptr; field = field->next) {
             const char* const text = elementText(field);
             if (text != nullptr && isElement(field, "last_purge_time"))
-                times.threshold = std::atoi(text);
+                times.threshold = numberIn(text);
             else if (text != nullptr && isElement(field, "last_updated_time"))
-                times.written = std::atoi(text);
+                times.written = numberIn(text);
         }
     }
     return times;

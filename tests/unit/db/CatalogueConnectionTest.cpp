@@ -5,22 +5,25 @@
 
 #include <signal.h>
 #include <sqlite3.h>
-#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <future>
 
-static std::atomic<long> milliSecondsSlept;
+static std::atomic<long long> milliSecondsSlept;
 
 /// In place of the C library's, in this whole program.
 extern "C" int nanosleep(const timespec* time, timespec* rest)
 {
     milliSecondsSlept += time->tv_sec * 1000 + time->tv_nsec / 1000000;
-    return static_cast<int>(syscall(SYS_nanosleep, time, rest));
+    const int error = clock_nanosleep(CLOCK_REALTIME, 0, time, rest);
+    if (error != 0)
+        errno = error;
+    return error == 0 ? 0 : -1;
 }
 
 namespace {

@@ -69,7 +69,7 @@ extern "C" int fdatasync(int descriptor) { return fsync(descriptor); }
 extern "C" int unlink(const char* path) noexcept
 {
     calls.push_back("unlink " + nameOf(path));
-    return static_cast<int>(syscall(SYS_unlink, path));
+    return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, path, 0));
 }
 
 extern "C" int renameat(int fromFolder, const char* from, int toFolder, const char* to) noexcept
@@ -94,7 +94,7 @@ extern "C" int stat64(const char* path, struct stat64* status) noexcept
 extern "C" int mkdir(const char* path, mode_t mode) noexcept
 {
     emptyNameMade = emptyNameMade || *path == '\0';
-    return static_cast<int>(syscall(SYS_mkdir, path, mode));
+    return static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode));
 }
 
 TEST_F(CatalogueFileOnDiskTest, aNewOneIsSyncedRenamedAndItsFolderSynced)

@@ -127,7 +127,7 @@ std::string describe(const DBFile& f)
         + " modified " + std::to_string(f.getModified_time()) + " created " + std::to_string(f.getCreated_time());
 }
 
-long secondsNow()
+long long secondsNow()
 {
     using namespace std::chrono;
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();

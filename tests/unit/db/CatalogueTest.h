@@ -61,7 +61,7 @@ std::string describe(const DBFolder& f);
 std::string describe(const DBFile& f);
 
 /// The seconds that SQLite's 'now' has; std::time() may lag a few milliseconds behind.
-long secondsNow();
+long long secondsNow();
 
 /// What insertFolderRow() runs.
 std::string folderRow(const std::string& path, int parentId);

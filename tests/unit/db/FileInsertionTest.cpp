@@ -30,7 +30,7 @@ protected:
 
 TEST_F(FileInsertionTest, aRowIsInsertedUnderTheIdOfItsFolder)
 {
-    const long start = secondsNow();
+    const long long start = secondsNow();
     DBFile file = fileAt("/v/a/x.mp3", 2, 5 * gibibyte + 7, 100, 200);
     file.setFolder_id(77);
     file.setIs_deleted(true);
@@ -66,7 +66,7 @@ TEST_F(FileInsertionTest, aDeletedRowComesBackUnderItsIdInItsFolder)
 {
     insertFileRow("/v/a/x.mp3", 9);
     change("update Files set is_deleted = 1");
-    const long start = secondsNow();
+    const long long start = secondsNow();
     DBFile file = fileAt("/v/a/x.mp3", 3, 9, 100, 200);
     EXPECT_TRUE(db->insertFile(file));
     EXPECT_EQ("2 /v/a/x.mp3 x.mp3 3 9 100 200 0 0 0 0\n", row(1));

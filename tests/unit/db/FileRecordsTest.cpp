@@ -17,7 +17,7 @@ protected:
     void markDeleted(int id) const { change("update Files set is_deleted = 1 where file_id = " + std::to_string(id)); }
 
     /// The ids of the files that were last written between then and now.
-    std::string writtenSince(long then) const
+    std::string writtenSince(long long then) const
     {
         return query("select file_id from Files where typeof(last_updated_time) = 'integer' and last_updated_time"
                      " between "
@@ -94,7 +94,7 @@ TEST_F(FileRecordsTest, updateFileWritesTheRowWithTheIdAndLeavesPathAndFolder)
 {
     insertFileRow("/Music/a.mp3", 1);
     insertFileRow("/Music/b.mp3", 1);
-    const long start = secondsNow();
+    const long long start = secondsNow();
     DBFile file = fileAt("/elsewhere/c.avi", 1, 5 * gibibyte, 100, 200);
     file.setFile_id(2);
     file.setFolder_id(9);
@@ -119,7 +119,7 @@ TEST_F(FileRecordsTest, deleteFileMarksTheRowWithTheIdAndSaysSoOnStandardOutput)
 {
     insertFileRow("/Music/a.mp3", 1);
     insertFileRow("/Music/b.mp3", 1);
-    const long start = secondsNow();
+    const long long start = secondsNow();
     DBFile file = fileAt("/elsewhere");
     file.setFile_id(2);
     testing::internal::CaptureStdout();
@@ -142,7 +142,7 @@ TEST_F(FileRecordsTest, deleteFilesFromFolderMarksTheFilesOfThatFolderAlone)
     insertFileRow("/Music/a.mp3", 1);
     insertFileRow("/Music/b.mp3", 1);
     insertFileRow("/Music/Rock/c.mp3", 2);
-    const long start = secondsNow();
+    const long long start = secondsNow();
     testing::internal::CaptureStdout();
     EXPECT_TRUE(db->deleteFilesFromFolder(1));
     EXPECT_EQ("", testing::internal::GetCapturedStdout());

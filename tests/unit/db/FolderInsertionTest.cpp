@@ -30,7 +30,7 @@ protected:
 TEST_F(FolderInsertionTest, oneRowIsInsertedAndItsIdReturned)
 {
     insertFolderRow("/Music", -1);
-    const long start = secondsNow();
+    const long long start = secondsNow();
     DBFolder rock = folderAt("/Music/Rock", 100, 200);
     rock.setParent_id(1);
     rock.setName("not this");
@@ -50,7 +50,7 @@ TEST_F(FolderInsertionTest, aDeletedRowComesBackUnderItsIdWithNewTimesAndThePare
     insertFolderRow("/Old", -1);
     insertFolderRow("/Music/.Rock", 2);
     change("update Folders set is_deleted = 1, category = 5, name = 'kept' where folder_id = 3");
-    const long start = secondsNow();
+    const long long start = secondsNow();
     DBFolder rock = folderAt("/Music/.Rock", 100, 200);
     rock.setParent_id(1);
     rock.setIs_deleted(true);

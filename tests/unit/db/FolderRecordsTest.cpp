@@ -20,7 +20,7 @@ protected:
     }
 
     /// How many folders were last written between then and now.
-    std::string countWrittenSince(long then) const
+    std::string countWrittenSince(long long then) const
     {
         return query("select count(*) from Folders where typeof(last_updated_time) = 'integer' and last_updated_time"
                      " between "
@@ -157,7 +157,7 @@ TEST_F(FolderRecordsTest, updateFolderWritesTheTimesOfTheRowWithTheId)
 {
     insertFolderRow("/Music", -1);
     insertFolderRow("/Pictures", -1);
-    const long start = secondsNow();
+    const long long start = secondsNow();
     DBFolder folder = folderAt("/Elsewhere", 100, 200);
     folder.setName("other");
     folder.setParent_id(9);
@@ -181,7 +181,7 @@ TEST_F(FolderRecordsTest, deleteFolderRecordMarksThatRowAlone)
     insertFolderRow("/Music", -1);
     insertFolderRow("/Music/Rock", 1);
     insertFileRow("/Music/a.mp3", 1);
-    const long start = secondsNow();
+    const long long start = secondsNow();
     EXPECT_TRUE(db->deleteFolderRecord(1));
     EXPECT_EQ("1 in -1 '/Music' deleted\n2 in 1 '/Music/Rock' live\n", dumpFolders());
     EXPECT_EQ("1 in 1 '/Music/a.mp3' live\n", dumpFiles());

@@ -58,7 +58,7 @@ protected:
     }
 
     ConnectionProbe probe;
-    const long start = secondsNow();
+    const long long start = secondsNow();
 
 private:
     int refusals = 0;

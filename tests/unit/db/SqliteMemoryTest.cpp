@@ -54,7 +54,7 @@ TEST_F(SqliteMemoryTest, holdsWhatIsPutIntoIt)
         ASSERT_NE(nullptr, memory);
         ASSERT_LE(static_cast<sqlite3_uint64>(bytes), sqlite3_msize(memory));
         ASSERT_EQ(0U, reinterpret_cast<std::uintptr_t>(memory) % 8);
-        std::memset(memory, 0xff, sqlite3_msize(memory));
+        std::memset(memory, 0xff, static_cast<std::size_t>(sqlite3_msize(memory)));
         sqlite3_free(memory);
     }
 }

@@ -77,6 +77,8 @@ std::string bytesOf(std::size_t number)
     return bytes;
 }
 
+std::size_t pagesOf(const std::string& path) { return static_cast<std::size_t>(fs::file_size(path) / pageBytes); }
+
 /// The journal of a transaction over several files that changed nothing. It ends with the name of a file that lists
 /// all their journals, and that goes when none of them is left.
 std::string journalThatNames(const std::string& path, std::size_t pages)
@@ -210,8 +212,7 @@ TEST_F(SqliteProcessTest, doesNotReadAnywhereWhatStillHasToBeLookedInto)
     EXPECT_FALSE(isReadable(path));
     ASSERT_EQ(0, chmod(path.c_str(), 0644));
     EXPECT_TRUE(isReadable(path));
-    const std::string journal
-        = volume.writeFile(".quarrow/quarrow.db-journal", journalThatNames("", fs::file_size(path) / pageBytes));
+    const std::string journal = volume.writeFile(".quarrow/quarrow.db-journal", journalThatNames("", pagesOf(path)));
     ASSERT_EQ(0, chmod(journal.c_str(), 0644 | S_ISVTX));
     EXPECT_FALSE(isReadable(path));
 }
@@ -290,7 +291,7 @@ TEST_F(SqliteProcessTest, refusesAJournalThatNamesAnotherFile)
 {
     const std::string path = makeWith("/Music");
     const std::string victim = volume.writeFile("victim-wal", "precious");
-    const std::size_t pages = fs::file_size(path) / pageBytes;
+    const std::size_t pages = pagesOf(path);
     volume.writeFile(".quarrow/quarrow.db-journal", journalThatNames(victim, pages));
     EXPECT_TRUE(CatalogueAdmission(path).isRefused());
     const std::string whole = journalThatNames(victim, pages);
@@ -301,7 +302,7 @@ TEST_F(SqliteProcessTest, refusesAJournalThatNamesAnotherFile)
 TEST_F(SqliteProcessTest, takesAwayNothingThatAJournalNames)
 {
     const std::string path = makeWith("/Music");
-    const std::size_t pages = fs::file_size(path) / pageBytes;
+    const std::size_t pages = pagesOf(path);
     const std::string victim = volume.writeFile("victim", "precious");
     const std::string journal = journalThatNames(victim, pages);
     volume.makeFolder("etilqs_x");

@@ -34,7 +34,7 @@ std::string dumpFilesById(const std::string& dbPath)
         " from Files order by file_id");
 }
 
-std::string dumpRowsInFull(const std::string& dbPath, int firstId, long start)
+std::string dumpRowsInFull(const std::string& dbPath, int firstId, long long start)
 {
     const std::string first = " >= " + std::to_string(firstId) + " order by ";
     const auto flags = [](const std::string& usualCategory) {

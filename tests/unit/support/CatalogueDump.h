@@ -17,7 +17,7 @@ std::string dumpFilesById(const std::string& dbPath);
 /// Every column of every row, a row a line, folders first, by id, from `firstId` on in both. The numbers after the name
 /// are modified and created time; of a file category and size before them. Then "live" or "deleted", what is not as
 /// usual (hidden, ...), and "now" for a row written since the second `start` instead of in second 30.
-std::string dumpRowsInFull(const std::string& dbPath, int firstId, long start);
+std::string dumpRowsInFull(const std::string& dbPath, int firstId, long long start);
 
 /// Every column of one row but its id and its last write.
 std::string dumpFolderRow(const std::string& dbPath, int id);

@@ -13,8 +13,8 @@ std::atomic<time_t> fixedTime = 0;
 std::atomic<time_t> secondsPerLook = 0;
 std::atomic<int> timesAsked = 0;
 
-std::atomic<long> microsPerLook = 0;
-std::atomic<long> looks = 0;
+std::atomic<long long> microsPerLook = 0;
+std::atomic<long long> looks = 0;
 
 } // namespace
 
@@ -37,7 +37,7 @@ extern "C" time_t time(time_t* result) noexcept
 extern "C" int gettimeofday(timeval* result, void*) noexcept
 {
     if (microsPerLook != 0) {
-        const long micros = 1600000000700000 + microsPerLook * looks++; // seconds begin between the looks
+        const long long micros = 1600000000700000 + microsPerLook * looks++; // seconds begin between the looks
         *result = { micros / 1000000, micros % 1000000 };
         return 0;
     }

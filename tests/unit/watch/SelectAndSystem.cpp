@@ -29,13 +29,18 @@ std::string describe(int descriptors, const fd_set* readable, const timeval& tim
     return text + "] " + std::to_string(timeout.tv_sec) + "s " + std::to_string(timeout.tv_usec) + "us";
 }
 
+timespec timespecOf(std::chrono::microseconds time)
+{
+    return { time.count() / 1000000, static_cast<long>(time.count() % 1000000 * 1000) };
+}
+
 } // namespace
 
 extern "C" int select(int descriptors, fd_set* readable, fd_set* writable, fd_set* special, timeval* timeout)
 {
     std::function<void(int)> hook;
     int before = 0;
-    timespec wait = { timeout->tv_sec, timeout->tv_usec * 1000 };
+    timespec wait = timespecOf(std::chrono::seconds(timeout->tv_sec) + std::chrono::microseconds(timeout->tv_usec));
     std::optional<int> result;
     {
         const std::lock_guard<std::mutex> held(mutex);
@@ -43,7 +48,7 @@ extern "C" int select(int descriptors, fd_set* readable, fd_set* writable, fd_se
         before = selectCalls++;
         selectText = describe(descriptors, readable, *timeout);
         if (quietTime)
-            wait = { quietTime->count() / 1000, quietTime->count() % 1000 * 1000000 };
+            wait = timespecOf(*quietTime);
         result = selectResult;
     }
     if (hook)

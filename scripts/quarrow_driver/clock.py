@@ -1,10 +1,13 @@
 """Clocks for daemons, by libfaketime."""
 import os
 
-#: The dynamic linker of whatever is started puts its own architecture in place of $LIB.
-LIBRARY = "/usr/$LIB/faketime/libfaketimeMT.so.1"
+#: The dynamic linker of whatever is started puts its own architecture in place of $LIB. With a time of 64 bits on a machine
+#: of 32, tests/system/wide_clock.cpp goes before it.
+LIBRARIES = ":".join(filter(None, [os.environ.get("QUARROW_WIDE_CLOCK"), "/usr/$LIB/faketime/libfaketimeMT.so.1"]))
+#: A program of another architecture is started by tests/system/foreign.sh.in, which gives the clock to it alone.
+PRELOAD = "QUARROW_PRELOAD" if "QUARROW_FOREIGN" in os.environ else "LD_PRELOAD"
 #: A file's times are the disk's, never the clock's.
-COMMON = {"LD_PRELOAD": LIBRARY, "NO_FAKE_STAT": "1"}
+COMMON = {PRELOAD: LIBRARIES, "NO_FAKE_STAT": "1"}
 
 
 def fast_clock(factor):

@@ -47,7 +47,7 @@ TEST_F(QuarrowStartTest, startsTheWatcherAndThePurgeThread)
     configure(volumeAt("a", "/dev/null"));
     const std::set<std::string> before = threadIds();
     start();
-    EXPECT_EQ(allSignals + allSignals, signalsBlockedByNewThreads(before));
+    EXPECT_EQ(allSignals() + allSignals(), signalsBlockedByNewThreads(before));
 }
 
 TEST_F(QuarrowStartTest, aChangeReachesTheListenerOfItsVolume)

@@ -58,11 +58,15 @@ TEST_F(SignalMaskTest, blockAllSignalsBlocksAllOfTheCallingThread)
         blocked = blockedNow();
     });
     worker.join();
-    sigset_t all;
-    sigfillset(&all);
-    sigdelset(&all, SIGKILL);
-    sigdelset(&all, SIGSTOP);
-    EXPECT_EQ(numbersIn(all), blocked);
+    std::string all; // an emulator may keep some for itself
+    std::thread([&all] {
+        sigset_t every;
+        sigfillset(&every);
+        pthread_sigmask(SIG_SETMASK, &every, nullptr);
+        all = blockedNow();
+    }).join();
+    EXPECT_NE("", all);
+    EXPECT_EQ(all, blocked);
     EXPECT_EQ("", blockedNow());
     EXPECT_EQ((std::vector<LogLine> { { LOG_INFO, "pthread_sigmask returned 0\n" } }), loggedLines());
 }

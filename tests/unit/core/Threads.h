@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -25,21 +26,39 @@ inline std::set<std::string> threadIds()
     return ids;
 }
 
-/// The mask of blocked signals of each thread that was not there `before`, one line each, as the kernel shows it.
+/// The mask of blocked signals of a thread, a line, as the kernel shows it.
+inline std::string signalsBlockedBy(const std::string& thread)
+{
+    std::ifstream status("/proc/self/task/" + thread + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 8, "SigBlk:\t") == 0)
+            return line.substr(8) + "\n";
+    }
+    return "";
+}
+
+/// The masks of the threads that were not there `before`.
 inline std::string signalsBlockedByNewThreads(const std::set<std::string>& before)
 {
     std::string masks;
     for (const std::string& id : threadIds()) {
-        if (before.count(id) != 0)
-            continue;
-        std::ifstream status("/proc/self/task/" + id + "/status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.compare(0, 8, "SigBlk:\t") == 0)
-                masks += line.substr(8) + "\n";
-        }
+        if (before.count(id) == 0)
+            masks += signalsBlockedBy(id);
     }
     return masks;
 }
 
-/// Every signal but SIGKILL, SIGSTOP and the two that the C library keeps for itself.
-inline const std::string allSignals = "fffffffe7ffbfeff\n";
+/// The mask of a thread that has blocked whatever it can: not SIGKILL and SIGSTOP, nor those that the C library or an
+/// emulator keeps for itself.
+inline std::string allSignals()
+{
+    std::string mask;
+    std::thread([&mask] {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        mask = signalsBlockedBy(std::to_string(gettid()));
+    }).join();
+    EXPECT_NE("", mask);
+    return mask;
+}

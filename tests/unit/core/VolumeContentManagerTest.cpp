@@ -77,7 +77,7 @@ TEST_F(VolumeContentManagerTest, blocksEverySignal)
     const std::set<std::string> before = threadIds();
     manager.start();
     ASSERT_TRUE(waitUntilLogged(LOG_INFO, "pthread_sigmask returned 0\n"));
-    EXPECT_EQ(allSignals, signalsBlockedByNewThreads(before));
+    EXPECT_EQ(allSignals(), signalsBlockedByNewThreads(before));
     manager.stop();
     EXPECT_EQ(before, threadIds());
 }

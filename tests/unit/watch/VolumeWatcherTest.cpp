@@ -36,7 +36,7 @@ protected:
 TEST_F(VolumeWatcherTest, theThreadBlocksEverySignal)
 {
     startAndWait();
-    EXPECT_EQ(allSignals, signalsBlockedByNewThreads(threadsBefore));
+    EXPECT_EQ(allSignals(), signalsBlockedByNewThreads(threadsBefore));
 }
 
 TEST_F(VolumeWatcherTest, aWatcherIsRunningUntilStop)

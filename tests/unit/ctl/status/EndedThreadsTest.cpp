@@ -1,4 +1,5 @@
 #include "ctl/status/EndedThreads.h"
+#include "support/Waiting.h"
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -68,9 +69,10 @@ TEST(EndedThreadsTest, aThreadThatHasComeAndGoneShows)
         neighbour.ask('n');
         EXPECT_EQ(before, timeOfEndedThreads(neighbour.facts()));
         neighbour.ask('t');
-        const auto after = timeOfEndedThreads(neighbour.facts());
-        ASSERT_TRUE(after);
-        EXPECT_GT(*after, *before);
+        EXPECT_TRUE(waitUntil([&neighbour, &before] { // a thread that was joined may still be on its way out
+            const auto after = timeOfEndedThreads(neighbour.facts());
+            return after && *after > *before;
+        }));
     }
 }
 

@@ -52,7 +52,8 @@ def test_a_refused_configuration_is_a_failed_start_with_its_reason(appliance):
     assert (appliance.state(), appliance.property("SubState"), appliance.property("NRestarts")) == ("failed", "failed", "0")
     reason = "/etc/quarrow/quarrow-host.xml: refused: There is no <Version> with a text"
     wait_for(lambda: reason in appliance.run("systemctl", "status", "--no-pager", "--full", "quarrow.service").text, "the reason")
-    wait_for(lambda: any(reason in line for line in appliance.unit_log()), "the reason in the machine's journal, where systemctl sends its user")
+    kept = ("journalctl", "--identifier=quarrow-check", "--quiet", "--output=cat", "--since", appliance.since)
+    wait_for(lambda: reason in appliance.good(*kept), "the reason in the machine's journal")
 
 
 def test_nothing_is_walked_before_systemd_knows_the_volumes(appliance):
@@ -61,7 +62,7 @@ def test_nothing_is_walked_before_systemd_knows_the_volumes(appliance):
     appliance.machine.write(CONFIGURATION, configuration("/srv/unknown"))
     assert appliance.run("systemctl", "start", "quarrow.service").status == 1
     assert appliance.good("ls", "-A", "/srv/unknown") == ""
-    wait_for(lambda: any("Run 'systemctl daemon-reload'" in line for line in appliance.unit_log()), "what to do about it")
+    appliance.wait_log("Run 'systemctl daemon-reload'")
     appliance.good("systemctl", "daemon-reload")
     appliance.start()
 

@@ -94,4 +94,8 @@ def configured_volumes(settings):
         raise Problem("quarrowctl check", f"It ended with {status} and did not list the volumes",
                       "Run 'quarrowctl check' as this user, and correct what it says") from None
     wanted = settings.volume or volumes
+    for name in wanted:
+        if name not in volumes:
+            raise Unusable(settings.place, f"There is no volume '{name}' in the daemon's configuration",
+                           "Correct 'volume', or remove it: what is left out here is hidden in the fleet")
     return {name: os.fsencode(root).rstrip(b"/") for name, root in volumes.items() if name in wanted}

@@ -130,3 +130,13 @@ def test_a_refused_configuration_hides_nothing(world):
     world.write("host.xml", "<QuarrowHost><Volumes/></QuarrowHost")
     world.bad(1, "quarrowctl check", "did not list the volumes", "Run 'quarrowctl check'")
     assert world.server.volumes() == before
+
+
+def test_a_misspelt_volume_hides_nothing(world):
+    world.volume("Media")
+    world.good()
+    before, attempts = world.server.volumes(), world.server.attempts
+    world.configure("volume = Meda")
+    for options in ([], ["--check"], ["--follow"]):
+        world.bad(2, "push.conf", "no volume 'Meda'", "Correct 'volume'", options=options)
+    assert (world.server.volumes(), world.server.attempts) == (before, attempts)

@@ -20,6 +20,10 @@ WRAP = 1 << 32
 QUICK = {"timeout": 10, "patience": 30, "pause": 0.02, "longest_pause": 0.1}
 
 
+def has_address_sanitizer():
+    return "libasan" in subprocess.run(["ldd", QUARROWCTL], capture_output=True, text=True, check=True).stdout
+
+
 class Result:
     def __init__(self, process):
         self.status = process.returncode

@@ -110,7 +110,8 @@ def check_url(settings, url):
     except ValueError:
         good = False
     if not good or "@" in url or parts.path not in ("", "/") or parts.query or parts.fragment or not url.isascii():
-        raise Unusable(settings.place, f"'{url[:PRINTED_LIMIT]}' is no address of a server",
+        shown = url.rpartition("@")[2]  # what stands before may be a password
+        raise Unusable(settings.place, f"'{shown[:PRINTED_LIMIT]}' is no address of a server",
                        "Write https://HOST:PORT, and the password into a file of its own")
     if parts.scheme == "http" and settings.plain_http == "no" and not is_loopback(parts.hostname):
         raise Unusable(settings.place, f"'{url}' would send the password and all names in the clear",

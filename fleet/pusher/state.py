@@ -1,6 +1,7 @@
 """What the pusher has to remember: how far the fleet has the changes of this appliance.
 
-It is one file, replaced in one step. Its first line is a checksum of the second, which is JSON.
+It is one file, replaced in one step. Its first line is a checksum of the second, which is JSON. The file `lock` has the greatest
+number as well, and outlives a state that is removed.
 """
 import contextlib
 import fcntl
@@ -15,6 +16,7 @@ from pusher.problem import Problem, Unusable, reason_of
 
 FORMAT = 1
 ASKED = "asked-"  # what folders with a copy of the cursor begin with
+LONGEST_NUMBER = 20
 SENT_ANEW = "everything is sent anew then, and replaces what the fleet has of this appliance"
 
 
@@ -53,6 +55,7 @@ class State:
                            "Name a folder with 'state' that this user may write to") from None
 
     def load(self):
+        self.number = self.given_number()
         try:
             with open(self.path, "rb") as file:
                 checksum, _, content = file.read().partition(b"\n")
@@ -68,10 +71,12 @@ class State:
                 raise ValueError
         except (ValueError, KeyError, AttributeError):
             raise Unusable(self.path, "The state is damaged, or that of another release",
-                           f"Put back a copy, or remove it: {SENT_ANEW}") from None
+                           f"Remove it: {SENT_ANEW}") from None
         if fields["appliance"] != self.appliance:
             raise Unusable(self.path, f"The state is that of appliance '{fields['appliance']}', not '{self.appliance}'",
                            "Set 'appliance' to the former name, or remove the state: everything is sent under the new name then")
+        if fields["number"] < self.number:
+            raise Unusable(self.path, "The state is an older copy: what was sent since is unknown to it", f"Remove it: {SENT_ANEW}")
         vars(self).update(fields)
 
     def fields(self):
@@ -126,7 +131,20 @@ class State:
         it goes on growing when the state was lost."""
         self.number = max(self.number + 1, time.time_ns() // 1_000_000)
         self.store()
+        self.keep_number()
         return self.number
+
+    def given_number(self):
+        """The greatest number as the lock has it, or 0."""
+        content = os.pread(self.lock, LONGEST_NUMBER, 0)
+        return int(content) if content.isdigit() else 0
+
+    def keep_number(self):
+        """Comes after the state: where this is cut short, the state has the greater number, which is allowed."""
+        try:
+            os.pwrite(self.lock, b"%d" % self.number, 0)
+        except OSError as failure:
+            raise not_stored(os.path.join(self.folder, "lock"), failure) from None
 
 
 def not_stored(path, failure):

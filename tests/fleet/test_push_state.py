@@ -2,6 +2,7 @@
 import hashlib
 import json
 import os
+import shutil
 
 import pytest
 from push_world import seeded
@@ -40,12 +41,41 @@ def test_a_damaged_state_is_left_as_it_is(world):
     for broken in (b"", content[:-20], b"qc1.0\n", flipped(content), content + b"x"):
         with open(path, "wb") as file:
             file.write(broken)
-        world.bad(2, path, "The state is damaged", "remove it: everything is sent anew then")
+        world.bad(2, path, "The state is damaged", "Remove it: everything is sent anew then")
         with open(path, "rb") as file:
             assert file.read() == broken
     assert world.server.attempts == attempts
     os.unlink(path)
     world.good()
+    world.assert_complete()
+
+
+def test_an_older_copy_of_the_state_is_refused(world):
+    """Its generation is one that does not count any more: rows that came under it would be lost."""
+    volume = world.volume()
+    world.good()
+    path = f"{world.state_folder}/state"
+    shutil.copy(path, world.path("copy"))
+    volume.make_anew(20)
+    assert world.run().status == 0
+    volume.add("new")
+    os.rename(world.path("copy"), path)
+    attempts = world.server.attempts
+    for _ in range(2):
+        world.bad(2, path, "The state is an older copy", "Remove it: everything is sent anew then")
+    assert world.server.attempts == attempts
+    os.unlink(path)
+    world.good()
+    world.assert_complete()
+
+
+def test_numbers_go_on_growing_when_the_state_was_removed_while_the_clock_is_behind(world):
+    world.volume()
+    world.good()
+    number = world.state()["number"]
+    os.unlink(f"{world.state_folder}/state")
+    assert world.run(environment=offset(-3 * 86400)).status == 0
+    assert world.state()["number"] > number
     world.assert_complete()
 
 
@@ -138,7 +168,7 @@ def test_a_state_that_was_lost_while_the_clock_was_behind(world):
     """The new rows count as soon as the clock is right."""
     volume = world.volume()
     world.good()
-    os.unlink(f"{world.state_folder}/state")
+    shutil.rmtree(world.state_folder)
     assert world.run(environment=offset(-3 * 86400)).status == 0
     volume.add("new")
     assert world.run().status == 0

@@ -14,26 +14,26 @@ TRUNCATE TABLE quarrow.purged_folders_shard;
 INSERT INTO quarrow.former_generations_shard (appliance, volume, generation)
 SELECT appliance, volume, generation
 FROM (SELECT DISTINCT appliance, volume, generation FROM quarrow.files_shard)
-ANY INNER JOIN (SELECT appliance, volume, generation AS valid FROM quarrow.volumes_shard FINAL) USING (appliance, volume)
+ALL INNER JOIN (SELECT appliance, volume, generation AS valid FROM quarrow.volumes_shard FINAL) USING (appliance, volume)
 WHERE generation < valid;
 
 INSERT INTO quarrow.former_generations_shard (appliance, volume, generation)
 SELECT appliance, volume, generation
 FROM (SELECT DISTINCT appliance, volume, generation FROM quarrow.folders_shard)
-ANY INNER JOIN (SELECT appliance, volume, generation AS valid FROM quarrow.volumes_shard FINAL) USING (appliance, volume)
+ALL INNER JOIN (SELECT appliance, volume, generation AS valid FROM quarrow.volumes_shard FINAL) USING (appliance, volume)
 WHERE generation < valid;
 
 INSERT INTO quarrow.purged_files_shard (appliance, volume, generation, id)
 SELECT appliance, volume, generation, id
 FROM (SELECT appliance, volume, generation, id, last_updated_time FROM quarrow.files_shard FINAL WHERE deleted = 1)
-ANY INNER JOIN (SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL)
+ALL INNER JOIN (SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL)
 USING (appliance, volume, generation)
 WHERE last_updated_time < purged_before;
 
 INSERT INTO quarrow.purged_folders_shard (appliance, volume, generation, id)
 SELECT appliance, volume, generation, id
 FROM (SELECT appliance, volume, generation, id, last_updated_time FROM quarrow.folders_shard FINAL WHERE deleted = 1)
-ANY INNER JOIN (SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL)
+ALL INNER JOIN (SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL)
 USING (appliance, volume, generation)
 WHERE last_updated_time < purged_before;
 

@@ -208,7 +208,7 @@ FROM
     FROM quarrow.files_shard FINAL
     WHERE deleted = 1
 )
-ANY INNER JOIN
+ALL INNER JOIN
 (
     SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL
 )
@@ -240,7 +240,7 @@ FROM
     FROM quarrow.folders_shard FINAL
     WHERE deleted = 1
 )
-ANY INNER JOIN
+ALL INNER JOIN
 (
     SELECT appliance, volume, generation, purged_before FROM quarrow.volumes_shard FINAL
 )

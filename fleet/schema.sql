@@ -264,7 +264,7 @@ ENGINE = Distributed(quarrow, quarrow, gone_folders_shard);
 
 -- Sums, taken by totals.sql: of each volume, folder right below its root (the empty text: the root itself) and category. A sum
 -- over all files of a fleet cannot be had while one waits, and growth wants to know what was before.
---   taken  when, in seconds since 1970
+--   taken  when, in seconds since 1970. Two runs of totals.sql within a second are one: readers ask with FINAL
 CREATE TABLE IF NOT EXISTS quarrow.totals_shard
 (
     appliance String,
@@ -275,7 +275,7 @@ CREATE TABLE IF NOT EXISTS quarrow.totals_shard
     files UInt64,
     bytes Int64
 )
-ENGINE = MergeTree
+ENGINE = ReplacingMergeTree
 PARTITION BY toYYYYMM(toDateTime(taken))
 ORDER BY (appliance, volume, taken, folder, category);
 

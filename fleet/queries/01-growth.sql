@@ -6,7 +6,7 @@ SELECT
     folder,
     sum(if(taken = latest, toInt64(files), 0)) - sum(if(taken = earlier, toInt64(files), 0)) AS more_files,
     sum(if(taken = latest, bytes, 0)) - sum(if(taken = earlier, bytes, 0)) AS more_bytes
-FROM quarrow.totals
+FROM quarrow.totals FINAL
 GLOBAL ALL INNER JOIN
 (
     SELECT

@@ -1,4 +1,7 @@
 """fleet/retention.sql and fleet/totals.sql: what they remove, what they leave, what they count."""
+import time
+
+from quarrow_driver.waiting import wait_for
 from test_fleet_schema import G, NOW, file_row, folder_row, volume_row
 
 IDS = "SELECT generation, id FROM quarrow.{} ORDER BY generation, id"
@@ -69,5 +72,34 @@ def test_totals_are_those_of_the_live_files(fleet):
     fleet.insert("files", [file_row(2, path="/Films/deep/b.jpg", size=21, version=2)])
     fleet.everywhere("totals.sql")
     assert fleet.rows("SELECT appliance, folder, category, files, bytes FROM quarrow.totals ORDER BY appliance, folder, category") == [
-        [b"a", b"", b"image", b"1", b"40"], [b"a", b"Films", b"audio", b"1", b"80"], [b"a", b"Films", b"image", b"2", b"31"],
-        [b"b", b"Films", b"image", b"1", b"2199023255552"]]
+        [b"a", b"", b"image", b"1", b"40"], [b"a", b"", b"other", b"0", b"0"], [b"a", b"Films", b"audio", b"1", b"80"],
+        [b"a", b"Films", b"image", b"2", b"31"], [b"b", b"", b"other", b"0", b"0"], [b"b", b"Films", b"image", b"1", b"2199023255552"]]
+
+
+def test_totals_of_a_volume_that_was_emptied_or_hidden_are_none(fleet):
+    fleet.insert("volumes", [volume_row(volume=volume) for volume in ("Emptied", "Hidden", "Kept")])
+    fleet.insert("files", [file_row(number, volume=volume, path=f"/x/{number}", size=100)
+                           for volume in ("Emptied", "Hidden", "Kept") for number in (1, 2)])
+    week_ago = int(time.time()) - 8 * 86400
+    fleet.insert("totals", [("a", volume, week_ago, "x", "image", 1, 1) for volume in ("Emptied", "Hidden", "Kept")],
+                 user=fleet.login("admin"))
+    fleet.everywhere("totals.sql")
+    assert fleet.answers("05-capacity")[0][:4] == [b"image", b"6", b"600", b"1"]
+    assert [line[1] for line in fleet.answers("01-growth")] == [b"Emptied", b"Hidden", b"Kept"]
+    fleet.insert("files", [file_row(number, volume="Emptied", path=f"/x/{number}", size=100, deleted=1, version=2) for number in (1, 2)])
+    fleet.insert("volumes", [volume_row(volume="Hidden", generation=G + 1, updated=2)])  # of which there is no row
+    wait_for(lambda: time.time() >= fleet.number("SELECT max(taken) FROM quarrow.totals") + 1, "another second")
+    fleet.everywhere("totals.sql")
+    assert [line[:4] for line in fleet.answers("05-capacity")] == [[b"image", b"2", b"200", b"1"]]
+    assert [line[1] for line in fleet.answers("01-growth")] == [b"Kept"]
+
+
+def test_totals_that_are_taken_twice_within_a_second_count_once(fleet):
+    fleet.insert("volumes", [volume_row()])
+    fleet.insert("files", [file_row(number, path=f"/x/{number}", size=100) for number in (1, 2)])
+    now = int(time.time())
+    fleet.insert("totals", [("a", "V", now - 8 * 86400, "x", "image", 1, 150)], user=fleet.login("admin"))
+    for _ in range(2):
+        fleet.insert("totals", [("a", "V", now, "x", "image", 2, 200)], user=fleet.login("admin"))
+    assert [line[:4] for line in fleet.answers("05-capacity")] == [[b"image", b"2", b"200", b"1"]]
+    assert fleet.answers("01-growth") == [[b"a", b"V", b"x", b"1", b"50"]]

@@ -1,6 +1,6 @@
 -- Which file lies on several appliances? The same name and size, from 100 MB, by what the copies beyond the first take.
--- First the sizes that come into question: the thousand that seem to take most, by rows of whatever version. Then the names of
--- these rows, and then what these names are now.
+-- First the sizes that come into question, by rows of whatever version. Then the names of these rows, and then what these names
+-- are now.
 SELECT
     name,
     size,
@@ -17,8 +17,6 @@ PREWHERE name GLOBAL IN
         PREWHERE size >= 100000000 AND deleted = 0
         GROUP BY size
         HAVING min(cityHash64(appliance)) != max(cityHash64(appliance))
-        ORDER BY size * (count() - 1) DESC
-        LIMIT 1000
     )
 )
 WHERE size >= 100000000 AND deleted = 0

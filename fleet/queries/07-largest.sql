@@ -1,4 +1,7 @@
--- Which files are the largest? First the names of the thousand largest rows of whatever version; then what these names are now.
+-- Which files are the largest?
+-- From inside out: the rows of the largest sizes, of whatever version; of these the thousand largest that seem to be there; what
+-- these are now. The twentieth of them is a size that the answer does not fall below: whatever ever had it comes into question.
+-- Where so few are left that there is no twentieth, everything does, which takes as long as the totals.
 SELECT
     appliance,
     volume,
@@ -9,7 +12,31 @@ FROM quarrow.files FINAL
 PREWHERE name GLOBAL IN
 (
     SELECT name FROM quarrow.files
-    PREWHERE size >= (SELECT min(size) FROM (SELECT size FROM quarrow.files WHERE deleted = 0 ORDER BY size DESC LIMIT 1000))
+    PREWHERE size >=
+    (
+        SELECT if(count() < 20, toInt64(-9223372036854775808), min(size))
+        FROM
+        (
+            SELECT size
+            FROM quarrow.files FINAL
+            PREWHERE name GLOBAL IN
+            (
+                SELECT name
+                FROM quarrow.files
+                PREWHERE size >= (SELECT min(size) FROM (SELECT size FROM quarrow.files ORDER BY size DESC LIMIT 20000))
+                WHERE (appliance, volume, generation) GLOBAL IN
+                    (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)
+                GROUP BY appliance, volume, generation, id, name
+                HAVING argMax(deleted, version) = 0
+                ORDER BY max(size) DESC
+                LIMIT 1000
+            )
+            WHERE deleted = 0
+                AND (appliance, volume, generation) GLOBAL IN (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)
+            ORDER BY size DESC
+            LIMIT 20
+        )
+    )
 )
 WHERE deleted = 0
     AND (appliance, volume, generation) GLOBAL IN (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)

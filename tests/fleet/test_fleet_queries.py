@@ -104,6 +104,42 @@ def test_the_largest_files_as_they_are_now(fleet):
     assert answer[0][3] == str(2**41)
 
 
+def of_one(number, size, **more):
+    return file_row(number, "a", size=size, name=f"{number}", path=f"/{number}", **more)
+
+
+@pytest.mark.parametrize("count", [1_100, 21_000])
+def test_the_largest_files_after_so_many_larger_ones_vanished(fleet, count):
+    three_boxes(fleet)
+    fleet.insert("files", [of_one(number, HUGE + number) for number in range(count)] + [of_one(10**6 + number, number) for number in range(30)])
+    fleet.insert("files", [of_one(number, HUGE + number, deleted=1, version=2) for number in range(count)])
+    assert [int(line[3]) for line in words(fleet.answers("07-largest"))] == list(range(29, 9, -1))
+
+
+@pytest.mark.parametrize("left, generation", [(0, G), (1, G), (HUGE, G - 1)])
+def test_the_largest_files_after_larger_ones_shrank_or_were_listed_anew(fleet, left, generation):
+    three_boxes(fleet)
+    rows = [of_one(number, HUGE + number, generation=generation) for number in range(1_100)]
+    fleet.insert("files", rows + [of_one(10**6 + number, 10 + number) for number in range(30)])
+    fleet.insert("files", [of_one(number, left, generation=generation, version=2) for number in range(1_100)])
+    assert [int(line[3]) for line in words(fleet.answers("07-largest"))] == list(range(39, 19, -1))
+
+
+def test_the_largest_of_fewer_than_twenty(fleet):
+    three_boxes(fleet)
+    assert fleet.answers("07-largest") == []
+    fleet.insert("files", [of_one(number, number) for number in range(3)])
+    assert [int(line[3]) for line in words(fleet.answers("07-largest"))] == [2, 1, 0]
+
+
+def test_the_same_file_when_many_that_seemed_so_vanished(fleet):
+    three_boxes(fleet)
+    rows = [file_row(number, appliance, name=f"{number}", size=2 * HUGE + number) for number in range(1_100) for appliance in "ab"]
+    fleet.insert("files", rows + [file_row(9_999, appliance, name="film.mkv", size=HUGE) for appliance in "ab"])
+    fleet.insert("files", [(*row[:12], 1, 2) for row in rows])
+    assert [line[0] for line in words(fleet.answers("02-same-file"))] == ["film.mkv"]
+
+
 def test_where_a_name_is_and_was(fleet):
     three_boxes(fleet)
     fleet.insert("files", [file_row(1, appliance, name="IMG_0001.JPG") for appliance in "abc"])

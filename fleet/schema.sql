@@ -1,7 +1,8 @@
 -- What a fleet of appliances keeps in ClickHouse. Run it on every server of the cluster `quarrow`, as an administrator:
 --
---     clickhouse-client --multiquery < schema.sql
+--     clickhouse-client --user=admin --password=... --multiquery < schema.sql
 --
+-- or with user and password in the file ~/.clickhouse-client/config.xml, where other users do not see them.
 -- Each table NAME_shard holds the rows of a server's own appliances. The Distributed table NAME reaches all of them: fleet/push
 -- writes to it, and readers ask it, or rather the views below it. All rows of an appliance are on one server, so a view joins
 -- rows on the server where they lie, and only answers travel.
@@ -149,7 +150,7 @@ CREATE TABLE IF NOT EXISTS quarrow.appliances
 ENGINE = Distributed(quarrow, quarrow, appliances_shard, cityHash64(appliance));
 
 -- What is there: the rows of the generation that counts, each as it was last told. Quick for one appliance, or a few; over all
--- of them FINAL costs seconds for every million rows: queries/ shows how to ask all of them.
+-- of them FINAL costs seconds for every ten million rows: queries/ shows how to ask all of them.
 
 CREATE VIEW IF NOT EXISTS quarrow.live_files_shard AS
 SELECT appliance, volume, generation, id, folder_id, path, name, category, size, created_time, modified_time,
@@ -306,17 +307,19 @@ CREATE TABLE IF NOT EXISTS quarrow.purged_files_shard
     appliance String,
     volume String,
     generation UInt64,
-    id Int64
+    id Int64,
+    version UInt64
 )
 ENGINE = MergeTree
-ORDER BY (appliance, volume, generation, id);
+ORDER BY (appliance, volume, generation, id, version);
 
 CREATE TABLE IF NOT EXISTS quarrow.purged_folders_shard
 (
     appliance String,
     volume String,
     generation UInt64,
-    id Int64
+    id Int64,
+    version UInt64
 )
 ENGINE = MergeTree
-ORDER BY (appliance, volume, generation, id);
+ORDER BY (appliance, volume, generation, id, version);

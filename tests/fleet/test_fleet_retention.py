@@ -1,6 +1,8 @@
 """fleet/retention.sql and fleet/totals.sql: what they remove, what they leave, what they count."""
 import time
 
+from demo.cluster import statements
+from fleet_world import TOP
 from quarrow_driver.waiting import wait_for
 from test_fleet_schema import G, NOW, file_row, folder_row, volume_row
 
@@ -44,6 +46,29 @@ def test_purged_rows_go_with_all_their_versions(fleet):
     fleet.everywhere("retention.sql")  # again, with nothing to do
     fleet.wait_removed()
     assert pairs(fleet, RAW, "files") == [(0, 2), (0, 3), (0, 4)]
+
+
+def test_a_file_that_comes_back_while_rows_are_chosen_stays(fleet):
+    fleet.insert("volumes", [volume_row(purged_before=NOW + 20)])
+    fleet.insert("files", [file_row(number) for number in (1, 2)])
+    fleet.insert("folders", [folder_row(number) for number in (1, 2)])
+    fleet.insert("files", [file_row(number, deleted=1, updated=NOW + 10, version=2) for number in (1, 2)])
+    fleet.insert("folders", [folder_row(number, deleted=1, updated=NOW + 10, version=2) for number in (1, 2)])
+    steps = statements(f"{TOP}/fleet/retention.sql")
+    choosing = [step for step in steps if not step.startswith("ALTER")]
+    removing = steps[len(choosing):]
+    assert removing and all(step.startswith("ALTER") for step in removing)
+    for part in (choosing, removing):
+        for server in fleet.servers:
+            for step in part:
+                server.query(step)
+        if part is choosing:
+            fleet.insert("files", [file_row(1, updated=NOW + 30, version=3)])
+            fleet.insert("folders", [folder_row(1, updated=NOW + 30, version=3)])
+    fleet.wait_removed()
+    for table in ("files", "folders"):
+        assert fleet.rows(f"SELECT id, version FROM quarrow.{table}") == [[b"1", b"3"]]
+        assert pairs(fleet, IDS, f"live_{table}") == [(0, 1)]
 
 
 def test_retention_changes_nothing_that_readers_see(fleet):

@@ -162,10 +162,12 @@ def test_listings_that_are_not_through(fleet):
     fleet.insert("volumes", [volume_row("a"), volume_row("b")])
     fleet.insert("folders", [folder_row(number, appliance, path=f"/{number}") for appliance in "ab" for number in range(9)])
     fleet.insert("folders", [folder_row(number, "b", generation=G + 60_000, path=f"/{number}") for number in range(4)] * 2)
+    fleet.insert("files", [file_row(number, "b", generation=G + generation) for generation in (0, 60_000) for number in range(3)])
     fleet.insert("folders", [folder_row(1, "new", generation=G + 1)])
-    began = time.strftime("%Y-%m-%d %H:%M:%S", time.gmtime(G // 1000 + 60))
-    assert words(fleet.answers("10-listings")) == [["new", "V", "the first", time.strftime("%Y-%m-%d %H:%M:%S", time.gmtime(G // 1000)), "1"],
-                                                   ["b", "V", "anew", began, "4"]]
+    fleet.insert("files", [file_row(number, "newer", generation=G + 120_000) for number in (1, 2)])  # of which no folder has come yet
+    began = [time.strftime("%Y-%m-%d %H:%M:%S", time.gmtime(G // 1000 + later)) for later in (0, 60, 120)]
+    assert words(fleet.answers("10-listings")) == [["new", "V", "the first", began[0], "1", "0"], ["b", "V", "anew", began[1], "4", "3"],
+                                                   ["newer", "V", "the first", began[2], "0", "2"]]
 
 
 def test_there_are_ten_and_each_says_what_it_asks():

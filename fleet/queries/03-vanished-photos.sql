@@ -8,6 +8,7 @@ SELECT
     uniqExact(appliance) AS appliances,
     toDateTime(max(last_updated_time)) AS found_gone
 FROM quarrow.files FINAL
+GLOBAL ALL INNER JOIN (SELECT appliance, volume, generation, purged_before FROM quarrow.volumes FINAL) USING (appliance, volume, generation)
 PREWHERE cityHash64(appliance, id) GLOBAL IN
 (
     SELECT cityHash64(appliance, id) FROM quarrow.files
@@ -17,8 +18,7 @@ PREWHERE cityHash64(appliance, id) GLOBAL IN
         PREWHERE last_updated_time >= toUnixTimestamp(now()) - 7 * 86400 AND deleted = 1 AND category = 'image'
     )
 )
-WHERE category = 'image'
-    AND (appliance, volume, generation) GLOBAL IN (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)
+WHERE category = 'image' AND (deleted = 0 OR last_updated_time >= purged_before)
 GROUP BY name, size
 HAVING min(deleted) = 1 AND max(last_updated_time) >= toUnixTimestamp(now()) - 7 * 86400
 ORDER BY found_gone DESC, name, size

@@ -1,5 +1,6 @@
 -- What is new? The newest files that were catalogued, or came back, in the last day.
--- created_time never falls while a row lives, so what is asked before FINAL loses no newer version.
+-- created_time is asked before FINAL, as it grows when a file comes back. Where the clock of an appliance was set back it fell:
+-- then an older version can come to light as long as its time is within the day.
 SELECT
     appliance,
     volume,

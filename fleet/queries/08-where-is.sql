@@ -7,7 +7,8 @@ SELECT
     if(deleted = 1, 'gone', 'there') AS state,
     toDateTime(last_updated_time) AS since
 FROM quarrow.files FINAL
+GLOBAL ALL INNER JOIN (SELECT appliance, volume, generation, purged_before FROM quarrow.volumes FINAL) USING (appliance, volume, generation)
 PREWHERE name = 'IMG_0001.JPG'
-WHERE (appliance, volume, generation) GLOBAL IN (SELECT appliance, volume, generation FROM quarrow.volumes FINAL)
+WHERE deleted = 0 OR last_updated_time >= purged_before
 ORDER BY deleted, appliance, volume, path
 LIMIT 100

@@ -147,6 +147,19 @@ def test_where_a_name_is_and_was(fleet):
     assert [[line[0], line[4]] for line in words(fleet.answers("08-where-is"))] == [["a", "there"], ["c", "there"], ["b", "gone"]]
 
 
+@pytest.mark.parametrize("name", ["03-vanished-photos", "08-where-is", "09-deletions"])
+def test_what_is_purged_is_hidden_before_it_is_removed(fleet, now, name):
+    three_boxes(fleet)
+    fleet.insert("files", [file_row(1, "a", name="IMG_0001.JPG", updated=now - 2 * DAY, deleted=1),
+                           file_row(1, "b", name="IMG_0001.JPG", updated=now - 4 * DAY, deleted=1)])
+    assert any(b"b" in line or b"2" in line for line in fleet.answers(name))
+    fleet.insert("volumes", [volume_row(appliance, purged_before=now - 3 * DAY, updated=2) for appliance in "abc"])
+    [line] = fleet.answers(name)
+    assert b"b" not in line and b"2" not in line
+    fleet.insert("volumes", [volume_row(appliance, purged_before=now - DAY, updated=3) for appliance in "abc"])
+    assert fleet.answers(name) == []
+
+
 def test_the_folders_with_most_deletions(fleet, now):
     three_boxes(fleet)
     gone = [("a", "/x", 3, DAY), ("b", "/x/y", 5, 2 * DAY), ("b", "", 2, DAY), ("c", "/old", 9, 8 * DAY)]

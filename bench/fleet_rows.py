@@ -50,8 +50,8 @@ VOLUMES = """
 INSERT INTO quarrow.volumes_shard (appliance, volume, generation, identity, purged_before, updated)
 SELECT DISTINCT appliance, volume, generation, '', 0, 1 FROM quarrow.files_shard"""
 APPLIANCES = """
-INSERT INTO quarrow.appliances_shard (appliance, last_contact, cursor, software, updated)
-SELECT DISTINCT appliance, toUnixTimestamp(now()) - cityHash64(appliance) % 100000, 'c', 'quarrowctl', 1 FROM quarrow.files_shard"""
+INSERT INTO quarrow.appliances_shard (appliance, last_contact, cursor, software, updated, received)
+SELECT DISTINCT appliance, toUnixTimestamp(now()), 'c', 'quarrowctl', 1, now() - cityHash64(appliance) % 100000 FROM quarrow.files_shard"""
 SUMS_OF_LAST_WEEK = """
 INSERT INTO quarrow.totals_shard (appliance, volume, taken, folder, category, files, bytes)
 SELECT appliance, volume, taken - 8 * 86400, folder, category, intDiv(files, 2), intDiv(bytes, 2) FROM quarrow.totals_shard"""

@@ -81,13 +81,15 @@ ORDER BY (appliance, volume);
 --   cursor        up to where the fleet has its changes: one word, of `quarrowctl changes`
 --   software      what runs there, in words
 --   updated       as for volumes
+--   received      when the row came, by the server's clock: pushers do not name it
 CREATE TABLE IF NOT EXISTS quarrow.appliances_shard
 (
     appliance String,
     last_contact Int64,
     cursor String,
     software String,
-    updated UInt64
+    updated UInt64,
+    received DateTime DEFAULT now()
 )
 ENGINE = ReplacingMergeTree(updated)
 ORDER BY appliance;
@@ -145,7 +147,8 @@ CREATE TABLE IF NOT EXISTS quarrow.appliances
     last_contact Int64,
     cursor String,
     software String,
-    updated UInt64
+    updated UInt64,
+    received DateTime DEFAULT now()
 )
 ENGINE = Distributed(quarrow, quarrow, appliances_shard, cityHash64(appliance));
 

@@ -1,10 +1,10 @@
--- Which appliances went silent? Those that have not pushed for a day.
+-- Which appliances went silent? Those of which nothing has come for a day, by the servers' clocks: an appliance's own may be wrong.
 SELECT
     appliance,
-    toDateTime(last_contact) AS last_contact_at,
-    intDiv(toUnixTimestamp(now()) - last_contact, 3600) AS hours_ago,
+    received AS last_came,
+    intDiv(toUnixTimestamp(now()) - toUnixTimestamp(received), 3600) AS hours_ago,
     software
 FROM quarrow.appliances FINAL
-WHERE last_contact < toUnixTimestamp(now()) - 86400
-ORDER BY last_contact, appliance
+WHERE received < now() - 86400
+ORDER BY received, appliance
 LIMIT 100

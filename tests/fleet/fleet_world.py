@@ -82,10 +82,13 @@ class Box:
         self.folder = os.path.join(fleet.folder, name)
         os.makedirs(self.folder)
         self.volumes = [Volume(self, volume, files) for volume in volumes]
-        config = self.path("host.xml")
-        with open(config, "w", encoding="utf-8") as file:
+        with open(self.path("host.xml"), "w", encoding="utf-8") as file:
             file.write(host_configuration([volume_element(volume.name, volume.root) for volume in self.volumes]))
-        self.pusher = Pusher(self.path("pusher"), name, fleet, QUARROWCTL, config,
+        self.set_up(**settings)
+
+    def set_up(self, **settings):
+        """Gives it a pusher with these settings, which goes on from the state of the one before."""
+        self.pusher = Pusher(self.path("pusher"), self.name, self.fleet, QUARROWCTL, self.path("host.xml"),
                              **{"pause": 0.02, "longest_pause": 0.1, "timeout": 20, **settings})
 
     def path(self, name):

@@ -26,12 +26,12 @@ def main():
     try:
         settings = read_settings(options.config)
         settings.password()
-        state = State(settings.state, settings.appliance)
-        state.take_lock()
-        state.load()
         server = Server(settings, is_patient=options.follow)
         if options.check:
             return check(settings, server)
+        state = State(settings.state, settings.appliance)
+        state.take_lock()
+        state.load()
         return follow(settings, state, server) if options.follow else once(settings, state, server, options.full)
     except Problem as problem:
         say(problem)

@@ -8,6 +8,7 @@ import fcntl
 import hashlib
 import json
 import os
+import pwd
 import shutil
 import tempfile
 import time
@@ -48,6 +49,7 @@ class State:
             os.makedirs(self.folder, mode=0o700, exist_ok=True)
             self.lock = os.open(path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
             fcntl.flock(self.lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            self.check_owner()
         except BlockingIOError:
             raise Unusable(path, "Another pusher is at work with this state", "Wait for its end, or stop it") from None
         except OSError as failure:
@@ -56,6 +58,16 @@ class State:
 
     def load(self):
         self.number = self.given_number()
+    def check_owner(self):
+        """Root may write to everybody's folder, but what it leaves there is closed to the owner."""
+        owner = os.stat(self.folder).st_uid
+        if owner != os.geteuid():
+            try:
+                name = pwd.getpwuid(owner).pw_name
+            except KeyError:
+                name = f"#{owner}"
+            raise Unusable(self.folder, f"The state is that of user {name}", f"Run this as its owner: runuser -u {name} -- ...")
+
         try:
             with open(self.path, "rb") as file:
                 checksum, _, content = file.read().partition(b"\n")

@@ -1,4 +1,5 @@
 """What can go wrong with the state of the pusher: it is never overwritten by less. And with the clock."""
+import fcntl
 import hashlib
 import json
 import os
@@ -128,6 +129,28 @@ def test_a_folder_that_cannot_hold_a_state(world):
     world.volume()
     world.configure(state="/proc/push")
     world.bad(2, "/proc/push", "The state cannot be kept here", "Name a folder with 'state'")
+
+
+def test_a_state_of_another_user(world):
+    """Root could write it, and its owner could not read it then."""
+    world.volume()
+    world.good()
+    os.chown(world.state_folder, 65534, 65534)
+    before = world.state(), world.server.attempts
+    for options in ([], ["--full"], ["--follow"]):
+        world.bad(2, world.state_folder, "that of user nobody", "runuser -u nobody --", options=options)
+    assert (world.state(), world.server.attempts) == before
+    assert world.good("--check")
+
+
+def test_a_check_beside_another_pusher_or_a_damaged_state(world):
+    world.volume()
+    world.good()
+    with open(f"{world.state_folder}/lock", "rb") as lock, open(f"{world.state_folder}/state", "ab") as state:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        state.write(b"x")
+        state.flush()
+        world.good("--check")
 
 
 def test_two_pushers_at_once(world):

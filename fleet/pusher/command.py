@@ -89,6 +89,7 @@ def catch_up(push, is_full):
     """One listing of what has changed, and one of all rows of the volumes that need it. Then again one of what has changed, for
     its status: that of the first says only that a restart was needed."""
     push.roots = configured_volumes(push.settings)
+    push.settle()
     push.leave(sorted(push.state.volumes.keys() - push.roots.keys()))
     status = list_changes(push, ["--full"] if is_full else [], push.settings.volume)
     due = sorted((push.unknown | set(push.state.opened)) & push.roots.keys())

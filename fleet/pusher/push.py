@@ -141,6 +141,8 @@ class Push:
         told, rows = dict(self.state.told), []
         for volume, generation in generations.items():
             root = self.roots.get(volume)
+            if volume in self.state.opened and volume not in self.listed:
+                continue  # another generation takes its place soon
             before, sent = told.get(volume, ([0, "", 0], 0))
             _, identity, purged = before
             if root and volume in self.listed:
@@ -172,6 +174,20 @@ class Push:
             self.forget()
 
     def contact(self):
+    def has_jumped(self):
+        """Whether the clock has jumped ahead for the first time since the state began."""
+        state = self.state
+        return not state.settled and bool(state.volumes) and time.time() * 1000 - state.number > MILLISECONDS_OF_A_DAY
+
+    def settle(self):
+        """Where the state was lost while the clock was behind, former generations are greater, and the servers may have removed
+        the rows of ours as those of a former one. So each volume is listed in full again when the clock is put right. That a
+        machine was off for a day looks the same, and costs one listing."""
+        if self.has_jumped():
+            self.state.opened = sorted({*self.state.opened, *self.state.volumes})
+            self.state.settled = True
+            self.state.store()
+
         """While nothing changes: the appliance is there, and these are its purges. Not in the middle of a batch."""
         if self.is_complete:
             self.state.told = self.tell_volumes(self.state.volumes)

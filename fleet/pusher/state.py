@@ -29,6 +29,7 @@ class State:
     volumes    name -> the generation that is valid
     opened     names of the volumes whose full listing was begun and is not confirmed
     told       name -> what the row in the table `volumes` says, and its number
+    settled    whether generations are certain to be greater than those of a state that was lost, see Push.settle()
     """
 
     def __init__(self, folder, appliance):
@@ -40,6 +41,7 @@ class State:
         self.volumes = {}
         self.opened = []
         self.told = {}
+        self.settled = False
         self.lock = None
 
     def take_lock(self):
@@ -93,7 +95,8 @@ class State:
 
     def fields(self):
         return {"format": FORMAT, "appliance": self.appliance, "cursor": self.cursor, "number": self.number,
-                "volumes": self.volumes, "opened": self.opened, "told": self.told}
+                "volumes": self.volumes, "opened": self.opened, "told": self.told,
+                "settled": self.settled}
 
     def store(self):
         content = json.dumps(self.fields()).encode() + b"\n"

@@ -4,6 +4,7 @@ import fcntl
 import json
 import os
 import select
+import signal
 import subprocess
 
 from pusher.problem import Problem, Unusable, reason_of
@@ -20,10 +21,16 @@ class Changes:
 
     def __init__(self, settings, arguments):
         command = [settings.quarrowctl, "changes", *arguments]
+        self.process = None
         try:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, bufsize=0)
+            with put_off(signal.SIGTERM, signal.SIGINT):
+                self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, bufsize=0)
         except OSError as failure:
             raise not_run(settings, failure) from None
+        except BaseException:
+            if self.process:
+                self.__exit__()
+            raise
         with contextlib.suppress(OSError):  # it is a matter of speed, and a machine may forbid it
             fcntl.fcntl(self.process.stdout, fcntl.F_SETPIPE_SZ, PIPE)
         self.rest = b""
@@ -61,6 +68,21 @@ class Changes:
 
     def status(self):
         return self.process.wait()
+
+
+@contextlib.contextmanager
+def put_off(*numbers):
+    """Signals that come meanwhile are handled afterwards: within Popen() they would leave a child that nobody knows. They are
+    not blocked, because a child inherits that."""
+    came = []
+    handlers = {number: signal.signal(number, lambda number, _: came.append(number)) for number in numbers}
+    try:
+        yield
+    finally:
+        for number, handler in handlers.items():
+            signal.signal(number, handler)
+        if came:
+            handlers[came[0]](came[0], None)
 
 
 def ask(settings, *arguments):

@@ -131,20 +131,33 @@ def follow(settings, state, server):
     begin = time.monotonic()
     push = Push(settings, state, server)
     try:
-        catch_up(push, False)
-        with listing(push, ["--follow"], settings.volume) as changes:
-            follow_changes(push, changes)
-            raise ended(changes.status(), False)
+        while True:
+            catch_up(push, False)
+            with listing(push, ["--follow"], settings.volume) as changes:
+                if not follow_changes(push, changes):
+                    raise ended(changes.status(), False)
+            push.forget()
     finally:
         print(push.summary(begin), flush=True)
 
 
 def follow_changes(push, changes):
-    """Returns when quarrowctl has ended."""
+    """Returns whether it is to begin anew, or quarrowctl has ended."""
     seen = time.monotonic()
     while (lines := changes.lines(max(0, seen + push.settings.contact - time.monotonic()))) is not None:
         push.take(lines)
         if time.monotonic() >= seen + push.settings.contact:
-            push.roots = configured_volumes(push.settings)
+            if push.has_jumped() or are_other_volumes(push):
+                return True
             push.contact()
             seen = time.monotonic()
+    return False
+
+
+def are_other_volumes(push):
+    """A configuration that is not in order may be about to be: the volumes of before are followed until then."""
+    try:
+        return configured_volumes(push.settings) != push.roots
+    except Problem as problem:
+        say(f"{problem} Until then the volumes stay as they were.")
+        return False

@@ -104,6 +104,39 @@ def test_an_appliance_where_nothing_changes_is_heard_of(world):
     assert len(world.server.rows("files")) == 30
 
 
+def test_volumes_that_come_and_go_while_it_follows(world):
+    kept, _ = world.volume("Kept"), world.volume("Left")
+    world.configure(contact=0.2)
+    process = world.start("--follow")
+    wait_following(process)
+    world.use([kept])
+    world.server.wait(lambda: not any(key[0] == "Left" for key in world.server.valid("files")), "the end of a volume")
+    world.volume("New")
+    world.server.wait(lambda: "New" in world.server.volumes(), "a new volume")
+    wait_following(process)
+    world.volumes[1].add("later")
+    wait_row(world, b"later")
+    assert stop(process) == ""
+    world.good()
+    world.assert_complete()
+
+
+def test_a_host_configuration_that_is_in_disorder_for_a_moment(world):
+    volume = world.volume()
+    world.configure(contact=0.2)
+    process = world.start("--follow")
+    wait_following(process)
+    world.write("host.xml", "<QuarrowHost><Volumes/></QuarrowHost")
+    contacts = len(world.server.rows("appliances"))
+    world.server.wait(lambda: len(world.server.rows("appliances")) > contacts + 3, "more contacts")
+    world.use([volume])
+    volume.add("later")
+    wait_row(world, b"later")
+    assert "did not list the volumes" in stop(process)
+    world.good()
+    world.assert_complete()
+
+
 def test_a_quarrowctl_that_is_killed_while_it_follows(world):
     world.volume()
     process = world.start("--follow")

@@ -6,7 +6,7 @@ from pusher import catalogues
 from pusher.batch import Batch
 from pusher.changes import software
 from pusher.problem import Problem
-from pusher.rows import SHAPES, is_awkward, original, restore, row_text, unwrapped
+from pusher.rows import NEVER_BEFORE_1970, SHAPES, is_awkward, original, restore, row_text, unwrapped
 
 MILLISECONDS_OF_A_DAY = 86_400_000
 
@@ -78,8 +78,9 @@ class Push:
             volume = line["volume"]
         if volume != self.volume or self.prefix is None:
             self.turn_to(volume)
-        if line["last_updated_time"] < 0:
-            line["last_updated_time"] = unwrapped(line["last_updated_time"])
+        for key in NEVER_BEFORE_1970:
+            if line[key] < 0:
+                line[key] = unwrapped(line[key])
         form, values = SHAPES[kind]
         self.batches[kind].pending.append(self.prefix + form % values(line))
 
@@ -140,9 +141,9 @@ class Push:
         number = self.batch_number()
         told, rows = dict(self.state.told), []
         for volume, generation in generations.items():
-            root = self.roots.get(volume)
             if volume in self.state.opened and volume not in self.listed:
                 continue  # another generation takes its place soon
+            root = self.roots.get(volume)
             before, sent = told.get(volume, ([0, "", 0], 0))
             _, identity, purged = before
             if root and volume in self.listed:
@@ -173,7 +174,6 @@ class Push:
             self.state.store()
             self.forget()
 
-    def contact(self):
     def has_jumped(self):
         """Whether the clock has jumped ahead for the first time since the state began."""
         state = self.state
@@ -188,6 +188,7 @@ class Push:
             self.state.settled = True
             self.state.store()
 
+    def contact(self):
         """While nothing changes: the appliance is there, and these are its purges. Not in the middle of a batch."""
         if self.is_complete:
             self.state.told = self.tell_volumes(self.state.volumes)

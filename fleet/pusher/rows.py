@@ -5,6 +5,7 @@ FILE_KEYS = ("id", "folder_id", "path", "name", "category", "size",
              "created_time", "modified_time", "last_updated_time", "deleted")
 FOLDER_KEYS = ("id", "parent_id", "path", "name", "created_time", "modified_time", "last_updated_time", "deleted")
 PREFIX_KEYS = ("appliance", "volume", "generation", "version")
+NEVER_BEFORE_1970 = ("created_time", "last_updated_time")  # an inode's change, and the writing of a row
 TEXTS = ("volume", "path", "name")
 
 #: The columns of each table, in the order of its rows here.
@@ -45,5 +46,5 @@ def restore(line):
 
 
 def unwrapped(seconds):
-    """The catalogue's times of writing have 32 bits with a sign. There was no catalogue before 1970."""
-    return seconds + (1 << 32) if seconds < 0 else seconds
+    """The daemon's times have 32 bits with a sign. Not so one that something else has written: it stays below 1970."""
+    return seconds + (1 << 32) if -(1 << 31) <= seconds < 0 else seconds

@@ -110,7 +110,8 @@ def as_sent(row):
     values = list(row)
     if len(values) == 10:
         values[4] = CATEGORIES[values[4]]
-    values[-2] += WRAP if values[-2] < 0 else 0
+    for place in (-4, -2):  # created_time, last_updated_time
+        values[place] += WRAP if -WRAP // 2 <= values[place] < 0 else 0
     return tuple(value if isinstance(value, bytes) else str(value).encode() for value in values)
 
 

@@ -59,11 +59,14 @@ def test_numbers_beyond_32_bits_and_times_after_2038(world):
     volume.add("low half of a size", size=-1073741824)
     volume.add("late", modified=5_000_000_000)
     volume.add("early", modified=-5_000_000_000)
+    volume.add("changed when 32 bits had wrapped", modified=-1_000_000_000)
     volume.add("written when 32 bits had wrapped", updated=-1_000_000_000)
     world.good()
     world.assert_complete()
     rows = {row["name"]: row for row in world.server.rows("files")}
     assert rows[b"written when 32 bits had wrapped"]["last_updated_time"] == b"3294967296"
+    assert rows[b"changed when 32 bits had wrapped"]["created_time"] == b"3294967296"
+    assert rows[b"changed when 32 bits had wrapped"]["modified_time"] == b"-1000000000"
     assert rows[b"large"]["size"] == b"9223372036854775807"
 
 

@@ -6,7 +6,7 @@ class Problem(Exception):
     """Says where, why and what to do about it. `status` is what the program ends with."""
 
     def __init__(self, place, reason, remedy, status=1):
-        super().__init__(f"{visible(place)}: {visible(reason)}. {visible(remedy)}.")
+        super().__init__(f"{visible(place)}: {visible(reason)}. {visible(remedy)}{'' if remedy.endswith('?') else '.'}")
         self.status = status
 
 

@@ -83,10 +83,11 @@ def test_a_server_that_is_down(world):
     world.good()
     cursor = world.cursor()
     volume.add("unsent")
-    with socket.create_server(("127.0.0.1", 0)) as free:
-        url = f"http://127.0.0.1:{free.getsockname()[1]}"
-    world.configure(url=[url], patience=0.3)
-    world.bad(1, url, "Connection refused", "Does the server run, and listen there?")
+    with socket.socket() as silent:
+        silent.bind(("127.0.0.1", 0))  # and does not listen
+        url = f"http://127.0.0.1:{silent.getsockname()[1]}"
+        world.configure(url=[url], patience=0.3)
+        world.bad(1, url, "Connection refused", "Does the server run, and listen there? Trying again;")
     assert world.cursor() == cursor
     world.configure()
     world.good()

@@ -6,7 +6,7 @@ import signal
 import time
 
 from pusher.changes import Changes, configured_volumes
-from pusher.problem import Problem, Stopped, say
+from pusher.problem import Problem, Stopped, say, tell
 from pusher.push import Push
 from pusher.server import Server
 from pusher.settings import read_settings
@@ -70,7 +70,7 @@ def check(settings, server):
     for url in settings.url:
         try:
             server.check(url)
-            print(f"{url}: The server takes the rows of {settings.appliance}, which has {len(volumes)} volumes.")
+            tell(f"{url}: The server takes the rows of {settings.appliance}, which has {len(volumes)} volumes.")
         except Problem as problem:
             say(problem)
             status = problem.status
@@ -81,7 +81,7 @@ def once(settings, state, server, is_full=False):
     begin = time.monotonic()
     push = Push(settings, state, server)
     status = catch_up(push, is_full)
-    print(push.summary(begin), flush=True)
+    tell(push.summary(begin))
     return status
 
 
@@ -138,7 +138,7 @@ def follow(settings, state, server):
                     raise ended(changes.status(), False)
             push.forget()
     finally:
-        print(push.summary(begin), flush=True)
+        tell(push.summary(begin))
 
 
 def follow_changes(push, changes):

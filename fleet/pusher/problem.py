@@ -1,4 +1,6 @@
 """What can go wrong, in words."""
+import contextlib
+import os
 import sys
 
 
@@ -31,4 +33,14 @@ def reason_of(failure):
 
 
 def say(text):
-    print(f"push: {text}", file=sys.stderr, flush=True)
+    with contextlib.suppress(OSError):  # nobody listens
+        print(f"push: {text}", file=sys.stderr, flush=True)
+
+
+def tell(text):
+    """Says how it went. That nobody can hear it makes it no failure."""
+    try:
+        print(text, flush=True)
+    except OSError as failure:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # where Python writes the rest at its end
+        say(f"standard output: {reason_of(failure)}")

@@ -36,9 +36,10 @@ class Settings:
     def password(self):
         """Read for each request: a corrected one counts at once."""
         try:
-            with open(self.password_file, "rb") as file:
-                status = os.fstat(file.fileno())
-                content = file.read(4096)
+            descriptor = os.open(self.password_file, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)  # a pipe would have it wait
+            with open(descriptor, "rb") as file:
+                status = os.fstat(descriptor)
+                content = file.read(4096) if stat.S_ISREG(status.st_mode) else b""
         except OSError as failure:
             raise Unusable(self.password_file, f"The password cannot be read: {reason_of(failure)}",
                            "Make the file, readable for this user alone") from None
@@ -75,6 +76,8 @@ def set_value(settings, place, line):
     key, separator, value = (part.strip() for part in line.partition("="))
     if not separator or key == "place" or key not in vars(settings):
         raise Unusable(place, f"There is no setting '{key[:PRINTED_LIMIT]}'", "Write 'key = value'; docs/fleet.md has the keys")
+    if "\0" in value:
+        raise Unusable(place, f"'{key}' has a byte 0", "Correct it")
     if not value:
         raise Unusable(place, f"'{key}' has no value", "Give it one, or remove the line")
     if key in LISTS:
@@ -99,6 +102,8 @@ def check(settings):
         check_url(settings, url)
     if not is_header(settings.user.encode("utf-8", "surrogateescape")):
         raise Unusable(settings.place, "'user' has a control character", "Correct it")
+    if not os.path.isabs(settings.state):
+        raise Unusable(settings.place, "'state' is a relative path", "Write one that begins with /")
     if settings.plain_http not in ("yes", "no"):
         raise Unusable(settings.place, "'plain_http' is neither yes nor no", "Write one of them")
 

@@ -15,6 +15,8 @@ from push_world import PUSH, TOP
     ("patience = -1", ["'-1' is no number"]), ("pause = nan", ["'nan' is no number"]),
     ("url = ftp://x", ["'ftp://x' is no address"]), ("url = https://a:b@c/", ["is no address"]),
     ("url = https://a/?query=x", ["is no address"]), ("url = https://a:99999", ["is no address"]),
+    ("state = relative", ["'state' is a relative path"]), ("quarrowctl = a\0b", ["'quarrowctl' has a byte 0"]),
+    ("password_file = a\0b", ["'password_file' has a byte 0"]),
     ("user = a\x01b", ["'user' has a control character"]), ("plain_http = maybe", ["'plain_http' is neither"])])
 def test_a_configuration_that_cannot_be_used(world, line, words):
     world.volume()
@@ -49,6 +51,8 @@ def test_a_password_that_others_may_read_or_that_is_none(world):
     world.bad(2, path, "control character")
     os.unlink(path)
     world.bad(2, path, "No such file")
+    os.mkfifo(path, 0o600)
+    world.bad(2, path, "it is no regular one")
     assert not world.server.attempts
 
 
@@ -85,3 +89,13 @@ def test_a_check_says_what_is_wrong(world):
     world.server.faults.extend([None, None, NO_TABLE])
     result = world.bad(1, world.server.url, "doesn't exist", "fleet/schema.sql", options=["--check"])
     assert result.output == ""
+
+
+def test_an_output_that_nobody_reads(world):
+    """The rows are sent all the same."""
+    world.volume()
+    for script in ('exec "$@" >/dev/full', 'exec "$@" >&-'):
+        assert world.run("--full", wrapper=["sh", "-c", script, "sh"]).status == 0
+    world.assert_complete()
+    world.bad(0, "standard output: No space left", options=["--check"], wrapper=["sh", "-c", 'exec "$@" >/dev/full', "sh"])
+    assert world.run(wrapper=["sh", "-c", 'exec "$@" 2>/dev/full', "sh"]).status == 0

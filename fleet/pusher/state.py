@@ -49,17 +49,15 @@ class State:
         path = os.path.join(self.folder, "lock")
         try:
             os.makedirs(self.folder, mode=0o700, exist_ok=True)
+            self.check_owner()
             self.lock = os.open(path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
             fcntl.flock(self.lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-            self.check_owner()
         except BlockingIOError:
             raise Unusable(path, "Another pusher is at work with this state", "Wait for its end, or stop it") from None
         except OSError as failure:
             raise Unusable(path, f"The state cannot be kept here: {reason_of(failure)}",
                            "Name a folder with 'state' that this user may write to") from None
 
-    def load(self):
-        self.number = self.given_number()
     def check_owner(self):
         """Root may write to everybody's folder, but what it leaves there is closed to the owner."""
         owner = os.stat(self.folder).st_uid
@@ -70,6 +68,8 @@ class State:
                 name = f"#{owner}"
             raise Unusable(self.folder, f"The state is that of user {name}", f"Run this as its owner: runuser -u {name} -- ...")
 
+    def load(self):
+        self.number = self.given_number()
         try:
             with open(self.path, "rb") as file:
                 checksum, _, content = file.read().partition(b"\n")

@@ -1,10 +1,19 @@
 """`push --follow`: changes arrive as they come, whatever happens, until it is told to stop."""
 import os
 import signal
+import subprocess
+import sys
+import types
 
+import pytest
 from push_server import FULL
-from push_world import seeded
+from push_world import TOP, seeded
 from quarrow_driver.waiting import BOUND, wait_for
+
+sys.path.insert(0, f"{TOP}/fleet")
+from pusher import changes  # noqa: E402 (the path comes first)
+from pusher.problem import Stopped  # noqa: E402
+from pusher.settings import read_settings  # noqa: E402
 
 
 def children_of(process):
@@ -146,6 +155,31 @@ def test_a_quarrowctl_that_is_killed_while_it_follows(world):
     assert "signal 9" in errors and "What it says tells why" in errors
     world.good()
     world.assert_complete()
+
+
+def test_a_stop_in_the_moment_when_quarrowctl_is_started(world, monkeypatch):
+    started = []
+
+    def popen(*arguments, **settings):
+        started.append(subprocess.Popen(*arguments, **settings))
+        signal.raise_signal(signal.SIGTERM)
+        return started[0]
+
+    def stop_here(number, _):
+        raise Stopped(number)
+
+    world.stand_in("exec sleep 1000")
+    monkeypatch.setattr(changes, "subprocess", types.SimpleNamespace(**{**vars(subprocess), "Popen": popen}))
+    former = signal.signal(signal.SIGTERM, stop_here)
+    try:
+        with pytest.raises(Stopped):
+            changes.Changes(read_settings(world.config), [])
+        assert signal.getsignal(signal.SIGTERM) == stop_here
+        assert started[0].poll() == -signal.SIGTERM
+    finally:
+        signal.signal(signal.SIGTERM, former)
+        started[0].kill()
+        started[0].wait()
 
 
 def test_a_stop_in_the_middle_of_a_load_loses_nothing(world):

@@ -178,7 +178,7 @@ class World:
         return result
 
     def start(self, *options):
-        process = subprocess.Popen([PUSH, "--config", self.config, *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        process = subprocess.Popen(["setpriv", "--pdeathsig=TERM", PUSH, "--config", self.config, *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE, text=True, env=self.environment)
         self.children.append(process)
         return process

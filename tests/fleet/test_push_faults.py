@@ -3,9 +3,16 @@ import os
 import socket
 import ssl
 import subprocess
+import sys
 
 import pytest
 from push_server import FULL, NO_TABLE, WRONG_PASSWORD, WRONG_PASSWORD_EARLIER, PushServer
+from push_world import TOP
+
+sys.path.insert(0, f"{TOP}/fleet")
+from pusher import server  # noqa: E402 (the path comes first)
+from pusher.server import Refusal  # noqa: E402
+from pusher.settings import Settings  # noqa: E402
 
 PORTAL = (200, "<html>Please log in</html>", False)
 NO_HEADER = (200, "", False)
@@ -37,7 +44,7 @@ def test_a_server_that_fails(world):
     world.volume(files=50)
     for name, (fault, words, can_pass) in FAULTS.items():
         is_hanging = fault in ("slow", "drip")
-        world.configure(patience=0.01, timeout=0.2 if is_hanging else 10)
+        world.configure(patience=0.01, timeout=0.5 if is_hanging else 10)
         world.server.always = fault
         attempts = world.server.attempts
         result = world.bad(1, world.server.url, *words)
@@ -98,8 +105,19 @@ def test_a_name_that_no_server_has(world):
     world.volume()
     for url in ("https://fleet.invalid:8443", "https://fleet..invalid"):
         world.configure(url=[url], patience=0.1)
-        world.bad(1, f"{url}: The connection failed", "Does the server run")
+        world.bad(1, f"{url}: The connection failed", "Does the server run",
+                  environment={"RES_OPTIONS": "timeout:1 attempts:1"})
     assert world.cursor() == ""
+
+
+def test_pauses_double_up_to_the_longest_and_differ_by_chance(monkeypatch):
+    pauses, chances, refusals = [], [], [Refusal("there", "why", "what to do")]
+    answers = iter([refusals] * 6 + [[]])
+    monkeypatch.setattr(server.Server, "try_all", lambda *_: next(answers))
+    monkeypatch.setattr(server.time, "sleep", pauses.append)
+    monkeypatch.setattr(server.random, "uniform", lambda *bounds: chances.append(bounds) or 0.75)
+    server.Server(Settings("", pause=1, longest_pause=10), is_patient=True).insert("files", b"")
+    assert pauses == [0.75 * pause for pause in (1, 2, 4, 8, 10, 10)] and set(chances) == {(0.5, 1)}
 
 
 def test_another_server_takes_it_when_one_fails(world):

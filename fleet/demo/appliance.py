@@ -4,7 +4,7 @@ import subprocess
 
 from demo.disks import differences, in_catalogue, on_disk
 from demo.pusher import Pusher
-from demo.server import WITH_PARENT
+from demo.server import with_parent
 from quarrow_driver.configuration import host_configuration, volume_element
 from quarrow_driver.process import DaemonProcess
 from quarrow_driver.waiting import poll
@@ -30,7 +30,7 @@ class Appliance:
         self.daemon = None
 
     def start(self):
-        self.daemon = DaemonProcess([*WITH_PARENT, os.path.join(self.tools, "quarrow")], self.configuration,
+        self.daemon = DaemonProcess(with_parent(os.path.join(self.tools, "quarrow")), self.configuration,
                                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, start_new_session=True)
 
     def stop(self):

@@ -2,7 +2,7 @@
 import os
 import subprocess
 
-from demo.server import WITH_PARENT
+from demo.server import with_parent
 
 PUSH = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "push")
 
@@ -25,7 +25,7 @@ class Pusher:
                                                    *(f"{key} = {value}\n" for key, value in lines.items())]))
 
     def start(self, *options, **settings):
-        return subprocess.Popen([*WITH_PARENT, PUSH, "--config", self.configuration, *options], env=self.environment,
+        return subprocess.Popen(with_parent(PUSH, "--config", self.configuration, *options), env=self.environment,
                                 stdin=subprocess.DEVNULL, start_new_session=True, **settings)
 
     def run(self, *options, **settings):

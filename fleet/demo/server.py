@@ -9,8 +9,6 @@ import urllib.request
 from xml.sax.saxutils import escape
 
 PROGRAM = "/usr/sbin/clickhouse-server"
-#: Ends what follows when its parent is gone, however that came.
-WITH_PARENT = ["setpriv", "--pdeathsig", "KILL", "--"]
 PATIENCE = 120  # seconds until a server that should answer counts as failed
 END_BOUND = 20
 
@@ -55,6 +53,12 @@ USER = ("<{name}><password>{password}</password><networks><ip>127.0.0.1</ip></ne
         "<quota>default</quota>{databases}</{name}>")
 
 
+def with_parent(*command):
+    """The command as it ends when this process is gone, however that came. The parent may be gone before the kernel is told of
+    that wish: hence the look at it afterwards."""
+    return ["setpriv", "--pdeathsig", "KILL", "--", "sh", "-c", f'[ "$PPID" = {os.getpid()} ] && exec "$@"', "sh", *command]
+
+
 class QueryError(Exception):
     """What the server, or the way to it, has against a statement."""
 
@@ -89,7 +93,7 @@ class Server:
 
     def start(self):
         with open(os.path.join(self.folder, "output"), "ab") as output:
-            self.process = subprocess.Popen([*WITH_PARENT, PROGRAM, f"--config-file={self.folder}/config.xml"], cwd=self.folder,
+            self.process = subprocess.Popen(with_parent(PROGRAM, f"--config-file={self.folder}/config.xml"), cwd=self.folder,
                                             stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True)
 
     def wait_ready(self):

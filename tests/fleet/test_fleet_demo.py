@@ -10,10 +10,11 @@ import pytest
 
 from fleet_world import TOP, has_servers
 from push_world import QUARROWCTL
-from quarrow_driver.waiting import wait_for
+from quarrow_driver.waiting import poll, wait_for
 
 QUARROW = os.environ.get("QUARROW_BINARY", f"{TOP}/build/release/quarrow")
 BOUND = 300
+END = 60
 
 
 class Demo:
@@ -30,10 +31,25 @@ class Demo:
         wait_for(lambda: text in self.said() or self.process.poll() is not None, f"{text!r} of the demo", BOUND)
         assert text in self.said(), self.said()
 
-    def children(self):
+    def descendants(self):
         """Process ids, with the times of their starts: an id may be given again."""
-        with open(f"/proc/{self.process.pid}/task/{self.process.pid}/children", encoding="ascii") as file:
-            return {(number, started(number)) for number in file.read().split()}
+        found, parents = set(), [self.process.pid]
+        while parents:
+            parents = [child for parent in parents for child in children(parent)]
+            found |= {(child, started(child)) for child in parents}
+        return {(child, start) for child, start in found if start is not None}
+
+
+def children(number):
+    """Of all threads of a process; none when it is gone."""
+    try:
+        found = []
+        for thread in os.listdir(f"/proc/{number}/task"):
+            with open(f"/proc/{number}/task/{thread}/children", encoding="ascii") as file:
+                found += file.read().split()
+        return found
+    except (FileNotFoundError, ProcessLookupError):
+        return []
 
 
 def started(number):
@@ -44,6 +60,14 @@ def started(number):
     except (FileNotFoundError, ProcessLookupError):
         return None
     return None if fields[0] == "Z" else fields[19]
+
+
+def command(number):
+    try:
+        with open(f"/proc/{number}/cmdline", encoding="utf-8", errors="replace") as file:
+            return file.read().split("\0")
+    except (FileNotFoundError, ProcessLookupError):
+        return []
 
 
 @pytest.fixture
@@ -77,9 +101,25 @@ def test_it_shows_what_it_says(demo):
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGKILL])
 def test_nothing_goes_on_when_it_is_interrupted(demo, number):
     demo.wait_said("First load")
-    children = demo.children()
-    assert len(children) >= 5  # two servers and three daemons
-    assert all(started(child) == start for child, start in children)
+    demo.process.send_signal(signal.SIGSTOP)  # nothing is started between the look and the signal
+    below = demo.descendants()
+    assert len(below) >= 5  # two servers and three daemons
     demo.process.send_signal(number)
+    demo.process.send_signal(signal.SIGCONT)
     assert demo.process.wait(BOUND) == {signal.SIGINT: 130, signal.SIGTERM: 143, signal.SIGKILL: -9}[number], demo.said()
-    wait_for(lambda: not any(started(child) == start for child, start in children), "the end of all that it started")
+    left = lambda: [command(child) for child, start in below if started(child) == start]
+    poll(lambda: not left(), END)
+    assert left() == []
+
+
+def test_nothing_starts_when_its_parent_is_gone_already(tmp_path):
+    """The kernel is told too late then to end it."""
+    parent = ("import subprocess, sys; from demo.server import with_parent\n"
+              "subprocess.Popen(['sh', '-c', 'read line; \"$@\"; touch checked', 'sh', *with_parent('touch', 'started')], stdin=0)")
+    done = subprocess.Popen([sys.executable, "-B", "-c", parent], cwd=tmp_path, stdin=subprocess.PIPE,
+                            env={**os.environ, "PYTHONPATH": f"{TOP}/fleet"})
+    assert done.wait(BOUND) == 0
+    done.stdin.write(b"\n")
+    done.stdin.close()
+    wait_for((tmp_path / "checked").exists, "the end of the attempt")
+    assert not (tmp_path / "started").exists()

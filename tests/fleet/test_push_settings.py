@@ -5,7 +5,7 @@ import subprocess
 import sys
 
 import pytest
-from push_server import NO_TABLE
+from push_server import FULL, NO_TABLE
 from push_world import PUSH, TOP
 
 
@@ -98,4 +98,5 @@ def test_an_output_that_nobody_reads(world):
         assert world.run("--full", wrapper=["sh", "-c", script, "sh"]).status == 0
     world.assert_complete()
     world.bad(0, "standard output: No space left", options=["--check"], wrapper=["sh", "-c", 'exec "$@" >/dev/full', "sh"])
+    world.server.faults.append(FULL)  # of which there is something to say
     assert world.run(wrapper=["sh", "-c", 'exec "$@" 2>/dev/full', "sh"]).status == 0

@@ -1,5 +1,4 @@
 """What can go wrong, in words."""
-import contextlib
 import os
 import sys
 
@@ -33,8 +32,10 @@ def reason_of(failure):
 
 
 def say(text):
-    with contextlib.suppress(OSError):  # nobody listens
+    try:
         print(f"push: {text}", file=sys.stderr, flush=True)
+    except OSError:
+        silence(sys.stderr)
 
 
 def tell(text):
@@ -42,5 +43,10 @@ def tell(text):
     try:
         print(text, flush=True)
     except OSError as failure:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # where Python writes the rest at its end
+        silence(sys.stdout)
         say(f"standard output: {reason_of(failure)}")
+
+
+def silence(stream):
+    """Python writes the rest at its end, and fails again."""
+    os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())

@@ -66,7 +66,7 @@ class State:
                 name = pwd.getpwuid(owner).pw_name
             except KeyError:
                 name = f"#{owner}"
-            raise Unusable(self.folder, f"The state is that of user {name}", f"Run this as its owner: runuser -u {name} -- ...")
+            raise Unusable(self.folder, f"The state is that of user {name}", f"Run this as its owner: runuser -u {name} -- push")
 
     def load(self):
         self.number = self.given_number()

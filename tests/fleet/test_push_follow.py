@@ -22,11 +22,16 @@ def children_of(process):
 
 
 def follower_of(process):
-    """The quarrowctl that follows, when there is one."""
+    """The quarrowctl that follows, when there is one that has read its configuration: it watches then."""
     for child in children_of(process):
-        with open(f"/proc/{child}/cmdline", "rb") as file:
-            if {b"changes", b"--follow"} <= set(file.read().split(b"\0")):
-                return child
+        try:
+            with open(f"/proc/{child}/cmdline", "rb") as file:
+                words = file.read().split(b"\0")
+            opened = [os.readlink(f"/proc/{child}/fd/{number}") for number in os.listdir(f"/proc/{child}/fd")]
+        except OSError:
+            continue  # it has just ended, or closed a file
+        if {b"changes", b"--follow"} <= set(words) and "anon_inode:inotify" in opened:
+            return child
     return None
 
 

@@ -200,9 +200,11 @@ class World:
 
     def close(self):
         for process in self.children:
-            if process.poll() is None:
+            status = process.poll()
+            if status is None:
                 process.kill()
-            process.communicate()
+            _, errors = process.communicate()
+            print(f"push {process.args[4:]}: {'still at work' if status is None else status}: {errors}")  # shown when a test fails
         self.server.close()
         shutil.rmtree(self.folder)
 

@@ -8,18 +8,27 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
 
-/// The kernel's ids of all threads of the process. A thread stays listed for a moment after it was joined, so another
-/// one comes and goes first.
-inline std::set<std::string> threadIds()
+/// Runs it on a thread that has ended for the kernel as well: one that was joined stays listed for a moment.
+inline void runOnPassingThread(const std::function<void()>& work)
 {
-    pid_t passing = 0; // with the first thread comes also one of the sanitizer's own, which is to be there already
-    std::thread([&passing] { passing = gettid(); }).join();
+    pid_t passing = 0;
+    std::thread([&passing, &work] {
+        passing = gettid();
+        work();
+    }).join();
     const std::string listed = "/proc/self/task/" + std::to_string(passing);
     EXPECT_TRUE(waitUntil([&listed] { return !std::filesystem::exists(listed); }));
+}
+
+/// The kernel's ids of all threads of the process.
+inline std::set<std::string> threadIds()
+{
+    runOnPassingThread([] {}); // with the first thread comes one of the sanitizer's own, which is to be there already
     std::set<std::string> ids;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
         ids.insert(task.path().filename().string());
@@ -53,12 +62,12 @@ inline std::string signalsBlockedByNewThreads(const std::set<std::string>& befor
 inline std::string allSignals()
 {
     std::string mask;
-    std::thread([&mask] {
+    runOnPassingThread([&mask] {
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, nullptr);
         mask = signalsBlockedBy(std::to_string(gettid()));
-    }).join();
+    });
     EXPECT_NE("", mask);
     return mask;
 }

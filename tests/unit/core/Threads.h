@@ -35,6 +35,12 @@ inline std::set<std::string> threadIds()
     return ids;
 }
 
+/// Whether these threads are there and, within a generous bound, no others.
+inline bool onlyTheseAreLeft(const std::set<std::string>& threads)
+{
+    return waitUntil([&threads] { return threadIds() == threads; });
+}
+
 /// The mask of blocked signals of a thread, a line, as the kernel shows it.
 inline std::string signalsBlockedBy(const std::string& thread)
 {

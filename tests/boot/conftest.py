@@ -48,7 +48,10 @@ def machine(place, shared):
         pytest.skip(f"no root file system could be made: {failure}")
     work = f"{place}/machine"
     os.mkdir(work)
-    booted = Machine(ROOT, work, shared[0])
+    try:
+        booted = Machine(ROOT, work, shared[0])  # a plain Debian yet
+    except (RuntimeError, AssertionError) as failure:
+        pytest.skip(f"no container boots here: {failure}")
     yield booted
     booted.stop()
 

@@ -2,7 +2,7 @@
 import time
 
 #: Generous: a condition that holds is seen within milliseconds, this only ends a wait that fails.
-BOUND = 60
+BOUND = 180
 
 
 def poll(condition, seconds, pause=0.02):

@@ -139,7 +139,7 @@ class PushServer:
             self.requests.append(Request(words[2], columns, rows, parameters, headers))
             self.changed.notify_all()
 
-    def wait(self, condition, what, bound=60):
+    def wait(self, condition, what, bound=180):
         with self.changed:
             assert self.changed.wait_for(condition, bound), f"not within {bound} s: {what}"
 

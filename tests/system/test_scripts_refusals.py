@@ -178,6 +178,11 @@ def test_private_mounts_name_a_table_that_is_missing(workshop, table):
     assert f"the MIME table {table} cannot be read" in result.stderr
 
 
+def test_private_mounts_without_a_table(workshop):
+    result = workshop.run("in-private-mounts.sh", "--mime-types", "/dev/null", "--", "wc", "-c", "/usr/local/quarrow/mime_types.txt")
+    assert (result.returncode, result.stderr) == (0, "") and result.stdout.startswith("0 ")
+
+
 def test_private_mounts_work_in_a_folder_of_any_name(workshop):
     result = workshop.run("in-private-mounts.sh", "--", "sh", "-c", "cat /usr/local/quarrow/mime_types.txt; ls -A /tmp")
     with open(f"{CHECKOUT}/data/mime_types.txt", encoding="utf-8") as table:

@@ -175,6 +175,12 @@ def test_a_refusal_has_the_priority_of_an_error(installation, action):
     assert lines and all(line.startswith("<3>") for line in lines) and "refused: " in lines[0]
 
 
+def test_a_name_with_backslashes_is_logged_as_it_is(installation):
+    _, lines = checked(installation, configuration([installation.arena.volume("a\\tb\\c")]), "reload")
+    assert {"<4>Volume 'a\\tb\\c'"} <= set(lines)
+    assert any(line.endswith("/a\\tb\\c") for line in lines)
+
+
 # The generator
 
 def test_the_generator_writes_what_the_command_prints(arena, installation):

@@ -34,7 +34,7 @@ def untouched(arena):
 
 @pytest.mark.parametrize("option", ["-h", "--help"])
 @pytest.mark.parametrize("name", ["quickstart.sh", "test.sh", "package.sh", "boot-test.sh", "package-test.sh", "coverage.sh",
-                                  "in-private-mounts.sh", "ports.sh"])
+                                  "in-private-mounts.sh", "ports.sh", "check.sh"])
 def test_help_is_printed_and_nothing_else_happens(arena, untouched, name, option):
     result = run(f"{SCRIPTS}/{name}", option, folder=arena.folder, environment=untouched)
     assert (result.returncode, result.stderr) == (0, "")
@@ -43,7 +43,7 @@ def test_help_is_printed_and_nothing_else_happens(arena, untouched, name, option
 
 
 @pytest.mark.parametrize("arguments", [["--nonsense"], ["-x"], ["--full", "surplus"]])
-@pytest.mark.parametrize("name", ["quickstart.sh", "test.sh", "package.sh", "coverage.sh", "ports.sh"])
+@pytest.mark.parametrize("name", ["quickstart.sh", "test.sh", "package.sh", "coverage.sh", "ports.sh", "check.sh"])
 def test_an_unknown_option_is_refused(arena, untouched, name, arguments):
     result = run(f"{SCRIPTS}/{name}", *arguments, folder=arena.folder, environment=untouched)
     assert (result.returncode, result.stdout) == (2, "")

@@ -105,12 +105,14 @@ def software(settings):
 
 
 def configured_volumes(settings):
-    """The roots of the volumes that are to be sent, by name. Raises when the daemon's configuration cannot be used."""
+    """The roots of the volumes that are to be sent, by name, and the file that has them. Raises when the daemon's configuration
+    cannot be used."""
     output, status = ask(settings, "check", "--json")
     try:
         report = json.loads(output)
         if not report["accepted"]:
             raise ValueError
+        file = original(report, "configuration")
         volumes = {original(volume, "name"): original(volume, "root") for volume in report["volumes"]}
     except (ValueError, KeyError, TypeError):
         raise Problem("quarrowctl check", f"It ended with {status} and did not list the volumes",
@@ -120,4 +122,4 @@ def configured_volumes(settings):
         if name not in volumes:
             raise Unusable(settings.place, f"There is no volume '{name}' in the daemon's configuration",
                            "Correct 'volume', or remove it: what is left out here is hidden in the fleet")
-    return {name: os.fsencode(root).rstrip(b"/") for name, root in volumes.items() if name in wanted}
+    return {name: os.fsencode(root).rstrip(b"/") for name, root in volumes.items() if name in wanted}, file

@@ -65,7 +65,7 @@ def end_by(number, was_told_to_stay):
 
 
 def check(settings, server):
-    volumes = configured_volumes(settings)
+    volumes, _ = configured_volumes(settings)
     status = GOOD
     for url in settings.url:
         try:
@@ -88,7 +88,7 @@ def once(settings, state, server, is_full=False):
 def catch_up(push, is_full):
     """One listing of what has changed, and one of all rows of the volumes that need it. Then again one of what has changed, for
     its status: that of the first says only that a restart was needed."""
-    push.roots = configured_volumes(push.settings)
+    push.roots, push.configuration = configured_volumes(push.settings)
     push.settle()
     push.leave(sorted(push.state.volumes.keys() - push.roots.keys()))
     status = list_changes(push, ["--full"] if is_full else [], push.settings.volume)
@@ -155,9 +155,23 @@ def follow_changes(push, changes):
 
 
 def are_other_volumes(push):
-    """A configuration that is not in order may be about to be: the volumes of before are followed until then."""
+    """A configuration that is not in order may be about to be: the volumes of before are followed until then. One that was not
+    touched is not read: with it go the catalogues, whose disks may sleep."""
+    version = file_version(push.configuration)
+    if version and version == push.configuration_version:
+        return False
     try:
-        return configured_volumes(push.settings) != push.roots
+        roots, _ = configured_volumes(push.settings)
     except Problem as problem:
         say(f"{problem} Until then the volumes stay as they were.")
         return False
+    push.configuration_version = version
+    return roots != push.roots
+
+
+def file_version(path):
+    try:
+        status = os.stat(path)
+    except OSError:
+        return None
+    return status.st_dev, status.st_ino, status.st_size, status.st_mtime_ns, status.st_ctime_ns

@@ -25,6 +25,7 @@ class Push:
         self.software = software(settings)
         self.sent = {"files": 0, "folders": 0}
         self.roots = {}  # of the configured volumes
+        self.configuration = self.configuration_version = None  # the file that names them, and as what it was last read
         self.unknown = set()  # volumes that need a full listing
         self.is_complete = False  # whether the last line so far was a cursor
         self.forget()

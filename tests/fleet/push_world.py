@@ -132,10 +132,12 @@ class World:
         return os.path.join(self.folder, name)
 
     def write(self, name, text, mode=0o644):
+        """In one step: a pusher that is at work sees no half a file."""
         path = self.path(name)
-        with open(path, "w", encoding="utf-8", errors="surrogateescape") as file:
+        with open(f"{path}.new", "w", encoding="utf-8", errors="surrogateescape") as file:
             file.write(text)
-        os.chmod(path, mode)
+        os.chmod(f"{path}.new", mode)
+        os.rename(f"{path}.new", path)
         return path
 
     def volume(self, name="V", files=30):

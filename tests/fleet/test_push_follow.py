@@ -135,6 +135,22 @@ def test_volumes_that_come_and_go_while_it_follows(world):
     world.assert_complete()
 
 
+def test_a_configuration_that_nobody_touches_is_not_read_again(world):
+    """With it `quarrowctl check` reads every catalogue."""
+    world.volume()
+    world.stand_in(f'[ "$1" != check ] || echo >>{world.path("checks")}\nexec "$REAL" "$@"', contact=0.2)
+
+    def checks():
+        return os.path.getsize(world.path("checks"))
+
+    process = world.start("--follow")
+    world.server.wait(lambda: len(world.server.rows("appliances")) > 5, "several contacts")
+    assert checks() == 2
+    world.use(world.volumes)
+    wait_for(lambda: checks() == 3, "another look")
+    assert stop(process) == ""
+
+
 def test_a_host_configuration_that_is_in_disorder_for_a_moment(world):
     volume = world.volume()
     world.configure(contact=0.2)

@@ -16,7 +16,8 @@ CREATE DATABASE IF NOT EXISTS quarrow;
 --                      `volumes` says which one is valid
 --   last_updated_time  the catalogue's, in seconds since 1970. The catalogue has 32 bits, which wrap in 2038: the pusher adds
 --                      2^32 to a negative one. For a deleted row this is when it was found gone
---   created_time, modified_time  as the catalogue has them
+--   created_time       likewise
+--   modified_time      as the catalogue has it: a file may well be older than 1970, so a negative one tells nothing
 --   version            a number of the appliance's, greater with each send than with any send before, whatever its clock does.
 --                      Of the rows with one key the greatest version counts. last_updated_time will not do: it has whole seconds,
 --                      it falls when the clock is set back, and a send whose answer was lost may arrive after its repetition

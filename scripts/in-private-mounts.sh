@@ -14,7 +14,7 @@
 set -eu
 
 script=$(readlink -f "$0")
-checkout=$(dirname "$(dirname "$script")")
+checkout=${script%/*/*}
 
 refuse() {
     echo "in-private-mounts.sh: $*. See scripts/in-private-mounts.sh --help" >&2
@@ -42,7 +42,7 @@ show() { # SOURCE TARGET: the folder, file or link SOURCE at TARGET as well
     if [ -L "$1" ]; then
         cp -P "$1" "$2"
     elif [ -d "$1" ]; then
-        mkdir -p "$2"
+        [ -d "$2" ] || mkdir -p "$2"
         mount -n --no-canonicalize --rbind "$1" "$2"
     else
         : > "$2"
@@ -76,11 +76,17 @@ fi
 
 exec 9< /tmp # the machine's own, to be reached when the private one lies over it
 mount -n -t tmpfs -o mode=1777 tmpfs /tmp
-printf '%s\n' "$kept" | sort | while IFS= read -r path; do # parents first: they bring what is below them
-    case $path in
-    /tmp/*) [ -d "$path" ] || show "/proc/self/fd/9/${path#/tmp/}" "$path" ;;
-    esac
-done
+case "
+$kept" in
+*"
+/tmp/"*)
+    printf '%s\n' "$kept" | sort | while IFS= read -r path; do # parents first: they bring what is below them
+        case $path in
+        /tmp/*) [ -d "$path" ] || show "/proc/self/fd/9/${path#/tmp/}" "$path" ;;
+        esac
+    done
+    ;;
+esac
 
 # A file system in memory is furnished on a stage and then moved to its place, for it is made of what it will cover.
 raise_stage() {
@@ -92,11 +98,22 @@ move_stage_to() {
     rmdir /tmp/.stage
 }
 
+# Made in one step: every unit test comes through here, and most of its time is for starting programs.
+make_folders_on_stage() { # PATH...: one for each that is a folder, and /quarrow
+    for entry; do
+        shift
+        if [ -d "$entry" ] && [ ! -L "$entry" ] && [ "$entry" != /usr/local/quarrow ]; then
+            set -- "$@" "/tmp/.stage/${entry##*/}"
+        fi
+    done
+    mkdir /tmp/.stage/quarrow "$@"
+}
+
 raise_stage
+make_folders_on_stage /usr/local/*
 for entry in /usr/local/*; do
     [ "$entry" = /usr/local/quarrow ] || show "$entry" "/tmp/.stage/${entry##*/}"
 done
-mkdir /tmp/.stage/quarrow
 cp "$mime_types" /tmp/.stage/quarrow/mime_types.txt
 move_stage_to /usr/local
 

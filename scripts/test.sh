@@ -53,15 +53,19 @@ fi
 
 # One after the other, the plain build last: each prints its summary, and a failure stops here. Half the time of the faults
 # and most of that of the system tests is waiting for the daemon: of the plain build twice as many run at once as there are
-# processors. The sanitizers make the daemon work much longer.
-jobs=$(nproc)
+# processors. The sanitizers make the daemon work much longer, and the fuzzers never wait.
 for preset in $test_presets; do
     echo "== Tests: $preset"
     # Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away. And what a browser
     # or the fleet's database shows is the same in all of them.
-    [ "$preset" != release ] || jobs=$((jobs * 2))
-    if [ "$preset$full" = releaseyes ]; then
-        ctest --preset "$preset" --parallel "$jobs" --label-regex '^(fault|browser|fleet)$'
-    fi
-    ctest --preset "$preset" --parallel "$jobs" --label-exclude '^(fault|browser|fleet)$'
+    left_out='^(fault|browser|fleet)$'
+    case $preset in
+    asan | tsan) jobs=$((1 + $(nproc))) ;;
+    fuzz) jobs=$(nproc) ;;
+    release)
+        jobs=$((2 * $(nproc)))
+        [ -z "$full" ] || left_out=
+        ;;
+    esac
+    ctest --preset "$preset" --parallel "$jobs" ${left_out:+--label-exclude "$left_out"}
 done

@@ -6,7 +6,7 @@ import subprocess
 import time
 
 BOUND = 120  # seconds that anything may take on a machine that has other things to do
-PACKAGES = "systemd,systemd-sysv,dbus,libsqlite3-0,libxml2,sqlite3,faketime,procps,ucf"
+PACKAGES = "systemd,systemd-sysv,dbus,libsqlite3-0,libxml2,sqlite3,faketime,procps,ucf,python3"
 
 
 def call(*command, **options):
@@ -109,13 +109,15 @@ class Result:
 
 
 def make_root(folder):
-    """A freshly installed Debian 12 at `folder`, made once: the next run finds it."""
+    """A freshly installed Debian 12 at `folder`, made once: the next run finds it, and makes it anew for other packages."""
     complete = f"{folder}/.complete"
     if os.path.exists(complete):
-        return
+        with open(complete, encoding="ascii") as file:
+            if file.read() == PACKAGES:
+                return
     shutil.rmtree(folder, ignore_errors=True)
     os.makedirs(folder)
     call("debootstrap", "--variant=minbase", f"--include={PACKAGES}", "bookworm", folder)
     shutil.rmtree(f"{folder}/var/cache/apt/archives", ignore_errors=True)
-    with open(complete, "w", encoding="ascii"):
-        pass
+    with open(complete, "w", encoding="ascii") as file:
+        file.write(PACKAGES)

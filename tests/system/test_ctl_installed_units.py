@@ -113,10 +113,12 @@ def test_an_ordinary_prefix_is_taken(arena, prefix):
     assert run_cmake(arena, "check_prefix.cmake", prefix).returncode == 0
 
 
-def test_the_prefix_is_looked_at_before_anything_is_installed():
+def test_what_can_be_refused_comes_before_anything_is_installed():
+    """The prefix, and the folder of the MIME table, which lies outside it."""
     with open(f"{CHECKOUT}/CMakeLists.txt", encoding="utf-8") as file:
         text = file.read()
-    assert text.index("check_prefix.cmake") < text.index("add_subdirectory(src)")
+    assert text.index("check_prefix.cmake") < text.index("install_mime_table.cmake") < text.index("add_subdirectory(src)")
+    assert text.index("install(") == text.index("install(SCRIPT packaging/systemd/check_prefix.cmake)")
 
 
 @needs_systemd

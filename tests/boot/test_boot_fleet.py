@@ -59,8 +59,9 @@ def pusher(appliance, server):
     appliance.start()
     yield appliance
     appliance.run("systemctl", "disable", "--now", *UNITS)
-    appliance.good("sh", "-c", "cd /etc/systemd/system && rm -rf quarrow-push* /usr/lib/quarrow/push* /etc/quarrow/push* /srv/media"
-                               " /var/lib/quarrow-push /var/cache/quarrow-push")
+    appliance.good("sh", "-c", "rm -rf /etc/systemd/system/quarrow-push* /usr/lib/sysusers.d/quarrow-push.conf /etc/quarrow/push*"
+                               " /usr/lib/quarrow/push* /var/lib/quarrow-push /var/cache/quarrow-push /srv/media"
+                               " /var/lib/systemd/timers/stamp-quarrow-push.timer")
     appliance.good("systemctl", "daemon-reload")
 
 

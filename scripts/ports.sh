@@ -74,7 +74,7 @@ prepare() { # PORT COMPILER
     in_root sh -euc '. scripts/packages.sh; dpkg --add-architecture "$1"; shift; install_packages "$@"' sh "$1" \
         "g++-$2" "libsqlite3-dev:$1" "libxml2-dev:$1" "libfmt-dev:$1" "libgtest-dev:$1" "libfaketime:$1" \
         ccache cmake ninja-build libcli11-dev nlohmann-json3-dev node-d3-axis node-d3-hierarchy node-d3-scale node-d3-selection \
-        qemu-user-static python3 python3-pytest sqlite3 faketime strace jq bash-completion util-linux
+        qemu-user-static make python3 python3-pytest sqlite3 faketime strace jq bash-completion util-linux
 }
 
 try() { # PORT: builds it and runs its tests

@@ -33,7 +33,9 @@ protected:
     void users(int id, unsigned real, unsigned effective, unsigned saved) const
     {
         proc(std::to_string(id) + "/status",
-            fmt::format("Name:\tquarrow\nUid:\t{}\t{}\t{}\t{}\nGid:\t0\t0\t0\t0\n", real, effective, saved, effective));
+            fmt::format("Name:\tquarrow\nUid:\t{}\t{}\t{}\t{}\nGid:\t0\t0\t0\t0\n"
+                        "VmHWM:\t    9000 kB\nVmRSS:\t    8000 kB\n",
+                real, effective, saved, effective));
     }
 
     /// A daemon with a root folder like everybody's.
@@ -70,6 +72,14 @@ TEST_F(DaemonSearchTest, withoutADaemonItIsStopped)
 {
     process(20, "other");
     process(21, "quarrow", 'Z');
+    EXPECT_EQ(State::stopped, find().state);
+}
+
+TEST_F(DaemonSearchTest, oneThatIsAboutToEndHasNoMemoryAndCountsAsEnded)
+{
+    process(20, "quarrow");
+    EXPECT_EQ(State::unknown, find().state);
+    proc("20/status", fmt::format("Name:\tquarrow\nUid:\t{0}\t{0}\t{0}\t{0}\n", geteuid()));
     EXPECT_EQ(State::stopped, find().state);
 }
 

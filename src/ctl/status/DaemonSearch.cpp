@@ -109,8 +109,8 @@ std::optional<DaemonSearch::Candidate> DaemonSearch::examine(int process) const
     if (!stat || stat->name != daemonName || !isTrusted(facts))
         return std::nullopt;
     const std::optional<std::string> environment = facts.environment();
-    if (!environment && (!facts.stat() || !facts.memory()))
-        return std::nullopt; // it has ended meanwhile, or is about to: its memory goes first
+    if (environment.value_or("").empty() && !facts.memory())
+        return std::nullopt; // it has ended meanwhile, or is about to: its memory goes first, its environment with it
     const std::string named = environment ? configurationIn(*environment) : std::string();
     const bool hasConfiguration = environment && isSameFile(facts.seenByProcess(named), named, configuration);
     return Candidate { process, environment.has_value(), hasConfiguration, hasLockedCatalogue(process), named };

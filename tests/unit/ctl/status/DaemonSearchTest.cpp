@@ -38,6 +38,11 @@ protected:
                 real, effective, saved, effective));
     }
 
+    void loseMemory(int id) const
+    {
+        proc(std::to_string(id) + "/status", fmt::format("Name:\tquarrow\nUid:\t{0}\t{0}\t{0}\t{0}\n", geteuid()));
+    }
+
     /// A daemon with a root folder like everybody's.
     void daemon(int id, const std::string& file) const
     {
@@ -79,7 +84,17 @@ TEST_F(DaemonSearchTest, oneThatIsAboutToEndHasNoMemoryAndCountsAsEnded)
 {
     process(20, "quarrow");
     EXPECT_EQ(State::unknown, find().state);
-    proc("20/status", fmt::format("Name:\tquarrow\nUid:\t{0}\t{0}\t{0}\t{0}\n", geteuid()));
+    loseMemory(20);
+    EXPECT_EQ(State::stopped, find().state);
+}
+
+TEST_F(DaemonSearchTest, anEmptyEnvironmentNamesTheDefaultConfigurationWhileThereIsMemory)
+{
+    process(20, "quarrow");
+    proc("20/environ", ""); // as some kernels show that of one that is about to end
+    configuration = "/CacheVolume/.quarrow/quarrow-host.xml";
+    EXPECT_EQ(State::running, find().state);
+    loseMemory(20);
     EXPECT_EQ(State::stopped, find().state);
 }
 

@@ -69,7 +69,7 @@ case $log in
 /* | '') ;;
 *) refuse "the log socket $log is not an absolute path" ;;
 esac
-if [ -d "$mime_types" ] || [ ! -r "$mime_types" ]; then
+if { [ ! -f "$mime_types" ] && [ "$mime_types" != /dev/null ]; } || [ ! -r "$mime_types" ]; then
     echo "in-private-mounts.sh: the MIME table $mime_types cannot be read" >&2
     exit 1
 fi

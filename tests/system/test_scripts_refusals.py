@@ -178,6 +178,12 @@ def test_private_mounts_name_a_table_that_is_missing(workshop, table):
     assert f"the MIME table {table} cannot be read" in result.stderr
 
 
+def test_private_mounts_do_not_wait_for_a_pipe(arena, workshop):
+    os.mkfifo(arena.path("pipe"))
+    result = workshop.run("in-private-mounts.sh", "--mime-types", arena.path("pipe"), "--", "echo", "ran")
+    assert (result.returncode, result.stdout) == (1, "") and "cannot be read" in result.stderr
+
+
 def test_private_mounts_without_a_table(workshop):
     result = workshop.run("in-private-mounts.sh", "--mime-types", "/dev/null", "--", "wc", "-c", "/usr/local/quarrow/mime_types.txt")
     assert (result.returncode, result.stderr) == (0, "") and result.stdout.startswith("0 ")

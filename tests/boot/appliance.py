@@ -49,10 +49,14 @@ class Appliance:
         """The lines of the daemon's own journal since the test began."""
         return self.good("journalctl", "--namespace=quarrow", "--quiet", "--output=cat", "--since", self.since, *options).splitlines()
 
-    def unit_log(self, *options):
+    def unit_log(self, *options, unit="quarrow.service"):
         """The lines about the unit in the machine's journal since the test began."""
-        return self.good("journalctl", "--unit=quarrow.service", "--quiet", "--output=cat", "--since", self.since,
-                         *options).splitlines()
+        return self.good("journalctl", f"--unit={unit}", "--quiet", "--output=cat", "--since", self.since, *options).splitlines()
+
+    def exposure(self, unit):
+        """How much systemd thinks that the unit could do, from 0 to 10."""
+        text = self.good("systemd-analyze", "security", "--no-pager", unit)
+        return float(re.search(r"Overall exposure level for \S+: ([0-9.]+)", text)[1])
 
     def wait_log(self, pattern):
         wait_for(lambda: any(re.search(pattern, line) for line in self.log()), f"the line {pattern}")

@@ -54,11 +54,11 @@ fi
 # One after the other, the plain build last: each prints its summary, and a failure stops here. Half the time of the faults
 # and most of that of the system tests is waiting for the daemon: of the plain build twice as many run at once as there are
 # processors. The sanitizers make the daemon work much longer, and the fuzzers never wait.
+# Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away. And what a browser or the
+# fleet's database shows is the same in all of them.
+apart='^(fault|browser|fleet)$'
 for preset in $test_presets; do
     echo "== Tests: $preset"
-    # Faults in the plain build alone: a sanitizer takes minutes for them, and some take its memory away. And what a browser
-    # or the fleet's database shows is the same in all of them.
-    apart='^(fault|browser|fleet)$'
     case $preset in
     asan | tsan) jobs=$((1 + $(nproc))) ;;
     fuzz) jobs=$(nproc) ;;

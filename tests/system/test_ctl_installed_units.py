@@ -179,7 +179,7 @@ def test_a_refusal_has_the_priority_of_an_error(installation, action):
 
 def test_a_name_with_backslashes_is_logged_as_it_is(installation):
     _, lines = checked(installation, configuration([installation.arena.volume("a\\tb\\c")]), "reload")
-    assert {"<4>Volume 'a\\tb\\c'"} <= set(lines)
+    assert "<4>Volume 'a\\tb\\c'" in lines
     assert any(line.endswith("/a\\tb\\c") for line in lines)
 
 
